@@ -1,0 +1,38 @@
+# How this project's targets are made. Every library and program is built with
+# the same warnings; what runs inside the daemon also without exceptions and
+# RTTI, as the platform builds its daemons.
+
+if(VANTREL_BUILD_TESTS)
+  enable_testing()
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
+
+add_library(vantrel_flags INTERFACE)
+target_include_directories(vantrel_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(vantrel_flags INTERFACE -Wall -Wextra -Werror)
+
+# vantrel_library(NAME SOURCES... LINK LIBRARIES...): a library of the daemon.
+function(vantrel_library name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PUBLIC vantrel_flags ${ARG_LINK})
+  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
+endfunction()
+
+# vantrel_unit_test(NAME SOURCES... LINK LIBRARIES...): one GoogleTest program;
+# each of its cases becomes one test of ctest.
+function(vantrel_unit_test name)
+  if(NOT VANTREL_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE vantrel_flags ${ARG_LINK}
+                                        GTest::gmock GTest::gtest_main)
+  # Test doubles derive from the libraries' classes, which carry no RTTI.
+  target_compile_options(${name} PRIVATE -fno-rtti)
+  set_target_properties(${name} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test-bin)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,21 @@
+#pragma once
+
+namespace vantrel {
+
+// What the Reactor polls. Whoever registers an object unregisters it before it
+// is destroyed: the reactor keeps only the pointer.
+class Reactable {
+ public:
+  virtual ~Reactable() = default;
+
+  // Called by the reactor while the descriptor is readable or writable. A
+  // handler may register and unregister objects, also itself, and may destroy
+  // its own object as its last act.
+  virtual void OnReadReady() = 0;
+  virtual void OnWriteReady() = 0;
+
+  // The descriptor to poll; it must not change while registered.
+  virtual int GetFd() const = 0;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,131 @@
+#include "reactor/reactor.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "common/log.h"
+
+namespace vantrel {
+namespace {
+
+short ToPollBit(Reactor::EventType type) {
+  switch (type) {
+    case Reactor::kRead:
+      return POLLIN;
+    case Reactor::kWrite:
+      return POLLOUT;
+  }
+  return 0;
+}
+
+void MakeNonBlocking(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags == -1) return;
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+}  // namespace
+
+Reactor::Reactor() : descriptors_(1, pollfd{}), reactables_(1, nullptr) {}
+
+void Reactor::Start() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  if (sigprocmask(SIG_BLOCK, &signals, nullptr) == -1) {
+    LOGE("Unable to set process signal mask: %s", strerror(errno));
+    return;
+  }
+  const int signal_fd = signalfd(-1, &signals, 0);
+  if (signal_fd == -1) {
+    LOGE("Error creating signal fd: %s", strerror(errno));
+    return;
+  }
+  descriptors_[0] = pollfd{signal_fd, POLLIN, 0};
+  Poll();
+  close(signal_fd);
+  ForgetAll();
+}
+
+void Reactor::Stop() { raise(SIGTERM); }
+
+void Reactor::Register(Reactable& r, EventType type) {
+  const short bit = ToPollBit(type);
+  const size_t index = Find(r);
+  if (index != 0) {
+    descriptors_[index].events |= bit;
+    return;
+  }
+  const int fd = r.GetFd();
+  descriptors_.push_back(pollfd{fd, bit, 0});
+  reactables_.push_back(&r);
+  MakeNonBlocking(fd);
+}
+
+void Reactor::Unregister(Reactable& r, EventType type) {
+  const size_t index = Find(r);
+  if (index == 0) return;
+  descriptors_[index].events &= static_cast<short>(~ToPollBit(type));
+  if (descriptors_[index].events != 0) return;
+  descriptors_.erase(descriptors_.begin() + index);
+  reactables_.erase(reactables_.begin() + index);
+}
+
+bool Reactor::IsRegistered(const Reactable& r, EventType type) const {
+  const size_t index = Find(r);
+  return index != 0 && (descriptors_[index].events & ToPollBit(type)) != 0;
+}
+
+size_t Reactor::Find(const Reactable& r) const {
+  for (size_t i = 1; i < reactables_.size(); ++i) {
+    if (reactables_[i] == &r) return i;
+  }
+  return 0;
+}
+
+void Reactor::Poll() {
+  while (true) {
+    const int ready = poll(descriptors_.data(), descriptors_.size(), -1);
+    if (ready == -1) {
+      if (errno == EINTR) continue;
+      LOGE("Error polling for sockets: %s", strerror(errno));
+      return;
+    }
+    // A signal ends the loop before anything of its cycle is dispatched. It is
+    // never read from the descriptor, so it stays pending and blocked.
+    if ((descriptors_[0].revents & POLLIN) != 0) return;
+    Dispatch(ready);
+  }
+}
+
+// Handlers register and unregister objects, so every step reads both vectors
+// afresh by index. Where an entry is erased the later ones move down by one,
+// with their revents: the one that moves into the current place gets only the
+// read test of this step, and one that moves into a place already passed waits
+// for the next cycle. That is on purpose and safe: readiness is
+// level-triggered, so poll() reports again whatever was skipped.
+void Reactor::Dispatch(int ready) {
+  for (size_t i = 1; ready > 0 && i < descriptors_.size(); ++i) {
+    if (descriptors_[i].revents == 0) continue;
+    // Write before read, on purpose: what is queued leaves before more comes.
+    if ((descriptors_[i].revents & POLLOUT) != 0) {
+      reactables_[i]->OnWriteReady();
+    }
+    if (i < descriptors_.size() && (descriptors_[i].revents & POLLIN) != 0) {
+      reactables_[i]->OnReadReady();
+    }
+    --ready;
+  }
+}
+
+void Reactor::ForgetAll() {
+  descriptors_.resize(1);
+  reactables_.resize(1);
+}
+
+}  // namespace vantrel

@@ -1,0 +1,199 @@
+#include "reactor/reactor.h"
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/linux/log_capture.h"
+#include "reactor/reactor_testing.h"
+
+namespace vantrel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr auto kNeither = static_cast<Reactor::EventType>(POLLPRI);
+
+// What the handlers did, as "A read", and what the test wants done then.
+struct Script {
+  std::vector<std::string> calls;
+  std::map<std::string, std::function<void()>> actions;
+
+  void Run(const std::string& call) {
+    calls.push_back(call);
+    if (actions.count(call) != 0) actions[call]();
+  }
+};
+
+// Readable and writable for ever.
+class Probe : public Socket {
+ public:
+  Probe(const char* name, Script* script)
+      : Probe(name, script, MakeSocketPair()) {}
+  void OnReadReady() override { script_->Run(name_ + " read"); }
+  void OnWriteReady() override { script_->Run(name_ + " write"); }
+
+  std::unique_ptr<Socket> peer;
+
+ private:
+  Probe(const char* name, Script* script,
+        std::pair<int, std::unique_ptr<Socket>> ends)
+      : Socket(ends.first),
+        peer(std::move(ends.second)),
+        name_(name),
+        script_(script) {
+    peer->Write("x", 1);
+  }
+
+  const std::string name_;
+  Script* const script_;
+};
+
+class ReactorTest : public ::testing::Test {
+ protected:
+  void Register(Probe& probe) {
+    reactor_.Register(probe, Reactor::kRead);
+    reactor_.Register(probe, Reactor::kWrite);
+  }
+  void Forget(Probe& probe) {
+    reactor_.Unregister(probe, Reactor::kRead);
+    reactor_.Unregister(probe, Reactor::kWrite);
+  }
+  std::string Interest(const Probe& probe) {
+    std::string interest;
+    if (reactor_.IsRegistered(probe, Reactor::kRead)) interest += 'R';
+    if (reactor_.IsRegistered(probe, Reactor::kWrite)) interest += 'W';
+    if (reactor_.IsRegistered(probe, kNeither)) interest += '?';
+    return interest;
+  }
+
+  StopCatcher stop_;
+  Reactor reactor_;
+  Script script_;
+  Probe a_{"A", &script_}, b_{"B", &script_}, c_{"C", &script_};
+};
+
+TEST_F(ReactorTest, KeepsOneEntryWithTheInterestAsked) {
+  reactor_.Unregister(a_, Reactor::kRead);
+  EXPECT_EQ("", Interest(a_));
+  Register(a_);
+  EXPECT_EQ("RW", Interest(a_));
+  EXPECT_NE(0, fcntl(a_.GetFd(), F_GETFL) & O_NONBLOCK);
+  reactor_.Unregister(a_, Reactor::kWrite);
+  reactor_.Unregister(a_, kNeither);
+  EXPECT_EQ("R", Interest(a_));
+  reactor_.Unregister(a_, Reactor::kRead);
+  EXPECT_EQ("", Interest(a_));
+}
+
+TEST_F(ReactorTest, DispatchesInOrderAndWritesBeforeReads) {
+  b_.peer.reset();  // hung up, and interested in nothing: not called
+  Register(a_);
+  reactor_.Register(b_, kNeither);
+  reactor_.Register(c_, Reactor::kRead);
+  ASSERT_TRUE(RunPasses(reactor_, 2));
+  EXPECT_THAT(script_.calls, ElementsAre("A write", "A read", "C read",
+                                         "A write", "A read", "C read"));
+}
+
+// Entries behind an erased one move down by one, in the middle of a pass.
+TEST_F(ReactorTest, HandlersMayErase) {
+  const struct {
+    const char* name;
+    const char* when;
+    Probe& erased;
+    std::vector<std::string> calls;
+  } cases[] = {
+      {"what moves into the current place only reads",
+       "A write",
+       a_,
+       {"A write", "B read", "C write", "C read"}},
+      {"what moves into a passed place waits for the next pass",
+       "B read",
+       a_,
+       {"A write", "A read", "B write", "B read"}},
+      {"what is erased is not called",
+       "A read",
+       b_,
+       {"A write", "A read", "C write", "C read"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    script_ = {};
+    script_.actions[c.when] = [&] { Forget(c.erased); };
+    for (Probe* probe : {&a_, &b_, &c_}) Register(*probe);
+    ASSERT_TRUE(RunPasses(reactor_, 1));
+    EXPECT_EQ(c.calls, script_.calls);
+  }
+}
+
+TEST_F(ReactorTest, TheLastEntryMayEraseItself) {
+  Register(a_);
+  script_.actions["A write"] = [&] {
+    Forget(a_);
+    reactor_.Stop();
+  };
+  reactor_.Start();
+  EXPECT_THAT(script_.calls, ElementsAre("A write"));
+}
+
+// The erased entry leaves one ready count over, which reaches the new one.
+TEST_F(ReactorTest, ANewEntryWaitsForTheNextPass) {
+  reactor_.Register(a_, Reactor::kRead);
+  reactor_.Register(b_, Reactor::kRead);
+  script_.actions["A read"] = [&] {
+    Forget(b_);
+    reactor_.Register(c_, Reactor::kRead);
+  };
+  ASSERT_TRUE(RunPasses(reactor_, 2));
+  EXPECT_THAT(script_.calls, ElementsAre("A read", "A read", "C read"));
+}
+
+// ---- The end of the loop ----
+
+TEST_F(ReactorTest, ASignalEndsTheLoopBeforeItsCycleIsDispatched) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    Register(a_);
+    raise(signal);
+    reactor_.Start();
+    EXPECT_THAT(script_.calls, IsEmpty());
+    EXPECT_EQ("", Interest(a_));
+    EXPECT_EQ(signal, stop_.TakeSignal()) << "it stays pending";
+  }
+}
+
+TEST_F(ReactorTest, StopLetsTheCycleFinish) {
+  Register(a_);
+  Register(b_);
+  script_.actions["A write"] = [&] { reactor_.Stop(); };
+  reactor_.Start();
+  EXPECT_THAT(script_.calls,
+              ElementsAre("A write", "A read", "B write", "B read"));
+}
+
+// With a low limit of open files the kernel refuses first the signal
+// descriptor, then a poll set with more entries than the limit.
+TEST_F(ReactorTest, StartReportsWhatTheSystemRefuses) {
+  LogCapture log;
+  rlimit limit;
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+  std::vector<Socket> many(100);
+  for (Socket& socket : many) reactor_.Register(socket, Reactor::kRead);
+  for (const rlim_t few : {rlim_t{0}, rlim_t{64}}) {
+    const rlimit low = {few, limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    reactor_.Start();
+  }
+  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+  EXPECT_THAT(log.Take(),
+              ElementsAre("E: Error creating signal fd: Too many open files",
+                          "E: Error polling for sockets: Invalid argument"));
+}
+
+}  // namespace
+}  // namespace vantrel

@@ -1,0 +1,26 @@
+#include "reactor/socket.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+namespace vantrel {
+
+Socket::~Socket() { close(fd_); }
+
+int Socket::Read(void* buffer, size_t length) const {
+  ssize_t result;
+  do {
+    result = read(fd_, buffer, length);
+  } while (result == -1 && errno == EINTR);
+  return static_cast<int>(result);
+}
+
+int Socket::Write(const void* data, size_t length) const {
+  ssize_t result;
+  do {
+    result = write(fd_, data, length);
+  } while (result == -1 && errno == EINTR);
+  return static_cast<int>(result);
+}
+
+}  // namespace vantrel
