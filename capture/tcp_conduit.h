@@ -1,0 +1,75 @@
+#pragma once
+
+#include <stdint.h>
+
+#include <deque>
+#include <sstream>
+#include <string>
+
+#include "common/host_and_port.h"
+#include "link/proxy_socket.h"
+#include "reactor/reactor.h"
+#include "reactor/socket.h"
+#include "reactor/write_buffer.h"
+
+namespace vantrel {
+
+// One captured TCP connection, relayed as one stream over the link.
+//
+// Two bounds pace the application. At most 4 chunks of at most 4096 bytes wait
+// here: reading stops at 4 and goes on when the link takes one. And the link
+// may take at most 8 chunks that the companion has not acknowledged yet.
+//
+// Lifetime: made with new by TcpServer, then owns itself. It deletes itself in
+// its constructor when the connection has no original destination, in Close(),
+// and in OnWriteReady() once a pending close is done; nobody may touch it after
+// a call that can do so. Destruction does not tell the link. |reactor| and
+// |link| outlive it.
+class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
+ public:
+  // Takes ownership of the accepted socket |fd|, finds out where and whose the
+  // connection is and registers it with |link|. The object may be gone when
+  // this returns: use the result of new for nothing.
+  TcpConduit(Reactor& reactor, ProxySocket& link, int fd, unsigned int id);
+
+  void OnReadReady() override;
+  void OnWriteReady() override;  // may delete this
+
+  // Adds one to the send credit; it has no upper bound.
+  void HandleWriteAck() override;
+  void Write(const std::string& data) override;
+  void Close() override;  // deletes this, at once or when all is written
+  unsigned int GetId() const override { return id_; }
+  HostAndPort GetRemote() const override { return remote_; }
+  unsigned int GetUid() const override { return uid_; }
+  std::string GetPackageName() const override { return package_name_; }
+  bool HasBuffer() const override;
+  bool GetNextBuffer(std::string* out) override;
+  void Dump(std::stringstream& out) const override;
+
+ private:
+  ~TcpConduit() override;
+
+  // Fills |remote_|. False, with errno set, when the connection was not
+  // redirected here.
+  [[nodiscard]] bool FindOriginalDestination();
+  void FindOwner();
+  // Ends the application's side: the link learns of it when it next asks for
+  // data, and closes the stream.
+  void SetClosed();
+
+  const unsigned int id_;
+  HostAndPort remote_;
+  unsigned int uid_ = 0;
+  std::string package_name_;
+  Reactor& reactor_;
+  ProxySocket& link_;
+  std::deque<std::string> read_queue_;  // for the link, oldest first
+  WriteBuffer write_buffer_;            // for the application
+  uint32_t rx_bytes_ = 0;               // read from the application
+  uint32_t send_credit_;                // chunks
+  bool closed_ = false;                 // the application's side has ended
+  bool close_pending_ = false;  // the link is done, data is still queued
+};
+
+}  // namespace vantrel

@@ -1,0 +1,60 @@
+#include "link/link_output.h"
+
+#include "common/log.h"
+
+namespace vantrel {
+namespace {
+
+constexpr time_t kWriteTimeoutSeconds = 15;
+
+timespec MonotonicNow() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now;
+}
+
+}  // namespace
+
+LinkOutput::LinkOutput(Socket& link, Reactor& reactor)
+    : link_(link), reactor_(reactor) {}
+
+void LinkOutput::OnAppended(bool was_empty) {
+  if (was_empty) {
+    reactor_.Register(link_, Reactor::kWrite);
+    write_started_ = MonotonicNow();
+  }
+  if (write_started_.tv_sec == 0) return;
+  if (MonotonicNow().tv_sec - write_started_.tv_sec >= kWriteTimeoutSeconds) {
+    LOGE("[B] Terminating vantrel due to write timeout (%ds).",
+         static_cast<int>(kWriteTimeoutSeconds));
+    reactor_.Stop();
+  }
+}
+
+void LinkOutput::DrainAndRest(bool keep_writing) {
+  if (!buffer_.Drain(link_)) {
+    LOGE(
+        "[B] Unable to drain write buffer; assuming BT socket was "
+        "disconnected.");
+    reactor_.Stop();
+    return;
+  }
+  write_started_ = MonotonicNow();
+  if (buffer_.IsEmpty() && !keep_writing) {
+    reactor_.Unregister(link_, Reactor::kWrite);
+    write_started_ = {};
+  }
+}
+
+void LinkOutput::Dump(std::stringstream& out, size_t rx_bytes) const {
+  out << "    rx_bytes: " << rx_bytes << std::endl;
+  out << "    tx_bytes: " << buffer_.GetTotalWrittenByteCount() << std::endl;
+  out << "   buf_bytes: " << buffer_.GetQueuedByteCount() << std::endl;
+  out << "  buf_length: " << buffer_.GetQueuedItemCount() << std::endl;
+  out << "         ["
+      << (reactor_.IsRegistered(link_, Reactor::kRead) ? 'R' : ' ')
+      << (reactor_.IsRegistered(link_, Reactor::kWrite) ? 'W' : ' ') << "]"
+      << std::endl;
+}
+
+}  // namespace vantrel

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <stddef.h>
+#include <time.h>
+
+#include <sstream>
+
+#include "reactor/reactor.h"
+#include "reactor/write_buffer.h"
+
+namespace vantrel {
+
+// The sending side that both link protocols share: the queue of outgoing
+// messages, the link's write registration, and the time-out that ends the
+// daemon when the companion stops reading. A member of its link, whose |link|
+// descriptor it drains into and which outlives it.
+class LinkOutput {
+ public:
+  LinkOutput(Socket& link, Reactor& reactor);
+
+  // To append to, followed by OnAppended(), and to ask for counts.
+  WriteBuffer& GetBuffer() { return buffer_; }
+  const WriteBuffer& GetBuffer() const { return buffer_; }
+
+  // At more than this many queued messages no stream is asked for data.
+  static constexpr size_t kMaxQueuedMessages = 15;
+  bool IsCongested() const {
+    return buffer_.GetQueuedItemCount() > kMaxQueuedMessages;
+  }
+
+  // To be called after each append, with whether the queue was empty before
+  // it. Registers the link for writing, and stops the reactor when the socket
+  // has taken nothing for 15 seconds. That is looked at only here: a blocked
+  // link for which nothing new is queued does not time out.
+  void OnAppended(bool was_empty);
+
+  // Writes what the socket takes; the tail of every OnWriteReady(). The link
+  // stays registered for writing while something is queued or |keep_writing|.
+  // A failed write is logged and stops the reactor.
+  void DrainAndRest(bool keep_writing);
+
+  // The byte counts and registrations of the link's state dump.
+  void Dump(std::stringstream& out, size_t rx_bytes) const;
+
+ private:
+  Socket& link_;
+  Reactor& reactor_;
+  WriteBuffer buffer_;
+  // When the queue last went from empty to non-empty or was last drained
+  // (monotonic). Seconds of 0: nothing is pending.
+  timespec write_started_ = {};
+};
+
+}  // namespace vantrel

@@ -1,0 +1,73 @@
+// For unit tests of the links: the two interfaces that a link calls, recorded.
+#pragma once
+
+#include <deque>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/host_and_port.h"
+#include "link/connection_header.h"
+#include "link/proxy_socket.h"
+
+namespace vantrel {
+
+// A stream whose application the test plays. Owned by the test: Close() only
+// records that it was called.
+class FakeConduit : public ProxySocket::TcpConduitDelegate {
+ public:
+  FakeConduit(unsigned int id, unsigned int uid, const std::string& package)
+      : id_(id), uid_(uid), package_(package) {}
+
+  unsigned int GetId() const override { return id_; }
+  HostAndPort GetRemote() const override {
+    return HostAndPort(
+        IpAddress::FromNetworkBytes(std::string("\xC6\x33\x64\x50", 4)), 80);
+  }
+  unsigned int GetUid() const override { return uid_; }
+  std::string GetPackageName() const override { return package_; }
+  void HandleWriteAck() override { ++acks; }
+  void Write(const std::string& data) override { written.push_back(data); }
+  void Close() override { ++closes; }
+  bool HasBuffer() const override { return ended || !chunks.empty(); }
+  bool GetNextBuffer(std::string* out) override {
+    if (ended) return false;
+    *out = chunks.front();
+    chunks.pop_front();
+    return true;
+  }
+  void Dump(std::stringstream& out) const override { out << "stream\n"; }
+
+  std::deque<std::string> chunks;  // for the link to take
+  bool ended = false;
+  std::vector<std::string> written;  // by the link
+  int acks = 0;
+  int closes = 0;
+
+ private:
+  const unsigned int id_;
+  const unsigned int uid_;
+  const std::string package_;
+};
+
+// Records each call as a short text.
+class FakeLinkDelegate : public ProxySocket::Delegate {
+ public:
+  void HandleTeardown() override { calls.push_back("teardown"); }
+  void HandleActiveNetworkStateChange(int network_id,
+                                      bool is_metered) override {
+    calls.push_back("network " + std::to_string(network_id) +
+                    (is_metered ? " metered" : ""));
+  }
+
+  std::vector<std::string> calls;
+};
+
+// What the Bluetooth stack delivers first on a good connection.
+inline std::string GoodConnectionHeader(uint16_t max_tx_size = 0) {
+  connection_header_t header;
+  header.max_tx_size = max_tx_size;
+  return EncodeConnectionHeader(header);
+}
+
+}  // namespace vantrel

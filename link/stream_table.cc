@@ -1,0 +1,31 @@
+#include "link/stream_table.h"
+
+#include <iomanip>
+
+#include "common/log.h"
+
+namespace vantrel {
+
+bool StreamTable::Add(ProxySocket::TcpConduitDelegate* conduit) {
+  const unsigned int id = conduit->GetId();
+  if (!streams_.emplace(id, conduit).second) {
+    LOGW("[B] Duplicate stream id %u", id);
+    return false;
+  }
+  return true;
+}
+
+ProxySocket::TcpConduitDelegate* StreamTable::Find(unsigned int id) const {
+  const auto found = streams_.find(id);
+  return found == streams_.end() ? nullptr : found->second;
+}
+
+void StreamTable::Dump(std::stringstream& out) const {
+  out << "TCP streams:" << std::endl;
+  for (const auto& [id, conduit] : streams_) {
+    out << "  " << std::setw(4) << id << ": ";
+    conduit->Dump(out);
+  }
+}
+
+}  // namespace vantrel

@@ -1,0 +1,29 @@
+// The layout of a frame of link protocol 2, shared by encoder and decoder.
+//
+//   offset  width  field
+//   0       2      magic, "VN"
+//   2       2      header size
+//   4       2      payload size; 0: no payload
+//   6       2      short CRC-32C of the header bytes
+//   8              header: a serialized Header message
+//   8+header size  payload: raw bytes, whose CRC-32C stands in the header
+//
+// The integers are little-endian.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "proto/messages_v2.pb.h"
+
+namespace vantrel {
+
+// The messages of proto/messages_v2.proto.
+namespace messages = ::android::corvane::vantrel;
+
+constexpr uint16_t kFrameMagic = 0x4E56;  // "VN"
+constexpr size_t kFramePreambleSize = 8;
+constexpr size_t kMaxFrameHeaderSize = 16384;
+constexpr size_t kMaxFramePayloadSize = 16384;
+
+}  // namespace vantrel

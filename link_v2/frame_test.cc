@@ -1,0 +1,251 @@
+#include "link_v2/frame.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+#include "link_v2/frame_testing.h"
+#include "link_v2/message_decoder.h"
+#include "link_v2/message_encoder.h"
+#include "platform/linux/log_capture.h"
+#include "reactor/reactor_testing.h"
+
+namespace vantrel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// Whole frames as they cross the link: preamble, header, payload.
+const char kStart[] = "564E 0900 0000 3795 08 02 CA0C 04 08 01 12 00";
+const char kDone[] = "564E 0700 0000 0663 08 04 DA0C 02 08 01";
+const char kConnect[] =
+    "564E 1700 0000 CDF1 08 05 E20C 12 08 07 12 08 0A 04 C6336401 10 50"
+    " 18 FFFFFFFF0F";
+const char kClose[] = "564E 0700 0000 203D 08 07 F20C 02 08 07";
+const char kWriteHello[] =
+    "564E 0D00 0500 1D3D 08 08 10 CCF6C6D309 FA0C 02 08 07 68656C6C6F";
+const char kUdp[] =
+    "564E 2200 0100 3FDA 08 0A 10 C4CDB4E403 8A0D 17"
+    " 0A 0A 0A 04 C0A8A7EF 10 C89C02 12 09 0A 04 C6336401 10 BB03 3F";
+const char kNames[] =
+    "564E 1200 0000 3AB8 08 0D A20D 0D 0A 0B 08 904E 12 06 612E622E6364";
+// Before 16384 and 16385 bytes of payload "aaa...".
+const char kWriteLongest[] =
+    "564E 0D00 0040 6DDA 08 08 10 97FF988C02 FA0C 02 08 07";
+const char kWriteTooLong[] =
+    "564E 0D00 0140 3124 08 08 10 F3BBCDBC08 FA0C 02 08 07";
+// Before 16375 bytes "aaa...", which make a header of 16384 bytes.
+const char kTeardownLongest[] = "564E 0040 0000 3CDC 08 01 C20C FA7F 0A F77F";
+
+constexpr size_t kLongest = 16384;
+
+TEST(FrameTest, Checksums) {
+  const struct {
+    std::string bytes;
+    uint32_t crc;
+    uint16_t short_crc;
+  } cases[] = {
+      {"", 0, 0},
+      {std::string(32, '\0'), 0x8A9136AA, 0xBC3B},
+      {std::string(32, '\xFF'), 0x62A8AB43, 0xC9EB},
+      {"123456789", 0xE3069283, 0x7185},
+  };
+  for (const auto& c : cases) {
+    const auto size = static_cast<unsigned int>(c.bytes.size());
+    EXPECT_EQ(c.crc, MessageEncoder::ComputeCrc32c(c.bytes.data(), size));
+    EXPECT_EQ(c.short_crc,
+              MessageEncoder::ComputeShortCrc32c(c.bytes.data(), size));
+  }
+  EXPECT_EQ(0xE3069283, BitwiseCrc32c("123456789"));
+}
+
+class EncoderTest : public ::testing::Test {
+ protected:
+  // What one Write() appends; empty when it refuses.
+  std::string Encode(const std::string& payload = "") {
+    WriteBuffer buffer;
+    const bool written = encoder_.Write(&buffer, payload);
+    EXPECT_EQ(written ? 1u : 0u, buffer.GetQueuedItemCount());
+    auto [fd, peer] = MakeSocketPair();
+    const Socket socket(fd);
+    EXPECT_TRUE(buffer.Drain(socket));
+    return ReadAll(*peer);
+  }
+  static void Set(messages::IpAddressAndPort* endpoint, const char* address_hex,
+                  int port) {
+    endpoint->set_address(Bytes(address_hex));
+    endpoint->set_port(port);
+  }
+
+  MessageEncoder encoder_;  // reused: each setter starts from nothing
+};
+
+TEST_F(EncoderTest, WritesEachMessage) {
+  messages::MessageHandshake* start = encoder_.SetAsHandshakeStart();
+  start->set_version(1);
+  start->set_build_info("");
+  EXPECT_EQ(Bytes(kStart), Encode());
+  encoder_.SetAsTcpWrite()->set_stream_id(7);
+  EXPECT_EQ(Bytes(kWriteHello), Encode("hello"));
+  encoder_.SetAsHandshakeDone()->set_version(1);
+  EXPECT_EQ(Bytes(kDone), Encode());
+  messages::MessageTcpConnect* connect = encoder_.SetAsTcpConnect();
+  connect->set_stream_id(7);
+  Set(connect->mutable_destination(), "C6336401", 80);
+  connect->set_uid(4294967295);
+  EXPECT_EQ(Bytes(kConnect), Encode());
+  encoder_.SetAsTcpClose()->set_stream_id(7);
+  EXPECT_EQ(Bytes(kClose), Encode());
+  messages::MessageUdpSend* send = encoder_.SetAsUdpSend();
+  Set(send->mutable_source(), "C0A8A7EF", 36424);
+  Set(send->mutable_destination(), "C6336401", 443);
+  EXPECT_EQ(Bytes(kUdp), Encode("?"));
+  messages::UidAndPackageName* name =
+      encoder_.SetAsMessagePackageNames()->add_entries();
+  name->set_uid(10000);
+  name->set_package_name("a.b.cd");
+  EXPECT_EQ(Bytes(kNames), Encode());
+}
+
+TEST_F(EncoderTest, RefusesWhatNoFrameHolds) {
+  LogCapture log;
+  encoder_.SetAsTcpWrite()->set_stream_id(7);
+  EXPECT_EQ(Bytes(kWriteLongest) + std::string(kLongest, 'a'),
+            Encode(std::string(kLongest, 'a')));
+  EXPECT_EQ("", Encode(std::string(kLongest + 1, 'a')));
+  EXPECT_THAT(log.Take(),
+              ElementsAre("E: [ME] Message payload is too large 16385"));
+
+  messages::Header header;
+  header.set_type(messages::TEARDOWN);
+  header.mutable_teardown()->set_reason(std::string(16375, 'a'));
+  encoder_ = MessageEncoder(header);
+  EXPECT_EQ(Bytes(kTeardownLongest) + std::string(16375, 'a'), Encode());
+  header.mutable_teardown()->mutable_reason()->push_back('a');
+  encoder_ = MessageEncoder(header);
+  EXPECT_EQ("", Encode());
+  std::ostringstream out;
+  EXPECT_FALSE(encoder_.WriteHeader(&out, ""));
+  EXPECT_EQ("", out.str());
+  EXPECT_THAT(log.Take(), IsEmpty());
+}
+
+// Feeds |stream| in pieces of |piece| bytes as far as there is space; returns
+// "type/payload" of each message.
+std::vector<std::string> Feed(MessageDecoder* decoder,
+                              const std::string& stream, size_t piece) {
+  std::vector<std::string> received;
+  size_t fed = 0;
+  while (fed < stream.size() && decoder->GetAvailableBufferSpace() > 0) {
+    const size_t count = std::min(
+        {piece, stream.size() - fed, decoder->GetAvailableBufferSpace()});
+    unsigned int consumed = 0;
+    decoder->BufferData(stream.data() + fed, static_cast<unsigned int>(count),
+                        &consumed);
+    EXPECT_EQ(count, consumed);
+    fed += count;
+    MessageDecoder::Message message;
+    while (decoder->GetAndClearMessage(&message)) {
+      received.push_back(std::to_string(message.header.type()) + "/" +
+                         message.payload);
+    }
+  }
+  return received;
+}
+
+TEST(DecoderTest, YieldsTheSameMessagesHoweverTheStreamIsCut) {
+  const std::string longest(kLongest, 'a');
+  const std::string stream = Bytes(kWriteHello) + Bytes("564E 0000 0000 0000") +
+                             Bytes(kClose) + Bytes(kWriteLongest) + longest +
+                             Bytes(kTeardownLongest) + std::string(16375, 'a') +
+                             Bytes("564E 0200 0000 2E0F 08 10") + Bytes(kUdp);
+  for (const size_t piece : {1, 7, 8, 13, 8192, 100000}) {
+    SCOPED_TRACE(piece);
+    LogCapture log;
+    MessageDecoder decoder;
+    EXPECT_THAT(
+        Feed(&decoder, stream, piece),
+        ElementsAre("8/hello", "0/", "7/", "8/" + longest, "1/", "0/", "10/?"));
+    EXPECT_EQ(kLongest, decoder.GetAvailableBufferSpace());
+    EXPECT_THAT(log.Take(), IsEmpty());
+  }
+}
+
+// ---- Damaged frames ----
+
+TEST(DecoderTest, ADamagedFrameCostsOnlyItself) {
+  const struct {
+    const char* name;
+    std::string frame;
+    const char* line;
+  } cases[] = {
+      {"header size 16385",
+       Bytes("564E 0140 0300 0000") + std::string(16385 + 3, 'a'),
+       "'Header too large', param=16385"},
+      {"largest sizes", Bytes("564E FFFF FFFF 0000") + std::string(131070, 'a'),
+       "'Header too large', param=65535"},
+      {"one bit of the header",
+       Bytes("564E 0700 0000 203D 08 07 F20C 02 08 06"),
+       "'Header checksum incorrect', param=7"},
+      {"one bit of its checksum, with payload",
+       Bytes("564E 0D00 0500 1D3C 08 08 10 CCF6C6D309 FA0C 02 08 07") + "hello",
+       "'Header checksum incorrect', param=13"},
+      {"checksum of an empty header", Bytes("564E 0000 0100 0001 61"),
+       "'Header checksum incorrect', param=0"},
+      {"header that ends in a field", Bytes("564E 0100 0400 3AD3 08 61616161"),
+       "'Unable to parse header', param=1"},
+      {"payload size 16385", Bytes(kWriteTooLong) + std::string(16385, 'a'),
+       "'Payload too large', param=16385"},
+      {"one bit of the payload",
+       Bytes("564E 0D00 0500 1D3D 08 08 10 CCF6C6D309 FA0C 02 08 07") + "hellp",
+       "'Payload checksum incorrect', param=5"},
+      {"payload without a checksum",
+       Bytes("564E 0700 0500 2BF1 08 08 FA0C 02 08 07") + "hello",
+       "'Payload checksum incorrect', param=5"},
+  };
+  for (const auto& c : cases) {
+    for (const size_t piece : {1, 5, 100000}) {
+      SCOPED_TRACE(std::string(c.name) + " in pieces of " +
+                   std::to_string(piece));
+      LogCapture log;
+      MessageDecoder decoder;
+      EXPECT_THAT(Feed(&decoder, c.frame + Bytes(kWriteHello), piece),
+                  ElementsAre("8/hello"));
+      EXPECT_THAT(
+          log.Take(),
+          ElementsAre(std::string("W: [MD] Error decoding: ") + c.line));
+      EXPECT_FALSE(decoder.HasFailed());
+    }
+  }
+}
+
+TEST(DecoderTest, BytesToSkipAddToTheSpace) {
+  MessageDecoder decoder;
+  Feed(&decoder, Bytes("564E 0140 0300 0000") + "abc", 100);
+  EXPECT_EQ(kLongest + 16385, decoder.GetAvailableBufferSpace());
+  Feed(&decoder, std::string(16384, 'a'), 100000);
+  EXPECT_EQ(kLongest + 1, decoder.GetAvailableBufferSpace());
+}
+
+TEST(DecoderTest, AWrongMagicIsFinalAndTheSpaceRunsOut) {
+  LogCapture log;
+  MessageDecoder decoder;
+  std::string stream = Bytes(kClose) + Bytes("564F 0700 0000 203D");
+  EXPECT_THAT(Feed(&decoder, stream, 3), ElementsAre("7/"));
+  EXPECT_TRUE(decoder.HasFailed());
+  EXPECT_EQ(kLongest, decoder.GetAvailableBufferSpace());
+  for (int i = 0; i < 2000; ++i) stream += Bytes(kClose);
+  EXPECT_THAT(Feed(&decoder, stream, 1000), IsEmpty());
+  EXPECT_EQ(0u, decoder.GetAvailableBufferSpace());
+  unsigned int consumed = 99;
+  decoder.BufferData("x", 1, &consumed);
+  EXPECT_EQ(0u, consumed);
+  EXPECT_THAT(log.Take(), ElementsAre("W: [MD] Error decoding: 'Wrong magic', "
+                                      "param=20310"));
+}
+
+}  // namespace
+}  // namespace vantrel

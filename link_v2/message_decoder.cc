@@ -1,0 +1,110 @@
+#include "link_v2/message_decoder.h"
+
+#include <string.h>
+
+#include <algorithm>
+
+#include "common/byte_order.h"
+#include "common/log.h"
+#include "link_v2/message_encoder.h"
+
+namespace vantrel {
+
+size_t MessageDecoder::GetAvailableBufferSpace() const {
+  return skip_ + buffer_.size() - held_;
+}
+
+void MessageDecoder::BufferData(const void* data, unsigned int length,
+                                unsigned int* consumed) {
+  const unsigned int skipped = std::min(skip_, length);
+  skip_ -= skipped;
+  const size_t kept =
+      std::min<size_t>(length - skipped, buffer_.size() - held_);
+  memcpy(buffer_.data() + held_, static_cast<const char*>(data) + skipped,
+         kept);
+  held_ += kept;
+  *consumed = skipped + static_cast<unsigned int>(kept);
+}
+
+bool MessageDecoder::GetAndClearMessage(Message* out) {
+  while (state_ != State::kComplete) {
+    const bool advanced = (state_ == State::kPreamble && ParsePreamble()) ||
+                          (state_ == State::kHeader && ParseHeader()) ||
+                          (state_ == State::kPayload && ParsePayload());
+    if (!advanced) return false;
+  }
+  out->header.CopyFrom(header_);
+  out->payload.assign(buffer_.data(), payload_size_);
+  DiscardFront(payload_size_);
+  state_ = State::kPreamble;
+  return true;
+}
+
+bool MessageDecoder::ParsePreamble() {
+  if (held_ < kFramePreambleSize) return false;
+  magic_ = GetLe16(buffer_.data());
+  header_size_ = GetLe16(buffer_.data() + 2);
+  payload_size_ = GetLe16(buffer_.data() + 4);
+  header_checksum_ = GetLe16(buffer_.data() + 6);
+  DiscardFront(kFramePreambleSize);
+  if (magic_ != kFrameMagic) {
+    state_ = State::kError;
+    ReportError("Wrong magic", magic_, 0);
+    return false;
+  }
+  if (header_size_ > kMaxFrameHeaderSize) {
+    ReportError("Header too large", header_size_, header_size_ + payload_size_);
+    return true;
+  }
+  state_ = State::kHeader;
+  return true;
+}
+
+bool MessageDecoder::ParseHeader() {
+  if (held_ < header_size_) return false;
+  const unsigned int rest = header_size_ + payload_size_;
+  if (MessageEncoder::ComputeShortCrc32c(buffer_.data(), header_size_) !=
+      header_checksum_) {
+    ReportError("Header checksum incorrect", header_size_, rest);
+    return true;
+  }
+  header_.Clear();
+  if (!header_.ParseFromArray(buffer_.data(), header_size_)) {
+    ReportError("Unable to parse header", header_size_, rest);
+    return true;
+  }
+  DiscardFront(header_size_);
+  if (payload_size_ > kMaxFramePayloadSize) {
+    ReportError("Payload too large", payload_size_, payload_size_);
+    return true;
+  }
+  state_ = payload_size_ == 0 ? State::kComplete : State::kPayload;
+  return true;
+}
+
+bool MessageDecoder::ParsePayload() {
+  if (held_ < payload_size_) return false;
+  if (MessageEncoder::ComputeCrc32c(buffer_.data(), payload_size_) !=
+      header_.payload_crc32c()) {
+    ReportError("Payload checksum incorrect", payload_size_, payload_size_);
+    return true;
+  }
+  state_ = State::kComplete;
+  return true;
+}
+
+void MessageDecoder::ReportError(const char* what, unsigned int param,
+                                 unsigned int skip) {
+  LOGW("[MD] Error decoding: '%s', param=%u", what, param);
+  const size_t buffered = std::min<size_t>(skip, held_);
+  DiscardFront(buffered);
+  skip_ += skip - static_cast<unsigned int>(buffered);
+  if (state_ != State::kError) state_ = State::kPreamble;
+}
+
+void MessageDecoder::DiscardFront(size_t count) {
+  held_ -= count;
+  memmove(buffer_.data(), buffer_.data() + count, held_);
+}
+
+}  // namespace vantrel

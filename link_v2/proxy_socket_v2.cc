@@ -1,0 +1,219 @@
+// The link over protocol 2: connection, handshake, dispatch and sending.
+#include "link_v2/proxy_socket_v2.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "common/log.h"
+#include "link/connection_header.h"
+
+namespace vantrel {
+namespace {
+
+constexpr unsigned int kProtocolVersion = 1;
+constexpr unsigned int kHandshakeFailed = 65535;  // version in an answer
+constexpr uint32_t kMaxPackageNames = 256;
+constexpr uint32_t kMaxUdpConduits = 64;
+
+void LogUnexpected(const char* why, const messages::Header& header) {
+  LOGW("[B] Unexpected message: '%s', type=%u", why,
+       static_cast<unsigned int>(header.type()));
+}
+
+}  // namespace
+
+ProxySocketV2::ProxySocketV2(ProxySocket::Delegate* delegate, Reactor& reactor)
+    : delegate_(delegate),
+      reactor_(reactor),
+      output_(*this, reactor),
+      protocol_version_(kProtocolVersion),
+      package_names_(kMaxPackageNames),
+      udp_conduits_(kMaxUdpConduits) {}
+
+ProxySocketV2::~ProxySocketV2() {
+  reactor_.Unregister(*this, Reactor::kRead);
+  reactor_.Unregister(*this, Reactor::kWrite);
+  LOGD("[B] Total bytes RX/TX: %zu/%zu", rx_bytes_,
+       output_.GetBuffer().GetTotalWrittenByteCount());
+}
+
+bool ProxySocketV2::Connect(int fd) {
+  if (fd == -1) {
+    LOGE("[B] Invalid file descriptor supplied: %d", fd);
+    return false;
+  }
+  SetFd(fd);
+  LOGD("connect: fd: %d", fd);
+  connection_header_t header;
+  if (!ReceiveConnectionHeader(*this, &header)) return false;
+  output_.GetBuffer().SetMaxWriteSize(header.max_tx_size);
+  reactor_.Register(*this, Reactor::kRead);
+  StartHandshake();
+  return true;
+}
+
+void ProxySocketV2::StartHandshake() {
+  state_ = State::kHandshakeStarted;
+  MessageEncoder message;
+  messages::MessageHandshake* handshake = message.SetAsHandshakeStart();
+  handshake->set_version(protocol_version_);
+  handshake->set_build_info("");
+  SendMessage(&message, "");
+}
+
+void ProxySocketV2::OnReadReady() {
+  while (true) {
+    // Without space the read is of 0 bytes and looks like the end of the
+    // stream. That is how a link whose framing is lost comes to its end.
+    const size_t space =
+        std::min(decoder_.GetAvailableBufferSpace(), read_buffer_.size());
+    const int count = Read(read_buffer_.data(), space);
+    if (count == 0) {
+      reactor_.Stop();
+      return;
+    }
+    if (count < 0) {
+      if (errno == EAGAIN) return;
+      LOGW("[B] Error reading from ProxySocketV2: %s", strerror(errno));
+      reactor_.Stop();
+      return;
+    }
+    rx_bytes_ += static_cast<size_t>(count);
+    unsigned int consumed;
+    decoder_.BufferData(read_buffer_.data(), static_cast<unsigned int>(count),
+                        &consumed);
+    DecodeAndProcessMessages();
+  }
+}
+
+void ProxySocketV2::DecodeAndProcessMessages() {
+  while (true) {
+    MessageDecoder::Message message;
+    if (!decoder_.GetAndClearMessage(&message)) return;
+    DecodeAndProcessMessage(message);
+  }
+}
+
+void ProxySocketV2::DecodeAndProcessMessage(
+    const MessageDecoder::Message& message) {
+  const messages::Header& header = message.header;
+  if (state_ == State::kClosed) {
+    LogUnexpected("ProxySocketV2 is closed", header);
+    return;
+  }
+  if (header.type() == messages::TEARDOWN) {
+    HandleTeardown(header.teardown());
+    return;
+  }
+  switch (state_) {
+    case State::kNotStarted:
+      LogUnexpected("ProxySocketV2 handshake not started", header);
+      return;
+    case State::kHandshakeStarted:
+      if (header.type() == messages::HANDSHAKE_ACK) {
+        HandleHandshakeAck(header.handshake_ack());
+      } else {
+        LogUnexpected("ProxySocketV2 handshake not complete", header);
+      }
+      return;
+    case State::kConnected:
+      ProcessConnectedMessage(message);
+      return;
+    case State::kClosed:
+      return;
+  }
+}
+
+void ProxySocketV2::ProcessConnectedMessage(
+    const MessageDecoder::Message& message) {
+  const messages::Header& header = message.header;
+  switch (header.type()) {
+    case messages::TCP_CONNECT_ACK:
+    case messages::DNS_SERVERS:
+      return;
+    case messages::TCP_CLOSE:
+      HandleTcpClose(header.tcp_close());
+      return;
+    case messages::TCP_WRITE:
+      HandleTcpWrite(header.tcp_write(), message.payload);
+      return;
+    case messages::TCP_WRITE_ACK:
+      HandleTcpWriteAck(header.tcp_write_ack());
+      return;
+    case messages::UDP_SEND:
+      HandleUdpSend(header.udp_send(), message.payload);
+      return;
+    case messages::UDP_FAILURE:
+      HandleUdpFailure(header.udp_failure(), message.payload);
+      return;
+    case messages::NETWORK_STATE:
+      // Always metered, on purpose: the second field of the message is not
+      // defined, and taking a link over a phone for free would cost someone.
+      delegate_->HandleActiveNetworkStateChange(
+          static_cast<int>(header.network_state().network_id()), true);
+      return;
+    default:
+      LogUnexpected("ProxySocketV2 unexpected message type", header);
+      return;
+  }
+}
+
+void ProxySocketV2::HandleTeardown(const messages::MessageTeardown& teardown) {
+  CloseLink("TEARDOWN", teardown.reason());
+  delegate_->HandleTeardown();
+}
+
+void ProxySocketV2::HandleHandshakeAck(
+    const messages::MessageHandshake& handshake) {
+  LOGI("[B] ProxySocketV2 HandshakeAck: version=%d, build_info=%s",
+       static_cast<int>(handshake.version()), handshake.build_info().c_str());
+  if (handshake.version() == kHandshakeFailed) {
+    CloseLink("Remote site reported handshake error", handshake.error());
+    return;
+  }
+  if (handshake.version() != protocol_version_) {
+    CloseLink("Unexpected remote protocol version", "");
+    return;
+  }
+  state_ = State::kConnected;
+  MessageEncoder message;
+  message.SetAsHandshakeDone()->set_version(protocol_version_);
+  SendMessage(&message, "");
+}
+
+void ProxySocketV2::SendMessage(MessageEncoder* message,
+                                const std::string& payload) {
+  if (state_ == State::kClosed) return;
+  WriteBuffer& buffer = output_.GetBuffer();
+  const bool was_empty = buffer.IsEmpty();
+  if (!message->Write(&buffer, payload)) {
+    LOGW(
+        "[B] ProxySocketV2 unable to serialize message: type=%d, "
+        "payload_size=%zu",
+        static_cast<int>(message->GetMessageType()), payload.size());
+    CloseLink("Unable to serialize message", "");
+    return;
+  }
+  output_.OnAppended(was_empty);
+}
+
+void ProxySocketV2::CloseLink(const char* what, const std::string& reason) {
+  LOGW("[B] Closing ProxySocketV2: %s. Reason: %s", what, reason.c_str());
+  state_ = State::kClosed;
+  reactor_.Stop();
+}
+
+void ProxySocketV2::OnWriteReady() {
+  const bool produced = SendTcpData();
+  output_.DrainAndRest(produced);
+}
+
+void ProxySocketV2::Dump(std::stringstream& out) const {
+  out << "ProxySocketV2 state:" << std::endl;
+  output_.Dump(out, rx_bytes_);
+  streams_.Dump(out);
+}
+
+}  // namespace vantrel

@@ -1,0 +1,413 @@
+#include "link_v2/proxy_socket_v2.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <deque>
+#include <vector>
+
+#include "common/network_testing.h"
+#include "link/link_testing.h"
+#include "link_v2/frame_testing.h"
+#include "platform/linux/log_capture.h"
+#include "reactor/reactor_testing.h"
+
+namespace {
+time_t clock_lead_seconds = 0;
+}
+
+// In place of the C library's: tests move the time on.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  now->tv_sec += clock_lead_seconds;
+  return result;
+}
+
+namespace vantrel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+std::string TcpWrite(char id, const std::string& payload) {
+  return Frame(8, "FA0C 02 08 0" + std::string(1, id), payload);
+}
+std::string TcpClose(char id) {
+  return Frame(7, "F20C 02 08 0" + std::string(1, id));
+}
+
+const std::string kAck = Frame(3, "D20C 05 08 01 12 01 78");
+const std::string kAckOfVersion2 = Frame(3, "D20C 02 08 02");
+const std::string kAckOfFailure = Frame(3, "D20C 08 08 FFFF03 1A 02 6E6F");
+const std::string kTeardown = Frame(1, "C20C 05 0A 03 627965");
+
+class LinkTest : public ::testing::Test {
+ protected:
+  bool Connect(int type = SOCK_STREAM,
+               const std::string& header = GoodConnectionHeader()) {
+    auto [fd, peer] = MakeSocketPair(type);
+    peer_ = std::move(peer);
+    peer_->Write(header.data(), header.size());
+    const bool connected = link_.Connect(fd);
+    log_.Take();
+    return connected;
+  }
+  void ConnectAndShakeHands() {
+    ASSERT_TRUE(Connect());
+    Receive(kAck);
+    Sent();
+    log_.Take();
+  }
+  void Receive(const std::string& bytes) {
+    fcntl(link_.GetFd(), F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(static_cast<int>(bytes.size()),
+              peer_->Write(bytes.data(), bytes.size()));
+    link_.OnReadReady();
+  }
+  // What the link sends when its socket is writable.
+  std::string Sent() {
+    link_.OnWriteReady();
+    return ReadAll(*peer_);
+  }
+  bool WantsToWrite() { return reactor_.IsRegistered(link_, Reactor::kWrite); }
+
+  StopCatcher stop_;
+  LogCapture log_;
+  Reactor reactor_;
+  FakeLinkDelegate delegate_;
+  ProxySocketV2 link_{&delegate_, reactor_};
+  std::unique_ptr<Socket> peer_;
+};
+
+TEST_F(LinkTest, ShakesHands) {
+  EXPECT_FALSE(link_.Connect(-1));
+  EXPECT_THAT(log_.Take(),
+              ElementsAre("E: [B] Invalid file descriptor supplied: -1"));
+  ASSERT_TRUE(Connect());
+  EXPECT_TRUE(reactor_.IsRegistered(link_, Reactor::kRead));
+  EXPECT_TRUE(WantsToWrite());
+  EXPECT_EQ(Bytes("564E 0900 0000 3795 08 02 CA0C 04 08 01 12 00"), Sent());
+  EXPECT_FALSE(WantsToWrite());
+  Receive(kAck);
+  EXPECT_TRUE(WantsToWrite());
+  EXPECT_EQ(Bytes("564E 0700 0000 0663 08 04 DA0C 02 08 01"), Sent());
+  EXPECT_THAT(log_.Take(), ElementsAre("I: [B] ProxySocketV2 HandshakeAck: "
+                                       "version=1, build_info=x"));
+  EXPECT_FALSE(stop_.TakeStop());
+}
+
+TEST_F(LinkTest, KeepsToTheLargestWriteOfTheHeader) {
+  ASSERT_TRUE(Connect(SOCK_SEQPACKET, GoodConnectionHeader(10)));
+  link_.OnWriteReady();
+  char packet[64];
+  EXPECT_EQ(10, peer_->Read(packet, sizeof(packet)));
+  EXPECT_EQ(7, peer_->Read(packet, sizeof(packet)));
+}
+
+TEST_F(LinkTest, SaysWhyAMessageIsUnexpected) {
+  const struct {
+    bool shaken_hands;
+    std::string message;
+    const char* line;  // null: none
+  } cases[] = {
+      {false, TcpWrite('1', "x"), "handshake not complete', type=8"},
+      {false, Frame(6, ""), "handshake not complete', type=6"},
+      {true, kAck, "unexpected message type', type=3"},
+      {true, Frame(15, ""), "unexpected message type', type=15"},
+      {true, Frame(16, ""), "unexpected message type', type=0"},
+      {true, Frame(5, ""), "unexpected message type', type=5"},
+      {true, Frame(6, ""), nullptr},
+      {true, Frame(12, ""), nullptr},
+      {true, TcpWrite('1', "unknown stream"), nullptr},
+      {true, TcpClose('1'), nullptr},
+  };
+  ASSERT_TRUE(Connect());
+  bool shaken_hands = false;
+  for (const auto& c : cases) {
+    if (c.shaken_hands && !shaken_hands) Receive(kAck);
+    shaken_hands = c.shaken_hands;
+    log_.Take();
+    Receive(c.message);
+    std::vector<std::string> lines;
+    if (c.line != nullptr) {
+      lines = {std::string("W: [B] Unexpected message: 'ProxySocketV2 ") +
+               c.line};
+    }
+    EXPECT_EQ(lines, log_.Take());
+  }
+  EXPECT_FALSE(stop_.TakeStop());
+}
+
+// A link whose Connect() failed still has its socket.
+TEST_F(LinkTest, AFailedConnectionTakesNothingButATeardown) {
+  std::string header = GoodConnectionHeader();
+  header[16] = 1;  // status
+  EXPECT_FALSE(Connect(SOCK_STREAM, header));
+  Receive(kAck + kTeardown + kAck);
+  EXPECT_THAT(
+      log_.Take(),
+      ElementsAre(
+          "W: [B] Unexpected message: 'ProxySocketV2 handshake not started', "
+          "type=3",
+          "W: [B] Closing ProxySocketV2: TEARDOWN. Reason: bye",
+          "W: [B] Unexpected message: 'ProxySocketV2 is closed', type=3"));
+}
+
+TEST_F(LinkTest, ClosesForGood) {
+  const struct {
+    std::string before, last;
+    const char* line;
+    std::vector<std::string> calls;
+  } cases[] = {
+      {"", kTeardown, "TEARDOWN. Reason: bye", {"teardown"}},
+      {kAck, kTeardown, "TEARDOWN. Reason: bye", {"teardown"}},
+      {"", kAckOfVersion2, "Unexpected remote protocol version. Reason: ", {}},
+      {"",
+       kAckOfFailure,
+       "Remote site reported handshake error. Reason: no",
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    FakeLinkDelegate delegate;
+    ProxySocketV2 link(&delegate, reactor_);
+    auto [fd, peer] = MakeSocketPair();
+    const std::string bytes = std::string(24, '\0') + c.before + c.last;
+    peer->Write(bytes.data(), bytes.size());
+    ASSERT_TRUE(link.Connect(fd));
+    EXPECT_FALSE(stop_.TakeStop());
+    link.OnReadReady();
+    EXPECT_TRUE(stop_.TakeStop());
+    EXPECT_EQ(c.calls, delegate.calls);
+    EXPECT_EQ(std::string("W: [B] Closing ProxySocketV2: ") + c.line,
+              log_.Take().back());
+    link.OnWriteReady();
+    ReadAll(*peer);
+    FakeConduit conduit(1, 10000, "p");
+    conduit.chunks = {"lost"};
+    link.RegisterTcpStream(&conduit);
+    link.OnWriteReady();
+    EXPECT_EQ("", ReadAll(*peer));
+    peer->Write(kAck.data(), kAck.size());
+    link.OnReadReady();
+    EXPECT_THAT(log_.Take().back(), HasSubstr("is closed', type=3"));
+  }
+}
+
+TEST_F(LinkTest, StopsWhenTheCompanionIsGoneOrItsFramingIsLost) {
+  ConnectAndShakeHands();
+  Receive("XN" + std::string(6 + 16383, 'x'));
+  EXPECT_FALSE(stop_.TakeStop());
+  Receive("x");
+  EXPECT_TRUE(stop_.TakeStop());
+
+  ConnectAndShakeHands();
+  peer_.reset();
+  link_.OnReadReady();
+  EXPECT_TRUE(stop_.TakeStop());
+  EXPECT_THAT(delegate_.calls, IsEmpty());
+}
+
+TEST_F(LinkTest, AWriteTimeOutShowsOnlyWithTheNextMessage) {
+  ASSERT_TRUE(Connect());  // queues the first frame
+  FakeConduit first(1, 10000, "p"), second(2, 10000, "p");
+  clock_lead_seconds = 13;
+  link_.RegisterTcpStream(&first);
+  EXPECT_FALSE(stop_.TakeStop());
+  clock_lead_seconds = 15;
+  EXPECT_FALSE(stop_.TakeStop());
+  link_.RegisterTcpStream(&second);
+  EXPECT_TRUE(stop_.TakeStop());
+  EXPECT_THAT(log_.Take(), ElementsAre("E: [B] Terminating vantrel due to "
+                                       "write timeout (15s)."));
+  Sent();
+  clock_lead_seconds = 40;
+  link_.RegisterTcpStream(&first);
+  EXPECT_FALSE(stop_.TakeStop()) << "what was drained starts anew";
+  clock_lead_seconds = 0;
+}
+
+TEST_F(LinkTest, ReportsTheNetworkAlwaysMetered) {
+  ConnectAndShakeHands();
+  Receive(Frame(14, "AA0D 04 08 07 10 00") +
+          Frame(14, "AA0D 06 08 FFFFFFFF0F"));
+  EXPECT_THAT(delegate_.calls,
+              ElementsAre("network 7 metered", "network -1 metered"));
+}
+
+// ---- Streams ----
+
+TEST_F(LinkTest, AnnouncesStreamsAndNewPackageNames) {
+  ASSERT_TRUE(Connect());  // nothing waits for the end of the handshake
+  Sent();
+  FakeConduit a(7, 4294967295, "a"), same(7, 10000, "twice");
+  FakeConduit again(8, 4294967295, "a"), renamed(9, 4294967295, "");
+  const std::string uid = "18 FFFFFFFF0F";
+  const std::string remote = " 12 08 0A 04 C6336450 10 50 ";
+  const std::string name = "A20D 0B 0A 09 08 FFFFFFFF0F 12 01 61";
+  for (FakeConduit* conduit : {&a, &same, &again, &renamed}) {
+    link_.RegisterTcpStream(conduit);
+  }
+  EXPECT_EQ(Frame(5, "E20C 12 08 07" + remote + uid) + Frame(13, name) +
+                Frame(5, "E20C 12 08 08" + remote + uid) +
+                Frame(5, "E20C 12 08 09" + remote + uid) +
+                Frame(13, "A20D 0A 0A 08 08 FFFFFFFF0F 12 00"),
+            Sent());
+  EXPECT_THAT(log_.Take(), ElementsAre("W: [B] Duplicate stream id 7"));
+}
+
+TEST_F(LinkTest, StreamsTakeTurnsAndEndInTheirTurn) {
+  ConnectAndShakeHands();
+  FakeConduit last(9, 1, ""), first(2, 1, ""), ended(5, 1, "");
+  for (FakeConduit* conduit : {&last, &first, &ended}) {
+    link_.RegisterTcpStream(conduit);
+  }
+  Sent();
+  last.chunks = {"a", "b"};
+  first.chunks = {"c", "d", "e"};
+  ended.ended = true;
+  EXPECT_EQ(TcpWrite('2', "c") + TcpClose('5') + TcpWrite('9', "a") +
+                TcpWrite('2', "d") + TcpWrite('9', "b") + TcpWrite('2', "e"),
+            Sent());
+  EXPECT_EQ(1, ended.closes);
+  EXPECT_TRUE(WantsToWrite()) << "there may be more after a productive turn";
+  EXPECT_EQ("", Sent());
+  EXPECT_FALSE(WantsToWrite());
+  link_.OnTcpDataAvailable();
+  EXPECT_TRUE(WantsToWrite());
+}
+
+TEST_F(LinkTest, StopsAskingAtSixteenQueuedFrames) {
+  const struct {
+    unsigned int streams;
+    size_t frames;
+  } cases[] = {{1, 16}, {3, 18}, {16, 16}, {17, 17}};
+  for (const auto& c : cases) {
+    ProxySocketV2 link(&delegate_, reactor_);
+    auto [fd, peer] = MakeSocketPair();
+    peer->Write(std::string(24, '\0').data(), 24);
+    ASSERT_TRUE(link.Connect(fd));
+    std::deque<FakeConduit> conduits;
+    for (unsigned int id = 0; id < c.streams; ++id) {
+      link.RegisterTcpStream(&conduits.emplace_back(id, 1, ""));
+    }
+    link.OnWriteReady();
+    for (FakeConduit& conduit : conduits) conduit.chunks.assign(100, "x");
+    size_t left = 0;
+    link.OnWriteReady();
+    for (const FakeConduit& conduit : conduits) left += conduit.chunks.size();
+    EXPECT_EQ(c.frames, 100 * c.streams - left);
+  }
+}
+
+TEST_F(LinkTest, HandsMessagesToTheirStream) {
+  ConnectAndShakeHands();
+  FakeConduit zero(0, 1, "zero"), seven(7, 1, "seven");
+  link_.RegisterTcpStream(&zero);
+  link_.RegisterTcpStream(&seven);
+  Sent();
+  Receive(TcpWrite('7', "hello") + Frame(8, "", "no-message"));
+  EXPECT_FALSE(WantsToWrite());
+  Receive(Frame(9, "820D 02 08 07"));
+  EXPECT_TRUE(WantsToWrite()) << "credit came back: ask the stream again";
+  Receive(TcpClose('7') + TcpClose('7') + TcpWrite('7', "late"));
+  EXPECT_THAT(seven.written, ElementsAre("hello"));
+  EXPECT_EQ(1, seven.acks);
+  EXPECT_EQ(1, seven.closes);
+  EXPECT_THAT(zero.written, ElementsAre("no-message"));
+  EXPECT_EQ("", Sent()) << "a close is not answered";
+}
+
+TEST_F(LinkTest, DumpsItsState) {
+  ConnectAndShakeHands();
+  FakeConduit a(12345, 1, "a"), b(7, 1, "a");
+  std::stringstream empty, full;
+  link_.Dump(empty);
+  EXPECT_EQ(
+      "ProxySocketV2 state:\n    rx_bytes: 18\n    tx_bytes: 32\n"
+      "   buf_bytes: 0\n  buf_length: 0\n         [R ]\nTCP streams:\n",
+      empty.str());
+  link_.RegisterTcpStream(&a);
+  link_.RegisterTcpStream(&b);
+  link_.Dump(full);
+  EXPECT_EQ(
+      "ProxySocketV2 state:\n    rx_bytes: 18\n    tx_bytes: 32\n"
+      "   buf_bytes: 75\n  buf_length: 3\n         [RW]\nTCP streams:\n"
+      "     7: stream\n  12345: stream\n",
+      full.str());
+}
+
+// ---- Datagrams ----
+
+class LinkDatagramTest : public LinkTest {
+ protected:
+  void SetUp() override {
+    if (!EnterPrivateNetwork()) GTEST_SKIP() << "no network namespace";
+    ConnectAndShakeHands();
+  }
+  static HostAndPort Remote(int number) {
+    return HostAndPort(
+        IpAddress::FromIPv4NetworkBytes(htonl(0xC6336400 + number)), 443);
+  }
+  const HostAndPort local_{IpAddress::FromIPv4NetworkBytes(htonl(0xC0A8A7EF)),
+                           36424};
+};
+
+TEST_F(LinkDatagramTest, SendsThemAndKeepsTheLast64Remotes) {
+  link_.SendDatagram(local_, Remote(1), "?");
+  EXPECT_EQ(Bytes("564E 2200 0100 3FDA 08 0A 10 C4CDB4E403 8A0D 17 0A 0A 0A 04"
+                  "C0A8A7EF 10 C89C02 12 09 0A 04 C6336401 10 BB03 3F"),
+            Sent());
+  for (int i = 2; i <= 64; ++i) link_.SendDatagram(local_, Remote(i), "?");
+  link_.SendDatagram(local_, Remote(1), "?");  // does not make it younger
+  Sent();
+  const std::string endpoints =
+      "17 0A 0A 0A 04 C0A8A7EF 10 C89C02 12 09 0A 04 C6336401 10 BB03";
+  log_.Take();
+  Receive(Frame(10, "8A0D" + endpoints, "!"));
+  Receive(Frame(11, "920D" + endpoints, "!"));
+  EXPECT_THAT(log_.Take(), IsEmpty());
+  link_.SendDatagram(local_, Remote(65), "?");
+  log_.Take();
+  Receive(Frame(10, "8A0D" + endpoints, "!"));
+  Receive(Frame(11, "920D" + endpoints, "!"));
+  EXPECT_THAT(log_.Take(),
+              ElementsAre("W: [B] Dropping v2 packet from 198.51.100.1:443 to "
+                          "192.168.167.239:36424: evicted",
+                          "W: [B] Dropping failed packet from "
+                          "198.51.100.1:443 to 192.168.167.239:36424: "
+                          "evicted"));
+}
+
+TEST_F(LinkDatagramTest, DropsWhatItCannotBind) {
+  const HostAndPort v6(
+      IpAddress::FromNetworkBytes(Bytes("20010DB8000000000000000000000001")),
+      53);
+  link_.SendDatagram(local_, v6, "?");
+  EXPECT_EQ(
+      "E: [B] Unable to bind socket to remote address 2001:db8::1:53, "
+      "dropping packet.",
+      log_.Take().back());
+  EXPECT_EQ("", Sent());
+}
+
+TEST_F(LinkDatagramTest, OneTooLargeForAFrameClosesTheLink) {
+  link_.SendDatagram(local_, Remote(1), std::string(16384, 'x'));
+  EXPECT_FALSE(stop_.TakeStop());
+  log_.Take();
+  link_.SendDatagram(local_, Remote(1), std::string(16385, 'x'));
+  EXPECT_TRUE(stop_.TakeStop());
+  EXPECT_THAT(
+      log_.Take(),
+      ElementsAre("E: [ME] Message payload is too large 16385",
+                  "W: [B] ProxySocketV2 unable to serialize message: type=10, "
+                  "payload_size=16385",
+                  "W: [B] Closing ProxySocketV2: Unable to serialize message. "
+                  "Reason: "));
+}
+
+}  // namespace
+}  // namespace vantrel
