@@ -1,0 +1,36 @@
+#include "control/status_socket.h"
+
+#include <string>
+
+#include "common/log.h"
+#include "control/status_records.h"
+#include "link/packet_bytes.h"
+
+namespace vantrel {
+
+void StatusSocket::StartupCompleted() {
+  const std::string record = EncodeStatusWord(0);
+  Write(record.data(), record.size());
+}
+
+void StatusSocket::ActiveNetworkStateChanged(int network_id, bool is_metered) {
+  const std::string record = EncodeNetworkState({network_id, is_metered});
+  Write(record.data(), record.size());
+}
+
+void StatusSocket::OnTransferStatsResult(
+    const MessageUidTransferStatsInfo* stats) {
+  const size_t size = stats->ByteSizeLong();
+  LOGD("OnTransferStatsResult, transfer stats length %zu", size);
+  if (size > kMaxTransferStatsBytes) {
+    LOGE("Transfer stats too large");
+    return;
+  }
+  const std::string header =
+      EncodeTransferStatsHeader(static_cast<uint16_t>(size));
+  const PacketBytes record(header.data(), header.size(),
+                           stats->SerializeAsString());
+  Write(record.AsBytes(), record.Length());
+}
+
+}  // namespace vantrel

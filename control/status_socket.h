@@ -1,0 +1,27 @@
+#pragma once
+
+#include "link/proxy_socket.h"
+#include "reactor/socket.h"
+
+namespace vantrel {
+
+// The write-only channel to the process that launched the daemon; its records
+// stand in control/status_records.h. Never registered with the reactor, and
+// left blocking or not as it was handed over.
+//
+// Each record is one write whose result is not looked at, on purpose: nothing
+// could be done about it, and a reader that stalls must not stall the daemon's
+// shutdown. A record that the descriptor cannot take is lost or cut.
+class StatusSocket : public Socket {
+ public:
+  // Takes ownership of |fd|.
+  explicit StatusSocket(int fd) : Socket(fd) {}
+
+  void StartupCompleted();
+  void ActiveNetworkStateChanged(int network_id, bool is_metered);
+  // Logs an error and writes nothing when the report is larger than a record
+  // may be.
+  void OnTransferStatsResult(const MessageUidTransferStatsInfo* stats);
+};
+
+}  // namespace vantrel

@@ -1,0 +1,154 @@
+// The entry point: creates every long-lived object in a fixed order, installs
+// the interception rules, runs the event loop, and takes all of it down again.
+//
+// Usage: vantrel VERSION, with the connected Bluetooth socket as standard input
+// and the status channel as standard output. VERSION is the link protocol: 1, 5
+// or 20.
+
+#include <cutils/properties.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "capture/tcp_server.h"
+#include "capture/udp_conduit.h"
+#include "capture/udp_server.h"
+#include "common/log.h"
+#include "control/control_server.h"
+#include "control/proxy_socket_delegate_impl.h"
+#include "control/status_socket.h"
+#include "daemon/iptables.h"
+#include "link/bluetooth_socket.h"
+#include "link_v2/proxy_socket_v2.h"
+#include "reactor/reactor.h"
+
+namespace vantrel {
+namespace {
+
+// Process exit status and, at the same time, the record on the status channel.
+enum ExitCode : int32_t {
+  kConnectFailed = 1,
+  kControlServerFailed = 2,
+  kTcpServerFailed = 3,
+  kUdpServerFailed = 4,
+  kBadArgumentCount = 20,
+  kBadVersion = 21,
+};
+
+// Nothing is installed yet wherever this is called, so nothing is cleaned up.
+// The record is not checked: there is nobody else to tell.
+[[noreturn]] void Abort(int status_fd, ExitCode code) {
+  LOGD("Aborting with exit code %d", code);
+  const int32_t record = code;
+  static_cast<void>(!write(status_fd, &record, sizeof(record)));
+  exit(code);
+}
+
+// What the process or its child commands print must never reach the link or
+// the status channel.
+void DetachStandardStreams() {
+  static_cast<void>(!freopen("/dev/null", "r", stdin));
+  static_cast<void>(!freopen("/dev/null", "w", stdout));
+  static_cast<void>(!freopen("/dev/null", "w", stderr));
+}
+
+// Null for an unknown version.
+std::unique_ptr<ProxySocket> MakeLink(int version,
+                                      ProxySocket::Delegate* delegate,
+                                      Reactor& reactor,
+                                      const UdpConduitFactory& factory) {
+  switch (version) {
+    case 20:
+      return std::make_unique<ProxySocketV2>(delegate, reactor);
+    case 5:
+      return std::make_unique<BluetoothSocket>(
+          delegate, reactor, BluetoothSocket::FLAG_ALL, factory);
+    case 1:
+      return std::make_unique<BluetoothSocket>(
+          delegate, reactor, BluetoothSocket::FLAG_NONE, factory);
+    default:
+      return nullptr;
+  }
+}
+
+// The port, or 0 when the build is not debuggable and the server stays silent.
+uint16_t ListenIfDebuggable(ControlServer& server, int status_fd) {
+  if (!property_get_bool("ro.debuggable", false)) return 0;
+  LOGD("Userdebug build detected. Listening on control port.");
+  const uint16_t port = server.Listen();
+  if (port == 0) Abort(status_fd, kControlServerFailed);
+  return port;
+}
+
+void ReportTransferStats(ProxySocket& link, StatusSocket& status) {
+  LOGD("Sending transfer stats before vantrel shuts down");
+  MessageUidTransferStatsInfo stats;
+  link.GetTransferStats(&stats);
+  status.OnTransferStatsResult(&stats);
+  // Lets the launching process read the report before the descriptors close.
+  usleep(1000000);
+  LOGD("Vantrel finished.");
+}
+
+int Main(int argc, char** argv) {
+  // A write to a dead peer must come back as an error: ending on a signal
+  // would leave the rules installed and the device without any network.
+  signal(SIGPIPE, SIG_IGN);
+  const int link_fd = dup(fileno(stdin));
+  const int status_fd = dup(fileno(stdout));
+  DetachStandardStreams();
+
+  if (argc != 2) Abort(status_fd, kBadArgumentCount);
+  const int version = atoi(argv[1]);
+  LOGD("Vantrel launched, version=%d.", version);
+
+  Reactor reactor;
+  StatusSocket status(status_fd);
+  ProxySocketDelegateImpl delegate(&status);
+  const UdpConduitFactory factory = [](Reactor& r, const HostAndPort& remote) {
+    return new UdpConduit(r, remote);
+  };
+  const std::unique_ptr<ProxySocket> link =
+      MakeLink(version, &delegate, reactor, factory);
+  if (link == nullptr) Abort(status_fd, kBadVersion);
+  if (!link->Connect(link_fd)) Abort(status_fd, kConnectFailed);
+
+  ControlServer control_server(reactor, *link, status);
+  const uint16_t control_port = ListenIfDebuggable(control_server, status_fd);
+  // Also when it does not listen, on purpose: the line marks the step.
+  LOGD("control_server started");
+
+  TcpServer tcp_server(reactor, *link);
+  const uint16_t tcp_port = tcp_server.Listen();
+  if (tcp_port == 0) Abort(status_fd, kTcpServerFailed);
+  LOGD("tcmp_server listening.");  // spelled so on purpose: log checks match it
+
+  UdpServer udp_server(reactor, *link);
+  const uint16_t udp_port = udp_server.Listen();
+  if (udp_port == 0) Abort(status_fd, kUdpServerFailed);
+  LOGD("udp_server listening.");
+
+  // A run that was killed may have left its rules. From here on nothing
+  // aborts, so the rules are never left behind by a failed start.
+  TeardownIptables(0, false);
+  SetupIptables(tcp_port, udp_port);
+  LOGD("iptables setup complete.");
+  status.StartupCompleted();
+  LOGD("Vantrel started on ports C:%d, T:%d, U:%d.", control_port, tcp_port,
+       udp_port);
+
+  reactor.Start();
+
+  TeardownIptables(0, true);
+  ReportTransferStats(*link, status);
+  return 0;
+}
+
+}  // namespace
+}  // namespace vantrel
+
+int main(int argc, char** argv) { return vantrel::Main(argc, argv); }
