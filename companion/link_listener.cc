@@ -1,5 +1,9 @@
 #include "companion/link_listener.h"
 
+// The RFCOMM header uses the types of this one without including it.
+#include <bluetooth/bluetooth.h>
+// Keeps this order.
+#include <bluetooth/rfcomm.h>
 #include <errno.h>
 #include <netdb.h>
 #include <string.h>
@@ -50,26 +54,43 @@ std::string DescribeTcp(int fd) {
   return std::string("tcp:") + host + ":" + port;
 }
 
+constexpr int kMaxPort = 65535;
+constexpr int kMaxRfcommChannel = 30;
+
+bool IsNumberUpTo(const std::string& text, int max) {
+  return !text.empty() && text.size() <= 5 &&
+         text.find_first_not_of("0123456789") == std::string::npos &&
+         std::stoi(text) <= max;
+}
+
 }  // namespace
 
 bool LinkAddress::Parse(const std::string& text, LinkAddress* out) {
-  if (text.compare(0, 5, "unix:") == 0 && text.size() > 5) {
-    *out = LinkAddress{Kind::kUnix, text.substr(5), ""};
-    return true;
+  const size_t first = text.find(':');
+  const size_t last = text.rfind(':');
+  if (first == std::string::npos) return false;
+  const std::string kind = text.substr(0, first);
+  const std::string rest = text.substr(first + 1);
+  *out = LinkAddress();
+  if (kind == "unix") {
+    out->path_or_host = rest;
+    return !rest.empty();
   }
-  const size_t colon = text.rfind(':');
-  if (text.compare(0, 4, "tcp:") != 0 || colon <= 4) return false;
-  const std::string port = text.substr(colon + 1);
-  const bool is_number =
-      !port.empty() && port.size() <= 5 &&
-      port.find_first_not_of("0123456789") == std::string::npos;
-  if (!is_number || std::stoi(port) > 65535) return false;
-  std::string host = text.substr(4, colon - 4);
+  if (kind == "rfcomm") {
+    out->kind = Kind::kRfcomm;
+    if (!IsNumberUpTo(rest, kMaxRfcommChannel)) return false;
+    out->channel = std::stoi(rest);
+    return out->channel > 0;
+  }
+  if (kind != "tcp" || last <= first + 1) return false;
+  out->kind = Kind::kTcp;
+  out->port = text.substr(last + 1);
+  out->path_or_host = text.substr(first + 1, last - first - 1);
+  std::string& host = out->path_or_host;
   if (host.front() == '[' && host.back() == ']') {
     host = host.substr(1, host.size() - 2);
   }
-  *out = LinkAddress{Kind::kTcp, host, port};
-  return true;
+  return IsNumberUpTo(out->port, kMaxPort);
 }
 
 LinkListener::LinkListener(Reactor& reactor,
@@ -91,6 +112,8 @@ bool LinkListener::Open(const LinkAddress& address) {
       return OpenUnix(address.path_or_host);
     case LinkAddress::Kind::kTcp:
       return OpenTcp(address);
+    case LinkAddress::Kind::kRfcomm:
+      return OpenRfcomm(address.channel);
   }
   return false;
 }
@@ -138,6 +161,24 @@ bool LinkListener::OpenTcp(const LinkAddress& address) {
     return Fail(where, strerror(errno));
   }
   return Listen(DescribeTcp(GetFd()));
+}
+
+bool LinkListener::OpenRfcomm(int channel) {
+  const std::string where = "rfcomm:" + std::to_string(channel);
+  SetFd(socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_CLOEXEC, BTPROTO_RFCOMM));
+  if (GetFd() == -1) {
+    const bool missing = errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT;
+    return Fail(where, missing ? "this kernel has no Bluetooth sockets"
+                               : strerror(errno));
+  }
+  sockaddr_rc address = {};  // any adapter
+  address.rc_family = AF_BLUETOOTH;
+  address.rc_channel = static_cast<uint8_t>(channel);
+  if (bind(GetFd(), reinterpret_cast<const sockaddr*>(&address),
+           sizeof(address)) == -1) {
+    return Fail(where, strerror(errno));
+  }
+  return Listen(where);
 }
 
 bool LinkListener::Listen(const std::string& where) {

@@ -10,9 +10,10 @@
 
 namespace vantrel {
 
-// Where the device connects to: "unix:PATH" or "tcp:HOST:PORT".
+// Where the device connects to: "unix:PATH", "tcp:HOST:PORT" or
+// "rfcomm:CHANNEL" on any Bluetooth adapter of this machine.
 struct LinkAddress {
-  enum class Kind { kUnix, kTcp };
+  enum class Kind { kUnix, kTcp, kRfcomm };
 
   // False for any other text.
   [[nodiscard]] static bool Parse(const std::string& text, LinkAddress* out);
@@ -20,6 +21,7 @@ struct LinkAddress {
   Kind kind = Kind::kUnix;
   std::string path_or_host;
   std::string port;  // decimal; "0": the system chooses one
+  int channel = 0;   // RFCOMM, 1 to 30
 };
 
 // Waits for devices. Each connection is handed over to a function, which owns
@@ -40,6 +42,7 @@ class LinkListener : public Socket {
  private:
   bool OpenUnix(const std::string& path);
   bool OpenTcp(const LinkAddress& address);
+  bool OpenRfcomm(int channel);
   bool Listen(const std::string& where);
 
   Reactor& reactor_;

@@ -80,7 +80,7 @@ void Define(CLI::App* app, Options* options) {
       ->check(CLI::IsMember({1, 5, 20}))
       ->capture_default_str();
   auto* link = app->add_option_group("Link");
-  AddParsed(app, "--listen", "unix:PATH|tcp:HOST:PORT",
+  AddParsed(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
             "Wait for links there, one after the other", ParseListen, options);
   AddParsed(app, "--fd", "N", "Serve the connected socket N, then exit",
             ParseFd, options);

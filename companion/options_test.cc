@@ -76,7 +76,9 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                 "--listen tcp:host",
                                 "--listen tcp::80",
                                 "--listen tcp:host:65536",
-                                "--listen tcp:host:http"}) {
+                                "--listen tcp:host:http",
+                                "--listen rfcomm:0",
+                                "--listen rfcomm:31"}) {
     const Parsed parsed = Parse(arguments);
     EXPECT_EQ(parsed.exit_status, 2) << arguments;
     EXPECT_EQ(parsed.err.rfind("vantrel-companion: ", 0), 0u) << parsed.err;
