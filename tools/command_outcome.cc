@@ -1,0 +1,108 @@
+#include "tools/command_outcome.h"
+
+#include <stdlib.h>
+
+#include "control/status_records.h"
+
+namespace vantrel {
+namespace {
+
+constexpr char kDumpStart[] = "----------- VANTREL DUMP -----------";
+constexpr char kDumpEnd[] = "-------------------------------------";
+
+// What follows |prefix| in |message| when that begins with it.
+bool TakePrefix(const std::string& message, const std::string& prefix,
+                std::string* rest) {
+  if (message.compare(0, prefix.size(), prefix) != 0) return false;
+  *rest = message.substr(prefix.size());
+  return true;
+}
+
+}  // namespace
+
+CommandOutcome::State CommandOutcome::Take(const std::string& message) {
+  if (type_ != TYPE_STOP && message == "Vantrel finished.") {
+    return Finish(kFailed, "the daemon ended");
+  }
+  switch (type_) {
+    case TYPE_STOP:
+      return TakeStop(message);
+    case TYPE_DUMP:
+      return TakeDump(message);
+    case TYPE_PING:
+      return TakePing(message);
+    case TYPE_PULL:
+      return TakeTransfer(message, "pull", "Pull");
+    case TYPE_PUSH:
+      return TakeTransfer(message, "push", "Push");
+    default:
+      return TakeStats(message);
+  }
+}
+
+CommandOutcome::State CommandOutcome::TakeStop(const std::string& message) {
+  if (message == "[C] Received STOP message.") text_ = "stopping";
+  if (message != "Vantrel finished.") return kWaiting;
+  return Finish(kDone, "stopped");
+}
+
+CommandOutcome::State CommandOutcome::TakeDump(const std::string& message) {
+  if (message == kDumpEnd && is_in_dump_) return Finish(kDone, dump_);
+  if (is_in_dump_) dump_ += (dump_.empty() ? "" : "\n") + message;
+  if (message == kDumpStart) is_in_dump_ = true;
+  return kWaiting;
+}
+
+CommandOutcome::State CommandOutcome::TakePing(const std::string& message) {
+  std::string time;
+  if (!TakePrefix(message, "[B] PING TIME (ms): ", &time)) return kWaiting;
+  return Finish(kDone, "round trip: " + time + " ms");
+}
+
+CommandOutcome::State CommandOutcome::TakeTransfer(
+    const std::string& message, const std::string& verb,
+    const std::string& completed) {
+  std::string rest;
+  if (transfer_.empty()) {
+    if (TakePrefix(message, "[B] Starting " + verb + " request ", &rest)) {
+      transfer_ = rest.substr(0, rest.find(' '));
+      text_ = verb + " " + transfer_ + " is running";
+    }
+    return kWaiting;
+  }
+  if (!TakePrefix(message, "[B] " + completed + " " + transfer_ + " completed",
+                  &rest)) {
+    return kWaiting;
+  }
+  const size_t rate = rest.rfind(" of ");
+  if (rate == std::string::npos) return kWaiting;
+  return Finish(kDone, verb + " " + transfer_ + ": " + rest.substr(rate + 4));
+}
+
+CommandOutcome::State CommandOutcome::TakeStats(const std::string& message) {
+  std::string length;
+  if (!TakePrefix(message, "OnTransferStatsResult, transfer stats length ",
+                  &length)) {
+    return kWaiting;
+  }
+  if (strtoul(length.c_str(), nullptr, 10) > kMaxTransferStatsBytes) {
+    return Finish(
+        kFailed, "the report was too large (" + length + " bytes) and is lost");
+  }
+  return Finish(kDone,
+                "a report of " + length + " bytes is on the status channel");
+}
+
+CommandOutcome::State CommandOutcome::Finish(State state,
+                                             const std::string& text) {
+  text_ = text;
+  return state;
+}
+
+std::string GetLogMessage(const std::string& line) {
+  static const std::string kTag = " vantrel: ";
+  const size_t tag = line.find(kTag);
+  return tag == std::string::npos ? "" : line.substr(tag + kTag.size());
+}
+
+}  // namespace vantrel

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "control/control_packets.h"
+#include "tools/unique_fd.h"
+
+namespace vantrel {
+
+// The way to a daemon's control port on this machine.
+class ControlPort {
+ public:
+  ControlPort();  // throws std::system_error
+
+  // Throws std::system_error. The port never answers.
+  void Send(const std::string& packet);
+
+  // Whether the last packet came back because nothing listens. On the loopback
+  // this is known as soon as it was sent.
+  bool IsRefused() const;
+
+ private:
+  UniqueFd socket_;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+#include "tools/link_address.h"
+#include "tools/shaper.h"
+
+namespace vantrel {
+
+// What the command line of vantrel-launch asks for.
+struct launch_options_t {
+  link_address_t link;
+  std::string daemon;           // the program; empty: find it
+  std::string protocol = "20";  // the daemon's argument, handed on unchanged
+  std::string capture;          // pcapng file; empty: none
+  std::string metrics;          // Prometheus text file; empty: none
+  shape_t shape;
+  int stats_every_seconds = 0;  // 0: never
+  bool is_direct = false;       // no header, no relay
+  bool is_json = false;
+  bool is_restarting = false;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+
+#include "tools/launch_options.h"
+#include "tools/metrics.h"
+#include "tools/service_notifier.h"
+#include "tools/status_reader.h"
+
+namespace vantrel {
+
+// Tells everybody who listens what happens: records on standard output, talk
+// on standard error, totals in the metrics file, progress to the service
+// manager.
+class LaunchReporter {
+ public:
+  explicit LaunchReporter(const launch_options_t& options);
+
+  void Record(const status_record_t& record);
+  void DaemonEnded(int wait_status);
+  void Stopping() { notifier_.Stopping(); }
+  void Connecting();
+  void AddLinkBytes(uint64_t received, uint64_t sent) {
+    metrics_.AddLinkBytes(received, sent);
+  }
+  // One line for a person.
+  void Say(const std::string& message);
+
+ private:
+  void Print(const std::string& line);
+  void WriteMetrics(const PackageNames& names);
+
+  const launch_options_t& options_;  // not owned
+  Metrics metrics_;
+  ServiceNotifier notifier_;
+  bool has_metrics_file_;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,183 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tools/relay_direction.h"
+
+namespace vantrel {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(Shape, TakesEachPartAndRefusesTheRest) {
+  std::string reason;
+  const auto shape = ParseShape("rate=2.5Mbit,delay=30ms,chunk=990", &reason);
+  ASSERT_TRUE(shape) << reason;
+  EXPECT_EQ(2500000u, shape->bits_per_second);
+  EXPECT_EQ(milliseconds(30), shape->delay);
+  EXPECT_EQ(990u, shape->chunk_bytes);
+  EXPECT_EQ(64000u, ParseShape("rate=64kbit", &reason)->bits_per_second);
+  EXPECT_EQ(milliseconds(2000), ParseShape("delay=2s", &reason)->delay);
+  for (const char* text :
+       {"rate", "rate=", "rate=0Mbit", "rate=-1Mbit", "rate=2MBit", "rate=2",
+        "delay=30", "delay=61s", "chunk=0", "chunk=65536", "chunk=1k",
+        "speed=1", "rate=2Mbit,,", "rate=nan"}) {
+    EXPECT_FALSE(ParseShape(text, &reason)) << text;
+  }
+}
+
+TEST(Shaper, BytesAreDueWhenTheirChunkHasCrossedAndTheDelayLater) {
+  // 8 kbit/s is one byte a millisecond.
+  Shaper shaper({8000, milliseconds(30), 10});
+  const SteadyTime start{};
+  EXPECT_FALSE(shaper.GetNextTime());
+  shaper.Enter(25, start);
+  shaper.Enter(5, start + milliseconds(100));  // after an idle time
+  const struct {
+    int due_ms;
+    size_t bytes;
+  } chunks[] = {{40, 10}, {50, 10}, {55, 5}, {135, 5}};
+  for (const auto& c : chunks) {
+    EXPECT_EQ(start + milliseconds(c.due_ms), shaper.GetNextTime());
+    EXPECT_EQ(0u, shaper.GetDueBytes(start + milliseconds(c.due_ms - 1)));
+    EXPECT_EQ(c.bytes, shaper.GetDueBytes(start + milliseconds(c.due_ms)));
+    shaper.Leave(1);  // the socket took only one
+    EXPECT_EQ(c.bytes - 1, shaper.GetDueBytes(start + milliseconds(c.due_ms)));
+    shaper.Leave(c.bytes - 1);
+  }
+  EXPECT_FALSE(shaper.GetNextTime());
+}
+
+// A relay between two socket pairs; the test holds the outer ends.
+class RelayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MakePair(&source_, &from_);
+    MakePair(&sink_, &to_);
+  }
+
+  static void MakePair(UniqueFd* outer, UniqueFd* inner) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds));
+    outer->Reset(fds[0]);
+    inner->Reset(fds[1]);
+  }
+
+  // Writes until source, relay and sink are full; what went in.
+  std::string Fill(RelayDirection* relay) {
+    std::string sent;
+    const SteadyTime now = std::chrono::steady_clock::now();
+    for (int idle = 0; idle < 3; ++idle) {
+      const std::string piece(7919, static_cast<char>('a' + sent.size() % 26));
+      const ssize_t count = write(source_.Get(), piece.data(), piece.size());
+      if (count > 0) {
+        sent.append(piece, 0, static_cast<size_t>(count));
+        idle = 0;
+      }
+      Turn(relay, now);
+    }
+    return sent;
+  }
+
+  static void Turn(RelayDirection* relay, SteadyTime now) {
+    if (relay->GetFdToRead() >= 0) relay->Read(now);
+    if (relay->GetFdToWrite(now) >= 0) relay->Write(now);
+  }
+
+  // Reads all there is while the relay works; to the end of the stream or
+  // until nothing comes any more.
+  std::string Drain(RelayDirection* relay) {
+    std::string got;
+    const SteadyTime now = std::chrono::steady_clock::now();
+    char piece[5003];
+    for (int idle = 0; idle < 3; ++idle) {
+      const ssize_t count = read(sink_.Get(), piece, sizeof(piece));
+      if (count > 0) {
+        got.append(piece, static_cast<size_t>(count));
+        idle = 0;
+      }
+      if (count == 0) is_sink_ended_ = true;
+      Turn(relay, now);
+    }
+    return got;
+  }
+
+  UniqueFd source_, from_, to_, sink_;
+  bool is_sink_ended_ = false;
+};
+
+TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
+  std::string seen;
+  const auto tap = [&seen](const std::string& bytes) { seen += bytes; };
+  const struct {
+    const char* name;
+    RelayDirection::options_t options;
+  } cases[] = {
+      {"moved", {}},
+      {"copied, seen on reading", {{}, tap, nullptr}},
+      {"copied, seen on writing", {{}, nullptr, tap}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SetUp();
+    seen.clear();
+    is_sink_ended_ = false;
+    RelayDirection relay(from_.Get(), to_.Get(), c.options);
+    const std::string sent = Fill(&relay);
+    EXPECT_EQ(-1, relay.GetFdToRead());
+    shutdown(source_.Get(), SHUT_WR);
+    EXPECT_EQ(sent, Drain(&relay));
+    EXPECT_TRUE(is_sink_ended_);
+    EXPECT_EQ(RelayDirection::kEnded, relay.GetState());
+    EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
+    const bool is_seen = c.options.on_read || c.options.on_written;
+    EXPECT_EQ(is_seen ? sent : "", seen);
+  }
+}
+
+TEST_F(RelayTest, GoesOnByCopyingWhereADestinationCannotBeSpliced) {
+  // A file in append mode takes writes but no splices.
+  char path[] = "/tmp/relay_test.XXXXXX";
+  const UniqueFd made(mkstemp(path));
+  to_.Reset(open(path, O_WRONLY | O_APPEND));
+  RelayDirection relay(from_.Get(), to_.Get(), {});
+  ASSERT_EQ(5, write(source_.Get(), "hello", 5));
+  const SteadyTime now{};
+  relay.Read(now);
+  relay.Write(now);
+  ASSERT_EQ(6, write(source_.Get(), " again", 6));
+  relay.Read(now);
+  relay.Write(now);
+  char got[20];
+  EXPECT_EQ("hello again",
+            std::string(
+                got, static_cast<size_t>(read(made.Get(), got, sizeof(got)))));
+  unlink(path);
+}
+
+TEST_F(RelayTest, TellsAVanishedDestinationFromAVanishedSource) {
+  signal(SIGPIPE, SIG_IGN);
+  RelayDirection relay(from_.Get(), to_.Get(), {});
+  ASSERT_EQ(1, write(source_.Get(), "x", 1));
+  sink_.Reset();
+  Turn(&relay, {});
+  EXPECT_EQ(RelayDirection::kBroken, relay.GetState());
+  EXPECT_EQ(EPIPE, relay.GetWriteError());
+
+  SetUp();
+  RelayDirection other(from_.Get(), to_.Get(), {});
+  ASSERT_EQ(1, write(from_.Get(), "never read", 1));
+  source_.Reset();
+  Turn(&other, {});
+  EXPECT_EQ(RelayDirection::kEnded, other.GetState());
+  EXPECT_EQ(ECONNRESET, other.GetReadError());
+}
+
+}  // namespace
+}  // namespace vantrel

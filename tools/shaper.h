@@ -1,0 +1,60 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+
+namespace vantrel {
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+// How slow a link is made, in each direction by itself.
+struct shape_t {
+  uint64_t bits_per_second = 0;        // 0: as fast as it goes
+  std::chrono::microseconds delay{0};  // each way
+  size_t chunk_bytes = 0;              // largest single write, 0: any
+
+  bool IsNeeded() const {
+    return bits_per_second > 0 || delay.count() > 0 || chunk_bytes > 0;
+  }
+};
+
+// "rate=2Mbit,delay=30ms,chunk=990", each part at most once and none needed:
+// rate in bit, kbit, Mbit or Gbit per second, delay in us, ms or s, chunk in
+// bytes up to 65535. None when |text| is something else; |reason| says what.
+std::optional<shape_t> ParseShape(const std::string& text, std::string* reason);
+
+// Decides when bytes may leave one direction of a slow link. Holds no bytes
+// itself, only when each run of them is due. Bytes cross the link one after
+// the other in chunks; a chunk is due when all of it has crossed, and the
+// delay later.
+class Shaper {
+ public:
+  explicit Shaper(const shape_t& shape) : shape_(shape) {}
+
+  // |bytes| entered the link.
+  void Enter(size_t bytes, SteadyTime now);
+  // How many bytes may be written in one piece now.
+  size_t GetDueBytes(SteadyTime now) const;
+  // |bytes|, not more than were due, were written.
+  void Leave(size_t bytes);
+  // When the next bytes are due; none while the link is empty.
+  std::optional<SteadyTime> GetNextTime() const;
+
+ private:
+  struct run_t {
+    size_t bytes;
+    SteadyTime due;
+  };
+  SteadyTime::duration GetTransmissionTime(size_t bytes) const;
+
+  const shape_t shape_;
+  SteadyTime busy_until_{};  // when the bytes that entered last have crossed
+  std::deque<run_t> runs_;   // oldest first, none empty
+};
+
+}  // namespace vantrel
