@@ -11,6 +11,9 @@ namespace {
 // A name has at most 127 labels, so no sound packet follows more pointers;
 // beyond that a name ends, and a loop of pointers with it.
 constexpr int kMaxPointers = 127;
+// Far above the 255 bytes of a sound name. Without it thousands of pointers to
+// one endless name would make a single datagram cost gigabytes of log.
+constexpr size_t kMaxNameBytes = 1024;
 
 constexpr unsigned int kQuestionTail = 4;  // type, class
 constexpr unsigned int kAnswerTail = 10;   // type, class, TTL, data length
@@ -22,14 +25,19 @@ uint8_t ByteAt(const std::string& packet, unsigned int offset) {
 }
 
 // Every byte below |kPointerBits| counts as a label length, on purpose also
-// the reserved values 0x40 to 0xBF.
+// the reserved values 0x40 to 0xBF. Labels behind the first |room| bytes are
+// only skipped.
 std::string ExtractNameFollowing(const std::string& packet,
-                                 unsigned int& offset, int pointers_left) {
+                                 unsigned int& offset, int pointers_left,
+                                 size_t room) {
   std::string name;
   uint8_t length = ByteAt(packet, offset);
   while (length != 0 && length < kPointerBits) {
-    if (!name.empty()) name += ".";
-    name += packet.substr(std::min<size_t>(offset + 1, packet.size()), length);
+    if (name.size() < room) {
+      if (!name.empty()) name += ".";
+      name +=
+          packet.substr(std::min<size_t>(offset + 1, packet.size()), length);
+    }
     offset += 1 + length;
     length = ByteAt(packet, offset);
   }
@@ -37,11 +45,14 @@ std::string ExtractNameFollowing(const std::string& packet,
     ++offset;
     return name;
   }
+  const bool is_whole_pointer = offset + 1 < packet.size();
   unsigned int target = (length & 0x3Fu) << 8 | ByteAt(packet, offset + 1);
   offset += 2;
+  if (!is_whole_pointer) return name;
   if (!name.empty()) name += ".";
-  if (pointers_left > 0) {
-    name += ExtractNameFollowing(packet, target, pointers_left - 1);
+  if (pointers_left > 0 && name.size() < room) {
+    name += ExtractNameFollowing(packet, target, pointers_left - 1,
+                                 room - name.size());
   }
   return name;
 }
@@ -135,7 +146,7 @@ void LogResult(const dns_header_t& header, const std::string& packet) {
 }  // namespace
 
 std::string ExtractName(const std::string& packet, unsigned int& offset) {
-  return ExtractNameFollowing(packet, offset, kMaxPointers);
+  return ExtractNameFollowing(packet, offset, kMaxPointers, kMaxNameBytes);
 }
 
 void Dns::LogRequest(const HostAndPort& destination,

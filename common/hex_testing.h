@@ -1,7 +1,9 @@
-// For unit tests: wire bytes spelled out.
+// For unit tests: wire bytes and endpoints spelled out.
 #pragma once
 
 #include <string>
+
+#include "common/host_and_port.h"
 
 namespace vantrel {
 
@@ -16,6 +18,11 @@ inline std::string Bytes(const std::string& hex) {
     bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
   }
   return bytes;
+}
+
+// |address_hex| has 4 or 16 bytes, or none.
+inline HostAndPort Endpoint(const std::string& address_hex, uint16_t port) {
+  return HostAndPort(IpAddress::FromNetworkBytes(Bytes(address_hex)), port);
 }
 
 }  // namespace vantrel

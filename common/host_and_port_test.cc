@@ -13,10 +13,6 @@ namespace {
 
 using ::testing::ElementsAre;
 
-HostAndPort Endpoint(const char* address_hex, uint16_t port) {
-  return HostAndPort(IpAddress::FromNetworkBytes(Bytes(address_hex)), port);
-}
-
 TEST(HostAndPortTest, BytesTextAndHash) {
   const struct {
     const char* bytes;

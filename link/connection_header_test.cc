@@ -57,14 +57,6 @@ TEST_F(ConnectionHeaderTest, ComesInPiecesAndIsLoggedStepByStep) {
                   "I: [B] Expected max_tx_size 990 max_rx_size 1007"));
 }
 
-TEST_F(ConnectionHeaderTest, LeavesWhatFollowsInTheSocket) {
-  Connect(SOCK_STREAM);
-  Send(bytes_ + "VN");
-  ASSERT_TRUE(ReceiveConnectionHeader(*socket_, &header_));
-  char next[8];
-  EXPECT_EQ(2, socket_->Read(next, sizeof(next)));
-}
-
 TEST_F(ConnectionHeaderTest, WhatEndsTheConnection) {
   const struct {
     std::string bytes;  // then the peer closes

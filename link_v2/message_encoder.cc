@@ -81,6 +81,7 @@ bool MessageEncoder::WriteHeader(std::ostream* out,
     LOGE("[ME] Message payload is too large %u", payload_size);
     return false;
   }
+  header_.clear_payload_crc32c();
   if (payload_size > 0) {
     header_.set_payload_crc32c(ComputeCrc32c(payload.data(), payload_size));
   }

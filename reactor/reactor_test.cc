@@ -1,14 +1,12 @@
 #include "reactor/reactor.h"
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
 
 namespace vantrel {
@@ -174,25 +172,6 @@ TEST_F(ReactorTest, StopLetsTheCycleFinish) {
   reactor_.Start();
   EXPECT_THAT(script_.calls,
               ElementsAre("A write", "A read", "B write", "B read"));
-}
-
-// With a low limit of open files the kernel refuses first the signal
-// descriptor, then a poll set with more entries than the limit.
-TEST_F(ReactorTest, StartReportsWhatTheSystemRefuses) {
-  LogCapture log;
-  rlimit limit;
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-  std::vector<Socket> many(100);
-  for (Socket& socket : many) reactor_.Register(socket, Reactor::kRead);
-  for (const rlim_t few : {rlim_t{0}, rlim_t{64}}) {
-    const rlimit low = {few, limit.rlim_max};
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
-    reactor_.Start();
-  }
-  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-  EXPECT_THAT(log.Take(),
-              ElementsAre("E: Error creating signal fd: Too many open files",
-                          "E: Error polling for sockets: Invalid argument"));
 }
 
 }  // namespace

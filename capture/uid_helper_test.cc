@@ -1,0 +1,199 @@
+#include "capture/uid_helper.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/hex_testing.h"
+#include "platform/linux/log_capture.h"
+
+namespace {
+// The files of /proc/net while a test sets any; others do not exist then.
+std::map<std::string, std::string> tables;
+int opened_tables = 0;
+time_t clock_lead_seconds = 0;
+}  // namespace
+
+// In place of the C library's: tests supply the kernel's tables and the time.
+extern "C" FILE* fopen(const char* path, const char* mode) {
+  if (tables.empty() || std::string(path).rfind("/proc/net/", 0) != 0) {
+    static const auto real =
+        reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
+    return real(path, mode);
+  }
+  ++opened_tables;
+  const auto table = tables.find(path + sizeof("/proc/net/") - 1);
+  if (table == tables.end()) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  return fmemopen(table->second.data(), table->second.size(), "r");
+}
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  now->tv_sec += clock_lead_seconds;
+  return result;
+}
+
+namespace vantrel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr unsigned int kNobody = 4294967295;
+
+// One row in the kernel's own columns; the addresses as it prints them.
+std::string Row(const std::string& local, const std::string& remote,
+                unsigned int uid, unsigned long inode = 99) {
+  return "   0: " + local + " " + remote +
+         " 01 00000000:00000000 00:00000000 00000000 " + std::to_string(uid) +
+         "        0 " + std::to_string(inode) +
+         " 1 0000000000000000 20 4 30 10 -1\n";
+}
+
+class UidHelperTest : public ::testing::Test {
+ protected:
+  ~UidHelperTest() override {
+    tables.clear();
+    clock_lead_seconds = 0;
+  }
+  static std::string Table(const std::string& rows) {
+    return "  sl  local_address rem_address   st ... uid timeout inode\n" +
+           rows;
+  }
+
+  LogCapture log_;
+};
+
+TEST_F(UidHelperTest, FindsTheApplicationsEndOfAnAcceptedConnection) {
+  struct stat status;
+  ASSERT_EQ(0, fstat(STDIN_FILENO, &status));
+  const std::string to = "076433C6:0050";
+  const std::string application = Row("EFA7A8C0:9C40", to, 10001);
+  const std::string own =
+      Row("0100007F:1F90", "EFA7A8C0:9C40", 0, status.st_ino);
+  const std::string other = Row("EFA7A8C0:9C41", to, 10002) +
+                            Row("0100007F:1F90", "EFA7A8C0:9C41", 0, 5);
+  const std::string mapped = "0000000000000000FFFF0000EFA7A8C0:9C40";
+  const std::string remote6 = "0000000000000000FFFF0000076433C6:0050";
+  const struct {
+    const char* name;
+    std::string tcp, tcp6;
+    unsigned int uid;
+  } cases[] = {
+      {"before its own row", other + application + own, "", 10001},
+      {"after its own row",
+       other + own + Row("0100007F:9C40", to, 4) + application, "", 10001},
+      {"the first of a port", application + Row("EFA7A8C0:9C40", to, 3) + own,
+       "", 10001},
+      {"an IPv6 socket", other + own,
+       Row("0000000000000000FFFF00000100007F:9C40", remote6, 4) +
+           Row(mapped, remote6, 10001),
+       10001},
+      {"at another address", Row("0100007F:9C40", to, 4) + own, "", kNobody},
+      {"nowhere", other + own, Row(mapped.substr(0, 35) + "1", remote6, 4),
+       kNobody},
+      {"without its own row the last one counts",
+       application + Row("0100007F:1F90", "EFA7A8C0:9C40", 0, 5), "", 10001},
+      {"an empty table", "", "", kNobody},
+      {"a broken row ends the table", application + "   1: nonsense\n" + own,
+       "", kNobody},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    tables = {{"tcp", Table(c.tcp)}, {"tcp6", Table(c.tcp6)}};
+    EXPECT_EQ(c.uid, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+  }
+  EXPECT_THAT(log_.Take(), IsEmpty());
+}
+
+TEST_F(UidHelperTest, SaysWhatItCannotRead) {
+  const HostAndPort none;
+  tables = {{"none", ""}};
+  EXPECT_EQ(kNobody, UidHelper::FindOwnerUidForTcpSocket(-1));
+  EXPECT_EQ(kNobody, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+  EXPECT_EQ(kNobody, UidHelper::FindOwnerUidForDatagramIpV4(none, none));
+  EXPECT_EQ(kNobody, UidHelper::FindOwnerUidForDatagramIpV6(none, none));
+  const std::string missing = ": No such file or directory";
+  EXPECT_THAT(log_.Take(),
+              ElementsAre("E: Error stat'ing socket: Bad file descriptor",
+                          "E: Error opening /proc/net/tcp" + missing,
+                          "E: Error opening /proc/net/udp" + missing,
+                          "E: Error opening /proc/net/udp6" + missing));
+}
+
+TEST_F(UidHelperTest, FindsTheOneOwnerOfADatagramFlow) {
+  const std::string local = "EFA7A8C0:9C40", remote = "076433C6:0035";
+  const struct {
+    const char* name;
+    std::string rows;
+    unsigned int uid;
+  } cases[] = {
+      {"connected", Row("EFA7A8C0:9C41", remote, 2) + Row(local, remote, 10001),
+       10001},
+      {"not connected", Row(local, "00000000:0000", 10001), kNobody},
+      {"other remote", Row(local, "086433C6:0035", 10001), kNobody},
+      {"twice the same", Row(local, remote, 10001) + Row(local, remote, 10001),
+       10001},
+      {"ambiguous",
+       Row(local, remote, 10001) + Row(local, remote, 2) +
+           Row(local, remote, 10001),
+       kNobody},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    tables = {{"udp", Table(c.rows)}};
+    EXPECT_EQ(c.uid,
+              UidHelper::FindOwnerUidForDatagramIpV4(
+                  Endpoint("C0A8A7EF", 40000), Endpoint("C6336407", 53)));
+  }
+  // The IPv6 scan takes the text itself, half of it, for the address.
+  const std::string address = "20010DB8000000000000000000000001";
+  tables = {{"udp6", Table(Row(address + ":9C40", address + ":0035", 10001))}};
+  const HostAndPort real = Endpoint(address.c_str(), 40000);
+  EXPECT_EQ(kNobody, UidHelper::FindOwnerUidForDatagramIpV6(
+                         real, Endpoint(address.c_str(), 53)));
+  const IpAddress text = IpAddress::FromIPv6NetworkBytes("20010DB800000000");
+  EXPECT_EQ(10001u, UidHelper::FindOwnerUidForDatagramIpV6(
+                        HostAndPort(text, 40000), HostAndPort(text, 53)));
+}
+
+TEST_F(UidHelperTest, RemembersAFlowForNineSecondsAndTwentyFlows) {
+  const HostAndPort local = Endpoint("C0A8A7EF", 40000);
+  const auto find = [&](uint16_t port) {
+    return UidHelper::FindOwnerUidForDatagram(local,
+                                              Endpoint("C6336407", port));
+  };
+  tables = {{"udp", Table(Row("EFA7A8C0:9C40", "076433C6:0035", 10001))}};
+  opened_tables = 0;
+  EXPECT_EQ(10001u, find(53));
+  EXPECT_EQ(kNobody, find(54));
+  tables["udp"] = Table(Row("EFA7A8C0:9C40", "076433C6:0035", 10002));
+  clock_lead_seconds = 8;
+  EXPECT_EQ(10001u, find(53));
+  EXPECT_EQ(kNobody, find(54));
+  EXPECT_EQ(2, opened_tables) << "that there is none is remembered, too";
+  clock_lead_seconds = 10;
+  EXPECT_EQ(10002u, find(53));
+  EXPECT_EQ(3, opened_tables);
+  for (uint16_t port = 100; port < 119; ++port) find(port);
+  opened_tables = 0;
+  find(53);
+  EXPECT_EQ(0, opened_tables);
+  find(119);
+  find(53);
+  EXPECT_EQ(2, opened_tables);
+}
+
+}  // namespace
+}  // namespace vantrel
