@@ -50,7 +50,7 @@ ScopedFile OpenTable(const char* path) {
     return nullptr;
   }
   // Only a heading is expected here; a table without rows ends the scans.
-  static_cast<void>(fscanf(table.get(), "%*[^\n]\n"));
+  static_cast<void>(!fscanf(table.get(), "%*[^\n]\n"));
   return table;
 }
 

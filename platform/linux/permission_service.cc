@@ -2,9 +2,7 @@
 #include <binder/IServiceManager.h>
 #include <utils/String16.h>
 
-#include <codecvt>
 #include <fstream>
-#include <locale>
 #include <sstream>
 #include <string>
 
@@ -36,26 +34,18 @@ class ServiceManager : public IServiceManager {
     const bool known = std::u16string(name, name.size()) == u"permission" &&
                        std::ifstream(kPackageList).good();
     if (!known) return {};
-    return {std::make_shared<PackageListService>()};
+    return new PackageListService;
   }
 };
 
 }  // namespace
 
-String16::String16(const char* utf8) {
-  std::wstring_convert<std::codecvt_utf8_utf16<char16_t>, char16_t> converter(
-      "", u"\uFFFD");
-  units_ = converter.from_bytes(utf8);
-}
-
-sp<IServiceManager> defaultServiceManager() {
-  return {std::make_shared<ServiceManager>()};
-}
+sp<IServiceManager> defaultServiceManager() { return new ServiceManager; }
 
 // The one kind of service there is, so what |service| holds needs no check.
 sp<IPermissionController> IPermissionController::asInterface(
     const sp<IBinder>& service) {
-  return {std::static_pointer_cast<PackageListService>(service.shared())};
+  return static_cast<PackageListService*>(service.get());
 }
 
 }  // namespace android

@@ -8,9 +8,8 @@
 
 namespace android {
 
-class IPermissionController {
+class IPermissionController : public virtual RefBase {
  public:
-  virtual ~IPermissionController() = default;
   // The permission service behind |service|; null for a null reference.
   static sp<IPermissionController> asInterface(const sp<IBinder>& service);
   // Adds the packages that share |uid| to |packages|, in the order of

@@ -3,36 +3,15 @@
 // the file it answers from can be read.
 #pragma once
 
+#include <utils/RefBase.h>
 #include <utils/String16.h>
-
-#include <memory>
-#include <utility>
 
 namespace android {
 
-// A shared reference, as the device's strong pointer.
-template <typename T>
-class sp {
- public:
-  sp() = default;
-  sp(std::shared_ptr<T> object) : object_(std::move(object)) {}
-  T* get() const { return object_.get(); }
-  T* operator->() const { return object_.get(); }
-  T& operator*() const { return *object_; }
-  const std::shared_ptr<T>& shared() const { return object_; }
+class IBinder : public virtual RefBase {};
 
- private:
-  std::shared_ptr<T> object_;
-};
-
-class IBinder {
+class IServiceManager : public virtual RefBase {
  public:
-  virtual ~IBinder() = default;
-};
-
-class IServiceManager {
- public:
-  virtual ~IServiceManager() = default;
   // The service of that name; a null reference when there is none.
   virtual sp<IBinder> getService(const String16& name) const = 0;
 };
