@@ -1,0 +1,41 @@
+#!/bin/bash
+# scripts/demo.sh [--protocol 1|5|20] [--bin DIR]: shows the tunnel at work.
+#
+# Builds, makes a small internet (a web server, a name server) and a device that
+# reaches it over the link only, and lets real programs use it. One line a step,
+# with figures; exit status 0 only if every step held. Needs root, for the
+# device's applications have different UIDs. Everything is removed at the end.
+set -euo pipefail
+scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+protocol=20 bin=''
+while [ $# -gt 0 ]; do
+  case $1 in
+    --protocol | --bin)
+      [ $# -ge 2 ] || { echo "demo: $1 needs a value" >&2; exit 2; }
+      declare "${1#--}=$2"
+      shift 2 ;;
+    *)
+      echo "usage: demo.sh [--protocol 1|5|20] [--bin DIR]" >&2
+      exit 2 ;;
+  esac
+done
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "demo: run this as root: the applications get UIDs of their own" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+if [ -z "$bin" ]; then
+  bin=$scripts/../build/release/bin
+  "$scripts/build.sh" release
+fi
+bin=$(realpath "$bin")
+
+work=$(mktemp -d /tmp/vantrel-demo.XXXXXX)
+trap '"${as_root[@]}" rm -rf "$work"' EXIT
+"${as_root[@]}" unshare --net --mount --pid --fork --kill-child --mount-proc \
+  "$scripts/lib/demo_steps.sh" "$work" "$bin" "$protocol"

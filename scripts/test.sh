@@ -1,0 +1,7 @@
+#!/bin/bash
+# scripts/test.sh [preset]: builds, then runs every test, unit and end-to-end.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset=${1:-release}
+scripts/build.sh "$preset"
+exec ctest --preset "$preset" -j "$(nproc)"

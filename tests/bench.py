@@ -1,0 +1,242 @@
+"""The bench: devices in namespaces, and the programs on and beside them."""
+
+import contextlib
+import ctypes
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import time
+
+import wire
+
+SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
+BIN_DIR = pathlib.Path(
+    os.environ.get("VANTREL_BIN_DIR", SOURCE_DIR / "build/release/bin")).resolve()
+DEVICE_ADDRESS = "192.168.167.239"
+BROWSER_UID, MAIL_UID = 10123, 10124
+PACKAGES = {
+    0: "com.example.settings",
+    BROWSER_UID: "com.example.browser",
+    MAIL_UID: "com.example.mail",
+}
+NAT_RULES = [
+    "-N oem_PROXY_TCP",
+    "-A OUTPUT -o lo -p tcp -j oem_PROXY_TCP",
+    "-A oem_PROXY_TCP -d 127.0.0.0/8 -o lo -j RETURN",
+    "-A oem_PROXY_TCP -d 192.168.167.239/32 -o lo -j RETURN",
+    "-A oem_PROXY_TCP -o lo -p tcp -j REDIRECT --to-ports {tcp}",
+]
+MANGLE_RULES = [
+    "-N oem_PROXY_UDP",
+    "-A PREROUTING -i lo -p udp -j oem_PROXY_UDP",
+    "-A oem_PROXY_UDP -d 127.0.0.0/8 -i lo -j RETURN",
+    "-A oem_PROXY_UDP -d 192.168.167.239/32 -i lo -j RETURN",
+    "-A oem_PROXY_UDP -i lo -p udp -j TPROXY --on-port {udp} --on-ip 0.0.0.0"
+    " --tproxy-mark 0x1/0x1",
+]
+_libc = ctypes.CDLL(None, use_errno=True)
+_CLONE_NEWNET = 0x40000000
+
+
+def wait_until(state, what, seconds=10):
+    """The first true result of |state|; fails when |seconds| have passed."""
+    end = time.monotonic() + seconds
+    while True:
+        result = state()
+        if result:
+            return result
+        assert time.monotonic() < end, f"waited {seconds} s for {what}"
+        time.sleep(0.01)
+
+
+def program_environment(directory, find_leaks=True):
+    """Sanitizer reports go to files: the daemon's standard error is closed."""
+    common = f"log_path={directory}/sanitizer"
+    return {
+        **os.environ,
+        "ASAN_OPTIONS": f"{common}:detect_leaks={int(find_leaks)}",
+        "UBSAN_OPTIONS": common + ":print_stacktrace=1",
+        "LSAN_OPTIONS": f"suppressions={SOURCE_DIR}/tests/lsan.supp:print_suppressions=0",
+    }
+
+
+def sanitizer_reports(directory):
+    return "\n".join(path.read_text() for path in directory.rglob("sanitizer.*"))
+
+
+def end_process(process, signum=signal.SIGTERM):
+    if process.poll() is None:
+        process.send_signal(signum)
+    try:
+        return process.wait(10)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+        raise
+
+
+class Device:
+    """A network and a mount namespace, held open by one idle process."""
+
+    def __init__(self, directory, debuggable=False):
+        self.dir = directory
+        directory.mkdir(parents=True, exist_ok=True)
+        (directory / "build.prop").write_text(
+            f"# bench\nro.debuggable={str(debuggable).lower()}\n")
+        (directory / "packages.list").write_text("".join(
+            f"{name} {uid} 0 /data/data/{name} default none\n"
+            for uid, name in PACKAGES.items()))
+        (directory / "resolv.conf").write_text("nameserver 198.51.100.53\n")
+        self._holder = subprocess.Popen(
+            ["unshare", "--net", "--mount", SOURCE_DIR / "scripts/lib/device.sh",
+             directory, "sh", "-c", "echo ready; exec sleep infinity"],
+            stdout=subprocess.PIPE)
+        assert self._holder.stdout.readline() == b"ready\n"
+
+    def close(self):
+        end_process(self._holder, signal.SIGKILL)
+        self._holder.stdout.close()
+
+    def command(self, args, uid=0):
+        """The command line that runs |args| on the device."""
+        become = [] if uid == 0 else [
+            "setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups"]
+        return ["nsenter", f"--target={self._holder.pid}", "--net", "--mount",
+                "--root", "--wd", *become, *map(str, args)]
+
+    def run(self, *args, uid=0, check=True, **kwargs):
+        return subprocess.run(self.command(args, uid), check=check, text=True,
+                              capture_output=True, timeout=60, **kwargs)
+
+    @contextlib.contextmanager
+    def network(self):
+        """What is opened inside stays in the device's network for good."""
+        with open("/proc/self/ns/net", "rb") as home, \
+                open(f"/proc/{self._holder.pid}/ns/net", "rb") as there:
+            assert _libc.setns(there.fileno(), _CLONE_NEWNET) == 0
+            try:
+                yield
+            finally:
+                assert _libc.setns(home.fileno(), _CLONE_NEWNET) == 0
+
+    def socket(self, kind, bind=None):
+        with self.network():
+            app = socket.socket(socket.AF_INET, kind)
+        app.settimeout(10)
+        if bind:
+            app.bind(bind)
+        return app
+
+    def connect(self, address, port):
+        app = self.socket(socket.SOCK_STREAM)
+        app.connect((address, port))
+        return app
+
+    def rules(self, table):
+        """The lines of a table that are not the built-in chains' policies."""
+        lines = self.run("iptables-legacy", "-w", "-t", table, "-S").stdout
+        return [line for line in lines.splitlines() if not line.startswith("-P ")]
+
+
+class Daemon:
+    """One run of the daemon on a device, with a scripted companion on its link
+    unless |link| brings another descriptor."""
+
+    def __init__(self, device, args=("20",), header=wire.CONNECTION_HEADER,
+                 link=None, max_descriptors=None, link_buffer=None):
+        self.device = device
+        self.log_file = device.dir / "daemon.log"
+        self.log_file.unlink(missing_ok=True)
+        self.companion = None
+        daemon_end = link
+        if link is None:
+            ours, daemon_end = socket.socketpair()
+            self.companion = wire.ScriptedCompanion(ours)
+            ours.sendall(header)
+            if link_buffer:
+                daemon_end.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, link_buffer)
+        self._status_fd, status_write = os.pipe()
+        os.set_blocking(self._status_fd, False)
+        self._status = b""
+
+        limits = ["prlimit", f"--nofile={max_descriptors}"] if max_descriptors else []
+        self.process = subprocess.Popen(
+            device.command([*limits, BIN_DIR / "vantrel", *args]), stdin=daemon_end,
+            stdout=status_write, stderr=subprocess.DEVNULL,
+            # The search for leaks at the end needs descriptors, too.
+            env={**program_environment(device.dir, find_leaks=not max_descriptors),
+                 "VANTREL_LOG_FILE": str(self.log_file)})
+        os.close(status_write)
+        if link is None:
+            daemon_end.close()
+
+    def close(self):
+        """Ends the daemon as its launcher would, which must always succeed."""
+        if self.process.poll() is None:
+            status = end_process(self.process)
+            assert status == 0, sanitizer_reports(self.device.dir)
+        if self.companion:
+            self.companion.sock.close()
+        os.close(self._status_fd)
+
+    def wait(self):
+        return self.process.wait(20)
+
+    def status(self):
+        """All bytes so far on the status channel."""
+        with contextlib.suppress(BlockingIOError):
+            while piece := os.read(self._status_fd, 4096):
+                self._status += piece
+        return self._status
+
+    def timed_log(self):
+        """(seconds of the day, "P message") for every line of the log."""
+        if not self.log_file.exists():
+            return []
+        form = re.compile(
+            r"\d\d-\d\d (\d\d):(\d\d):(\d\d\.\d{3}) +\d+ +\d+ ([VDIWEF]) vantrel: ?(.*)")
+        lines = []
+        # The last piece is empty, or a line that is just being written.
+        for line in self.log_file.read_text().split("\n")[:-1]:
+            hours, minutes, seconds, priority, text = form.fullmatch(line).groups()
+            lines.append((int(hours) * 3600 + int(minutes) * 60 + float(seconds),
+                          f"{priority} {text}"))
+        return lines
+
+    def log(self):
+        return [text for _, text in self.timed_log()]
+
+    def wait_for_log(self, text):
+        wait_until(lambda: text in self.log(), f"the log line {text!r}")
+
+    def ports(self):
+        """(control, tcp, udp), from the line that ends the start."""
+        form = r"D Vantrel started on ports C:(\d+), T:(\d+), U:(\d+)\."
+        found = wait_until(
+            lambda: re.search(form, "\n".join(self.log())), "the start")
+        return tuple(map(int, found.groups()))
+
+
+class Companion:
+    """The real companion, beside the internet's servers, and its link."""
+
+    def __init__(self, directory, *options, protocol="20"):
+        self.log_file = directory / "companion.log"
+        ours, self.link = socket.socketpair()
+        with open(self.log_file, "wb") as log:
+            self.process = subprocess.Popen(
+                [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--header",
+                 "--fd", str(ours.fileno()), *options],
+                pass_fds=[ours.fileno()], stdin=subprocess.DEVNULL, stdout=log,
+                stderr=log, env=program_environment(directory))
+        ours.close()
+
+    def log(self):
+        return self.log_file.read_text()
+
+    def close(self):
+        self.link.close()
+        end_process(self.process)

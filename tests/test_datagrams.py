@@ -1,0 +1,84 @@
+"""UDP over the link with a scripted companion."""
+
+import socket
+
+import wire
+from bench import DEVICE_ADDRESS
+
+# From 192.168.167.239:5000 to 198.51.100.53:53, written out by hand.
+SEND = ("08 0A  {checksum}  8A 0D 15"
+        "  0A 09 0A 04 C0 A8 A7 EF 10 88 27  12 08 0A 04 C6 33 64 35 10 35")
+# A query for the address of a.test, with id 1234 and recursion desired.
+QUERY = bytes.fromhex("1234 0100 0001 0000 0000 0000"
+                      "01 61 04 74657374 00 0001 0001".replace(" ", ""))
+
+
+def udp_app(device, port):
+    return device.socket(socket.SOCK_DGRAM, bind=("", port))
+
+
+def addresses(app_port, remote, remote_port):
+    return ((1, wire.endpoint(DEVICE_ADDRESS, app_port)),
+            (2, wire.endpoint(remote, remote_port)))
+
+
+def test_the_bytes_of_a_datagram_and_its_answer(device, connected):
+    companion = connected.companion
+    app = udp_app(device, 5000)
+    app.sendto(b"123456789", ("198.51.100.53", 53))
+    sent = wire.frame(bytes.fromhex(SEND.format(checksum="10 83 A5 9A 98 0E")),
+                      b"123456789")
+    assert companion.receive().raw == sent
+    companion.sock.sendall(sent)  # an answer has both endpoints as they were
+    assert app.recvfrom(100) == (b"123456789", ("198.51.100.53", 53))
+
+    # A connected socket takes answers from its own remote only.
+    app.connect(("198.51.100.54", 4000))
+    app.send(bytes(16384))
+    largest = companion.expect(wire.UDP_SEND)
+    assert largest.payload == bytes(16384)
+    app.send(b"")
+    assert companion.expect(wire.UDP_SEND).payload == b""
+    companion.send(wire.UDP_SEND, *addresses(5000, "198.51.100.53", 53), payload=b"no")
+    companion.send(wire.UDP_SEND, *addresses(5000, "198.51.100.54", 4000), payload=b"yes")
+    assert app.recv(100) == b"yes"
+
+
+def test_failures(device, connected):
+    companion = connected.companion
+    app = udp_app(device, 5000)
+    for remote_port, request, answer in [
+            (53, QUERY, bytes.fromhex("12348105") + QUERY[4:]),
+            (53, QUERY[:12], bytes.fromhex("12348105") + QUERY[4:12]),
+            (53, QUERY[:11], None),
+            (5353, QUERY, None)]:
+        app.sendto(request, ("198.51.100.53", remote_port))
+        assert companion.expect(wire.UDP_SEND).payload == request
+        flow = addresses(5000, "198.51.100.53", remote_port)
+        companion.send(wire.UDP_FAILURE, *flow, payload=request)
+        if answer:
+            assert app.recvfrom(100) == (answer, ("198.51.100.53", remote_port))
+        companion.send(wire.UDP_SEND, *flow, payload=b"next")
+        assert app.recv(100) == b"next"  # and nothing came before it
+
+
+def test_names_are_logged(device, connected):
+    udp_app(device, 5000).sendto(QUERY, ("198.51.100.53", 53))
+    connected.companion.expect(wire.UDP_SEND)
+    lines = [line for line in connected.log() if "[D:1234]" in line]
+    assert len(lines) == 1 and "a.test" in lines[0]
+
+
+def test_the_65th_remote_takes_the_place_of_the_first(device, connected):
+    companion = connected.companion
+    app = udp_app(device, 5000)
+    for n in range(65):
+        app.sendto(b"x", (f"198.51.100.{n + 1}", 4000))
+        companion.expect(wire.UDP_SEND)
+    companion.send(wire.UDP_SEND, *addresses(5000, "198.51.100.1", 4000), payload=b"no")
+    companion.send(wire.UDP_FAILURE, *addresses(5000, "198.51.100.1", 4000), payload=b"")
+    companion.send(wire.UDP_SEND, *addresses(5000, "198.51.100.2", 4000), payload=b"yes")
+    assert app.recvfrom(100) == (b"yes", ("198.51.100.2", 4000))
+    flow = f"packet from 198.51.100.1:4000 to {DEVICE_ADDRESS}:5000: evicted"
+    assert [line for line in connected.log() if line.startswith("W ")] == [
+        f"W [B] Dropping v2 {flow}", f"W [B] Dropping failed {flow}"]

@@ -1,0 +1,193 @@
+"""TCP connections over the link, byte by byte, with a scripted companion."""
+
+import socket
+import struct
+
+import bench
+import wire
+from bench import wait_until
+
+# Stream 1 of UID 0 to 198.51.100.7:80, written out by hand.
+CONNECT = "08 05  E2 0C 0E  08 01  12 08 0A 04 C6 33 64 07 10 50  18 00"
+# UID 0 is com.example.settings.
+NAME = "08 0D  A2 0D 1A  0A 18  08 00  12 14" + b"com.example.settings".hex()
+# Stream 1, and the checksum of the payload "123456789": E3069283.
+WRITE = "08 08  10 83 A5 9A 98 0E  FA 0C 02  08 01"
+CLOSE = "08 07  F2 0C 02  08 01"
+
+
+def by_hand(header, payload=b""):
+    return wire.frame(bytes.fromhex(header), payload)
+
+
+def announced(companion):
+    """The id of the stream that the companion is told of next."""
+    frame = companion.receive()
+    if frame.kind == wire.PACKAGE_NAMES:
+        frame = companion.receive()
+    assert frame.kind == wire.TCP_CONNECT
+    return frame.fields[1]
+
+
+def test_the_bytes_of_a_stream(device, start):
+    daemon = start()
+    daemon.ports()
+    companion = daemon.companion
+    # All of it literal once; the preambles after this one are built by by_hand.
+    assert companion.receive().raw.hex() == "564e090000003795" "0802ca0c0408011200"
+    companion.send(wire.HANDSHAKE_ACK, (1, 1))
+    assert companion.receive().raw == by_hand("08 04  DA 0C 02  08 01")
+    app = device.connect("198.51.100.7", 80)
+    assert companion.receive().raw == by_hand(CONNECT)
+    assert companion.receive().raw == by_hand(NAME)
+    app.sendall(b"123456789")
+    assert companion.receive().raw == by_hand(WRITE, b"123456789")
+    companion.sock.sendall(by_hand("08 09  82 0D 02  08 01"))  # acknowledged
+    companion.sock.sendall(by_hand(WRITE, b"123456789"))
+    assert app.recv(100) == b"123456789"
+    app.close()
+    assert companion.receive().raw == by_hand(CLOSE)
+
+    # The next one of the same application: a new id and no second name.
+    app = device.connect("198.51.100.7", 80)
+    assert companion.receive().raw == by_hand(CONNECT.replace("08 01", "08 02"))
+    companion.sock.sendall(by_hand(CLOSE.replace("08 01", "08 02")))
+    assert app.recv(100) == b""
+    assert companion.receive_until_quiet() == []  # a close is not answered
+    assert "D [T:2] Closed stream. RX/TX: 0/0" in daemon.log()
+
+
+def test_credit_paces_the_application(device, connected):
+    companion = connected.companion
+    app = device.connect("198.51.100.7", 80)
+    announced(companion)
+    companion.expect(wire.PACKAGE_NAMES)
+    data = bytes(range(256)) * 1024
+    app.setblocking(False)
+    sent = app.send(data)
+    first = companion.receive_until_quiet()
+    assert [frame.kind for frame in first] == [wire.TCP_WRITE] * 8
+    got = b"".join(frame.payload for frame in first)
+    while len(got) < sent:  # one more for each acknowledgement, and only then
+        companion.send(wire.TCP_WRITE_ACK, (1, 1))
+        frame = companion.expect(wire.TCP_WRITE)
+        assert frame.fields == {1: 1} and 1 <= len(frame.payload) <= 4096
+        got += frame.payload
+    assert got == data[:sent]
+
+
+def test_close_by_the_application_with_data_pending(device, connected):
+    companion = connected.companion
+    app = device.connect("198.51.100.7", 80)
+    announced(companion)
+    companion.expect(wire.PACKAGE_NAMES)
+    for _ in range(8):
+        app.sendall(b"sent")
+        assert companion.expect(wire.TCP_WRITE).payload == b"sent"
+    # No credit is left: this waits in the conduit, and the end overtakes it.
+    app.sendall(b"dropped")
+    app.close()
+    assert companion.expect(wire.TCP_CLOSE).fields == {1: 1}
+    companion.send(wire.TCP_WRITE_ACK, (1, 1))  # late ones hurt nobody
+    companion.send(wire.TCP_WRITE, (1, 1), payload=b"late")
+    assert companion.receive_until_quiet() == []
+
+
+def test_close_by_the_companion_with_data_pending(device, connected):
+    companion = connected.companion
+    app = device.connect("198.51.100.7", 80)
+    announced(companion)
+    companion.expect(wire.PACKAGE_NAMES)
+    block = bytes(range(256)) * 64
+    for _ in range(512):  # 8 MiB, more than the application's socket holds
+        companion.send(wire.TCP_WRITE, (1, 1), payload=block)
+    companion.send(wire.TCP_CLOSE, (1, 1))
+    # The link is read to its end while the application has not read a byte.
+    other = device.connect("198.51.100.7", 81)
+    assert companion.expect(wire.TCP_CONNECT).fields[1] == 2
+    companion.send(wire.TCP_WRITE, (1, 2), payload=b"overtakes")
+    assert other.recv(100) == b"overtakes"
+    got = bytearray()
+    while piece := app.recv(65536):
+        got += piece
+    assert got == block * 512
+    connected.wait_for_log(f"D [T:1] Closed stream. RX/TX: 0/{512 * len(block)}")
+    assert companion.receive_until_quiet() == []
+
+
+def test_connection_made_straight_to_the_listener(device, connected):
+    companion = connected.companion
+    _, tcp, _ = connected.ports()
+    straight = device.connect("127.0.0.1", tcp)
+    assert straight.recv(100) == b""
+    wait_until(lambda: any(line.startswith(
+        "E [T:1] Unable to get original destination: ") for line in connected.log()),
+        "the refusal")
+    device.connect("198.51.100.7", 80)
+    assert announced(companion) == 2  # the id is used up
+
+
+def test_streams_before_the_handshake(device, start):
+    daemon = start()
+    daemon.ports()
+    companion = daemon.companion
+    companion.expect(wire.HANDSHAKE_START)
+    app = device.connect("198.51.100.7", 80)
+    assert announced(companion) == 1
+    companion.expect(wire.PACKAGE_NAMES)
+    companion.send(wire.TCP_WRITE, (1, 1), payload=b"too early")
+    companion.send(wire.HANDSHAKE_ACK, (1, 1))
+    companion.expect(wire.HANDSHAKE_DONE)
+    companion.send(wire.TCP_WRITE, (1, 1), payload=b"in time")
+    assert app.recv(100) == b"in time"
+    assert ("W [B] Unexpected message: 'ProxySocketV2 handshake not complete',"
+            " type=8") in daemon.log()
+
+
+def test_messages_that_are_no_stream_s(connected):
+    companion = connected.companion
+    companion.sock.sendall(by_hand("08 0E  AA 0D 02  08 07"))  # network 7
+    companion.send(wire.NETWORK_STATE, (1, 0xFFFFFFFF), (2, 5))
+    companion.send(wire.TCP_CONNECT_ACK, (1, 1))
+    companion.send(wire.DNS_SERVERS, (1, b"192.0.2.1"))
+    companion.send(wire.PACKAGE_NAMES)
+    broken = bytearray(wire.message(wire.TEARDOWN, (1, b"never seen")))
+    broken[-1] ^= 1
+    companion.sock.sendall(broken)  # skipped; the frame after it counts
+    companion.send(wire.NETWORK_STATE, (1, 9))
+    records = struct.pack("<iBiBBiBBiB", 0, 1, 7, 1, 1, -1, 1, 1, 9, 1)
+    wait_until(lambda: connected.status() == records, "three network records")
+    assert [line for line in connected.log() if line.startswith("W ")] == [
+        "W [B] Unexpected message: 'ProxySocketV2 unexpected message type', type=13",
+        f"W [MD] Error decoding: 'Header checksum incorrect', param={len(broken) - 8}",
+    ]
+
+
+def test_a_companion_that_does_not_read(make_device):
+    """What waits for the link is bounded: the applications are held instead."""
+    device = make_device(debuggable=True)
+    daemon = bench.Daemon(device, link_buffer=16384)
+    daemon.companion.shake_hands()
+    daemon.ports()
+    apps = []
+    for _ in range(20):
+        apps.append(device.connect("198.51.100.7", 80))
+        announced(daemon.companion)
+    for app in apps:
+        app.setblocking(False)
+        app.send(bytes(65536))
+    control = device.socket(socket.SOCK_DGRAM)
+
+    def queued_frames():
+        """The longest queue that the dumps so far have shown."""
+        control.sendto(b"\2", ("127.0.0.1", 2374))
+        return [int(line.split(": ")[1]) for line in daemon.log()
+                if line.startswith("D   buf_length: ")]
+
+    wait_until(lambda: queued_frames()[-1:] > [0], "a queue")
+    # Not above 15 when a pass begins, and a pass adds one frame per stream.
+    assert max(queued_frames()) <= 15 + len(apps)
+    frames = daemon.companion.receive_until_quiet(1)
+    written = [frame.fields[1] for frame in frames if frame.kind == wire.TCP_WRITE]
+    assert {written.count(stream) for stream in range(1, 21)} == {8}
+    daemon.close()
