@@ -1,0 +1,96 @@
+# bash completion for vantrel, vantrel-launch, vantrel-companion and vantrelctl
+
+# Completes the word with one of the given ones, and leaves no blank behind one
+# that goes on.
+_vantrel_words() {
+  COMPREPLY=($(compgen -W "$*" -- "$cur"))
+  [[ ${COMPREPLY-} != *: ]] || compopt -o nospace
+}
+
+_vantrel_file() {
+  compopt -o filenames
+  COMPREPLY=($(compgen -f -- "$cur"))
+}
+
+# Sets cur, prev and words as they are typed: a link's address has colons.
+_vantrel_begin() {
+  local cword
+  if declare -F _init_completion >/dev/null; then
+    _init_completion -n : || return
+  else
+    cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+    words=("${COMP_WORDS[@]}")
+  fi
+}
+
+# A link's address: $1 has the kinds, and a path follows unix:
+_vantrel_link() {
+  if [[ $cur == unix:* ]]; then
+    COMPREPLY=($(compgen -f -- "${cur#unix:}"))
+    [[ $COMP_WORDBREAKS == *:* ]] || COMPREPLY=("${COMPREPLY[@]/#/unix:}")
+  else
+    _vantrel_words $1
+  fi
+}
+
+_vantrel_daemon() {
+  local cur prev words
+  _vantrel_begin || return
+  _vantrel_words 1 5 20
+}
+
+_vantrel_launch() {
+  local cur prev words
+  _vantrel_begin || return
+  case $prev in
+    --protocol) _vantrel_words 1 5 20 ;;
+    --daemon | --capture | --metrics) _vantrel_file ;;
+    --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
+    --stats-every) ;;
+    *)
+      if [[ $cur == -* ]]; then
+        _vantrel_words --help --version --protocol --daemon --restart \
+          --direct --capture --shape --json --metrics --stats-every
+      else
+        _vantrel_link "unix: tcp: rfcomm: fd:"
+      fi ;;
+  esac
+}
+
+_vantrel_companion() {
+  local cur prev words
+  _vantrel_begin || return
+  case $prev in
+    --protocol) _vantrel_words 1 5 20 ;;
+    --listen) _vantrel_link "unix: tcp: rfcomm:" ;;
+    --fd | --max-tx | --network | --dns | --build-info) ;;
+    *)
+      _vantrel_words --help --version --protocol --listen --fd --header \
+        --max-tx --network --dns --build-info --verbose ;;
+  esac
+}
+
+_vantrelctl() {
+  local cur prev words
+  _vantrel_begin || return
+  case $prev in
+    --log) _vantrel_file; return ;;
+    --timeout) return ;;
+  esac
+  case ${words[1]} in
+    rules) _vantrel_words status teardown --help ;;
+    pull | push)
+      if [[ $prev == p* ]]; then
+        _vantrel_words 64K 1M 10M
+      else
+        _vantrel_words --log --timeout --help
+      fi ;;
+    stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
+    *) _vantrel_words stop dump ping pull push stats rules --help --version ;;
+  esac
+}
+
+complete -F _vantrel_daemon vantrel
+complete -F _vantrel_launch vantrel-launch
+complete -F _vantrel_companion vantrel-companion
+complete -F _vantrelctl vantrelctl
