@@ -3,7 +3,6 @@
 #include <ctype.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 namespace vantrel {
@@ -35,17 +34,6 @@ TEST(LruCacheTest, ForgetsTheLeastRecentlyInserted) {
       EXPECT_EQ(c.steps.rfind(key), *cache.Find(key)) << "latest value";
     }
   }
-}
-
-TEST(LruCacheTest, EvictionDropsOnlyTheCachesReference) {
-  LruCache<int, std::shared_ptr<int>> cache(1);
-  auto shared = std::make_shared<int>(7);
-  const std::weak_ptr<int> watch = shared;
-  cache.Insert(1, shared);
-  cache.Insert(2, nullptr);
-  EXPECT_EQ(1, watch.use_count());
-  shared.reset();
-  EXPECT_TRUE(watch.expired());
 }
 
 }  // namespace

@@ -1,47 +1,38 @@
 #include "reactor/write_buffer.h"
 
 #include <errno.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <vector>
 
-#include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
 
 namespace vantrel {
 namespace {
 
-using ::testing::ElementsAre;
-
-void MakeNonBlocking(const Socket& socket) {
-  fcntl(socket.GetFd(), F_SETFL, O_NONBLOCK);
-}
-
 // A socket that keeps packet boundaries shows what each write was given.
 TEST(WriteBufferTest, CutsWritesToTheLimit) {
   const struct {
-    const char* name;
     uint16_t limit;
     size_t size;
     std::vector<size_t> writes;
   } cases[] = {
-      {"no limit", 0, 70000, {70000}},
-      {"full chunks and a rest", 512, 1200, {512, 512, 176}},
-      {"highest uncut remainder", 40000, 65535, {40000, 25535}},
-      {"cut remainder of 0", 40000, 65536, {40000, 25536}},
-      {"cut remainder of 1", 40000, 65537, {1, 40000, 25536}},
-      {"cut remainder of 1 twice", 65535, 131073, {1, 65535, 1, 65535, 1}},
+      {0, 70000, {70000}},
+      {512, 1200, {512, 512, 176}},
+      {40000, 65535, {40000, 25535}},
+      // From here on what remains is cut to 16 bits.
+      {40000, 65536, {40000, 25536}},
+      {40000, 65537, {1, 40000, 25536}},
+      {65535, 131073, {1, 65535, 1, 65535, 1}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.size);
     auto [fd, peer] = MakeSocketPair(SOCK_SEQPACKET);
-    const Socket socket(fd);
     WriteBuffer buffer;
     buffer.SetMaxWriteSize(c.limit);
     buffer.Append(std::string(c.size, 'a'));
-    MakeNonBlocking(socket);
-    ASSERT_TRUE(buffer.Drain(socket));
+    ASSERT_TRUE(buffer.Drain(Socket(fd)));
     std::vector<char> packet(c.size);
     std::vector<size_t> writes;
     int count;
@@ -50,17 +41,16 @@ TEST(WriteBufferTest, CutsWritesToTheLimit) {
     }
     EXPECT_EQ(c.writes, writes);
     EXPECT_TRUE(buffer.IsEmpty());
-    EXPECT_EQ(c.size, buffer.GetTotalWrittenByteCount());
   }
 }
 
 TEST(WriteBufferTest, KeepsWhatTheSocketDoesNotTake) {
   auto [fd, peer] = MakeSocketPair();
   const Socket socket(fd);
-  MakeNonBlocking(socket);
+  fcntl(socket.GetFd(), F_SETFL, O_NONBLOCK);
   WriteBuffer buffer;
   std::string expected;
-  for (const char letter : std::string("abcdefgh")) {
+  for (const char letter : {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}) {
     buffer.Append(std::string(100003, letter));
     expected += std::string(100003, letter);
   }
@@ -76,23 +66,6 @@ TEST(WriteBufferTest, KeepsWhatTheSocketDoesNotTake) {
     ASSERT_TRUE(buffer.Drain(socket));
   }
   EXPECT_TRUE(expected == received + ReadAll(*peer));
-}
-
-TEST(WriteBufferTest, AHardErrorIsLoggedAndLeavesTheQueue) {
-  signal(SIGPIPE, SIG_IGN);
-  LogCapture log;
-  auto [fd, peer] = MakeSocketPair();
-  const Socket socket(fd);
-  WriteBuffer buffer;
-  EXPECT_TRUE(buffer.Drain(Socket())) << "nothing queued, nothing written";
-  peer.reset();
-  buffer.Append("lost");
-  EXPECT_FALSE(buffer.Drain(socket));
-  EXPECT_EQ(1u, buffer.GetQueuedItemCount());
-  EXPECT_EQ(4u, buffer.GetQueuedByteCount());
-  EXPECT_EQ(0u, buffer.GetTotalWrittenByteCount());
-  EXPECT_THAT(log.Take(),
-              ElementsAre("W: Error writing to socket: Broken pipe"));
 }
 
 int interrupting_fd = -1;

@@ -1,19 +1,15 @@
-// The programs as a person runs them, with a script in the daemon's place.
-#include <gmock/gmock.h>
+// The launcher with a script in the daemon's place.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <fstream>
 #include <string>
 
 namespace vantrel {
 namespace {
-
-using ::testing::HasSubstr;
 
 // Everything that the command printed, and its exit status behind.
 std::string Shell(const std::string& command) {
@@ -63,45 +59,6 @@ class ProgramsTest : public ::testing::Test {
   std::string directory_;
 };
 
-TEST_F(ProgramsTest, WrongCommandLinesAreOneLineAndStatus2) {
-  const struct {
-    const char* command;
-    const char* reason;
-  } cases[] = {
-      {VANTREL_LAUNCH, "LINK is required"},
-      {VANTREL_LAUNCH " nowhere", "expected unix:PATH"},
-      {VANTREL_LAUNCH " unix:/x --protocol 2", "--protocol"},
-      {VANTREL_LAUNCH " unix:/x --shape rate=fast", "rate=fast"},
-      {VANTREL_LAUNCH " unix:/x --direct --capture f", "--direct"},
-      {VANTREL_LAUNCH " unix:/x --stats-every 0", "--stats-every"},
-      {VANTREL_LAUNCH " fd:0 --restart", "cannot be connected again"},
-      {VANTRELCTL, "subcommand"},
-      {VANTRELCTL " push", "BYTES is required"},
-      {VANTRELCTL " pull 5G", "5G"},
-      {VANTRELCTL " ping --timeout 1", "--log"},
-      {VANTRELCTL " rules", "subcommand"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command);
-    const std::string output = Shell(std::string(c.command) + " 2>&1");
-    EXPECT_THAT(output, HasSubstr(c.reason));
-    EXPECT_THAT(output, HasSubstr("\n= 2"));
-    EXPECT_EQ(1, std::count(output.begin(), output.end(), '\n'));
-  }
-}
-
-TEST_F(ProgramsTest, LinksThatCannotBeConnectedAreOneLineAndStatus1) {
-  for (const char* link : {"unix:/nonexistent/link", "tcp:127.0.0.1:1",
-                           "rfcomm:00:00:00:00:00:00/1", "fd:77"}) {
-    SCOPED_TRACE(link);
-    const std::string output =
-        Shell(VANTREL_LAUNCH + std::string(" ") + link + " 2>&1");
-    EXPECT_THAT(output, HasSubstr(std::string("cannot connect ") + link));
-    EXPECT_THAT(output, HasSubstr("\n= 1"));
-    EXPECT_EQ(1, std::count(output.begin(), output.end(), '\n'));
-  }
-}
-
 TEST_F(ProgramsTest, TheDaemonGetsHeaderAndBytesAndItsStatusIsOurs) {
   // Sends its argument and all it read, in hexadecimal digits.
   WriteDaemon(
@@ -127,28 +84,6 @@ TEST_F(ProgramsTest, TheDaemonGetsHeaderAndBytesAndItsStatusIsOurs) {
       "{\"record\":\"daemon_ended\",\"exit_status\":1}\n"
       "companion got 0161\n= 1",
       Launch("--json --direct", "\\x01a"));
-}
-
-TEST_F(ProgramsTest, ConnectsAgainAfterTheLinkEndedUntilStopped) {
-  WriteDaemon(
-      "printf '\\0\\0\\0\\0'; [ -e again ] || { touch again; exec cat >&0; }\n"
-      "trap 'exit 7' TERM; kill -TERM $PPID; while :; do sleep 0.01; done");
-  EXPECT_EQ(
-      "started\n"
-      "vantrel-launch: the link ended\n"
-      "daemon ended: exit status 0\n"
-      "vantrel-launch: connecting again in 1 s\n"
-      "started\n"
-      "daemon ended: exit status 7\n= 7",
-      Shell("cd " + directory_ +
-            "; python3 -c '\nimport socket, subprocess, sys\n"
-            "s = socket.socket(socket.AF_UNIX)\ns.bind(\"link\")\ns.listen()\n"
-            "p = subprocess.Popen(sys.argv[1:])\n"
-            // The header reaches the daemon whole before the link ends.
-            "first = s.accept()[0]\nfirst.recv(24)\nfirst.close()\n"
-            "second = s.accept()[0]\n"
-            "sys.exit(p.wait(30))' " VANTREL_LAUNCH
-            " --restart --daemon ./daemon unix:link 2>&1"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "tools/status_text.h"
 
@@ -49,10 +48,6 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
        "exit code 4: the UDP server could not listen\n"
        "{\"record\":\"exit_code\",\"code\":4,\"meaning\":"
        "\"the UDP server could not listen\"}\n"},
-      {"exit code of the wrong arguments", "\x14\0\0\0"s,
-       "exit code 20: wrong number of arguments\n"
-       "{\"record\":\"exit_code\",\"code\":20,\"meaning\":"
-       "\"wrong number of arguments\"}\n"},
       {"networks", kStarted + "\1\7\0\0\0\1\1\xFF\xFF\xFF\xFF\0"s,
        started + "network 7, metered\n"
                  "{\"record\":\"network\",\"id\":7,\"metered\":true}\n"
@@ -80,8 +75,6 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
       {"unreadable statistics", kStarted + "\2\1\0\x0A\1\7\0\0\0\1"s,
        started + "! a transfer statistics record that cannot be parsed"},
       {"cut word", "\0\0\0"s, "cut first record (3 of 4 bytes)"},
-      {"cut network", kStarted + "\1\7"s,
-       started + "cut network state record (2 of 6 bytes)"},
       {"cut statistics header", kStarted + "\2\4"s,
        started + "cut transfer statistics record (2 of 3 bytes)"},
       {"cut statistics", kStarted + "\2\xFF\x0D\x0A"s,
@@ -96,10 +89,7 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
 }
 
 TEST(StatusText, TellsExitFromDeathBySignal) {
-  EXPECT_EQ("daemon ended: exit status 3", DaemonEndToText(3 << 8));
   EXPECT_EQ("daemon ended: killed by signal 9 (Killed)", DaemonEndToText(9));
-  EXPECT_EQ("{\"record\":\"daemon_ended\",\"exit_status\":3}",
-            DaemonEndToJson(3 << 8));
   EXPECT_EQ("{\"record\":\"daemon_ended\",\"signal\":9}", DaemonEndToJson(9));
 }
 
