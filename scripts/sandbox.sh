@@ -79,11 +79,13 @@ fi
 setsid "$bin/vantrel-companion" --protocol "$protocol" --listen "unix:$work/link" \
   ${dns:+--dns "$dns"} >"$log_dir/companion.log" 2>&1 </dev/null &
 companion=$!
+# The socket's file is there a moment before anybody listens on it.
+listens() { grep -q "listening on" "$log_dir/companion.log"; }
 for ((tries = 0; tries < 200; tries++)); do
-  [ ! -S "$work/link" ] || break
+  ! listens || break
   sleep 0.05
 done
-[ -S "$work/link" ] || fail "the companion did not start: $(cat "$log_dir/companion.log")"
+listens || fail "the companion did not start: $(cat "$log_dir/companion.log")"
 
 # Ctrl-C is for COMMAND, which gets it from the terminal; other signals are
 # passed on. Were unshare to die of one, all inside would be killed at once.

@@ -58,6 +58,18 @@ def test_control_packets(make_device):
     daemon.close()
 
 
+def listening_companion(device):
+    log = device.dir / "companion.log"
+    with open(log, "wb") as output:
+        companion = subprocess.Popen(
+            [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
+             "--listen", f"unix:{device.dir}/link"],
+            stderr=output, env=program_environment(device.dir))
+    # The socket's file is there a moment before anybody listens on it.
+    wait_until(lambda: "listening on" in log.read_text(), "the companion")
+    return companion
+
+
 @pytest.fixture
 def launch(make_device, tmp_path):
     """launch(*options): the launcher on a debuggable device, its companion
@@ -67,12 +79,8 @@ def launch(make_device, tmp_path):
     def make(*options):
         device = make_device(debuggable=True)
         env = program_environment(tmp_path)
-        companion = subprocess.Popen(
-            [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
-             "--listen", f"unix:{device.dir}/link"],
-            stderr=subprocess.DEVNULL, env=env)
+        companion = listening_companion(device)
         running.append(companion)
-        wait_until((device.dir / "link").exists, "the companion")
         out = device.dir / "status.txt"
         with open(out, "wb") as status:
             launcher = subprocess.Popen(
@@ -146,10 +154,7 @@ def test_restart_when_the_link_ends(launch):
     companion.send_signal(signal.SIGTERM)
     companion.wait(10)
     wait_until(lambda: "daemon ended: exit status 0" in out.read_text(), "the end")
-    again = subprocess.Popen(
-        [BIN_DIR / "vantrel-companion", "--protocol", "5", "--listen",
-         f"unix:{device.dir}/link"], stderr=subprocess.DEVNULL,
-        env=program_environment(device.dir))
+    again = listening_companion(device)
     wait_until(lambda: out.read_text().count("started\n") == 2, "the second start", 20)
     launcher.send_signal(signal.SIGTERM)
     assert launcher.wait(10) == 0
