@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+
 #include "common/log.h"
 
 // The platform's iptables, waiting for the lock on the tables.

@@ -2,8 +2,6 @@
 
 #include <stdint.h>
 
-#include <string>
-
 namespace vantrel {
 
 // The packet-filter rules that bring the applications' traffic to the two
