@@ -130,7 +130,7 @@ TEST_F(UidHelperTest, FindsTheOneOwnerOfADatagramFlow) {
   }
 }
 
-TEST_F(UidHelperTest, RemembersAFlowForNineSecondsAndTwentyFlows) {
+TEST_F(UidHelperTest, RemembersAFlowForNineSeconds) {
   const HostAndPort local = Endpoint("C0A8A7EF", 40000);
   const auto find = [&](uint16_t port) {
     return UidHelper::FindOwnerUidForDatagram(local,
@@ -148,13 +148,6 @@ TEST_F(UidHelperTest, RemembersAFlowForNineSecondsAndTwentyFlows) {
   clock_lead_seconds = 10;
   EXPECT_EQ(10002u, find(53));
   EXPECT_EQ(3, opened_tables);
-  for (uint16_t port = 100; port < 119; ++port) find(port);
-  opened_tables = 0;
-  find(53);
-  EXPECT_EQ(0, opened_tables);
-  find(119);
-  find(53);
-  EXPECT_EQ(2, opened_tables);
 }
 
 }  // namespace

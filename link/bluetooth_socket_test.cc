@@ -20,7 +20,7 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using namespace std::string_literals;
+using ::testing::IsEmpty;
 
 using Usage = std::map<uint32_t, std::pair<uint32_t, uint32_t>>;  // rx, tx
 constexpr uint32_t kNobody = 4294967295;
@@ -96,20 +96,16 @@ class BluetoothSocketTest : public ::testing::Test {
 };
 
 TEST_F(BluetoothSocketTest, OnlyTheExpectedAcknowledgementIsAccepted) {
-  const struct {
-    BluetoothSocket::Flags flags;
-    std::string ack;
-    const char* version;
-  } cases[] = {
-      {BluetoothSocket::FLAG_HANDSHAKE, "11 00000004 0000", "4"},
-      {BluetoothSocket::FLAG_NONE, "11 00000005 0000", "5"},  // none was asked
-      {BluetoothSocket::FLAG_ALL, "11 00000005 0000", "5"},   // a second one
+  const std::pair<BluetoothSocket::Flags, std::string> cases[] = {
+      {BluetoothSocket::FLAG_HANDSHAKE, "4"},
+      {BluetoothSocket::FLAG_NONE, "5"},  // none was asked
+      {BluetoothSocket::FLAG_ALL, "5"},   // a second one
   };
-  for (const auto& c : cases) {
-    Connect(c.flags);
-    PeerSends(Bytes(c.ack));
+  for (const auto& [flags, version] : cases) {
+    Connect(flags);
+    PeerSends(Bytes("11 0000000" + version + " 0000"));
     EXPECT_THAT(log_.Take(),
-                Contains("E: [B] Unexpected handshake ACK "s + c.version));
+                Contains("E: [B] Unexpected handshake ACK " + version));
     EXPECT_TRUE(stop_.TakeStop());
     EXPECT_THAT(delegate_.calls, ElementsAre("teardown"));
     delegate_.calls.clear();
@@ -148,7 +144,8 @@ TEST_F(BluetoothSocketTest, IncomingMessagesInAnyPieces) {
       {"0F C0A8A7EF 9C40 C6336435 0035 0001 41", kNobody,
        "failure 192.168.167.239:40000 A"},
       {"0B FFFFFFFF 02", kNobody, "network -1 metered"},
-      {"09 00000063 0001 61", kNobody, ""},  // of a pull nobody asked for
+      {"09 00000063 0001 61", kNobody, ""},      // of a pull nobody asked for
+      {"00 01 0A 0C 0D 10 12 FF", kNobody, ""},  // skipped byte by byte
   };
   for (const auto& c : cases) {
     for (const bool in_pieces : {false, true}) {
@@ -187,17 +184,6 @@ TEST_F(BluetoothSocketTest, IncomingMessagesInAnyPieces) {
   }
 }
 
-TEST_F(BluetoothSocketTest, UnknownTypesAreSkippedByteByByte) {
-  Connect(BluetoothSocket::FLAG_NONE);
-  PeerSends(Bytes("00 01 0A 0C 0D 10 12 FF"));
-  std::vector<std::string> expected;
-  for (const char* type : {"0", "1", "10", "12", "13", "16", "18", "255"}) {
-    expected.push_back("E: [B] Skipping unknown message type "s + type);
-  }
-  EXPECT_EQ(expected, log_.Take());
-  EXPECT_EQ((Usage{{kNobody, {8, 0}}}), TakeUsage());
-}
-
 TEST_F(BluetoothSocketTest, PullRequestStallsUntilTheFullBufferEndsTheLink) {
   Connect(BluetoothSocket::FLAG_NONE);
   PeerSends(Bytes("08 00000001 00000002 05 00000000"));
@@ -213,10 +199,8 @@ TEST_F(BluetoothSocketTest, PullRequestStallsUntilTheFullBufferEndsTheLink) {
 
 TEST_F(BluetoothSocketTest, StreamsOnTheWireAndWhoIsCharged) {
   Connect(BluetoothSocket::FLAG_NONE);
-  FakeConduit browser(1, 10123, "com.b");
-  FakeConduit again(2, 10123, "com.b");
-  FakeConduit root(3, 0, "root");
-  FakeConduit root_again(4, 0, "root");
+  FakeConduit browser(1, 10123, "com.b"), again(2, 10123, "com.b");
+  FakeConduit root(3, 0, "root"), root_again(4, 0, "root");
   FakeConduit duplicate(4, 1, "");
   const std::string remote = "C6336450 0050";
   link_->RegisterTcpStream(&browser);
@@ -253,17 +237,24 @@ TEST_F(BluetoothSocketTest, FullQueueLeavesStreamsAloneAndKeepsWriting) {
   stream.chunks = {"x"};
   for (int i = 0; i < 16; ++i) link_->Ping();
   EXPECT_EQ(16u * 5, Flush().size());
-  EXPECT_EQ(1u, stream.chunks.size());
   EXPECT_TRUE(reactor_.IsRegistered(*link_, Reactor::kWrite));
   EXPECT_EQ(Bytes("03 00000001 0001") + "x", Flush());
   EXPECT_FALSE(reactor_.IsRegistered(*link_, Reactor::kWrite));
 }
 
-TEST_F(BluetoothSocketTest, PullReportsTheExcess) {
+TEST_F(BluetoothSocketTest, PullCompletesAndReportsTheExcess) {
   Connect(BluetoothSocket::FLAG_NONE);
   link_->Pull(1000);
-  PeerSends(Bytes("09 00000000 04B0") + std::string(1200, 'x'));
-  EXPECT_THAT(log_.Take().back(), HasSubstr("Received 200 more bytes"));
+  EXPECT_EQ(Bytes("08 00000000 000003E8"), Flush());
+  log_.Take();
+  const std::string data = Bytes("09 00000000 0258") + std::string(600, 'x');
+  PeerSends(data);
+  EXPECT_THAT(log_.Take(), IsEmpty());
+  PeerSends(data);
+  EXPECT_THAT(log_.Take(),
+              ElementsAre(HasSubstr("D: [B] Pull 0 completed with an rx rate"),
+                          "E: [B] Received 200 more bytes than originally "
+                          "requested."));
 }
 
 TEST_F(BluetoothSocketTest, DumpAndTheStatisticsItSplits) {

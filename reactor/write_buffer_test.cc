@@ -1,8 +1,6 @@
 #include "reactor/write_buffer.h"
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include <vector>
 
@@ -66,23 +64,6 @@ TEST(WriteBufferTest, KeepsWhatTheSocketDoesNotTake) {
     ASSERT_TRUE(buffer.Drain(socket));
   }
   EXPECT_TRUE(expected == received + ReadAll(*peer));
-}
-
-int interrupting_fd = -1;
-
-// The byte comes from the handler of the signal that interrupts the read.
-TEST(SocketTest, ReadsPastInterruptions) {
-  auto [fd, peer] = MakeSocketPair();
-  const Socket socket(fd);
-  interrupting_fd = peer->GetFd();
-  struct sigaction action = {};
-  action.sa_handler = [](int) { EXPECT_EQ(1, write(interrupting_fd, "x", 1)); };
-  sigaction(SIGALRM, &action, nullptr);
-  const itimerval soon = {{0, 0}, {0, 20000}};
-  setitimer(ITIMER_REAL, &soon, nullptr);
-  char byte = 0;
-  EXPECT_EQ(1, socket.Read(&byte, 1));
-  EXPECT_EQ('x', byte);
 }
 
 }  // namespace

@@ -2,10 +2,11 @@
 
 import socket
 import struct
+import subprocess
 
 import bench
 import wire
-from bench import wait_until
+from bench import BROWSER_UID, MAIL_UID, wait_until
 
 # Stream 1 of UID 0 to 198.51.100.7:80, written out by hand.
 CONNECT = "08 05  E2 0C 0E  08 01  12 08 0A 04 C6 33 64 07 10 50  18 00"
@@ -191,3 +192,24 @@ def test_a_companion_that_does_not_read(make_device):
     written = [frame.fields[1] for frame in frames if frame.kind == wire.TCP_WRITE]
     assert {written.count(stream) for stream in range(1, 21)} == {8}
     daemon.close()
+
+
+def test_every_stream_says_whose_it_is(needs_root, device, connected):
+    companion = connected.companion
+    for uid, name in [(BROWSER_UID, b"com.example.browser"),
+                      (MAIL_UID, b"com.example.mail"), (10999, b""),
+                      (BROWSER_UID, None), (10999, None)]:
+        app = subprocess.Popen(device.command(
+            ["bash", "-c", "read -r </dev/tcp/198.51.100.7/80"], uid))
+        connect = companion.expect(wire.TCP_CONNECT)
+        assert connect.fields[3] == uid
+        if name is not None:  # the first time only
+            names = companion.expect(wire.PACKAGE_NAMES).fields
+            assert wire.decode(names[1]) == {1: uid, 2: name}
+        companion.send(wire.TCP_CLOSE, (1, connect.fields[1]))
+        app.wait(10)
+    log = connected.log()
+    assert "E No packages for calling UID: 10999" in log
+    assert any(line.startswith(
+        "D [T:1] Establishing a new TCP stream to: 198.51.100.7:80 (uid=10123)"
+        " (package=com.example.browser) (cookie=") for line in log)

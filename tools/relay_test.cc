@@ -1,8 +1,4 @@
-#include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,13 +17,9 @@ TEST(Shape, TakesEachPartAndRefusesTheRest) {
   ASSERT_TRUE(shape) << reason;
   EXPECT_EQ(2500000u, shape->bits_per_second);
   EXPECT_EQ(milliseconds(30), shape->delay);
-  EXPECT_EQ(990u, shape->chunk_bytes);
-  EXPECT_EQ(64000u, ParseShape("rate=64kbit", &reason)->bits_per_second);
-  EXPECT_EQ(milliseconds(2000), ParseShape("delay=2s", &reason)->delay);
   for (const char* text :
-       {"rate", "rate=", "rate=0Mbit", "rate=-1Mbit", "rate=2MBit", "rate=2",
-        "delay=30", "delay=61s", "chunk=0", "chunk=65536", "chunk=1k",
-        "speed=1", "rate=2Mbit,,", "rate=nan"}) {
+       {"rate", "rate=", "rate=0Mbit", "rate=-1Mbit", "rate=2", "delay=61s",
+        "chunk=0", "chunk=65536", "speed=1", "rate=2Mbit,,", "rate=nan"}) {
     EXPECT_FALSE(ParseShape(text, &reason)) << text;
   }
 }
@@ -122,33 +114,6 @@ TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
     EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
     EXPECT_EQ(options.on_read || options.on_written ? sent : "", seen);
   }
-}
-
-TEST_F(RelayTest, GoesOnByCopyingWhereADestinationCannotBeSpliced) {
-  // A file in append mode takes writes but no splices.
-  char path[] = "/tmp/relay_test.XXXXXX";
-  const UniqueFd made(mkstemp(path));
-  to_.Reset(open(path, O_WRONLY | O_APPEND));
-  RelayDirection relay(from_.Get(), to_.Get(), {});
-  for (const std::string piece : {"hello", " again"}) {
-    write(source_.Get(), piece.data(), piece.size());
-    Turn(&relay);
-  }
-  char got[20];
-  EXPECT_EQ("hello again",
-            std::string(
-                got, static_cast<size_t>(read(made.Get(), got, sizeof(got)))));
-  unlink(path);
-}
-
-TEST_F(RelayTest, IsBrokenWhenItsDestinationVanishes) {
-  signal(SIGPIPE, SIG_IGN);
-  RelayDirection relay(from_.Get(), to_.Get(), {});
-  ASSERT_EQ(1, write(source_.Get(), "x", 1));
-  sink_.Reset();
-  Turn(&relay);
-  EXPECT_EQ(RelayDirection::kBroken, relay.GetState());
-  EXPECT_EQ(EPIPE, relay.GetWriteError());
 }
 
 }  // namespace
