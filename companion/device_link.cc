@@ -23,8 +23,9 @@ void TuneLink(int fd) {
   const auto set = [fd](int level, int name, int value) {
     static_cast<void>(setsockopt(fd, level, name, &value, sizeof(value)));
   };
-  // A long queue in the kernel would be one that the bounds do not see.
-  set(SOL_SOCKET, SO_SNDBUF, 64 * 1024);
+  // A long queue in the kernel would be one that the bounds do not see, and a
+  // person on a slow link would wait behind both.
+  set(SOL_SOCKET, SO_SNDBUF, 16 * 1024);
   set(IPPROTO_TCP, TCP_NODELAY, 1);
   // A device that vanished must not keep the next one waiting for ever.
   set(SOL_SOCKET, SO_KEEPALIVE, 1);

@@ -34,10 +34,7 @@ BluetoothSocket::~BluetoothSocket() {
 }
 
 bool BluetoothSocket::Connect(int fd) {
-  if (fd == -1) {
-    LOGE("[B] Invalid file descriptor supplied: %d", fd);
-    return false;
-  }
+  if (!IsUsableLinkDescriptor(fd)) return false;
   SetFd(fd);
   LOGD("connect: fd: %d", fd);
   connection_header_t header;

@@ -83,6 +83,12 @@ connection_header_t DecodeConnectionHeader(const char* bytes) {
   return header;
 }
 
+bool IsUsableLinkDescriptor(int fd) {
+  if (fd >= 0 && fd < FD_SETSIZE) return true;
+  LOGE("[B] Invalid file descriptor supplied: %d", fd);
+  return false;
+}
+
 bool ReceiveConnectionHeader(const Socket& socket,
                              connection_header_t* header) {
   char bytes[kConnectionHeaderSize];

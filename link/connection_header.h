@@ -29,6 +29,10 @@ std::string EncodeConnectionHeader(const connection_header_t& header);
 // |bytes| points to kConnectionHeaderSize bytes.
 connection_header_t DecodeConnectionHeader(const char* bytes);
 
+// Whether a link can be taken over on |fd|; logged when not. The wait below
+// works on descriptors up to a fixed number.
+[[nodiscard]] bool IsUsableLinkDescriptor(int fd);
+
 // Waits for the header on |socket|, at most 5 seconds for all of it, and logs
 // each step. False when it does not come whole or reports a failed connection;
 // the reason is logged. Reads no byte behind the header.

@@ -40,10 +40,7 @@ ProxySocketV2::~ProxySocketV2() {
 }
 
 bool ProxySocketV2::Connect(int fd) {
-  if (fd == -1) {
-    LOGE("[B] Invalid file descriptor supplied: %d", fd);
-    return false;
-  }
+  if (!IsUsableLinkDescriptor(fd)) return false;
   SetFd(fd);
   LOGD("connect: fd: %d", fd);
   connection_header_t header;
