@@ -6,6 +6,7 @@
 // or 20.
 
 #include <cutils/properties.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -46,6 +47,13 @@ enum ExitCode : int32_t {
   const int32_t record = code;
   static_cast<void>(!write(status_fd, &record, sizeof(record)));
   exit(code);
+}
+
+// A descriptor of its own for what |stream| was inherited on; -1 when that was
+// closed. Above the standard ones, which are reopened next: where one of them
+// was inherited closed, a plain duplicate would take its number and be lost.
+int Duplicate(FILE* stream) {
+  return fcntl(fileno(stream), F_DUPFD, STDERR_FILENO + 1);
 }
 
 // What the process or its child commands print must never reach the link or
@@ -98,8 +106,8 @@ int Main(int argc, char** argv) {
   // A write to a dead peer must come back as an error: ending on a signal
   // would leave the rules installed and the device without any network.
   signal(SIGPIPE, SIG_IGN);
-  const int link_fd = dup(fileno(stdin));
-  const int status_fd = dup(fileno(stdout));
+  const int link_fd = Duplicate(stdin);
+  const int status_fd = Duplicate(stdout);
   DetachStandardStreams();
 
   if (argc != 2) Abort(status_fd, kBadArgumentCount);

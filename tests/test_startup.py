@@ -2,6 +2,7 @@
 
 import socket
 import struct
+import subprocess
 
 import pytest
 
@@ -62,6 +63,12 @@ def test_link_that_does_not_stand(start, header, lines):
     assert log[:-1] == lines[:-1]
     # An end of file leaves errno, and with it the rest of that line, to chance.
     assert log[-1] == lines[-1] or lines[-1] == CLOSED and log[-1].startswith(CLOSED)
+
+
+def test_link_that_was_not_handed_over():
+    result = subprocess.run(["bash", "-c", 'exec 0<&-; exec "$0" 20', bench.BIN_DIR / "vantrel"],
+                            capture_output=True, timeout=10)
+    assert (result.returncode, result.stdout, result.stderr) == (1, b"\1\0\0\0", b"")
 
 
 def test_silent_link(start):
