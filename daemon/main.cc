@@ -97,9 +97,6 @@ void ReportTransferStats(ProxySocket& link, StatusSocket& status) {
   MessageUidTransferStatsInfo stats;
   link.GetTransferStats(&stats);
   status.OnTransferStatsResult(&stats);
-  // Lets the launching process read the report before the descriptors close.
-  usleep(1000000);
-  LOGD("Vantrel finished.");
 }
 
 int Main(int argc, char** argv) {
@@ -153,6 +150,9 @@ int Main(int argc, char** argv) {
 
   TeardownIptables(0, true);
   ReportTransferStats(*link, status);
+  // Lets the launching process read the report before the descriptors close.
+  usleep(1000000);
+  LOGD("Vantrel finished.");
   return 0;
 }
 

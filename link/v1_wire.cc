@@ -172,7 +172,7 @@ std::string Handshake(uint8_t type, uint32_t version) {
   return out;
 }
 
-uint32_t GetId(const char* m) { return GetBe32(m + kIdOffset); }
+uint32_t GetId(const char* m) { return GetBe32(m + 1); }
 HostAndPort GetConnectRemote(const char* m) { return GetEndpoint(m + 5); }
 uint16_t GetConnectUid(const char* m) { return GetBe16(m + 11); }
 uint16_t GetConnectUidSwapped(const char* m) { return GetLe16(m + 11); }

@@ -63,7 +63,6 @@ enum : uint8_t {
 
 namespace v1 {
 
-constexpr size_t kIdOffset = 1;  // of stream and request ids
 constexpr size_t kMaxPayloadBytes = 65535;
 constexpr size_t kMaxMessageBytes = 17 + kMaxPayloadBytes;
 
