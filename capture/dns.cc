@@ -15,6 +15,12 @@ constexpr int kMaxPointers = 127;
 // one endless name would make a single datagram cost gigabytes of log.
 constexpr size_t kMaxNameBytes = 1024;
 
+// What one packet may log. Far above any answer that people wait for; without
+// it one application could fill the log and keep the loop from everybody else.
+constexpr unsigned int kMaxLines = 64;
+constexpr size_t kMaxLineBytes = 16 * 1024;  // of all lines together
+constexpr size_t kLineBytesAroundName = 40;  // at most, in any of the lines
+
 constexpr unsigned int kQuestionTail = 4;  // type, class
 constexpr unsigned int kAnswerTail = 10;   // type, class, TTL, data length
 constexpr unsigned int kDataLengthOffset = 8;
@@ -24,38 +30,76 @@ uint8_t ByteAt(const std::string& packet, unsigned int offset) {
   return offset < packet.size() ? GetU8(packet.data() + offset) : 0;
 }
 
-// Every byte below |kPointerBits| counts as a label length, on purpose also
-// the reserved values 0x40 to 0xBF. Labels behind the first |room| bytes are
-// only skipped.
-std::string ExtractNameFollowing(const std::string& packet,
-                                 unsigned int& offset, int pointers_left,
-                                 size_t room) {
-  std::string name;
+// Every byte below |kPointerBits| counts as a label length, also the reserved
+// values 0x40 to 0xBF; kept for compatibility.
+bool IsLabel(uint8_t length) { return length != 0 && length < kPointerBits; }
+
+// The offset behind the name at |offset|: behind its zero byte or its two-byte
+// compression pointer. The end of the packet ends the name.
+unsigned int SkipName(const std::string& packet, unsigned int offset) {
   uint8_t length = ByteAt(packet, offset);
-  while (length != 0 && length < kPointerBits) {
-    if (name.size() < room) {
-      if (!name.empty()) name += ".";
-      name +=
-          packet.substr(std::min<size_t>(offset + 1, packet.size()), length);
-    }
+  while (IsLabel(length)) {
     offset += 1 + length;
     length = ByteAt(packet, offset);
   }
-  if (length == 0) {
-    ++offset;
-    return name;
+  return offset + (length == 0 ? 1 : 2);
+}
+
+// The name at |offset|. The walk ends once |room| bytes are full.
+std::string DecodeName(const std::string& packet, unsigned int offset,
+                       int pointers_left, size_t room) {
+  std::string name;
+  uint8_t length = ByteAt(packet, offset);
+  while (IsLabel(length)) {
+    if (name.size() >= room) return name;
+    if (!name.empty()) name += ".";
+    name += packet.substr(std::min<size_t>(offset + 1, packet.size()), length);
+    offset += 1 + length;
+    length = ByteAt(packet, offset);
   }
-  const bool is_whole_pointer = offset + 1 < packet.size();
-  unsigned int target = (length & 0x3Fu) << 8 | ByteAt(packet, offset + 1);
-  offset += 2;
-  if (!is_whole_pointer) return name;
+  if (length == 0 || offset + 1 >= packet.size()) return name;
+  const unsigned int target =
+      (length & 0x3Fu) << 8 | ByteAt(packet, offset + 1);
   if (!name.empty()) name += ".";
   if (pointers_left > 0 && name.size() < room) {
-    name += ExtractNameFollowing(packet, target, pointers_left - 1,
-                                 room - name.size());
+    name += DecodeName(packet, target, pointers_left - 1, room - name.size());
   }
   return name;
 }
+
+// Counts the lines of one packet against their bounds, and says at the end how
+// many were left out.
+class LineBudget {
+ public:
+  explicit LineBudget(unsigned short id) : id_(id) {}
+  LineBudget(const LineBudget&) = delete;
+  LineBudget& operator=(const LineBudget&) = delete;
+  ~LineBudget() {
+    if (left_out_ == 0) return;
+    LOGW("[D:%04hx] %u more lines of this packet are left out.", id_,
+         left_out_);
+  }
+
+  // Whether one more line, with the name at |offset| in it, may be logged;
+  // |name| then has that name. Once the answer is no it stays no, at no cost.
+  bool Admit(const std::string& packet, unsigned int offset,
+             std::string* name) {
+    if (left_out_ == 0 && lines_ < kMaxLines) {
+      *name = ExtractName(packet, offset);
+      ++lines_;
+      bytes_ += kLineBytesAroundName + name->size();
+      if (bytes_ <= kMaxLineBytes) return true;
+    }
+    ++left_out_;
+    return false;
+  }
+
+ private:
+  const unsigned short id_;
+  unsigned int lines_ = 0;
+  size_t bytes_ = 0;
+  unsigned int left_out_ = 0;
+};
 
 struct dns_header_t {
   unsigned short id;
@@ -85,11 +129,12 @@ dns_header_t ReadHeader(const std::string& packet) {
 void LogAnswers(const dns_header_t& header, const std::string& packet) {
   unsigned int offset = Dns::kHeaderSize;
   for (unsigned int i = 0; i < header.question_count; ++i) {
-    ExtractName(packet, offset);
-    offset += kQuestionTail;
+    offset = SkipName(packet, offset) + kQuestionTail;
   }
+  LineBudget budget(header.id);
   for (unsigned int i = 0; i < header.answer_count; ++i) {
-    const std::string name = ExtractName(packet, offset);
+    const unsigned int owner = offset;
+    offset = SkipName(packet, offset);
     if (offset + kAnswerTail > packet.size()) {
       LOGE("[D:%04hx] Received response with invalid length.", header.id);
       return;
@@ -98,22 +143,25 @@ void LogAnswers(const dns_header_t& header, const std::string& packet) {
     const unsigned int data_length = GetBe16(answer + kDataLengthOffset);
     // Four bytes are logged as an address whatever the record's type.
     if (data_length == 4) {
-      // Strict on purpose: an address that ends with the packet counts as
-      // invalid, and the log checks in use rely on it.
+      // An address that ends with the packet counts as invalid; kept for
+      // compatibility.
       if (offset + kAnswerTail + 4 >= packet.size()) {
         LOGE("[D:%04hx] Received response with invalid length.", header.id);
         return;
       }
       const char* a = answer + kAnswerTail;
-      LOGD("[D:%04hx] Resolved %s to %d.%d.%d.%d.", header.id, name.c_str(),
-           GetU8(a), GetU8(a + 1), GetU8(a + 2), GetU8(a + 3));
+      std::string name;
+      if (budget.Admit(packet, owner, &name)) {
+        LOGD("[D:%04hx] Resolved %s to %d.%d.%d.%d.", header.id, name.c_str(),
+             GetU8(a), GetU8(a + 1), GetU8(a + 2), GetU8(a + 3));
+      }
     }
     offset += kAnswerTail + data_length;
   }
 }
 
-// The texts stand beside these codes on purpose, although RFC 1035 gives the
-// missing name code 3: whoever reads these logs knows them like this.
+// RFC 1035 gives the missing name code 3, not 2. The texts stand beside these
+// codes all the same; kept for compatibility.
 void LogResult(const dns_header_t& header, const std::string& packet) {
   switch (header.response_code) {
     case 0:
@@ -146,7 +194,10 @@ void LogResult(const dns_header_t& header, const std::string& packet) {
 }  // namespace
 
 std::string ExtractName(const std::string& packet, unsigned int& offset) {
-  return ExtractNameFollowing(packet, offset, kMaxPointers, kMaxNameBytes);
+  const std::string name =
+      DecodeName(packet, offset, kMaxPointers, kMaxNameBytes);
+  offset = SkipName(packet, offset);
+  return name;
 }
 
 void Dns::LogRequest(const HostAndPort& destination,
@@ -162,12 +213,15 @@ void Dns::LogRequest(const HostAndPort& destination,
     LOGW("[D:%04hx] Unexpected query opcode.", header.id);
     return;
   }
+  LineBudget budget(header.id);
   unsigned int offset = kHeaderSize;
   for (unsigned int i = 0; i < header.question_count && offset < packet.size();
        ++i) {
-    const std::string name = ExtractName(packet, offset);
-    offset += kQuestionTail;
-    LOGD("[D:%04hx] Look up %s.", header.id, name.c_str());
+    std::string name;
+    if (budget.Admit(packet, offset, &name)) {
+      LOGD("[D:%04hx] Look up %s.", header.id, name.c_str());
+    }
+    offset = SkipName(packet, offset) + kQuestionTail;
   }
 }
 
