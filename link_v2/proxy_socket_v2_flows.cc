@@ -34,6 +34,9 @@ void ProxySocketV2::OnTcpDataAvailable() {
 }
 
 bool ProxySocketV2::SendTcpData() {
+  // Streams that were not asked may have something: the link must come back
+  // for it although the socket takes the whole queue now.
+  if (output_.IsCongested()) return true;
   bool produced = false;
   while (!output_.IsCongested() && SendTcpDataPass()) produced = true;
   return produced;

@@ -180,6 +180,20 @@ TEST_F(LinkTest, StopsAskingAtSixteenQueuedFrames) {
   }
 }
 
+// As above, but full of what is no stream's: it is not asked, nor forgotten.
+TEST_F(LinkTest, AFullQueueDoesNotForgetAStream) {
+  ConnectAndShakeHands();
+  std::deque<FakeConduit> conduits;
+  for (unsigned int id = 0; id < 16; ++id) {
+    link_.RegisterTcpStream(&conduits.emplace_back(id, 1, ""));
+  }
+  conduits[3].chunks = {"x"};
+  link_.OnTcpDataAvailable();
+  EXPECT_THAT(Sent(), ::testing::Not(HasSubstr(TcpWrite('3', "x"))));
+  EXPECT_TRUE(WantsToWrite());
+  EXPECT_EQ(TcpWrite('3', "x"), Sent());
+}
+
 TEST_F(LinkTest, HandsMessagesToTheirStream) {
   ConnectAndShakeHands();
   FakeConduit zero(0, 1, "zero"), seven(7, 1, "seven");
