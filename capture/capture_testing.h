@@ -17,7 +17,9 @@ class FakeLink : public ProxySocket {
   }
   void OnTcpDataAvailable() override { ++data_available; }
   void SendDatagram(const HostAndPort&, const HostAndPort&,
-                    const std::string&) override {}
+                    const std::string&) override {
+    ++datagrams;
+  }
   void Dump(std::stringstream&) const override {}
   void Ping() override {}
   void Pull(unsigned int) override {}
@@ -26,6 +28,7 @@ class FakeLink : public ProxySocket {
 
   std::vector<TcpConduitDelegate*> streams;  // own themselves
   int data_available = 0;                    // calls
+  int datagrams = 0;                         // sent
 };
 
 }  // namespace vantrel

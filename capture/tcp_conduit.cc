@@ -1,5 +1,6 @@
 #include "capture/tcp_conduit.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <linux/netfilter_ipv4.h>
 #include <netinet/in.h>
@@ -9,6 +10,7 @@
 #include <utility>
 
 #include "capture/uid_helper.h"
+#include "common/interception.h"
 #include "common/log.h"
 
 namespace vantrel {
@@ -30,16 +32,18 @@ uint64_t GetSocketCookie(int fd, unsigned int id) {
 }  // namespace
 
 TcpConduit::TcpConduit(Reactor& reactor, ProxySocket& link, int fd,
-                       unsigned int id)
+                       unsigned int id, OpenConduits& open_conduits)
     : Socket(fd),
       id_(id),
       reactor_(reactor),
       link_(link),
+      open_conduits_(open_conduits),
       send_credit_(kInitialCredit) {
+  open_conduits_.Add(this);
   if (!FindOriginalDestination()) {
     LOGE("[T:%u] Unable to get original destination: %s", id_, strerror(errno));
-    // On purpose: nothing is registered yet and the server keeps no pointer,
-    // so this closes the connection and leaves nothing behind.
+    // Nothing is registered yet, so this closes the connection and leaves
+    // nothing behind.
     delete this;
     return;
   }
@@ -49,6 +53,7 @@ TcpConduit::TcpConduit(Reactor& reactor, ProxySocket& link, int fd,
 }
 
 TcpConduit::~TcpConduit() {
+  open_conduits_.Remove(this);
   reactor_.Unregister(*this, Reactor::kRead);
   reactor_.Unregister(*this, Reactor::kWrite);
   LOGD("[T:%u] Closed stream. RX/TX: %zu/%zu", id_,
@@ -76,15 +81,25 @@ bool TcpConduit::FindOriginalDestination() {
   return true;
 }
 
+bool TcpConduit::IsFromApplicationAddress() const {
+  sockaddr_in peer = {};
+  socklen_t length = sizeof(peer);
+  return getpeername(GetFd(), reinterpret_cast<sockaddr*>(&peer), &length) ==
+             0 &&
+         peer.sin_family == AF_INET &&
+         peer.sin_addr.s_addr == htonl(kApplicationAddress);
+}
+
 void TcpConduit::FindOwner() {
-  uid_ = UidHelper::FindOwnerUidForTcpSocket(GetFd());
+  uid_ = IsFromApplicationAddress()
+             ? UidHelper::FindOwnerUidForTcpSocket(GetFd())
+             : UidHelper::kUidNotFound;
   package_name_ = UidHelper::FindOwnerPackageName(uid_);
   const uint64_t cookie = GetSocketCookie(GetFd(), id_);
   if (uid_ == UidHelper::kUidNotFound) {
     LOGW("[T:%u] Unable to find UID for socket.", id_);
   }
-  // The closing parenthesis is missing on purpose: log checks know the line
-  // as it stands.
+  // The closing parenthesis is missing; kept for compatibility.
   LOGD(
       "[T:%u] Establishing a new TCP stream to: %s (uid=%llu) (package=%s) "
       "(cookie=%llu",
@@ -102,8 +117,8 @@ void TcpConduit::OnReadReady() {
       return;
     }
     if (count < 0) {
-      // The conduit stays open on purpose: a connection that is really gone
-      // shows as end of file or as a failed write.
+      // The conduit stays open: a connection that is really gone shows as end
+      // of file or as a failed write.
       if (errno != EAGAIN) {
         LOGW("[T:%u] Error reading from TcpConduit socket: %s", id_,
              strerror(errno));
@@ -156,6 +171,13 @@ void TcpConduit::Close() {
     close_pending_ = true;
     return;
   }
+  delete this;
+}
+
+void TcpConduit::Reset() {
+  const bool is_delivered =
+      close_pending_ && write_buffer_.Drain(*this) && write_buffer_.IsEmpty();
+  if (!is_delivered) ResetOnClose();
   delete this;
 }
 

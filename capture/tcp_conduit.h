@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "capture/open_conduits.h"
 #include "common/host_and_port.h"
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
@@ -22,15 +23,22 @@ namespace vantrel {
 //
 // Lifetime: made with new by TcpServer, then owns itself. It deletes itself in
 // its constructor when the connection has no original destination, in Close(),
-// and in OnWriteReady() once a pending close is done; nobody may touch it after
-// a call that can do so. Destruction does not tell the link. |reactor| and
-// |link| outlive it.
+// in Reset(), and in OnWriteReady() once a pending close is done; nobody may
+// touch it after a call that can do so. Destruction does not tell the link.
+// |reactor| and |link| outlive it.
 class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
  public:
   // Takes ownership of the accepted socket |fd|, finds out where and whose the
-  // connection is and registers it with |link|. The object may be gone when
-  // this returns: use the result of new for nothing.
-  TcpConduit(Reactor& reactor, ProxySocket& link, int fd, unsigned int id);
+  // connection is, registers it with |link| and adds itself to |open_conduits|,
+  // which outlives it. The object may be gone when this returns: use the result
+  // of new for nothing.
+  TcpConduit(Reactor& reactor, ProxySocket& link, int fd, unsigned int id,
+             OpenConduits& open_conduits);
+
+  // The daemon ends: cuts the connection with a reset. Only an end that the
+  // companion has announced, and of which every byte can be delivered at once,
+  // stays an orderly end. Deletes this without a word to the link.
+  void Reset();
 
   void OnReadReady() override;
   void OnWriteReady() override;  // may delete this
@@ -54,6 +62,10 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   // redirected here.
   [[nodiscard]] bool FindOriginalDestination();
   void FindOwner();
+  // Whether the connection comes from the applications' own address. Somebody
+  // who binds another may have taken the port of another application, and
+  // would pass for it.
+  bool IsFromApplicationAddress() const;
   // Ends the application's side: the link learns of it when it next asks for
   // data, and closes the stream.
   void SetClosed();
@@ -64,6 +76,7 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   std::string package_name_;
   Reactor& reactor_;
   ProxySocket& link_;
+  OpenConduits& open_conduits_;
   std::deque<std::string> read_queue_;  // for the link, oldest first
   WriteBuffer write_buffer_;            // for the application
   uint32_t rx_bytes_ = 0;               // read from the application

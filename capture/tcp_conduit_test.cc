@@ -43,7 +43,7 @@ class TcpConduitTest : public ::testing::Test {
     original_destination = &remote;
     auto [fd, application] = MakeSocketPair();
     application_ = std::move(application);
-    new TcpConduit(reactor_, link_, fd, 7);
+    new TcpConduit(reactor_, link_, fd, 7, open_conduits_);
     original_destination = nullptr;
     ASSERT_FALSE(link_.streams.empty());
     conduit_ = static_cast<TcpConduit*>(link_.streams.back());
@@ -63,6 +63,7 @@ class TcpConduitTest : public ::testing::Test {
   LogCapture log_;
   Reactor reactor_;
   FakeLink link_;
+  OpenConduits open_conduits_;
   std::unique_ptr<Socket> application_;
   TcpConduit* conduit_;
 };
@@ -127,7 +128,7 @@ TEST_F(TcpConduitTest, AConnectionThatWasNotRedirectedIsClosed) {
   auto [fd, application] = MakeSocketPair();
   link_.streams.clear();
   log_.Take();
-  new TcpConduit(reactor_, link_, fd, 8);
+  new TcpConduit(reactor_, link_, fd, 8, open_conduits_);
   EXPECT_THAT(log_.Take()[0], HasSubstr("Unable to get original destination"));
   EXPECT_THAT(link_.streams, IsEmpty());
   char byte;

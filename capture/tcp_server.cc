@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "capture/tcp_conduit.h"
 #include "common/log.h"
@@ -17,9 +19,13 @@ constexpr int kBacklog = 10;
 int AcceptRetrying(int fd) {
   int accepted;
   do {
-    accepted = accept(fd, nullptr, nullptr);
+    accepted = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
   } while (accepted == -1 && errno == EINTR);
   return accepted;
+}
+
+bool IsOutOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE;
 }
 
 }  // namespace
@@ -27,10 +33,13 @@ int AcceptRetrying(int fd) {
 TcpServer::TcpServer(Reactor& reactor, ProxySocket& link)
     : reactor_(reactor), link_(link) {}
 
-TcpServer::~TcpServer() { reactor_.Unregister(*this, Reactor::kRead); }
+TcpServer::~TcpServer() {
+  reactor_.Unregister(*this, Reactor::kRead);
+  if (reserve_fd_ != -1) close(reserve_fd_);
+}
 
 uint16_t TcpServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  SetFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
   if (GetFd() == -1) {
     LOGE("[S] Error creating TCP socket: %s", strerror(errno));
     return 0;
@@ -53,6 +62,7 @@ uint16_t TcpServer::Listen() {
     LOGE("[S] Error listening on socket: %s", strerror(errno));
     return 0;
   }
+  TakeReserve();
   reactor_.Register(*this, Reactor::kRead);
   return ntohs(address.sin_port);
 }
@@ -60,10 +70,36 @@ uint16_t TcpServer::Listen() {
 void TcpServer::OnReadReady() {
   const int accepted = AcceptRetrying(GetFd());
   if (accepted == -1) {
-    LOGW("[S] Error accepting client socket: %s", strerror(errno));
+    const int error = errno;
+    const bool is_refused = IsOutOfDescriptors(error) && reserve_fd_ != -1;
+    if (is_refused || no_reserve_log_.AdmitFailure(error)) {
+      LOGW("[S] Error accepting client socket: %s", strerror(error));
+    }
+    if (IsOutOfDescriptors(error)) RefuseConnection();
     return;
   }
-  new TcpConduit(reactor_, link_, accepted, ++last_stream_id_);
+  new TcpConduit(reactor_, link_, accepted, ++last_stream_id_, open_conduits_);
+}
+
+void TcpServer::RefuseConnection() {
+  if (reserve_fd_ != -1) {
+    close(reserve_fd_);
+    reserve_fd_ = -1;
+    const int accepted = AcceptRetrying(GetFd());
+    if (accepted != -1) Socket(accepted).ResetOnClose();
+  }
+  TakeReserve();
+}
+
+void TcpServer::TakeReserve() {
+  reserve_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void TcpServer::ResetConnections() {
+  reactor_.Unregister(*this, Reactor::kRead);
+  // Resets what waits to be accepted, and whatever comes from now on.
+  shutdown(GetFd(), SHUT_RDWR);
+  open_conduits_.ResetAll();
 }
 
 }  // namespace vantrel

@@ -2,6 +2,8 @@
 
 #include <stdint.h>
 
+#include "capture/open_conduits.h"
+#include "common/log_limiter.h"
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
 #include "reactor/socket.h"
@@ -9,8 +11,8 @@
 namespace vantrel {
 
 // Accepts the TCP connections that the nat rules redirect to the loopback
-// address. Each becomes a TcpConduit, which owns itself; the server keeps no
-// pointer to it. |reactor| and |link| outlive the server.
+// address. Each becomes a TcpConduit, which owns itself. |reactor| and |link|
+// outlive the server.
 class TcpServer : public Socket {
  public:
   TcpServer(Reactor& reactor, ProxySocket& link);
@@ -22,10 +24,25 @@ class TcpServer : public Socket {
 
   void OnReadReady() override;  // accepts one connection
 
+  // Takes no more connections, and resets every one that is open or waits to
+  // be accepted: applications see at once that theirs was cut. To be called
+  // before the rules are removed, for without them a reset no longer finds its
+  // way. The link is not told, and must not touch its streams afterwards.
+  void ResetConnections();
+
  private:
+  // Takes one connection without a free descriptor, only to end it. Otherwise
+  // it would stay at the head of the queue, and be reported for ever.
+  void RefuseConnection();
+  void TakeReserve();
+
   uint32_t last_stream_id_ = 0;  // the first stream is 1; wraps
   Reactor& reactor_;
   ProxySocket& link_;
+  OpenConduits open_conduits_;
+  // Held only to be given up for RefuseConnection(); -1 when there was none.
+  int reserve_fd_ = -1;
+  LogLimiter no_reserve_log_;
 };
 
 }  // namespace vantrel

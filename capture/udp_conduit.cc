@@ -1,15 +1,25 @@
 #include "capture/udp_conduit.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include "capture/dns.h"
+#include "common/interception.h"
 #include "common/log.h"
+#include "common/log_limiter.h"
 
 namespace vantrel {
 namespace {
+
+constexpr uint32_t kMaxOtherSenders = 64;
+
+bool IsApplicationAddress(const IpAddress& address) {
+  return address.GetFamily() == AF_INET &&
+         address.GetAddrV4() == htonl(kApplicationAddress);
+}
 
 ssize_t SendTo(int fd, const std::string& payload,
                const HostAndPort& destination) {
@@ -26,21 +36,28 @@ ssize_t SendTo(int fd, const std::string& payload,
 }  // namespace
 
 UdpConduit::UdpConduit(Reactor& reactor, const HostAndPort& remote)
-    : reactor_(reactor), remote_(remote) {}
+    : reactor_(reactor), remote_(remote), other_senders_(kMaxOtherSenders) {}
 
 UdpConduit::~UdpConduit() { reactor_.Unregister(*this, Reactor::kWrite); }
 
 bool UdpConduit::Bind() {
   if (GetFd() != -1) return true;
   const void* const self = this;
-  SetFd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+  SetFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   if (GetFd() == -1) {
-    LOGE("[SU] %p Error creating UDP socket: %s", self, strerror(errno));
+    const int error = errno;
+    static LogLimiter limiter;
+    if (limiter.AdmitFailure(error)) {
+      LOGE("[SU] %p Error creating UDP socket: %s", self, strerror(error));
+    }
+    errno = error;
     return false;
   }
   const int on = 1;
   if (setsockopt(GetFd(), SOL_IP, IP_TRANSPARENT, &on, sizeof(on)) == -1) {
-    LOGE("[SU] %p Unable to set IP_TRANSPARENT: %s", self, strerror(errno));
+    const int error = errno;
+    LOGE("[SU] %p Unable to set IP_TRANSPARENT: %s", self, strerror(error));
+    errno = error;
     return false;
   }
   const sockaddr_in address = remote_.GetSockAddrV4();
@@ -50,12 +67,23 @@ bool UdpConduit::Bind() {
   if (address.sin_family != AF_INET ||
       bind(GetFd(), reinterpret_cast<const sockaddr*>(&address),
            sizeof(address)) == -1) {
+    const int error = errno;
     LOGE("[SU] %p Unable to bind to source address %s: %s", self,
-         remote_.ToString().c_str(), strerror(errno));
+         remote_.ToString().c_str(), strerror(error));
+    errno = error;
     return false;
   }
   LOGD("[SU] %p Ready to tunnel: %s", self, remote_.ToString().c_str());
   return true;
+}
+
+void UdpConduit::NoteSender(const HostAndPort& local) {
+  if (!IsApplicationAddress(local.host)) other_senders_.Insert(local, true);
+}
+
+bool UdpConduit::IsAnswerable(const HostAndPort& local) {
+  return IsApplicationAddress(local.host) ||
+         other_senders_.Find(local) != nullptr;
 }
 
 void UdpConduit::SendResponse(const HostAndPort& destination,

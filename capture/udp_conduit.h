@@ -4,6 +4,7 @@
 #include <string>
 
 #include "common/host_and_port.h"
+#include "common/lru_cache.h"
 #include "reactor/reactor.h"
 #include "reactor/socket.h"
 
@@ -23,10 +24,17 @@ class UdpConduit : public Socket {
 
   void OnWriteReady() override;
 
-  // Opens and binds the socket. False on failure, which is logged. Once a
-  // socket exists a further call returns true and does nothing, on purpose
-  // also after a failure: the link drops a conduit that did not bind.
+  // Opens and binds the socket. False on failure, which is logged; errno then
+  // has the reason. Once a socket exists a further call returns true and does
+  // nothing, also after a failure: the link drops a conduit that did not bind.
   [[nodiscard]] virtual bool Bind();
+
+  // The application at |local| has sent a datagram to the remote.
+  void NoteSender(const HostAndPort& local);
+  // Whether an answer may go to |local|: to the applications' own address, or
+  // to an endpoint that has sent to the remote. Without that the companion
+  // could reach every UDP service of the device, also on its loopback.
+  bool IsAnswerable(const HostAndPort& local);
 
   // Queues an answer for the application at |destination|.
   virtual void SendResponse(const HostAndPort& destination,
@@ -46,6 +54,9 @@ class UdpConduit : public Socket {
   Reactor& reactor_;
   std::deque<response_queue_item_t> response_queue_;  // oldest first
   const HostAndPort remote_;
+  // Endpoints at other addresses than the applications' own. Bounded: one
+  // application can send from any number of ports.
+  LruCache<HostAndPort, bool> other_senders_;
 };
 
 }  // namespace vantrel

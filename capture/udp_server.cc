@@ -43,7 +43,7 @@ UdpServer::UdpServer(Reactor& reactor, ProxySocket& link)
 UdpServer::~UdpServer() { reactor_.Unregister(*this, Reactor::kRead); }
 
 uint16_t UdpServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+  SetFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   if (GetFd() == -1) {
     LOGE("[U] Error creating UDP socket: %s", strerror(errno));
     return 0;
@@ -78,7 +78,7 @@ uint16_t UdpServer::Listen() {
 void UdpServer::OnReadReady() {
   char data[kMaxDatagramBytes];
   alignas(cmsghdr) char control[kControlBytes];
-  while (true) {
+  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
     sockaddr_in sender = {};
     iovec io = {data, sizeof(data)};
     msghdr message = {};

@@ -18,16 +18,16 @@
 #include <memory>
 #include <utility>
 
+#include "capture/socket_table.h"
+#include "common/interception.h"
 #include "common/log.h"
 #include "common/lru_cache.h"
+#include "common/monotonic_clock.h"
 
 namespace vantrel {
 namespace {
 
-// The address of interface ifb0, 192.168.167.239, which the rules give the
-// applications as their source: as the kernel prints it in its tables, and in
-// its IPv4-mapped form.
-constexpr uint32_t kApplicationAddress = 0xEFA7A8C0;
+// kApplicationAddress in its IPv4-mapped form, as the kernel prints it.
 constexpr char kMappedApplicationAddress[] = "0000000000000000FFFF0000EFA7A8C0";
 
 constexpr uint32_t kCacheCapacity = 20;
@@ -36,23 +36,6 @@ constexpr time_t kFreshSeconds = 9;
 using Flow = std::pair<HostAndPort, HostAndPort>;  // local, remote
 LruCache<Flow, std::pair<unsigned int, timespec>> datagram_owners(
     kCacheCapacity);
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using ScopedFile = std::unique_ptr<FILE, FileCloser>;
-
-// Opens a table of /proc/net and skips its heading. Null on failure, logged.
-ScopedFile OpenTable(const char* path) {
-  ScopedFile table(fopen(path, "rt"));
-  if (!table) {
-    LOGE("Error opening %s: %s", path, strerror(errno));
-    return nullptr;
-  }
-  // Only a heading is expected here; a table without rows ends the scans.
-  static_cast<void>(!fscanf(table.get(), "%*[^\n]\n"));
-  return table;
-}
 
 // The application's source port of the accepted socket |inode|, taken from the
 // rows of /proc/net/tcp up to that socket's own. |owners| receives the owner of
@@ -69,7 +52,7 @@ uint16_t FindSourcePort(FILE* tcp, ino_t inode,
                 "%*s %08X:%04hX %*08X:%04hX %*s %*s %*s %*s %u %*s %lu "
                 "%*[^\n]\n",
                 &address, &port, &remote_port, &uid, &row_inode) == 5) {
-    if (address == kApplicationAddress) {
+    if (address == htonl(kApplicationAddress)) {
       owners->emplace(port, uid);
     } else if (row_inode == inode) {
       break;
@@ -85,7 +68,7 @@ bool FindTcpOwner(FILE* tcp, uint16_t port, unsigned int* uid) {
   uint16_t row_port;
   while (fscanf(tcp, "%*s %08X:%04hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
                 &address, &row_port, uid) == 3) {
-    if (address == kApplicationAddress && row_port == port) return true;
+    if (address == htonl(kApplicationAddress) && row_port == port) return true;
   }
   return false;
 }
@@ -124,12 +107,6 @@ class OwnerOfMatches {
   unsigned int uid_ = UidHelper::kUidNotFound;
 };
 
-timespec MonotonicNow() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
-
 // A malformed name comes out empty: the converter is given that as its error
 // text, without which it would throw.
 std::string ToUtf8(const android::String16& text) {
@@ -147,7 +124,7 @@ unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
     LOGE("Error stat'ing socket: %s", strerror(errno));
     return kUidNotFound;
   }
-  const ScopedFile tcp = OpenTable("/proc/net/tcp");
+  ScopedFile tcp = OpenSocketTable("tcp");
   if (!tcp) return kUidNotFound;
   std::map<uint16_t, unsigned int> owners;
   const uint16_t port = FindSourcePort(tcp.get(), status.st_ino, &owners);
@@ -156,7 +133,8 @@ unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
   if (seen != owners.end()) return seen->second;
   unsigned int uid;
   if (FindTcpOwner(tcp.get(), port, &uid)) return uid;
-  const ScopedFile tcp6 = OpenTable("/proc/net/tcp6");
+  tcp.reset();
+  const ScopedFile tcp6 = OpenSocketTable("tcp6");
   if (!tcp6) return kUidNotFound;
   return FindTcp6Owner(tcp6.get(), port, &uid) ? uid : kUidNotFound;
 }
@@ -178,11 +156,10 @@ unsigned int UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,
 
 unsigned int UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
                                                     const HostAndPort& remote) {
-  // The table stays open on purpose, unlike in the IPv6 scan: this is how the
-  // program is known to behave. It costs one descriptor and one stdio buffer
-  // for each scan, so a device that talks to many remotes gives the daemon a
-  // high limit of open files.
-  FILE* const udp = OpenTable("/proc/net/udp").release();
+  // The table stays open, unlike in the IPv6 scan; kept for compatibility.
+  // Each look-up costs one descriptor and one stdio buffer, so the daemon needs
+  // a high limit of open files.
+  FILE* const udp = OpenSocketTable("udp").release();
   if (udp == nullptr) return kUidNotFound;
   OwnerOfMatches owner;
   uint32_t address;
@@ -203,7 +180,7 @@ unsigned int UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
 
 unsigned int UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
                                                     const HostAndPort& remote) {
-  const ScopedFile udp6 = OpenTable("/proc/net/udp6");
+  const ScopedFile udp6 = OpenSocketTable("udp6");
   if (!udp6) return kUidNotFound;
   OwnerOfMatches owner;
   char address[33];
@@ -215,8 +192,8 @@ unsigned int UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
                 "%*s %32[^:]:%hX %32[^:]:%hX %*s %*s %*s %*s %u %*[^\n]\n",
                 address, &port, remote_address, &remote_port, &uid) == 5) {
     // The first 16 characters of each text stand for the address, not their
-    // value: on purpose, so that a real IPv6 flow belongs to nobody. Datagrams
-    // are captured over IPv4 only, and nothing may be charged by guesswork.
+    // value, so a real IPv6 flow belongs to nobody. Kept for compatibility;
+    // datagrams are captured over IPv4 only.
     const bool matches =
         HostAndPort(IpAddress::FromIPv6NetworkBytes(address), port) == local &&
         HostAndPort(IpAddress::FromIPv6NetworkBytes(remote_address),

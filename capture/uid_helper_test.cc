@@ -1,47 +1,20 @@
 #include "capture/uid_helper.h"
 
-#include <dlfcn.h>
-#include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <stdio.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <map>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
+#include "capture/socket_table.h"
 #include "common/hex_testing.h"
+#include "common/monotonic_clock.h"
 #include "platform/linux/log_capture.h"
-
-namespace {
-// The files of /proc/net while a test sets any; others do not exist then.
-std::map<std::string, std::string> tables;
-int opened_tables = 0;
-time_t clock_lead_seconds = 0;
-}  // namespace
-
-// In place of the C library's: tests supply the kernel's tables and the time.
-extern "C" FILE* fopen(const char* path, const char* mode) {
-  if (tables.empty() || std::string(path).rfind("/proc/net/", 0) != 0) {
-    static const auto real =
-        reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
-    return real(path, mode);
-  }
-  ++opened_tables;
-  const auto table = tables.find(path + sizeof("/proc/net/") - 1);
-  if (table == tables.end()) {
-    errno = ENOENT;
-    return nullptr;
-  }
-  return fmemopen(table->second.data(), table->second.size(), "r");
-}
-extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-  now->tv_sec += clock_lead_seconds;
-  return result;
-}
 
 namespace vantrel {
 namespace {
@@ -59,17 +32,25 @@ std::string Row(const std::string& local, const std::string& remote,
          " 1 0000000000000000 20 4 30 10 -1\n";
 }
 
+// The kernel's tables are files of the test's.
 class UidHelperTest : public ::testing::Test {
  protected:
-  ~UidHelperTest() override {
-    tables.clear();
-    clock_lead_seconds = 0;
+  UidHelperTest() {
+    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
+    SetSocketTableDirectory(directory_);
   }
-  static std::string Table(const std::string& rows) {
-    return "  sl  local_address rem_address   st ... uid timeout inode\n" +
-           rows;
+  ~UidHelperTest() override {
+    SetSocketTableDirectory("/proc/net");
+    SetMonotonicClockLead(0);
+    std::filesystem::remove_all(directory_);
+  }
+  void SetTable(const std::string& name, const std::string& rows) {
+    std::ofstream(directory_ + "/" + name)
+        << "  sl  local_address rem_address   st ... uid timeout inode\n"
+        << rows;
   }
 
+  std::string directory_ = ::testing::TempDir() + "tables.XXXXXX";
   LogCapture log_;
 };
 
@@ -106,7 +87,8 @@ TEST_F(UidHelperTest, FindsTheApplicationsEndOfAnAcceptedConnection) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    tables = {{"tcp", Table(c.tcp)}, {"tcp6", Table(c.tcp6)}};
+    SetTable("tcp", c.tcp);
+    SetTable("tcp6", c.tcp6);
     EXPECT_EQ(c.uid, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
   }
   EXPECT_THAT(log_.Take(), IsEmpty());
@@ -124,7 +106,7 @@ TEST_F(UidHelperTest, FindsTheOneOwnerOfADatagramFlow) {
   };
   for (const auto& [rows, uid] : cases) {
     SCOPED_TRACE(rows);
-    tables = {{"udp", Table(rows)}};
+    SetTable("udp", rows);
     EXPECT_EQ(uid, UidHelper::FindOwnerUidForDatagramIpV4(
                        Endpoint("C0A8A7EF", 40000), Endpoint("C6336407", 53)));
   }
@@ -136,18 +118,43 @@ TEST_F(UidHelperTest, RemembersAFlowForNineSeconds) {
     return UidHelper::FindOwnerUidForDatagram(local,
                                               Endpoint("C6336407", port));
   };
-  tables = {{"udp", Table(Row("EFA7A8C0:9C40", "076433C6:0035", 10001))}};
-  opened_tables = 0;
+  SetTable("udp", Row("EFA7A8C0:9C40", "076433C6:0035", 10001));
   EXPECT_EQ(10001u, find(53));
   EXPECT_EQ(kNobody, find(54));
-  tables["udp"] = Table(Row("EFA7A8C0:9C40", "076433C6:0035", 10002));
-  clock_lead_seconds = 8;
+  SetTable("udp", Row("EFA7A8C0:9C40", "076433C6:0035", 10002) +
+                      Row("EFA7A8C0:9C40", "076433C6:0036", 10002));
+  SetMonotonicClockLead(8);
   EXPECT_EQ(10001u, find(53));
-  EXPECT_EQ(kNobody, find(54));
-  EXPECT_EQ(2, opened_tables) << "that there is none is remembered, too";
-  clock_lead_seconds = 10;
+  EXPECT_EQ(kNobody, find(54)) << "that there is none is remembered, too";
+  SetMonotonicClockLead(10);
   EXPECT_EQ(10002u, find(53));
-  EXPECT_EQ(3, opened_tables);
+}
+
+// One descriptor is enough, and its want is no flood of lines.
+TEST_F(UidHelperTest, HoldsOneTableAtATime) {
+  SetTable("tcp", Row("0100007F:1F90", "EFA7A8C0:9C40", 0, 5));
+  SetTable("tcp6", Row("0000000000000000FFFF0000EFA7A8C0:9C40", ":0", 10001));
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit low = {256, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &low);
+  std::vector<int> taken;
+  int fd;
+  while ((fd = dup(STDIN_FILENO)) != -1) taken.push_back(fd);
+  std::vector<unsigned int> owners;
+  for (int i = 0; i < 3; ++i) {
+    owners.push_back(UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+  }
+  close(taken.back());
+  owners.push_back(UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+  taken.pop_back();
+  for (const int open : taken) close(open);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_THAT(owners,
+              ::testing::ElementsAre(kNobody, kNobody, kNobody, 10001u));
+  EXPECT_THAT(log_.Take(),
+              ::testing::ElementsAre("E: Error opening " + directory_ +
+                                     "/tcp: Too many open files"));
 }
 
 }  // namespace

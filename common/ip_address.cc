@@ -44,23 +44,27 @@ uint32_t IpAddress::GetAddrV4() const {
 }
 
 std::string IpAddress::ToNetworkBytes() const {
-  size_t length = 0;
-  if (family_ == AF_INET) length = sizeof(in_addr);
-  if (family_ == AF_INET6) length = sizeof(in6_addr);
-  return std::string(reinterpret_cast<const char*>(address_), length);
+  return std::string(reinterpret_cast<const char*>(address_),
+                     GetAddressBytes());
+}
+
+size_t IpAddress::GetAddressBytes() const {
+  if (family_ == AF_INET) return sizeof(in_addr);
+  if (family_ == AF_INET6) return sizeof(in6_addr);
+  return 0;
 }
 
 uint32_t IpAddress::GetHashCode() const {
-  // The unused bytes are zero, so one rule serves every family.
   uint32_t words[4];
   memcpy(words, address_, sizeof(words));
+  if (family_ == AF_INET) return words[0];
+  if (family_ != AF_INET6) return 0;
   return words[0] ^ words[1] ^ words[2] ^ words[3];
 }
 
 bool IpAddress::IsSameAs(const IpAddress& other) const {
-  // Bytes that a family does not use are always zero.
   return family_ == other.family_ &&
-         memcmp(address_, other.address_, sizeof(address_)) == 0;
+         memcmp(address_, other.address_, GetAddressBytes()) == 0;
 }
 
 std::string IpAddress::ToString() const {

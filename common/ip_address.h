@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -26,17 +27,21 @@ class IpAddress {
   uint32_t GetAddrV4() const;
   // The inverse of FromNetworkBytes: 4, 16 or no bytes.
   std::string ToNetworkBytes() const;
-  // The address bytes as native 32-bit words, joined by exclusive-or.
+  // The address bytes as native 32-bit words, joined by exclusive-or; 0 for no
+  // address.
   uint32_t GetHashCode() const;
-  // Same family and same address. An IPv4 address and its IPv4-mapped form are
-  // not the same.
+  // Same family and same address; no address is the same as no address. An
+  // IPv4 address and its IPv4-mapped form are not the same.
   bool IsSameAs(const IpAddress& other) const;
   // As inet_ntop writes it; empty for no address.
   std::string ToString() const;
 
  private:
+  // How many bytes of |address_| the family uses.
+  size_t GetAddressBytes() const;
+
   int32_t family_ = 0;
-  // Network byte order. IPv4 uses the first 4 bytes, the others stay zero.
+  // Network byte order. IPv4 uses the first 4 bytes.
   uint8_t address_[16] = {};
 };
 

@@ -41,7 +41,7 @@ ControlServer::~ControlServer() {
 }
 
 uint16_t ControlServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+  SetFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   if (GetFd() == -1) {
     LOGE("[C] Error creating UDP socket: %s", strerror(errno));
     return 0;
@@ -65,7 +65,7 @@ uint16_t ControlServer::Listen() {
 }
 
 void ControlServer::OnReadReady() {
-  while (true) {
+  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
     char buffer[kMaxDatagramBytes] = {};
     sockaddr_in sender;  // received and not used: the port never answers
     socklen_t sender_length = sizeof(sender);

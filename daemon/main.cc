@@ -52,8 +52,10 @@ enum ExitCode : int32_t {
 // A descriptor of its own for what |stream| was inherited on; -1 when that was
 // closed. Above the standard ones, which are reopened next: where one of them
 // was inherited closed, a plain duplicate would take its number and be lost.
+// Close-on-exec, as every descriptor above the standard ones: the shells that
+// change the rules would fail with a table full of inherited descriptors.
 int Duplicate(FILE* stream) {
-  return fcntl(fileno(stream), F_DUPFD, STDERR_FILENO + 1);
+  return fcntl(fileno(stream), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 // What the process or its child commands print must never reach the link or
@@ -103,6 +105,8 @@ int Main(int argc, char** argv) {
   // A write to a dead peer must come back as an error: ending on a signal
   // would leave the rules installed and the device without any network.
   signal(SIGPIPE, SIG_IGN);
+  // Inherited as ignored, it would make every command of the rules look failed.
+  signal(SIGCHLD, SIG_DFL);
   const int link_fd = Duplicate(stdin);
   const int status_fd = Duplicate(stdout);
   DetachStandardStreams();
@@ -148,6 +152,7 @@ int Main(int argc, char** argv) {
 
   reactor.Start();
 
+  tcp_server.ResetConnections();
   TeardownIptables(0, true);
   ReportTransferStats(*link, status);
   // Lets the launching process read the report before the descriptors close.

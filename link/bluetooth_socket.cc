@@ -20,9 +20,9 @@ BluetoothSocket::BluetoothSocket(ProxySocket::Delegate* delegate,
                                  UdpConduitFactory udp_conduit_factory)
     : delegate_(delegate),
       reactor_(reactor),
-      udp_conduit_factory_(std::move(udp_conduit_factory)),
       output_(*this, reactor),
-      udp_v2_conduits_(kMaxUdpConduits),
+      udp_v2_conduits_(kMaxUdpConduits, reactor,
+                       std::move(udp_conduit_factory)),
       udp_v1_conduits_(kMaxUdpConduits),
       flags_(flags) {}
 

@@ -16,6 +16,7 @@
 #include "link/packet_bytes.h"
 #include "link/proxy_socket.h"
 #include "link/stream_table.h"
+#include "link/udp_conduit_table.h"
 #include "link/v1_wire.h"
 #include "reactor/reactor.h"
 
@@ -103,8 +104,6 @@ class BluetoothSocket : public ProxySocket {
                       const std::string& payload);
   void SendDatagramV2(const HostAndPort& local, const HostAndPort& remote,
                       const std::string& payload);
-  // A new conduit bound to |remote|; null when it cannot be bound, logged.
-  std::shared_ptr<UdpConduit> MakeUdpConduit(const HostAndPort& remote);
   // Each hands an answer or failure to its conduit and returns the UID to
   // charge.
   uint32_t HandleDatagramV1(const char* data, size_t size);
@@ -127,15 +126,14 @@ class BluetoothSocket : public ProxySocket {
 
   ProxySocket::Delegate* const delegate_;
   Reactor& reactor_;
-  const UdpConduitFactory udp_conduit_factory_;
   std::array<char, kReceiveBufferBytes> receive_buffer_;
   uint32_t receive_fill_ = 0;  // unprocessed bytes in |receive_buffer_|
   uint32_t receive_skip_ = 0;  // bytes still to come of a skipped payload
   uint32_t rx_bytes_ = 0;      // read from the companion
   LinkOutput output_;
   StreamTable streams_;
-  // Both keyed by the remote endpoint.
-  LruCache<HostAndPort, std::shared_ptr<UdpConduit>> udp_v2_conduits_;
+  UdpConduitTable udp_v2_conduits_;
+  // By remote endpoint.
   LruCache<HostAndPort, udp_v1_local_conduit_t> udp_v1_conduits_;
   int32_t next_pull_id_ = 0;
   std::map<int32_t, pull_state_t> pulls_;

@@ -11,20 +11,12 @@ namespace vantrel {
 void BluetoothSocket::SendDatagram(const HostAndPort& local,
                                    const HostAndPort& remote,
                                    const std::string& payload) {
+  if (!output_.HasRoomForDatagram()) return;
   if ((flags_ & FLAG_UDP_V2) != 0) {
     SendDatagramV2(local, remote, payload);
   } else {
     SendDatagramV1(local, remote, payload);
   }
-}
-
-std::shared_ptr<UdpConduit> BluetoothSocket::MakeUdpConduit(
-    const HostAndPort& remote) {
-  std::shared_ptr<UdpConduit> conduit(udp_conduit_factory_(reactor_, remote));
-  if (conduit->Bind()) return conduit;
-  LOGE("[B] Unable to bind socket to remote address %s, dropping packet.",
-       remote.ToString().c_str());
-  return nullptr;
 }
 
 // This form names no application, so two that write to one remote share its
@@ -37,7 +29,8 @@ void BluetoothSocket::SendDatagramV1(const HostAndPort& local,
   if (known != nullptr) {
     known->local = local;
   } else {
-    const std::shared_ptr<UdpConduit> conduit = MakeUdpConduit(remote);
+    const std::shared_ptr<UdpConduit> conduit =
+        udp_v2_conduits_.MakeBound(remote);
     if (conduit == nullptr) return;
     udp_v1_conduits_.Insert(remote, {conduit, local});
   }
@@ -51,11 +44,7 @@ void BluetoothSocket::SendDatagramV1(const HostAndPort& local,
 void BluetoothSocket::SendDatagramV2(const HostAndPort& local,
                                      const HostAndPort& remote,
                                      const std::string& payload) {
-  if (udp_v2_conduits_.Find(remote) == nullptr) {
-    const std::shared_ptr<UdpConduit> conduit = MakeUdpConduit(remote);
-    if (conduit == nullptr) return;
-    udp_v2_conduits_.Insert(remote, conduit);
-  }
+  if (!udp_v2_conduits_.Prepare(local, remote)) return;
   // The bytes are charged to the 16 bits that the message carries.
   const auto uid =
       static_cast<uint16_t>(UidHelper::FindOwnerUidForDatagram(local, remote));
@@ -82,19 +71,15 @@ uint32_t BluetoothSocket::HandleDatagramV2(const char* data, size_t size) {
   const HostAndPort local = v1::GetDatagramV2Local(data);
   const HostAndPort remote = v1::GetDatagramV2Remote(data);
   const bool failed = GetU8(data) == TYPE_UDP_FAILURE_V2;
-  const auto* const conduit = udp_v2_conduits_.Find(remote);
-  if (conduit == nullptr) {
-    LOGW("[B] Dropping %s packet from %s to %s: evicted",
-         failed ? "failed" : "v2", remote.ToString().c_str(),
-         local.ToString().c_str());
-    return PacketBytes::kNobody;
-  }
+  UdpConduit* const conduit =
+      udp_v2_conduits_.FindForAnswer(local, remote, failed);
+  if (conduit == nullptr) return PacketBytes::kNobody;
   const size_t header = v1::GetHeaderSize(GetU8(data));
   const std::string payload(data + header, size - header);
   if (failed) {
-    (*conduit)->SendFailure(local, payload);
+    conduit->SendFailure(local, payload);
   } else {
-    (*conduit)->SendResponse(local, payload);
+    conduit->SendResponse(local, payload);
   }
   return UidHelper::FindOwnerUidForDatagram(local, remote);
 }

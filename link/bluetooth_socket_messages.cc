@@ -12,7 +12,7 @@
 namespace vantrel {
 
 void BluetoothSocket::OnReadReady() {
-  while (true) {
+  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
     // One byte less than the buffer holds. A message that can never complete
     // fills it; the read is then of 0 bytes and looks like the end of the
     // stream, which ends the link on purpose.

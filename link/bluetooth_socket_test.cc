@@ -143,6 +143,11 @@ TEST_F(BluetoothSocketTest, IncomingMessagesInAnyPieces) {
        "answer 192.168.167.239:40000 hi"},
       {"0F C0A8A7EF 9C40 C6336435 0035 0001 41", kNobody,
        "failure 192.168.167.239:40000 A"},
+      // To an endpoint that has asked, and to one that has not.
+      {"0E 7F000001 9C41 C6336435 0035 FFFF 0002 6869", kNobody,
+       "answer 127.0.0.1:40001 hi"},
+      {"0E 7F000001 0946 C6336435 0035 FFFF 0001 01", kNobody, ""},
+      {"0F 7F000001 0946 C6336435 0035 0001 01", kNobody, ""},
       {"0B FFFFFFFF 02", kNobody, "network -1 metered"},
       {"09 00000063 0001 61", kNobody, ""},      // of a pull nobody asked for
       {"00 01 0A 0C 0D 10 12 FF", kNobody, ""},  // skipped byte by byte
@@ -154,6 +159,7 @@ TEST_F(BluetoothSocketTest, IncomingMessagesInAnyPieces) {
       FakeConduit stream(7, 10123, "p");
       link_->RegisterTcpStream(&stream);
       link_->SendDatagram(kApp, kDns, "query");
+      link_->SendDatagram(Endpoint("7F000001", 40001), kDns, "query");
       Flush();
       TakeUsage();
       log_.Take();

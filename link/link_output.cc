@@ -1,22 +1,27 @@
 #include "link/link_output.h"
 
 #include "common/log.h"
+#include "common/monotonic_clock.h"
 
 namespace vantrel {
 namespace {
 
 constexpr time_t kWriteTimeoutSeconds = 15;
-
-timespec MonotonicNow() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
+constexpr size_t kMaxBytesBeforeDatagram = 1024 * 1024;
 
 }  // namespace
 
 LinkOutput::LinkOutput(Socket& link, Reactor& reactor)
     : link_(link), reactor_(reactor) {}
+
+bool LinkOutput::HasRoomForDatagram() {
+  const size_t waiting = buffer_.GetQueuedByteCount();
+  if (waiting <= kMaxBytesBeforeDatagram) return true;
+  if (drop_log_.Admit()) {
+    LOGW("[B] Dropping datagrams: %zu bytes wait for the link.", waiting);
+  }
+  return false;
+}
 
 void LinkOutput::OnAppended(bool was_empty) {
   if (was_empty) {

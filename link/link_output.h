@@ -5,6 +5,7 @@
 
 #include <sstream>
 
+#include "common/log_limiter.h"
 #include "reactor/reactor.h"
 #include "reactor/write_buffer.h"
 
@@ -28,6 +29,12 @@ class LinkOutput {
     return buffer_.GetQueuedItemCount() > kMaxQueuedMessages;
   }
 
+  // Whether a captured datagram may still be queued: not while more than 1 MiB
+  // waits for the link. Datagrams have no flow control; a queue of them would
+  // grow without bound and everybody else would wait behind it. Says so in the
+  // log, once a second at most.
+  [[nodiscard]] bool HasRoomForDatagram();
+
   // To be called after each append, with whether the queue was empty before
   // it. Registers the link for writing, and stops the reactor when the socket
   // has taken nothing for 15 seconds. That is looked at only here: a blocked
@@ -49,6 +56,7 @@ class LinkOutput {
   // When the queue last went from empty to non-empty or was last drained
   // (monotonic). Seconds of 0: nothing is pending.
   timespec write_started_ = {};
+  LogLimiter drop_log_;
 };
 
 }  // namespace vantrel

@@ -30,7 +30,10 @@ ProxySocketV2::ProxySocketV2(ProxySocket::Delegate* delegate, Reactor& reactor)
       output_(*this, reactor),
       protocol_version_(kProtocolVersion),
       package_names_(kMaxPackageNames),
-      udp_conduits_(kMaxUdpConduits) {}
+      udp_conduits_(kMaxUdpConduits, reactor,
+                    [](Reactor& r, const HostAndPort& remote) {
+                      return new UdpConduit(r, remote);
+                    }) {}
 
 ProxySocketV2::~ProxySocketV2() {
   reactor_.Unregister(*this, Reactor::kRead);
@@ -61,7 +64,7 @@ void ProxySocketV2::StartHandshake() {
 }
 
 void ProxySocketV2::OnReadReady() {
-  while (true) {
+  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
     // Without space the read is of 0 bytes and looks like the end of the
     // stream. That is how a link whose framing is lost comes to its end.
     const size_t space =

@@ -13,6 +13,7 @@
 #include "link/link_output.h"
 #include "link/proxy_socket.h"
 #include "link/stream_table.h"
+#include "link/udp_conduit_table.h"
 #include "link_v2/message_decoder.h"
 #include "link_v2/message_encoder.h"
 #include "reactor/reactor.h"
@@ -69,7 +70,8 @@ class ProxySocketV2 : public ProxySocket {
 
   // Streams and datagrams (proxy_socket_v2_flows.cc).
   // Fills the queue from the streams in turns, one chunk each per pass.
-  // Returns whether anything was taken.
+  // Returns whether the streams may have more: something was taken, or the
+  // queue was too full to ask them.
   bool SendTcpData();
   bool SendTcpDataPass();
   void CloseTcpStream(unsigned int stream_id);
@@ -93,8 +95,7 @@ class ProxySocketV2 : public ProxySocket {
   const unsigned int protocol_version_;
   LruCache<unsigned int, std::string> package_names_;  // last sent, by UID
   StreamTable streams_;
-  // By remote endpoint.
-  LruCache<HostAndPort, std::shared_ptr<UdpConduit>> udp_conduits_;
+  UdpConduitTable udp_conduits_;
 };
 
 }  // namespace vantrel

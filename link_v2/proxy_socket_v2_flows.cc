@@ -99,15 +99,8 @@ void ProxySocketV2::HandleTcpWriteAck(
 void ProxySocketV2::SendDatagram(const HostAndPort& source,
                                  const HostAndPort& destination,
                                  const std::string& payload) {
-  if (udp_conduits_.Find(destination) == nullptr) {
-    const auto conduit = std::make_shared<UdpConduit>(reactor_, destination);
-    if (!conduit->Bind()) {
-      LOGE("[B] Unable to bind socket to remote address %s, dropping packet.",
-           destination.ToString().c_str());
-      return;
-    }
-    udp_conduits_.Insert(destination, conduit);
-  }
+  if (!output_.HasRoomForDatagram()) return;
+  if (!udp_conduits_.Prepare(source, destination)) return;
   MessageEncoder message;
   messages::MessageUdpSend* send = message.SetAsUdpSend();
   SetEndpoint(source, send->mutable_source());
@@ -119,26 +112,16 @@ void ProxySocketV2::HandleUdpSend(const messages::MessageUdpSend& message,
                                   const std::string& payload) {
   const HostAndPort local = GetEndpoint(message.source());
   const HostAndPort remote = GetEndpoint(message.destination());
-  const auto* conduit = udp_conduits_.Find(remote);
-  if (conduit == nullptr) {
-    LOGW("[B] Dropping v2 packet from %s to %s: evicted",
-         remote.ToString().c_str(), local.ToString().c_str());
-    return;
-  }
-  (*conduit)->SendResponse(local, payload);
+  UdpConduit* const conduit = udp_conduits_.FindForAnswer(local, remote, false);
+  if (conduit != nullptr) conduit->SendResponse(local, payload);
 }
 
 void ProxySocketV2::HandleUdpFailure(const messages::MessageUdpFailure& message,
                                      const std::string& payload) {
   const HostAndPort local = GetEndpoint(message.source());
   const HostAndPort remote = GetEndpoint(message.destination());
-  const auto* conduit = udp_conduits_.Find(remote);
-  if (conduit == nullptr) {
-    LOGW("[B] Dropping failed packet from %s to %s: evicted",
-         remote.ToString().c_str(), local.ToString().c_str());
-    return;
-  }
-  (*conduit)->SendFailure(local, payload);
+  UdpConduit* const conduit = udp_conduits_.FindForAnswer(local, remote, true);
+  if (conduit != nullptr) conduit->SendFailure(local, payload);
 }
 
 void ProxySocketV2::MaybeSendPackageName(unsigned int uid,

@@ -41,7 +41,7 @@ void Reactor::Start() {
     LOGE("Unable to set process signal mask: %s", strerror(errno));
     return;
   }
-  const int signal_fd = signalfd(-1, &signals, 0);
+  const int signal_fd = signalfd(-1, &signals, SFD_CLOEXEC);
   if (signal_fd == -1) {
     LOGE("Error creating signal fd: %s", strerror(errno));
     return;

@@ -21,6 +21,11 @@ class Reactor {
     kWrite = POLLOUT,
   };
 
+  // A handler that reads until nothing is left returns after so many reads:
+  // others must have their turn, and a signal its effect, while somebody sends
+  // faster than the handler reads. Polling reports the rest again.
+  static constexpr int kMaxReads = 64;
+
   Reactor();
   Reactor(const Reactor&) = delete;
   Reactor& operator=(const Reactor&) = delete;

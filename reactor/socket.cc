@@ -1,6 +1,7 @@
 #include "reactor/socket.h"
 
 #include <errno.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace vantrel {
@@ -21,6 +22,11 @@ int Socket::Write(const void* data, size_t length) const {
     result = write(fd_, data, length);
   } while (result == -1 && errno == EINTR);
   return static_cast<int>(result);
+}
+
+void Socket::ResetOnClose() const {
+  const linger at_once = {1, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
 }
 
 }  // namespace vantrel

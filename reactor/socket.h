@@ -27,6 +27,10 @@ class Socket : public Reactable {
   int Read(void* buffer, size_t length) const;
   int Write(const void* data, size_t length) const;
 
+  // Makes a TCP connection end with a reset when it is closed, and not with
+  // what looks to its peer like a complete stream.
+  void ResetOnClose() const;
+
  protected:
   // Takes ownership of |fd|; for subclasses that open theirs later. Must not
   // be called while a descriptor is held.

@@ -59,7 +59,6 @@ def program_environment(directory, find_leaks=True):
         **os.environ,
         "ASAN_OPTIONS": f"{common}:detect_leaks={int(find_leaks)}",
         "UBSAN_OPTIONS": common + ":print_stacktrace=1",
-        "LSAN_OPTIONS": f"suppressions={SOURCE_DIR}/tests/lsan.supp:print_suppressions=0",
     }
 
 
@@ -146,7 +145,7 @@ class Daemon:
     unless |link| brings another descriptor."""
 
     def __init__(self, device, args=("20",), header=wire.CONNECTION_HEADER,
-                 link=None, max_descriptors=None, link_buffer=None):
+                 link=None, max_descriptors=None, link_buffer=None, wrap=()):
         self.device = device
         self.log_file = device.dir / "daemon.log"
         self.log_file.unlink(missing_ok=True)
@@ -164,7 +163,7 @@ class Daemon:
 
         limits = ["prlimit", f"--nofile={max_descriptors}"] if max_descriptors else []
         self.process = subprocess.Popen(
-            device.command([*limits, BIN_DIR / "vantrel", *args]), stdin=daemon_end,
+            device.command([*limits, *wrap, BIN_DIR / "vantrel", *args]), stdin=daemon_end,
             stdout=status_write, stderr=subprocess.DEVNULL,
             # The search for leaks at the end needs descriptors, too.
             env={**program_environment(device.dir, find_leaks=not max_descriptors),

@@ -2,8 +2,9 @@
 
 import socket
 
+import bench
 import wire
-from bench import DEVICE_ADDRESS
+from bench import DEVICE_ADDRESS, wait_until
 
 # From 192.168.167.239:5000 to 198.51.100.53:53, written out by hand.
 SEND = ("08 0A  {checksum}  8A 0D 15"
@@ -67,6 +68,49 @@ def test_names_are_logged(device, connected):
     connected.companion.expect(wire.UDP_SEND)
     lines = [line for line in connected.log() if "[D:1234]" in line]
     assert len(lines) == 1 and "a.test" in lines[0]
+
+
+def test_answers_reach_only_those_who_asked(make_device):
+    """Otherwise the companion could talk to every service of the device."""
+    device = make_device(debuggable=True)
+    daemon = bench.Daemon(device)
+    companion = daemon.companion
+    companion.shake_hands()
+    daemon.ports()
+    app = udp_app(device, 5000)
+    app.sendto(b"x", ("198.51.100.53", 4000))
+    companion.expect(wire.UDP_SEND)
+    control = ((1, wire.endpoint("127.0.0.1", 2374)),
+               (2, wire.endpoint("198.51.100.53", 4000)))
+    companion.send(wire.UDP_SEND, *control, payload=b"\1")
+    companion.send(wire.UDP_FAILURE, *control, payload=b"\1")
+    companion.send(wire.UDP_SEND, *addresses(5000, "198.51.100.53", 4000), payload=b"yes")
+    assert app.recv(100) == b"yes"
+    flow = "packet from 198.51.100.53:4000 to 127.0.0.1:2374: evicted"
+    assert [line for line in daemon.log() if line.startswith("W ")] == [
+        f"W [B] Dropping v2 {flow}", f"W [B] Dropping failed {flow}"]
+    daemon.close()  # it has not been stopped
+
+
+def test_a_flood_is_dropped_and_others_go_on(make_device):
+    """What waits for a slow link is bounded, and the log with it."""
+    device = make_device()
+    daemon = bench.Daemon(device, link_buffer=16384)
+    daemon.ports()
+    app = udp_app(device, 5000)
+    drop = "W [B] Dropping datagrams: "
+
+    def flooded():  # nobody reads a byte of it
+        app.sendto(bytes(16384), ("198.51.100.53", 4000))
+        return any(line.startswith(drop) for line in daemon.log())
+
+    wait_until(flooded, "the drop")
+    kinds = [frame.kind for frame in daemon.companion.receive_until_quiet()]
+    assert 64 <= kinds.count(wire.UDP_SEND) < 80
+    app.sendto(b"later", ("198.51.100.53", 4000))
+    assert daemon.companion.expect(wire.UDP_SEND).payload == b"later"
+    assert sum(line.startswith(drop) for line in daemon.log()) < 10
+    daemon.close()
 
 
 def test_the_65th_remote_takes_the_place_of_the_first(device, connected):

@@ -5,6 +5,7 @@ import socket
 
 import pytest
 
+import bench
 import wire
 
 END = [
@@ -73,6 +74,34 @@ def test_handshake_that_fails(start, answer, line):
     assert_ends_in_order(daemon, [line])
     with pytest.raises(EOFError):  # no HANDSHAKE_DONE, nothing else either
         daemon.companion.receive()
+
+
+def test_applications_see_that_their_connection_was_cut(device, connected):
+    """And not a complete stream. What the companion has ended stays ended."""
+    companion = connected.companion
+    apps = []
+    for stream in 1, 2, 3, 4:
+        apps.append(device.socket(socket.SOCK_STREAM))
+        apps[-1].setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+        apps[-1].connect(("198.51.100.7", 80))
+        assert companion.expect(wire.TCP_CONNECT).fields[1] == stream
+        if stream == 1:
+            companion.expect(wire.PACKAGE_NAMES)
+    waiting, downloading, ended, unread = apps
+    companion.send(wire.TCP_WRITE, (1, 2), payload=bytes(1000))
+    companion.send(wire.TCP_WRITE, (1, 3), payload=b"all of it")
+    companion.send(wire.TCP_CLOSE, (1, 3))
+    for _ in range(512):  # 8 MiB, more than both sockets hold
+        companion.send(wire.TCP_WRITE, (1, 4), payload=bytes(16384))
+    companion.send(wire.TCP_CLOSE, (1, 4))
+    companion.send(wire.TCP_WRITE, (1, 1), payload=b"x")
+    assert waiting.recv(100) == b"x"  # so all of the above has been taken
+    assert bench.end_process(connected.process) == 0
+    for app in waiting, downloading, unread:
+        with pytest.raises(ConnectionResetError):
+            while app.recv(65536):
+                pass
+    assert ended.recv(100) == b"all of it" and ended.recv(100) == b""
 
 
 def test_a_second_signal_does_not_cut_the_end_short(connected):

@@ -1,5 +1,8 @@
 """From the first descriptor to the start-up word, and every way to fail."""
 
+import os
+import pathlib
+import re
 import socket
 import struct
 import subprocess
@@ -71,6 +74,24 @@ def test_link_that_was_not_handed_over():
     assert (result.returncode, result.stdout, result.stderr) == (1, b"\1\0\0\0", b"")
 
 
+def test_what_the_daemon_takes_over_and_hands_on(device, start):
+    # An ignored SIGCHLD would make every command of the rules look failed.
+    daemon = start(wrap=["env", "--ignore-signal=CHLD"])
+    _, tcp, _ = daemon.ports()
+    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in bench.NAT_RULES]
+    device.connect("198.51.100.7", 80)
+    daemon.companion.expect(wire.HANDSHAKE_START)
+    daemon.companion.expect(wire.TCP_CONNECT)
+    kept = {}
+    for entry in pathlib.Path(f"/proc/{daemon.process.pid}/fdinfo").iterdir():
+        flags = re.search(r"flags:\s+(\d+)", entry.read_text())[1]
+        if int(entry.name) > 2 and not int(flags, 8) & os.O_CLOEXEC:
+            kept[entry.name] = os.readlink(entry.parent.parent / "fd" / entry.name)
+    assert kept == {}  # the shells that change the rules get none of them
+    assert bench.end_process(daemon.process) == 0
+    assert [line for line in daemon.log() if line.startswith("E ")] == []
+
+
 def test_silent_link(start):
     daemon = start(header=wire.CONNECTION_HEADER[:23])
     assert_aborts(daemon, 1)
@@ -93,7 +114,7 @@ def test_listeners_that_fail(make_device):
     taken.close()
 
     # Three standard descriptors, the link, the status channel and the log make
-    # six: the TCP listener is the seventh, the UDP socket the eighth.
+    # six: the TCP listener is the seventh, its reserve would be the eighth.
     device = make_device()
     assert "E [S] Error creating TCP socket: Too many open files" in \
         abort_of(device, 3, max_descriptors=6)

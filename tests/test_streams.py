@@ -1,8 +1,11 @@
 """TCP connections over the link, byte by byte, with a scripted companion."""
 
+import contextlib
 import socket
 import struct
 import subprocess
+
+import pytest
 
 import bench
 import wire
@@ -192,6 +195,59 @@ def test_a_companion_that_does_not_read(make_device):
     written = [frame.fields[1] for frame in frames if frame.kind == wire.TCP_WRITE]
     assert {written.count(stream) for stream in range(1, 21)} == {8}
     daemon.close()
+
+
+def test_more_connections_than_descriptors(make_device):
+    """Those that find no descriptor are refused, one line each; then all goes on,
+    and the commands that remove the rules find descriptors of their own."""
+    device = make_device()
+    daemon = bench.Daemon(device, max_descriptors=40)
+    daemon.companion.shake_hands()
+    daemon.ports()
+    apps = [device.socket(socket.SOCK_STREAM) for _ in range(60)]
+    for n, app in enumerate(apps):
+        try:
+            app.connect(("198.51.100.7", 80))
+        except ConnectionResetError:  # some see at once that they are refused
+            apps[n] = None
+    refusal = "W [S] Error accepting client socket: Too many open files"
+    frames = daemon.companion.receive_until_quiet()
+    refused = 60 - sum(frame.kind == wire.TCP_CONNECT for frame in frames)
+    assert 10 < refused < 40
+    for app in filter(None, apps[-refused:]):
+        with pytest.raises(ConnectionResetError):
+            app.recv(100)
+    for app in apps[:-refused]:
+        app.close()
+        daemon.companion.expect(wire.TCP_CLOSE)
+    daemon.companion.send(wire.TCP_WRITE_ACK, (1, 1))
+    device.connect("198.51.100.7", 80)
+    daemon.companion.expect(wire.TCP_CONNECT)
+    assert daemon.log().count(refusal) == refused
+    apps = []
+    with contextlib.suppress(ConnectionResetError):  # sometimes seen at once
+        for _ in range(60):
+            apps.append(device.connect("198.51.100.7", 80))
+    wait_until(lambda: daemon.log().count(refusal) > refused, "a full table")
+    daemon.close()
+    assert not [line for line in daemon.log() if "failed" in line.lower()]
+    assert device.rules("nat") == device.rules("mangle") == []
+
+
+def test_a_port_taken_on_another_address_is_nobody_s(needs_root, device, connected):
+    """An application that binds the port of another one does not pass for it."""
+    mail = device.connect("198.51.100.7", 80)
+    port = mail.getsockname()[1]
+    assert connected.companion.expect(wire.TCP_CONNECT).fields[3] == 0
+    connected.companion.expect(wire.PACKAGE_NAMES)
+    script = f"""
+import socket
+with socket.socket() as app:
+    app.bind(("127.0.0.1", {port}))
+    app.connect(("198.51.100.7", 80))
+"""
+    device.run("/usr/bin/python3", "-c", script, uid=BROWSER_UID)
+    assert connected.companion.expect(wire.TCP_CONNECT).fields[3] == 0xFFFFFFFF
 
 
 def test_every_stream_says_whose_it_is(needs_root, device, connected):
