@@ -1,6 +1,5 @@
 #include "capture/tcp_server.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -31,7 +30,7 @@ bool IsOutOfDescriptors(int error) {
 }  // namespace
 
 TcpServer::TcpServer(Reactor& reactor, ProxySocket& link)
-    : reactor_(reactor), link_(link) {}
+    : ServerSocket("[S]"), reactor_(reactor), link_(link) {}
 
 TcpServer::~TcpServer() {
   reactor_.Unregister(*this, Reactor::kRead);
@@ -39,32 +38,16 @@ TcpServer::~TcpServer() {
 }
 
 uint16_t TcpServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
-  if (GetFd() == -1) {
-    LOGE("[S] Error creating TCP socket: %s", strerror(errno));
-    return 0;
-  }
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(GetFd(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) ==
-      -1) {
-    LOGE("[S] Error binding server socket: %s", strerror(errno));
-    return 0;
-  }
-  socklen_t length = sizeof(address);
-  if (getsockname(GetFd(), reinterpret_cast<sockaddr*>(&address), &length) ==
-      -1) {
-    LOGE("[S] Error getting port for socket: %s", strerror(errno));
-    return 0;
-  }
+  if (!Open(SOCK_STREAM) || !Bind(INADDR_LOOPBACK, 0)) return 0;
+  const uint16_t port = GetPort();
+  if (port == 0) return 0;
   if (listen(GetFd(), kBacklog) == -1) {
     LOGE("[S] Error listening on socket: %s", strerror(errno));
     return 0;
   }
   TakeReserve();
   reactor_.Register(*this, Reactor::kRead);
-  return ntohs(address.sin_port);
+  return port;
 }
 
 void TcpServer::OnReadReady() {

@@ -6,14 +6,14 @@
 #include "common/log_limiter.h"
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
-#include "reactor/socket.h"
+#include "reactor/server_socket.h"
 
 namespace vantrel {
 
 // Accepts the TCP connections that the nat rules redirect to the loopback
 // address. Each becomes a TcpConduit, which owns itself. |reactor| and |link|
 // outlive the server.
-class TcpServer : public Socket {
+class TcpServer : public ServerSocket {
  public:
   TcpServer(Reactor& reactor, ProxySocket& link);
   ~TcpServer() override;

@@ -38,41 +38,20 @@ bool GetOriginalDestination(const msghdr& message, HostAndPort* destination) {
 }  // namespace
 
 UdpServer::UdpServer(Reactor& reactor, ProxySocket& link)
-    : reactor_(reactor), link_(link) {}
+    : ServerSocket("[U]"), reactor_(reactor), link_(link) {}
 
 UdpServer::~UdpServer() { reactor_.Unregister(*this, Reactor::kRead); }
 
 uint16_t UdpServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
-  if (GetFd() == -1) {
-    LOGE("[U] Error creating UDP socket: %s", strerror(errno));
+  if (!Open(SOCK_DGRAM) || !TurnOn(SOL_IP, IP_TRANSPARENT, "IP_TRANSPARENT") ||
+      !TurnOn(SOL_IP, IP_RECVORIGDSTADDR, "IP_RECVORIGDSTADDR") ||
+      !Bind(INADDR_ANY, 0)) {
     return 0;
   }
-  const int on = 1;
-  if (setsockopt(GetFd(), SOL_IP, IP_TRANSPARENT, &on, sizeof(on)) == -1) {
-    LOGE("[U] Unable to set IP_TRANSPARENT: %s", strerror(errno));
-    return 0;
-  }
-  if (setsockopt(GetFd(), SOL_IP, IP_RECVORIGDSTADDR, &on, sizeof(on)) == -1) {
-    LOGE("[U] Unable to set IP_RECVORIGDSTADDR: %s", strerror(errno));
-    return 0;
-  }
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(GetFd(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) ==
-      -1) {
-    LOGE("[U] Error binding server socket: %s", strerror(errno));
-    return 0;
-  }
-  socklen_t length = sizeof(address);
-  if (getsockname(GetFd(), reinterpret_cast<sockaddr*>(&address), &length) ==
-      -1) {
-    LOGE("[U] Error getting port for socket: %s", strerror(errno));
-    return 0;
-  }
+  const uint16_t port = GetPort();
+  if (port == 0) return 0;
   reactor_.Register(*this, Reactor::kRead);
-  return ntohs(address.sin_port);
+  return port;
 }
 
 void UdpServer::OnReadReady() {

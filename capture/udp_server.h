@@ -4,7 +4,7 @@
 
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
-#include "reactor/socket.h"
+#include "reactor/server_socket.h"
 
 struct msghdr;
 
@@ -13,7 +13,7 @@ namespace vantrel {
 // Receives the UDP datagrams that the mangle rules divert to its transparent
 // socket and hands each to the link, with the application's endpoint and the
 // one it was meant for. |reactor| and |link| outlive the server.
-class UdpServer : public Socket {
+class UdpServer : public ServerSocket {
  public:
   UdpServer(Reactor& reactor, ProxySocket& link);
   ~UdpServer() override;

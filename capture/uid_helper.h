@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/host_and_port.h"
+#include "common/uid.h"
 
 namespace vantrel {
 
@@ -13,7 +14,7 @@ namespace vantrel {
 // Failures are logged and come out as kUidNotFound or an empty name.
 class UidHelper {
  public:
-  static constexpr unsigned int kUidNotFound = 4294967295;
+  static constexpr unsigned int kUidNotFound = kNobodyUid;
 
   // The owner of the connection that was accepted as |fd|.
   static unsigned int FindOwnerUidForTcpSocket(int fd);

@@ -10,9 +10,8 @@
 namespace vantrel {
 
 // A bounded map that forgets its least recently inserted entry when a new key
-// arrives and it is full. Only Insert() refreshes an entry: users who insert
-// on a miss alone get first-in, first-out on purpose, so a busy old flow does
-// not keep a quiet new one out.
+// arrives and it is full. Only Insert() refreshes an entry, so users who insert
+// on a miss alone get first-in, first-out.
 template <typename Key, typename Value>
 class LruCache {
  public:

@@ -1,6 +1,5 @@
 #include "control/control_server.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
 #include <string.h>
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "common/log_texts.h"
 #include "control/control_packets.h"
 
 namespace vantrel {
@@ -17,8 +17,8 @@ namespace {
 
 constexpr size_t kMaxDatagramBytes = 65535;
 
-// A text that ends with a newline gives one empty line at its end, on purpose:
-// every piece between newlines is logged.
+// Every piece between newlines is logged, so a text that ends with a newline
+// gives one empty line at its end. Kept for compatibility.
 void LogLines(const std::string& text) {
   size_t start = 0;
   while (true) {
@@ -33,7 +33,7 @@ void LogLines(const std::string& text) {
 
 ControlServer::ControlServer(Reactor& reactor, ProxySocket& link,
                              StatusSocket& status)
-    : reactor_(reactor), link_(link), status_(status) {}
+    : ServerSocket("[C]"), reactor_(reactor), link_(link), status_(status) {}
 
 ControlServer::~ControlServer() {
   reactor_.Unregister(*this, Reactor::kRead);
@@ -41,23 +41,8 @@ ControlServer::~ControlServer() {
 }
 
 uint16_t ControlServer::Listen() {
-  SetFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
-  if (GetFd() == -1) {
-    LOGE("[C] Error creating UDP socket: %s", strerror(errno));
-    return 0;
-  }
-  const int on = 1;
-  if (setsockopt(GetFd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == -1) {
-    LOGE("[C] Unable to set SO_REUSEADDR: %s", strerror(errno));
-    return 0;
-  }
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(kControlPort);
-  if (bind(GetFd(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) ==
-      -1) {
-    LOGE("[C] Error binding server socket: %s", strerror(errno));
+  if (!Open(SOCK_DGRAM) || !TurnOn(SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR") ||
+      !Bind(INADDR_LOOPBACK, kControlPort)) {
     return 0;
   }
   reactor_.Register(*this, Reactor::kRead);
@@ -89,7 +74,7 @@ void ControlServer::ProcessMessage(const char* data, size_t length) {
   const bool has_argument = length >= kControlArgumentPacketBytes;
   switch (type) {
     case TYPE_STOP:
-      LOGD("[C] Received STOP message.");
+      LOGD(VANTREL_TEXT_STOP_RECEIVED);
       reactor_.Stop();
       return;
     case TYPE_DUMP:
@@ -124,9 +109,9 @@ void ControlServer::ProcessMessage(const char* data, size_t length) {
 void ControlServer::LogDump() {
   std::stringstream state;
   link_.Dump(state);
-  LOGD("----------- VANTREL DUMP -----------");
+  LOGD(VANTREL_TEXT_DUMP_BEGIN);
   LogLines(state.str());
-  LOGD("-------------------------------------");
+  LOGD(VANTREL_TEXT_DUMP_END);
 }
 
 void ControlServer::ReportTransferStats() {

@@ -6,14 +6,14 @@
 #include "control/status_socket.h"
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
-#include "reactor/socket.h"
+#include "reactor/server_socket.h"
 
 namespace vantrel {
 
 // A debugging aid: a UDP socket on the loopback address that takes the packets
 // of control/control_packets.h and never answers. Listens on debuggable builds
 // only. |reactor|, |link| and |status| outlive it.
-class ControlServer : public Socket {
+class ControlServer : public ServerSocket {
  public:
   ControlServer(Reactor& reactor, ProxySocket& link, StatusSocket& status);
   ~ControlServer() override;

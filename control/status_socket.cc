@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "common/log_texts.h"
 #include "control/status_records.h"
 #include "link/packet_bytes.h"
 
@@ -21,15 +22,14 @@ void StatusSocket::ActiveNetworkStateChanged(int network_id, bool is_metered) {
 void StatusSocket::OnTransferStatsResult(
     const MessageUidTransferStatsInfo* stats) {
   const size_t size = stats->ByteSizeLong();
-  LOGD("OnTransferStatsResult, transfer stats length %zu", size);
+  LOGD(VANTREL_TEXT_STATS_LENGTH "%zu", size);
   if (size > kMaxTransferStatsBytes) {
     LOGE("Transfer stats too large");
     return;
   }
   const std::string header =
       EncodeTransferStatsHeader(static_cast<uint16_t>(size));
-  const PacketBytes record(header.data(), header.size(),
-                           stats->SerializeAsString());
+  const PacketBytes record(header, stats->SerializeAsString());
   Write(record.AsBytes(), record.Length());
 }
 

@@ -9,9 +9,9 @@ namespace vantrel {
 // stand in control/status_records.h. Never registered with the reactor, and
 // left blocking or not as it was handed over.
 //
-// Each record is one write whose result is not looked at, on purpose: nothing
-// could be done about it, and a reader that stalls must not stall the daemon's
-// shutdown. A record that the descriptor cannot take is lost or cut.
+// Each record is one write whose result is not looked at: nothing could be done
+// about it. A record that a full non-blocking channel cannot take is lost or
+// cut; a full blocking one stalls the daemon until somebody reads.
 class StatusSocket : public Socket {
  public:
   // Takes ownership of |fd|.

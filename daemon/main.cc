@@ -19,6 +19,7 @@
 #include "capture/udp_conduit.h"
 #include "capture/udp_server.h"
 #include "common/log.h"
+#include "common/log_texts.h"
 #include "control/control_server.h"
 #include "control/proxy_socket_delegate_impl.h"
 #include "control/status_socket.h"
@@ -128,13 +129,13 @@ int Main(int argc, char** argv) {
 
   ControlServer control_server(reactor, *link, status);
   const uint16_t control_port = ListenIfDebuggable(control_server, status_fd);
-  // Also when it does not listen, on purpose: the line marks the step.
+  // Also when it does not listen: the line marks the step.
   LOGD("control_server started");
 
   TcpServer tcp_server(reactor, *link);
   const uint16_t tcp_port = tcp_server.Listen();
   if (tcp_port == 0) Abort(status_fd, kTcpServerFailed);
-  LOGD("tcmp_server listening.");  // spelled so on purpose: log checks match it
+  LOGD("tcmp_server listening.");  // spelled so; kept for compatibility
 
   UdpServer udp_server(reactor, *link);
   const uint16_t udp_port = udp_server.Listen();
@@ -157,7 +158,7 @@ int Main(int argc, char** argv) {
   ReportTransferStats(*link, status);
   // Lets the launching process read the report before the descriptors close.
   usleep(1000000);
-  LOGD("Vantrel finished.");
+  LOGD(VANTREL_TEXT_FINISHED);
   return 0;
 }
 

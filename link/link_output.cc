@@ -1,5 +1,7 @@
 #include "link/link_output.h"
 
+#include <utility>
+
 #include "common/log.h"
 #include "common/monotonic_clock.h"
 
@@ -13,6 +15,12 @@ constexpr size_t kMaxBytesBeforeDatagram = 1024 * 1024;
 
 LinkOutput::LinkOutput(Socket& link, Reactor& reactor)
     : link_(link), reactor_(reactor) {}
+
+void LinkOutput::Append(std::string message) {
+  const bool was_empty = buffer_.IsEmpty();
+  buffer_.Append(std::move(message));
+  OnAppended(was_empty);
+}
 
 bool LinkOutput::HasRoomForDatagram() {
   const size_t waiting = buffer_.GetQueuedByteCount();

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 #include <time.h>
 
 #include <sstream>
+#include <string>
 
 #include "common/log_limiter.h"
 #include "reactor/reactor.h"
@@ -19,9 +21,23 @@ class LinkOutput {
  public:
   LinkOutput(Socket& link, Reactor& reactor);
 
-  // To append to, followed by OnAppended(), and to ask for counts.
-  WriteBuffer& GetBuffer() { return buffer_; }
-  const WriteBuffer& GetBuffer() const { return buffer_; }
+  // The largest number of bytes handed to one write; 0 means no limit.
+  void SetMaxWriteSize(uint16_t bytes) { buffer_.SetMaxWriteSize(bytes); }
+
+  // Queues what |write|, called with the queue, appends to it. False when
+  // |write| returns false, which has then appended nothing. Registers the link
+  // for writing, and stops the reactor when the socket has taken nothing for 15
+  // seconds. That is looked at only here: a blocked link for which nothing new
+  // is queued does not time out.
+  template <typename Write>
+  [[nodiscard]] bool AppendWith(Write write) {
+    const bool was_empty = buffer_.IsEmpty();
+    if (!write(&buffer_)) return false;
+    OnAppended(was_empty);
+    return true;
+  }
+  // The same for one whole message.
+  void Append(std::string message);
 
   // At more than this many queued messages no stream is asked for data.
   static constexpr size_t kMaxQueuedMessages = 15;
@@ -35,21 +51,20 @@ class LinkOutput {
   // log, once a second at most.
   [[nodiscard]] bool HasRoomForDatagram();
 
-  // To be called after each append, with whether the queue was empty before
-  // it. Registers the link for writing, and stops the reactor when the socket
-  // has taken nothing for 15 seconds. That is looked at only here: a blocked
-  // link for which nothing new is queued does not time out.
-  void OnAppended(bool was_empty);
-
   // Writes what the socket takes; the tail of every OnWriteReady(). The link
   // stays registered for writing while something is queued or |keep_writing|.
   // A failed write is logged and stops the reactor.
   void DrainAndRest(bool keep_writing);
 
+  size_t GetTotalWrittenByteCount() const {
+    return buffer_.GetTotalWrittenByteCount();
+  }
   // The byte counts and registrations of the link's state dump.
   void Dump(std::stringstream& out, size_t rx_bytes) const;
 
  private:
+  void OnAppended(bool was_empty);
+
   Socket& link_;
   Reactor& reactor_;
   WriteBuffer buffer_;

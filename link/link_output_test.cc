@@ -16,12 +16,6 @@ class LinkOutputTest : public ::testing::Test {
  protected:
   ~LinkOutputTest() override { SetMonotonicClockLead(0); }
 
-  void Append(const std::string& bytes) {
-    const bool was_empty = output_.GetBuffer().IsEmpty();
-    output_.GetBuffer().Append(bytes);
-    output_.OnAppended(was_empty);
-  }
-
   std::pair<int, std::unique_ptr<Socket>> pair_ = MakeSocketPair();
   Socket link_{pair_.first};
   StopCatcher stop_;
@@ -31,18 +25,18 @@ class LinkOutputTest : public ::testing::Test {
 };
 
 TEST_F(LinkOutputTest, GivesUpWhenNothingLeavesForFifteenSeconds) {
-  Append("a");
+  output_.Append("a");
   for (const time_t seconds : {7, 14}) {
     SetMonotonicClockLead(seconds);
-    Append("b");
+    output_.Append("b");
   }
   EXPECT_FALSE(stop_.TakeStop());
   output_.DrainAndRest(false);  // progress, and nothing is left
   SetMonotonicClockLead(100);
-  Append("c");
+  output_.Append("c");
   SetMonotonicClockLead(115);
   EXPECT_THAT(log_.Take(), IsEmpty()) << "looked at only when one is queued";
-  Append("d");
+  output_.Append("d");
   EXPECT_TRUE(stop_.TakeStop());
   EXPECT_THAT(log_.Take(),
               ElementsAre("E: [B] Terminating vantrel due to write timeout "
@@ -50,9 +44,9 @@ TEST_F(LinkOutputTest, GivesUpWhenNothingLeavesForFifteenSeconds) {
 }
 
 TEST_F(LinkOutputTest, HasRoomForDatagramsUpToOneMebibyte) {
-  Append(std::string(1 << 20, 'x'));
+  output_.Append(std::string(1 << 20, 'x'));
   EXPECT_TRUE(output_.HasRoomForDatagram());
-  Append("x");
+  output_.Append("x");
   EXPECT_FALSE(output_.HasRoomForDatagram());
   EXPECT_FALSE(output_.HasRoomForDatagram());
   const char* const line =

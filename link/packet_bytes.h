@@ -4,6 +4,9 @@
 #include <stdint.h>
 
 #include <string>
+#include <utility>
+
+#include "common/uid.h"
 
 namespace vantrel {
 
@@ -12,20 +15,24 @@ namespace vantrel {
 class PacketBytes {
  public:
   // Charged to nobody: control messages.
-  static constexpr uint32_t kNobody = 0xFFFFFFFF;
+  static constexpr uint32_t kNobody = kNobodyUid;
 
-  PacketBytes(const void* header, size_t header_length, uint32_t uid = kNobody)
-      : bytes_(static_cast<const char*>(header), header_length), uid_(uid) {}
-  PacketBytes(const void* header, size_t header_length,
-              const std::string& payload, uint32_t uid = kNobody)
-      : PacketBytes(header, header_length, uid) {
-    bytes_ += payload;
+  explicit PacketBytes(const std::string& header, uint32_t uid = kNobody)
+      : bytes_(header), uid_(uid) {}
+  PacketBytes(const std::string& header, const std::string& payload,
+              uint32_t uid = kNobody)
+      : uid_(uid) {
+    bytes_.reserve(header.size() + payload.size());
+    bytes_.append(header).append(payload);
   }
 
   const char* AsBytes() const { return bytes_.data(); }
   size_t Length() const { return bytes_.size(); }
   bool Empty() const { return bytes_.empty(); }
   uint32_t Uid() const { return uid_; }
+
+  // The bytes themselves; nothing is left here.
+  std::string TakeBytes() { return std::move(bytes_); }
 
  private:
   std::string bytes_;

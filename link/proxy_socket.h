@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdint.h>
+
 #include <functional>
 #include <sstream>
 #include <string>
@@ -40,10 +42,10 @@ class ProxySocket : public Socket {
    public:
     virtual ~TcpConduitDelegate() = default;
     // Key of the link's stream table; fixed for the conduit's life.
-    virtual unsigned int GetId() const = 0;
+    virtual uint32_t GetId() const = 0;
     // Where the application wanted to connect.
     virtual HostAndPort GetRemote() const = 0;
-    virtual unsigned int GetUid() const = 0;         // 4294967295: not found
+    virtual uint32_t GetUid() const = 0;             // kNobodyUid: not found
     virtual std::string GetPackageName() const = 0;  // may be empty
     // The companion acknowledged one earlier write of this stream.
     virtual void HandleWriteAck() = 0;
@@ -78,8 +80,8 @@ class ProxySocket : public Socket {
   virtual void Dump(std::stringstream& out) const = 0;
   // Measurements that the debug control port starts; results are logged.
   virtual void Ping() = 0;
-  virtual void Pull(unsigned int bytes) = 0;
-  virtual void Push(unsigned int bytes) = 0;
+  virtual void Pull(uint32_t bytes) = 0;
+  virtual void Push(uint32_t bytes) = 0;
   // Adds the traffic of each UID since the previous call to |out|.
   virtual void GetTransferStats(MessageUidTransferStatsInfo* out) = 0;
 };

@@ -7,7 +7,7 @@
 namespace vantrel {
 
 bool StreamTable::Add(ProxySocket::TcpConduitDelegate* conduit) {
-  const unsigned int id = conduit->GetId();
+  const uint32_t id = conduit->GetId();
   if (!streams_.emplace(id, conduit).second) {
     LOGW("[B] Duplicate stream id %u", id);
     return false;
@@ -15,9 +15,24 @@ bool StreamTable::Add(ProxySocket::TcpConduitDelegate* conduit) {
   return true;
 }
 
-ProxySocket::TcpConduitDelegate* StreamTable::Find(unsigned int id) const {
+ProxySocket::TcpConduitDelegate* StreamTable::Find(uint32_t id) const {
   const auto found = streams_.find(id);
   return found == streams_.end() ? nullptr : found->second;
+}
+
+bool StreamTable::Close(uint32_t id) {
+  ProxySocket::TcpConduitDelegate* const conduit = Find(id);
+  if (conduit == nullptr) return false;
+  conduit->Close();
+  streams_.erase(id);
+  return true;
+}
+
+bool StreamTable::Acknowledge(uint32_t id) {
+  ProxySocket::TcpConduitDelegate* const conduit = Find(id);
+  if (conduit == nullptr) return false;
+  conduit->HandleWriteAck();
+  return true;
 }
 
 void StreamTable::Dump(std::stringstream& out) const {

@@ -8,44 +8,49 @@ namespace vantrel {
 namespace v1 {
 namespace {
 
+enum class Sender { kNobody, kDaemon, kCompanion, kBoth };
+
 struct layout_t {
+  Sender sender;
   size_t header_bytes;
   size_t length_offset;  // 0: no payload
 };
 
-constexpr layout_t kNoSuchType = {0, 0};
-
 layout_t GetLayout(uint8_t type) {
   switch (type) {
     case TYPE_TCP_CONNECT:
-      return {13, 0};
+      return {Sender::kDaemon, 13, 0};
     case TYPE_TCP_CLOSE:
     case TYPE_PING_ECHO:
+      return {Sender::kBoth, 5, 0};
     case TYPE_TCP_WRITE_ACK:
-      return {5, 0};
+      return {Sender::kCompanion, 5, 0};
     case TYPE_TCP_DATA:
+      return {Sender::kBoth, 7, 5};
     case TYPE_PULL_DATA:
+    case TYPE_HANDSHAKE_ACK:
+      return {Sender::kCompanion, 7, 5};
     case TYPE_PUSH_DATA:
     case TYPE_HANDSHAKE:
-    case TYPE_HANDSHAKE_ACK:
     case TYPE_HANDSHAKE_DONE:
-      return {7, 5};
+      return {Sender::kDaemon, 7, 5};
     case TYPE_UDP_DATAGRAM:
+      return {Sender::kBoth, 9, 7};
     case TYPE_UDP_FAILURE:
-      return {9, 7};
+      return {Sender::kCompanion, 9, 7};
     case TYPE_PULL_REQUEST:
     case TYPE_PUSH_REQUEST:
-      return {9, 0};
+      return {Sender::kDaemon, 9, 0};
     case TYPE_PACKAGE_NAME:
-      return {5, 3};
+      return {Sender::kDaemon, 5, 3};
     case TYPE_ACTIVE_NETWORK_STATE:
-      return {6, 0};
+      return {Sender::kCompanion, 6, 0};
     case TYPE_UDP_DATAGRAM_V2:
-      return {17, 15};
+      return {Sender::kBoth, 17, 15};
     case TYPE_UDP_FAILURE_V2:
-      return {15, 13};
+      return {Sender::kCompanion, 15, 13};
     default:
-      return kNoSuchType;
+      return {Sender::kNobody, 0, 0};
   }
 }
 
@@ -76,6 +81,16 @@ HostAndPort GetEndpoint(const char* p) {
 }
 
 }  // namespace
+
+bool IsFromDaemon(uint8_t type) {
+  const Sender sender = GetLayout(type).sender;
+  return sender == Sender::kDaemon || sender == Sender::kBoth;
+}
+
+bool IsFromCompanion(uint8_t type) {
+  const Sender sender = GetLayout(type).sender;
+  return sender == Sender::kCompanion || sender == Sender::kBoth;
+}
 
 size_t GetHeaderSize(uint8_t type) { return GetLayout(type).header_bytes; }
 

@@ -4,9 +4,8 @@
 // message ends, so both ends must know every layout.
 //
 // All integers are big-endian, but for the uid of TYPE_UDP_DATAGRAM_V2, which
-// is little-endian on purpose: it was first written in the device's own order
-// and companions expect it so. Addresses are IPv4. A uid is the low 16 bits of
-// the Linux uid. Offsets count from the type byte.
+// is little-endian; kept for compatibility. Addresses are IPv4. A uid is the
+// low 16 bits of the Linux uid. Offsets count from the type byte.
 #pragma once
 
 #include <stddef.h>
@@ -65,6 +64,13 @@ namespace v1 {
 
 constexpr size_t kMaxPayloadBytes = 65535;
 constexpr size_t kMaxMessageBytes = 17 + kMaxPayloadBytes;
+
+// The version that TYPE_HANDSHAKE offers and TYPE_HANDSHAKE_ACK must repeat.
+constexpr uint32_t kHandshakeVersion = 5;
+
+// Who sends messages of |type|; neither for a type that does not exist.
+bool IsFromDaemon(uint8_t type);
+bool IsFromCompanion(uint8_t type);
 
 // Bytes before the payload; 0 for a type that does not exist.
 size_t GetHeaderSize(uint8_t type);

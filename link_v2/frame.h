@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "common/host_and_port.h"
 #include "proto/messages_v2.pb.h"
 
 namespace vantrel {
@@ -25,5 +26,23 @@ constexpr uint16_t kFrameMagic = 0x4E56;  // "VN"
 constexpr size_t kFramePreambleSize = 8;
 constexpr size_t kMaxFrameHeaderSize = 16384;
 constexpr size_t kMaxFramePayloadSize = 16384;
+
+// The version in MessageHandshake that both ends must have.
+constexpr uint32_t kHandshakeVersionV2 = 1;
+// In place of a version: the companion refuses the handshake.
+constexpr uint32_t kHandshakeRefused = 65535;
+
+// An endpoint in its wire form. The port of the wire has 32 bits: one above
+// 65535 is cut, so whoever must not take it for another one looks first.
+inline void EncodeEndpoint(const HostAndPort& endpoint,
+                           messages::IpAddressAndPort* wire) {
+  wire->set_address(endpoint.host.ToNetworkBytes());
+  wire->set_port(endpoint.port);
+}
+
+inline HostAndPort DecodeEndpoint(const messages::IpAddressAndPort& wire) {
+  return HostAndPort(IpAddress::FromNetworkBytes(wire.address()),
+                     static_cast<uint16_t>(wire.port()));
+}
 
 }  // namespace vantrel

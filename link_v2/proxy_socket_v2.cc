@@ -12,8 +12,6 @@
 namespace vantrel {
 namespace {
 
-constexpr unsigned int kProtocolVersion = 1;
-constexpr unsigned int kHandshakeFailed = 65535;  // version in an answer
 constexpr uint32_t kMaxPackageNames = 256;
 constexpr uint32_t kMaxUdpConduits = 64;
 
@@ -28,7 +26,6 @@ ProxySocketV2::ProxySocketV2(ProxySocket::Delegate* delegate, Reactor& reactor)
     : delegate_(delegate),
       reactor_(reactor),
       output_(*this, reactor),
-      protocol_version_(kProtocolVersion),
       package_names_(kMaxPackageNames),
       udp_conduits_(kMaxUdpConduits, reactor,
                     [](Reactor& r, const HostAndPort& remote) {
@@ -39,7 +36,7 @@ ProxySocketV2::~ProxySocketV2() {
   reactor_.Unregister(*this, Reactor::kRead);
   reactor_.Unregister(*this, Reactor::kWrite);
   LOGD("[B] Total bytes RX/TX: %zu/%zu", rx_bytes_,
-       output_.GetBuffer().GetTotalWrittenByteCount());
+       output_.GetTotalWrittenByteCount());
 }
 
 bool ProxySocketV2::Connect(int fd) {
@@ -48,7 +45,7 @@ bool ProxySocketV2::Connect(int fd) {
   LOGD("connect: fd: %d", fd);
   connection_header_t header;
   if (!ReceiveConnectionHeader(*this, &header)) return false;
-  output_.GetBuffer().SetMaxWriteSize(header.max_tx_size);
+  output_.SetMaxWriteSize(header.max_tx_size);
   reactor_.Register(*this, Reactor::kRead);
   StartHandshake();
   return true;
@@ -149,8 +146,8 @@ void ProxySocketV2::ProcessConnectedMessage(
       HandleUdpFailure(header.udp_failure(), message.payload);
       return;
     case messages::NETWORK_STATE:
-      // Always metered, on purpose: the second field of the message is not
-      // defined, and taking a link over a phone for free would cost someone.
+      // Always metered: the second field of the message is not looked at. Kept
+      // for compatibility.
       delegate_->HandleActiveNetworkStateChange(
           static_cast<int>(header.network_state().network_id()), true);
       return;
@@ -169,7 +166,7 @@ void ProxySocketV2::HandleHandshakeAck(
     const messages::MessageHandshake& handshake) {
   LOGI("[B] ProxySocketV2 HandshakeAck: version=%d, build_info=%s",
        static_cast<int>(handshake.version()), handshake.build_info().c_str());
-  if (handshake.version() == kHandshakeFailed) {
+  if (handshake.version() == kHandshakeRefused) {
     CloseLink("Remote site reported handshake error", handshake.error());
     return;
   }
@@ -186,17 +183,14 @@ void ProxySocketV2::HandleHandshakeAck(
 void ProxySocketV2::SendMessage(MessageEncoder* message,
                                 const std::string& payload) {
   if (state_ == State::kClosed) return;
-  WriteBuffer& buffer = output_.GetBuffer();
-  const bool was_empty = buffer.IsEmpty();
-  if (!message->Write(&buffer, payload)) {
-    LOGW(
-        "[B] ProxySocketV2 unable to serialize message: type=%d, "
-        "payload_size=%zu",
-        static_cast<int>(message->GetMessageType()), payload.size());
-    CloseLink("Unable to serialize message", "");
-    return;
-  }
-  output_.OnAppended(was_empty);
+  const bool is_queued = output_.AppendWith(
+      [&](WriteBuffer* queue) { return message->Write(queue, payload); });
+  if (is_queued) return;
+  LOGW(
+      "[B] ProxySocketV2 unable to serialize message: type=%d, "
+      "payload_size=%zu",
+      static_cast<int>(message->GetMessageType()), payload.size());
+  CloseLink("Unable to serialize message", "");
 }
 
 void ProxySocketV2::CloseLink(const char* what, const std::string& reason) {

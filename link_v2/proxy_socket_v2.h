@@ -43,8 +43,8 @@ class ProxySocketV2 : public ProxySocket {
   void Dump(std::stringstream& out) const override;
   // This protocol has no measurements and keeps no statistics.
   void Ping() override {}
-  void Pull(unsigned int) override {}
-  void Push(unsigned int) override {}
+  void Pull(uint32_t) override {}
+  void Push(uint32_t) override {}
   void GetTransferStats(MessageUidTransferStatsInfo*) override {}
 
  private:
@@ -73,8 +73,7 @@ class ProxySocketV2 : public ProxySocket {
   // Returns whether the streams may have more: something was taken, or the
   // queue was too full to ask them.
   bool SendTcpData();
-  bool SendTcpDataPass();
-  void CloseTcpStream(unsigned int stream_id);
+  void CloseTcpStream(uint32_t stream_id);
   void HandleTcpClose(const messages::MessageTcpClose& message);
   void HandleTcpWrite(const messages::MessageTcpWrite& message,
                       const std::string& payload);
@@ -83,7 +82,7 @@ class ProxySocketV2 : public ProxySocket {
                      const std::string& payload);
   void HandleUdpFailure(const messages::MessageUdpFailure& message,
                         const std::string& payload);
-  void MaybeSendPackageName(unsigned int uid, const std::string& package_name);
+  void MaybeSendPackageName(uint32_t uid, const std::string& package_name);
 
   ProxySocket::Delegate* const delegate_;
   Reactor& reactor_;
@@ -92,8 +91,8 @@ class ProxySocketV2 : public ProxySocket {
   MessageDecoder decoder_;
   size_t rx_bytes_ = 0;  // read from the Bluetooth socket
   LinkOutput output_;
-  const unsigned int protocol_version_;
-  LruCache<unsigned int, std::string> package_names_;  // last sent, by UID
+  static constexpr uint32_t protocol_version_ = kHandshakeVersionV2;
+  LruCache<uint32_t, std::string> package_names_;  // last sent, by UID
   StreamTable streams_;
   UdpConduitTable udp_conduits_;
 };

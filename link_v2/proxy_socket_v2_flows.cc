@@ -3,27 +3,13 @@
 #include "link_v2/proxy_socket_v2.h"
 
 namespace vantrel {
-namespace {
-
-void SetEndpoint(const HostAndPort& endpoint,
-                 messages::IpAddressAndPort* message) {
-  message->set_address(endpoint.host.ToNetworkBytes());
-  message->set_port(endpoint.port);
-}
-
-HostAndPort GetEndpoint(const messages::IpAddressAndPort& message) {
-  return HostAndPort(IpAddress::FromNetworkBytes(message.address()),
-                     static_cast<uint16_t>(message.port()));
-}
-
-}  // namespace
 
 void ProxySocketV2::RegisterTcpStream(TcpConduitDelegate* conduit) {
   if (!streams_.Add(conduit)) return;
   MessageEncoder message;
   messages::MessageTcpConnect* connect = message.SetAsTcpConnect();
   connect->set_stream_id(conduit->GetId());
-  SetEndpoint(conduit->GetRemote(), connect->mutable_destination());
+  EncodeEndpoint(conduit->GetRemote(), connect->mutable_destination());
   connect->set_uid(conduit->GetUid());
   SendMessage(&message, "");
   MaybeSendPackageName(conduit->GetUid(), conduit->GetPackageName());
@@ -37,47 +23,32 @@ bool ProxySocketV2::SendTcpData() {
   // Streams that were not asked may have something: the link must come back
   // for it although the socket takes the whole queue now.
   if (output_.IsCongested()) return true;
-  bool produced = false;
-  while (!output_.IsCongested() && SendTcpDataPass()) produced = true;
-  return produced;
-}
-
-// Takes at most one chunk from each stream, so that busy streams share the
-// link in turns. The queue may pass its limit by one frame per stream.
-bool ProxySocketV2::SendTcpDataPass() {
-  bool produced = false;
-  for (auto next = streams_.begin(); next != streams_.end();) {
-    // Step first: closing the stream erases its entry.
-    TcpConduitDelegate* const conduit = (next++)->second;
-    if (!conduit->HasBuffer()) continue;
-    produced = true;
-    std::string chunk;
-    if (!conduit->GetNextBuffer(&chunk)) {
-      CloseTcpStream(conduit->GetId());
-      continue;
+  const auto send = [this](TcpConduitDelegate& conduit, std::string* chunk) {
+    const uint32_t id = conduit.GetId();
+    if (chunk == nullptr) {
+      CloseTcpStream(id);
+      return;
     }
     MessageEncoder message;
-    message.SetAsTcpWrite()->set_stream_id(conduit->GetId());
-    SendMessage(&message, chunk);
-  }
+    message.SetAsTcpWrite()->set_stream_id(id);
+    SendMessage(&message, *chunk);
+  };
+  // A pass is finished once begun: the queue may pass its limit by one frame
+  // per stream.
+  bool produced = false;
+  while (!output_.IsCongested() && streams_.TakeTurns(send)) produced = true;
   return produced;
 }
 
-void ProxySocketV2::CloseTcpStream(unsigned int stream_id) {
-  TcpConduitDelegate* const conduit = streams_.Find(stream_id);
-  if (conduit == nullptr) return;
-  conduit->Close();
-  streams_.Remove(stream_id);
+void ProxySocketV2::CloseTcpStream(uint32_t stream_id) {
+  if (!streams_.Close(stream_id)) return;
   MessageEncoder message;
   message.SetAsTcpClose()->set_stream_id(stream_id);
   SendMessage(&message, "");
 }
 
 void ProxySocketV2::HandleTcpClose(const messages::MessageTcpClose& message) {
-  TcpConduitDelegate* const conduit = streams_.Find(message.stream_id());
-  if (conduit == nullptr) return;
-  conduit->Close();
-  streams_.Remove(message.stream_id());
+  static_cast<void>(streams_.Close(message.stream_id()));
 }
 
 void ProxySocketV2::HandleTcpWrite(const messages::MessageTcpWrite& message,
@@ -88,9 +59,7 @@ void ProxySocketV2::HandleTcpWrite(const messages::MessageTcpWrite& message,
 
 void ProxySocketV2::HandleTcpWriteAck(
     const messages::MessageTcpWriteAck& message) {
-  TcpConduitDelegate* const conduit = streams_.Find(message.stream_id());
-  if (conduit == nullptr) return;
-  conduit->HandleWriteAck();
+  if (!streams_.Acknowledge(message.stream_id())) return;
   // The stream may have stopped for want of credit, with the link at rest:
   // without this nothing would ever ask it for data again.
   reactor_.Register(*this, Reactor::kWrite);
@@ -103,28 +72,28 @@ void ProxySocketV2::SendDatagram(const HostAndPort& source,
   if (!udp_conduits_.Prepare(source, destination)) return;
   MessageEncoder message;
   messages::MessageUdpSend* send = message.SetAsUdpSend();
-  SetEndpoint(source, send->mutable_source());
-  SetEndpoint(destination, send->mutable_destination());
+  EncodeEndpoint(source, send->mutable_source());
+  EncodeEndpoint(destination, send->mutable_destination());
   SendMessage(&message, payload);
 }
 
 void ProxySocketV2::HandleUdpSend(const messages::MessageUdpSend& message,
                                   const std::string& payload) {
-  const HostAndPort local = GetEndpoint(message.source());
-  const HostAndPort remote = GetEndpoint(message.destination());
+  const HostAndPort local = DecodeEndpoint(message.source());
+  const HostAndPort remote = DecodeEndpoint(message.destination());
   UdpConduit* const conduit = udp_conduits_.FindForAnswer(local, remote, false);
   if (conduit != nullptr) conduit->SendResponse(local, payload);
 }
 
 void ProxySocketV2::HandleUdpFailure(const messages::MessageUdpFailure& message,
                                      const std::string& payload) {
-  const HostAndPort local = GetEndpoint(message.source());
-  const HostAndPort remote = GetEndpoint(message.destination());
+  const HostAndPort local = DecodeEndpoint(message.source());
+  const HostAndPort remote = DecodeEndpoint(message.destination());
   UdpConduit* const conduit = udp_conduits_.FindForAnswer(local, remote, true);
   if (conduit != nullptr) conduit->SendFailure(local, payload);
 }
 
-void ProxySocketV2::MaybeSendPackageName(unsigned int uid,
+void ProxySocketV2::MaybeSendPackageName(uint32_t uid,
                                          const std::string& package_name) {
   const std::string* const sent = package_names_.Find(uid);
   if (sent != nullptr && *sent == package_name) return;

@@ -1,12 +1,18 @@
 #pragma once
 
+#include <assert.h>
+
 namespace vantrel {
 
 // What the Reactor polls. Whoever registers an object unregisters it before it
 // is destroyed: the reactor keeps only the pointer.
 class Reactable {
  public:
-  virtual ~Reactable() = default;
+  Reactable() = default;
+  Reactable(const Reactable&) = delete;
+  Reactable& operator=(const Reactable&) = delete;
+  // Our own bug, not a peer's: the reactor would call a dead object.
+  virtual ~Reactable() { assert(!is_registered_); }
 
   // Called by the reactor while the descriptor is readable or writable. A
   // handler may register and unregister objects, also itself, and may destroy
@@ -16,6 +22,10 @@ class Reactable {
 
   // The descriptor to poll; it must not change while registered.
   virtual int GetFd() const = 0;
+
+ private:
+  friend class Reactor;
+  bool is_registered_ = false;  // kept by the reactor
 };
 
 }  // namespace vantrel

@@ -1,11 +1,14 @@
 #include "reactor/reactor.h"
 
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+
+#include <cstddef>
 
 #include "common/log.h"
 
@@ -31,6 +34,8 @@ void MakeNonBlocking(int fd) {
 }  // namespace
 
 Reactor::Reactor() : descriptors_(1, pollfd{}), reactables_(1, nullptr) {}
+
+Reactor::~Reactor() { ForgetAll(); }
 
 void Reactor::Start() {
   sigset_t signals;
@@ -64,6 +69,7 @@ void Reactor::Register(Reactable& r, EventType type) {
   const int fd = r.GetFd();
   descriptors_.push_back(pollfd{fd, bit, 0});
   reactables_.push_back(&r);
+  r.is_registered_ = true;
   MakeNonBlocking(fd);
 }
 
@@ -72,8 +78,10 @@ void Reactor::Unregister(Reactable& r, EventType type) {
   if (index == 0) return;
   descriptors_[index].events &= static_cast<short>(~ToPollBit(type));
   if (descriptors_[index].events != 0) return;
-  descriptors_.erase(descriptors_.begin() + index);
-  reactables_.erase(reactables_.begin() + index);
+  const auto place = static_cast<std::ptrdiff_t>(index);
+  descriptors_.erase(descriptors_.begin() + place);
+  reactables_.erase(reactables_.begin() + place);
+  r.is_registered_ = false;
 }
 
 bool Reactor::IsRegistered(const Reactable& r, EventType type) const {
@@ -82,6 +90,8 @@ bool Reactor::IsRegistered(const Reactable& r, EventType type) const {
 }
 
 size_t Reactor::Find(const Reactable& r) const {
+  // Our own bug, not a peer's: an object would get another one's events.
+  assert(descriptors_.size() == reactables_.size());
   for (size_t i = 1; i < reactables_.size(); ++i) {
     if (reactables_[i] == &r) return i;
   }
@@ -107,12 +117,12 @@ void Reactor::Poll() {
 // afresh by index. Where an entry is erased the later ones move down by one,
 // with their revents: the one that moves into the current place gets only the
 // read test of this step, and one that moves into a place already passed waits
-// for the next cycle. That is on purpose and safe: readiness is
-// level-triggered, so poll() reports again whatever was skipped.
+// for the next cycle. That is safe: readiness is level-triggered, so poll()
+// reports again whatever was skipped.
 void Reactor::Dispatch(int ready) {
   for (size_t i = 1; ready > 0 && i < descriptors_.size(); ++i) {
     if (descriptors_[i].revents == 0) continue;
-    // Write before read, on purpose: what is queued leaves before more comes.
+    // Write before read: what is queued leaves before more comes.
     if ((descriptors_[i].revents & POLLOUT) != 0) {
       reactables_[i]->OnWriteReady();
     }
@@ -124,6 +134,9 @@ void Reactor::Dispatch(int ready) {
 }
 
 void Reactor::ForgetAll() {
+  for (size_t i = 1; i < reactables_.size(); ++i) {
+    reactables_[i]->is_registered_ = false;
+  }
   descriptors_.resize(1);
   reactables_.resize(1);
 }

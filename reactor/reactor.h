@@ -27,6 +27,7 @@ class Reactor {
   static constexpr int kMaxReads = 64;
 
   Reactor();
+  ~Reactor();
   Reactor(const Reactor&) = delete;
   Reactor& operator=(const Reactor&) = delete;
 
