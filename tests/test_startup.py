@@ -79,7 +79,7 @@ def test_what_the_daemon_takes_over_and_hands_on(device, start):
     daemon = start(wrap=["env", "--ignore-signal=CHLD"])
     _, tcp, _ = daemon.ports()
     assert device.rules("nat") == [rule.format(tcp=tcp) for rule in bench.NAT_RULES]
-    device.connect("198.51.100.7", 80)
+    app = device.connect("198.51.100.7", 80)
     daemon.companion.expect(wire.HANDSHAKE_START)
     daemon.companion.expect(wire.TCP_CONNECT)
     kept = {}
@@ -87,6 +87,7 @@ def test_what_the_daemon_takes_over_and_hands_on(device, start):
         flags = re.search(r"flags:\s+(\d+)", entry.read_text())[1]
         if int(entry.name) > 2 and not int(flags, 8) & os.O_CLOEXEC:
             kept[entry.name] = os.readlink(entry.parent.parent / "fd" / entry.name)
+    app.close()
     assert kept == {}  # the shells that change the rules get none of them
     assert bench.end_process(daemon.process) == 0
     assert [line for line in daemon.log() if line.startswith("E ")] == []
