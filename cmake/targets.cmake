@@ -12,6 +12,18 @@ add_library(vantrel_flags INTERFACE)
 target_include_directories(vantrel_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(vantrel_flags INTERFACE -Wall -Wextra -Werror)
 
+# What the daemon reads comes from any application and from the companion, so
+# optimised builds carry the compiler's defences, whatever its defaults are. The
+# checks of the C library need optimisation and get in the way of sanitizers.
+set(VANTREL_HARDENED OFF)
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$"
+   AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
+  set(VANTREL_HARDENED ON)
+  add_compile_options(-fstack-protector-strong -fPIE -U_FORTIFY_SOURCE
+                      -D_FORTIFY_SOURCE=2)
+  add_link_options(-pie -Wl,-z,relro -Wl,-z,now)
+endif()
+
 # vantrel_library(NAME SOURCES... LINK LIBRARIES...): a library of the daemon.
 function(vantrel_library name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
