@@ -3,6 +3,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
-scripts/setup.sh
+case $preset in
+  release | debug | coverage) scripts/setup.sh build ;;
+  *) scripts/setup.sh all ;; # clang++ or the device's headers
+esac
 cmake --preset "$preset"
 cmake --build --preset "$preset"

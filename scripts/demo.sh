@@ -31,6 +31,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 if [ -z "$bin" ]; then
   bin=$scripts/../build/release/bin
+  "$scripts/setup.sh" test
   "$scripts/build.sh" release
 fi
 bin=$(realpath "$bin")

@@ -2,7 +2,7 @@
 # scripts/package.sh: the Debian package, in build/package/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+scripts/setup.sh all
 flags() { dpkg-buildflags --get "$1"; }
 cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=None \
   -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \

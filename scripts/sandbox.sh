@@ -97,7 +97,9 @@ env --ignore-signal=$signals unshare "${namespaces[@]}" env --default-signal=$si
 device=$!
 pass_on() { # to the first process inside, which decides
   passed_on=yes
-  kill -TERM $(cat "/proc/$device/task/$device/children") 2>/dev/null
+  local inside
+  read -r inside <"/proc/$device/task/$device/children"
+  kill -TERM "$inside" 2>/dev/null
 }
 trap pass_on TERM HUP
 passed_on=first

@@ -1,24 +1,32 @@
 #!/bin/bash
-# Installs what building, testing and the demonstration need, and nothing that
-# is already there. Asks no question; says nothing when nothing is missing.
+# scripts/setup.sh build|test|all: installs what is missing to build the programs
+# and their unit tests (build), to run all tests too (test), to run every check
+# and make the package too (all). Asks no question; says nothing when nothing is
+# missing.
 set -euo pipefail
 
-packages=(
-  # build
-  cmake ninja-build g++ clang
-  # libraries: wire messages, command lines, JSON records, Bluetooth addresses
+build=(
+  cmake ninja-build g++
+  # wire messages, command lines, JSON records, Bluetooth addresses
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev
-  # checks: unit tests, sanitizers (with readable stacks), format, tidy
-  libgtest-dev libgmock-dev llvm clang-format clang-tidy git
-  # end-to-end tests
+  libgtest-dev libgmock-dev
+)
+test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
   util-linux iproute2 iptables net-tools
   # clients and servers of tests and demonstration
   curl bind9-dnsutils dnsmasq-base apache2-bin
-  # the dissector's test; man pages and package; real headers of the device
+  # the dissector's test
   tshark
+)
+all=(
+  # sanitizers (with readable stacks), fuzz targets
+  clang llvm
+  # format and linters
+  git clang-format clang-tidy shellcheck python3-flake8 lua-check
+  # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
   android-liblog-dev android-libcutils-dev android-libutils-dev
 )
@@ -43,6 +51,14 @@ install_missing() {
     --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
 }
 
-install_missing "${packages[@]}"
-# The sanitizers' runtime is a package per compiler version.
-install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev"
+case ${1:-} in
+  build) install_missing "${build[@]}" ;;
+  test) install_missing "${build[@]}" "${test[@]}" ;;
+  all)
+    install_missing "${build[@]}" "${test[@]}" "${all[@]}"
+    # The sanitizers' runtime is a package per compiler version.
+    install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
+  *)
+    echo "usage: setup.sh build|test|all" >&2
+    exit 2 ;;
+esac

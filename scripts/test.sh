@@ -3,5 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
+scripts/setup.sh test
 scripts/build.sh "$preset"
 exec ctest --preset "$preset" -j "$(nproc)"

@@ -10,7 +10,8 @@ TEARDOWN, HANDSHAKE_START, HANDSHAKE_ACK, HANDSHAKE_DONE = 1, 2, 3, 4
 TCP_CONNECT, TCP_CONNECT_ACK, TCP_CLOSE, TCP_WRITE, TCP_WRITE_ACK = 5, 6, 7, 8, 9
 UDP_SEND, UDP_FAILURE, DNS_SERVERS, PACKAGE_NAMES, NETWORK_STATE = 10, 11, 12, 13, 14
 
-# Channel 5, companion 01:02:03:04:05:06, status 0, both sizes 990: what the device's Bluetooth stack puts before the first byte of the link.
+# Channel 5, companion 01:02:03:04:05:06, status 0, both sizes 990: what the device's
+# Bluetooth stack puts before the first byte of the link.
 CONNECTION_HEADER = bytes.fromhex(
     "05000000 0000 010203040506 00000000 00000000 DE03 DE03".replace(" ", ""))
 

@@ -1,6 +1,5 @@
 #include <android/log.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "platform/linux/log_file.h"
 #include "platform/linux/log_sink.h"
 
 namespace vantrel {
@@ -53,12 +53,34 @@ std::string FormatMessage(const char* format, va_list args) {
   return message;
 }
 
-// "MM-DD HH:MM:SS.mmm  PID  TID P tag: message", the form of logcat's
-// threadtime output. A newline that ends the message is not doubled.
-std::string ThreadTimeLine(int priority, const char* tag,
-                           const std::string& message) {
-  timeval now;
-  gettimeofday(&now, nullptr);
+// |message| without the one newline that may end it, and with \xNN in place of
+// each control character. Names in a message come from outside: with a line
+// break one could write a line of its own, with ESC command the terminal that
+// shows the log. The controls above ASCII are two bytes in UTF-8, C2 first.
+std::string EscapeControls(const std::string& message) {
+  std::string text;
+  text.reserve(message.size());
+  bool after_c2 = false;
+  for (const char& c : message) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool above_ascii = after_c2 && byte >= 0x80 && byte < 0xA0;
+    after_c2 = byte == 0xC2;
+    if (byte == '\n' && &c == &message.back()) break;
+    if (byte < ' ' || byte == 0x7F || above_ascii) {
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
+      text += escaped;
+    } else {
+      text += c;
+    }
+  }
+  return text;
+}
+
+// "MM-DD HH:MM:SS.mmm  PID  TID P tag: text", the form of logcat's threadtime
+// output.
+std::string ThreadTimeLine(const timeval& now, int priority, const char* tag,
+                           const std::string& text) {
   tm local;
   localtime_r(&now.tv_sec, &local);
   char when[32];
@@ -67,20 +89,17 @@ std::string ThreadTimeLine(int priority, const char* tag,
   snprintf(prefix, sizeof(prefix), "%s.%03d %5d %5ld %c %s: ", when,
            static_cast<int>(now.tv_usec / 1000), getpid(), syscall(SYS_gettid),
            PriorityLetter(priority), tag);
-  std::string line = prefix + message;
-  if (line.back() != '\n') line += '\n';
-  return line;
+  return prefix + text + '\n';
 }
 
-// Opened once and kept: the file outlives a later chdir or unlink, and a
-// message costs one write. -1 when there is no such file.
-int LogFile() {
-  static const int fd = [] {
+// The file that VANTREL_LOG_FILE names, or null without that variable. Never
+// destroyed: what is destroyed at the end of the process may still log.
+LogFile* GetLogFile() {
+  static LogFile* const file = [] {
     const char* path = getenv("VANTREL_LOG_FILE");
-    if (path == nullptr || *path == '\0') return -1;
-    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    return path == nullptr || *path == '\0' ? nullptr : new LogFile(path);
   }();
-  return fd;
+  return file;
 }
 
 bool WriteMessage(int priority, const char* tag, const std::string& message) {
@@ -88,15 +107,16 @@ bool WriteMessage(int priority, const char* tag, const std::string& message) {
     Sink()(priority, tag, message);
     return true;
   }
-  const int fd = LogFile();
-  if (fd != -1) {
-    const std::string line = ThreadTimeLine(priority, tag, message);
-    return write(fd, line.data(), line.size()) ==
-           static_cast<ssize_t>(line.size());
+  const std::string text = EscapeControls(message);
+  timeval now;
+  gettimeofday(&now, nullptr);
+  LogFile* const file = GetLogFile();
+  if (file != nullptr && file->Follow(now.tv_sec)) {
+    return file->Append(ThreadTimeLine(now, priority, tag, text));
   }
   static const char* identifier = strdup(tag);
   openlog(identifier, LOG_PID, LOG_DAEMON);
-  syslog(SyslogLevel(priority), "%s", message.c_str());
+  syslog(SyslogLevel(priority), "%s", text.c_str());
   return true;
 }
 

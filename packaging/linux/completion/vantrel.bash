@@ -3,17 +3,18 @@
 # Completes the word with one of the given ones, and leaves no blank behind one
 # that goes on.
 _vantrel_words() {
-  COMPREPLY=($(compgen -W "$*" -- "$cur"))
+  mapfile -t COMPREPLY < <(compgen -W "$*" -- "$cur")
   [[ ${COMPREPLY-} != *: ]] || compopt -o nospace
 }
 
 _vantrel_file() {
   compopt -o filenames
-  COMPREPLY=($(compgen -f -- "$cur"))
+  mapfile -t COMPREPLY < <(compgen -f -- "$cur")
 }
 
 # Sets cur, prev and words as they are typed: a link's address has colons.
 _vantrel_begin() {
+  # shellcheck disable=SC2034 # what _init_completion sets
   local cword
   if declare -F _init_completion >/dev/null; then
     _init_completion -n : || return
@@ -26,7 +27,7 @@ _vantrel_begin() {
 # A link's address: $1 has the kinds, and a path follows unix:
 _vantrel_link() {
   if [[ $cur == unix:* ]]; then
-    COMPREPLY=($(compgen -f -- "${cur#unix:}"))
+    mapfile -t COMPREPLY < <(compgen -f -- "${cur#unix:}")
     [[ $COMP_WORDBREAKS == *:* ]] || COMPREPLY=("${COMPREPLY[@]/#/unix:}")
   else
     _vantrel_words $1

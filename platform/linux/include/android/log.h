@@ -20,9 +20,10 @@ typedef enum android_LogPriority {
 
 // Writes one message. Appends it as a line in logcat's threadtime form to the
 // file that the environment variable VANTREL_LOG_FILE names; without that
-// variable, or when the file cannot be opened, to syslog with |tag| as the
-// identifier. Returns the number of bytes of the message, or -1 when it could
-// not be written; errno is left as it was.
+// variable, or while the file cannot be opened, to syslog with |tag| as the
+// identifier. Control characters inside the message are written as \xNN.
+// Returns the number of bytes of the message, or -1 when it could not be
+// written; errno is left as it was.
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((__format__(printf, 3, 4)));
 

@@ -1,0 +1,41 @@
+#include "platform/linux/log_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vantrel {
+
+LogFile::~LogFile() {
+  if (fd_ != -1) close(fd_);
+}
+
+bool LogFile::Follow(time_t now) {
+  if (now != looked_at_) {
+    looked_at_ = now;
+    if (fd_ == -1 || !HasName()) Open();
+  }
+  return fd_ != -1;
+}
+
+bool LogFile::Append(const std::string& line) {
+  return write(fd_, line.data(), line.size()) ==
+         static_cast<ssize_t>(line.size());
+}
+
+bool LogFile::HasName() const {
+  struct stat named;
+  return stat(path_.c_str(), &named) == 0 && named.st_dev == opened_.st_dev &&
+         named.st_ino == opened_.st_ino;
+}
+
+void LogFile::Open() {
+  const int fd = open(
+      path_.c_str(),
+      O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+  if (fd == -1) return;
+  if (fd_ != -1) close(fd_);
+  fd_ = fd;
+  fstat(fd_, &opened_);
+}
+
+}  // namespace vantrel
