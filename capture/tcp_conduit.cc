@@ -2,13 +2,13 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <linux/netfilter_ipv4.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include <utility>
 
+#include "capture/original_destination.h"
 #include "capture/uid_helper.h"
 #include "common/interception.h"
 #include "common/log.h"
@@ -40,7 +40,7 @@ TcpConduit::TcpConduit(Reactor& reactor, ProxySocket& link, int fd,
       open_conduits_(open_conduits),
       send_credit_(kInitialCredit) {
   open_conduits_.Add(this);
-  if (!FindOriginalDestination()) {
+  if (!GetOriginalDestination(fd, &remote_)) {
     LOGE("[T:%u] Unable to get original destination: %s", id_, strerror(errno));
     // Nothing is registered yet, so this closes the connection and leaves
     // nothing behind.
@@ -59,26 +59,6 @@ TcpConduit::~TcpConduit() {
   LOGD("[T:%u] Closed stream. RX/TX: %zu/%zu", id_,
        static_cast<size_t>(rx_bytes_),
        write_buffer_.GetTotalWrittenByteCount());
-}
-
-bool TcpConduit::FindOriginalDestination() {
-  sockaddr_in original = {};
-  socklen_t length = sizeof(original);
-  if (getsockopt(GetFd(), SOL_IP, SO_ORIGINAL_DST, &original, &length) == -1) {
-    return false;
-  }
-  remote_ = HostAndPort::FromIPv4Addr(original);
-  // Connection tracking also answers for a connection made straight to the
-  // listener, with the listener itself. Relaying that one would ask the
-  // companion to connect to a port of its own loopback.
-  sockaddr_in own = {};
-  length = sizeof(own);
-  if (getsockname(GetFd(), reinterpret_cast<sockaddr*>(&own), &length) == 0 &&
-      remote_ == HostAndPort::FromIPv4Addr(own)) {
-    errno = ENOENT;
-    return false;
-  }
-  return true;
 }
 
 bool TcpConduit::IsFromApplicationAddress() const {

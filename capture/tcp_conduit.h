@@ -58,9 +58,6 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
  private:
   ~TcpConduit() override;
 
-  // Fills |remote_|. False, with errno set, when the connection was not
-  // redirected here.
-  [[nodiscard]] bool FindOriginalDestination();
   void FindOwner();
   // Whether the connection comes from the applications' own address. Somebody
   // who binds another may have taken the port of another application, and

@@ -1,30 +1,13 @@
 #include "capture/tcp_conduit.h"
 
 #include <gmock/gmock.h>
-#include <linux/netfilter_ipv4.h>
-#include <string.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <signal.h>
 
 #include "capture/capture_testing.h"
+#include "capture/original_destination.h"
 #include "common/hex_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
-
-namespace {
-const sockaddr_in* original_destination = nullptr;  // null: ask the kernel
-}
-
-// In place of the C library's: connection tracking needs rules in the kernel.
-extern "C" int getsockopt(int fd, int level, int name, void* value,
-                          socklen_t* length) noexcept {
-  if (level == SOL_IP && name == SO_ORIGINAL_DST && original_destination) {
-    memcpy(value, original_destination, sizeof(*original_destination));
-    return 0;
-  }
-  return static_cast<int>(
-      syscall(SYS_getsockopt, fd, level, name, value, length));
-}
 
 namespace vantrel {
 namespace {
@@ -39,12 +22,12 @@ class TcpConduitTest : public ::testing::Test {
  protected:
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
-    const sockaddr_in remote = Endpoint("C6336407", 80).GetSockAddrV4();
-    original_destination = &remote;
+    const HostAndPort remote = Endpoint("C6336407", 80);
+    SetOriginalDestination(&remote);
     auto [fd, application] = MakeSocketPair();
     application_ = std::move(application);
     new TcpConduit(reactor_, link_, fd, 7, open_conduits_);
-    original_destination = nullptr;
+    SetOriginalDestination(nullptr);
     ASSERT_FALSE(link_.streams.empty());
     conduit_ = static_cast<TcpConduit*>(link_.streams.back());
     log_.Take();
