@@ -1,4 +1,4 @@
-#include "tools/command_outcome.h"
+#include "tools/ctl/command_outcome.h"
 
 #include <stdlib.h>
 

@@ -1,4 +1,4 @@
-#include "tools/relay_direction.h"
+#include "tools/launch/relay_direction.h"
 
 #include <errno.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "tools/service_notifier.h"
+#include "tools/launch/service_notifier.h"
 
 #include <stddef.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-#include "tools/shaper.h"
+#include "tools/launch/shaper.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "tools/control_command.h"
+#include "tools/ctl/control_command.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <sstream>
 #include <string>
 
-#include "tools/command_outcome.h"
-#include "tools/log_follower.h"
+#include "tools/ctl/command_outcome.h"
+#include "tools/ctl/log_follower.h"
 
 namespace vantrel {
 namespace {

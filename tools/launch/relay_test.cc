@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "tools/relay_direction.h"
+#include "tools/launch/relay_direction.h"
 
 namespace vantrel {
 namespace {

@@ -1,10 +1,10 @@
-#include "tools/launch_reporter.h"
+#include "tools/launch/launch_reporter.h"
 
 #include <stdio.h>
 
 #include <exception>
 
-#include "tools/status_text.h"
+#include "tools/launch/status_text.h"
 
 namespace vantrel {
 

@@ -3,13 +3,13 @@
 #include <optional>
 
 #include "tools/control_port.h"
-#include "tools/daemon_process.h"
-#include "tools/launch_options.h"
-#include "tools/launch_reporter.h"
-#include "tools/link_connector.h"
-#include "tools/pcapng_writer.h"
-#include "tools/relay_direction.h"
-#include "tools/status_reader.h"
+#include "tools/launch/daemon_process.h"
+#include "tools/launch/launch_options.h"
+#include "tools/launch/launch_reporter.h"
+#include "tools/launch/link_connector.h"
+#include "tools/launch/pcapng_writer.h"
+#include "tools/launch/relay_direction.h"
+#include "tools/launch/status_reader.h"
 
 namespace vantrel {
 

@@ -1,4 +1,4 @@
-#include "tools/daemon_process.h"
+#include "tools/launch/daemon_process.h"
 
 #include <errno.h>
 #include <fcntl.h>

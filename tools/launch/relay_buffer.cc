@@ -1,4 +1,4 @@
-#include "tools/relay_buffer.h"
+#include "tools/launch/relay_buffer.h"
 
 #include <errno.h>
 #include <fcntl.h>

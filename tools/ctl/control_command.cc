@@ -1,4 +1,4 @@
-#include "tools/control_command.h"
+#include "tools/ctl/control_command.h"
 
 #include <stdio.h>
 #include <unistd.h>
@@ -9,9 +9,9 @@
 #include <string>
 #include <thread>
 
-#include "tools/command_outcome.h"
 #include "tools/control_port.h"
-#include "tools/log_follower.h"
+#include "tools/ctl/command_outcome.h"
+#include "tools/ctl/log_follower.h"
 
 namespace vantrel {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "control/control_packets.h"
-#include "tools/control_command.h"
+#include "tools/ctl/control_command.h"
 #include "tools/rules.h"
 
 namespace vantrel {

@@ -7,7 +7,7 @@
 #include <exception>
 #include <string>
 
-#include "tools/launcher.h"
+#include "tools/launch/launcher.h"
 
 namespace vantrel {
 namespace {

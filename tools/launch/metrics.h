@@ -5,8 +5,8 @@
 #include <map>
 #include <string>
 
+#include "tools/launch/status_reader.h"
 #include "tools/package_names.h"
-#include "tools/status_reader.h"
 
 namespace vantrel {
 

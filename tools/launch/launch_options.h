@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "tools/launch/shaper.h"
 #include "tools/link_address.h"
-#include "tools/shaper.h"
 
 namespace vantrel {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "tools/launch/status_reader.h"
 #include "tools/package_names.h"
-#include "tools/status_reader.h"
 
 namespace vantrel {
 

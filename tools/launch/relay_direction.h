@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "tools/relay_buffer.h"
-#include "tools/shaper.h"
+#include "tools/launch/relay_buffer.h"
+#include "tools/launch/shaper.h"
 
 namespace vantrel {
 

@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "tools/launch_options.h"
-#include "tools/metrics.h"
-#include "tools/service_notifier.h"
-#include "tools/status_reader.h"
+#include "tools/launch/launch_options.h"
+#include "tools/launch/metrics.h"
+#include "tools/launch/service_notifier.h"
+#include "tools/launch/status_reader.h"
 
 namespace vantrel {
 

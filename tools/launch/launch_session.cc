@@ -1,4 +1,4 @@
-#include "tools/launch_session.h"
+#include "tools/launch/launch_session.h"
 
 #include <errno.h>
 #include <fcntl.h>

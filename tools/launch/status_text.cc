@@ -1,4 +1,4 @@
-#include "tools/status_text.h"
+#include "tools/launch/status_text.h"
 
 #include <string.h>
 #include <sys/wait.h>

@@ -1,4 +1,4 @@
-#include "tools/log_follower.h"
+#include "tools/ctl/log_follower.h"
 
 #include <fcntl.h>
 #include <unistd.h>

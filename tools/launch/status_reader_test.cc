@@ -1,11 +1,11 @@
-#include "tools/status_reader.h"
+#include "tools/launch/status_reader.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
 
-#include "tools/status_text.h"
+#include "tools/launch/status_text.h"
 
 namespace vantrel {
 namespace {

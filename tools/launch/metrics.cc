@@ -1,4 +1,4 @@
-#include "tools/metrics.h"
+#include "tools/launch/metrics.h"
 
 #include <fcntl.h>
 #include <stdio.h>

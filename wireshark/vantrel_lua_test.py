@@ -2,7 +2,7 @@
 
 The exchange is a script: this test is the companion, a script in the daemon's
 place sends the rest, and vantrel-launch records between the two. tshark then
-reads the file with tools/vantrel.lua."""
+reads the file with wireshark/vantrel.lua."""
 
 import os
 import socket
@@ -54,7 +54,7 @@ def record(tmp_path, protocol, chunk, exchange):
 def dissect(capture, *options):
     """By direction, the messages in order: name of a field to its values."""
     pdml = subprocess.run(
-        ["tshark", "-X", f"lua_script:{ROOT}/tools/vantrel.lua", "-r", capture, "-T", "pdml", *options],
+        ["tshark", "-X", f"lua_script:{ROOT}/wireshark/vantrel.lua", "-r", capture, "-T", "pdml", *options],
         check=True, timeout=120, capture_output=True)
     assert b"Lua" not in pdml.stderr, pdml.stderr
     assert b"Lua Error" not in pdml.stdout

@@ -1,4 +1,4 @@
-#include "tools/link_connector.h"
+#include "tools/launch/link_connector.h"
 
 // The RFCOMM header uses the types of this one without including it.
 #include <bluetooth/bluetooth.h>

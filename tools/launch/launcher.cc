@@ -1,4 +1,4 @@
-#include "tools/launcher.h"
+#include "tools/launch/launcher.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <utility>
 
-#include "tools/link_connector.h"
+#include "tools/launch/link_connector.h"
 #include "tools/rules.h"
 #include "tools/system_failure.h"
 

@@ -1,4 +1,4 @@
-#include "tools/status_reader.h"
+#include "tools/launch/status_reader.h"
 
 namespace vantrel {
 

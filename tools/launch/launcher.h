@@ -4,10 +4,10 @@
 #include <memory>
 #include <optional>
 
-#include "tools/launch_options.h"
-#include "tools/launch_reporter.h"
-#include "tools/launch_session.h"
-#include "tools/pcapng_writer.h"
+#include "tools/launch/launch_options.h"
+#include "tools/launch/launch_reporter.h"
+#include "tools/launch/launch_session.h"
+#include "tools/launch/pcapng_writer.h"
 
 namespace vantrel {
 

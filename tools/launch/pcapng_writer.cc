@@ -1,4 +1,4 @@
-#include "tools/pcapng_writer.h"
+#include "tools/launch/pcapng_writer.h"
 
 #include <errno.h>
 #include <fcntl.h>
