@@ -2,6 +2,9 @@
 
 #include <stdlib.h>
 
+#include <cmath>
+#include <regex>
+
 #include "control/status_records.h"
 
 namespace vantrel {
@@ -16,6 +19,12 @@ bool TakePrefix(const std::string& message, const std::string& prefix,
   if (message.compare(0, prefix.size(), prefix) != 0) return false;
   *rest = message.substr(prefix.size());
   return true;
+}
+
+// The daemon divides by whole milliseconds, of which a short transfer has none.
+std::string DescribeRate(const std::string& rate) {
+  return std::isfinite(strtod(rate.c_str(), nullptr)) ? rate
+                                                      : "too fast to measure";
 }
 
 }  // namespace
@@ -41,7 +50,7 @@ CommandOutcome::State CommandOutcome::Take(const std::string& message) {
 }
 
 CommandOutcome::State CommandOutcome::TakeStop(const std::string& message) {
-  if (message == "[C] Received STOP message.") text_ = "stopping";
+  if (message == "[C] Received STOP message.") Begin("stopping");
   if (message != "Vantrel finished.") return kWaiting;
   return Finish(kDone, "stopped");
 }
@@ -49,7 +58,10 @@ CommandOutcome::State CommandOutcome::TakeStop(const std::string& message) {
 CommandOutcome::State CommandOutcome::TakeDump(const std::string& message) {
   if (message == kDumpEnd && is_in_dump_) return Finish(kDone, dump_);
   if (is_in_dump_) dump_ += (dump_.empty() ? "" : "\n") + message;
-  if (message == kDumpStart) is_in_dump_ = true;
+  if (message == kDumpStart) {
+    is_in_dump_ = true;
+    Begin("the dump is being written");
+  }
   return kWaiting;
 }
 
@@ -66,7 +78,7 @@ CommandOutcome::State CommandOutcome::TakeTransfer(
   if (transfer_.empty()) {
     if (TakePrefix(message, "[B] Starting " + verb + " request ", &rest)) {
       transfer_ = rest.substr(0, rest.find(' '));
-      text_ = verb + " " + transfer_ + " is running";
+      Begin(verb + " " + transfer_ + " is running");
     }
     return kWaiting;
   }
@@ -76,7 +88,8 @@ CommandOutcome::State CommandOutcome::TakeTransfer(
   }
   const size_t rate = rest.rfind(" of ");
   if (rate == std::string::npos) return kWaiting;
-  return Finish(kDone, verb + " " + transfer_ + ": " + rest.substr(rate + 4));
+  return Finish(kDone, verb + " " + transfer_ + ": " +
+                           DescribeRate(rest.substr(rate + 4)));
 }
 
 CommandOutcome::State CommandOutcome::TakeStats(const std::string& message) {
@@ -93,16 +106,26 @@ CommandOutcome::State CommandOutcome::TakeStats(const std::string& message) {
                 "a report of " + length + " bytes is on the status channel");
 }
 
+void CommandOutcome::Begin(const std::string& text) {
+  has_begun_ = true;
+  text_ = text;
+}
+
 CommandOutcome::State CommandOutcome::Finish(State state,
                                              const std::string& text) {
-  text_ = text;
+  Begin(text);
   return state;
 }
 
-std::string GetLogMessage(const std::string& line) {
-  static const std::string kTag = " vantrel: ";
-  const size_t tag = line.find(kTag);
-  return tag == std::string::npos ? "" : line.substr(tag + kTag.size());
+std::optional<log_line_t> ParseLogLine(const std::string& line) {
+  static const std::regex kHead(
+      R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +(\d{1,9}) +\d+ [VDIWEF] vantrel: )");
+  std::smatch head;
+  if (!std::regex_search(line, head, kHead,
+                         std::regex_constants::match_continuous)) {
+    return std::nullopt;
+  }
+  return log_line_t{std::stoi(head[1]), head.suffix()};
 }
 
 }  // namespace vantrel

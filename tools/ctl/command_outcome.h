@@ -2,6 +2,7 @@
 
 #include <stdint.h>
 
+#include <optional>
 #include <string>
 
 #include "control/control_packets.h"
@@ -21,6 +22,9 @@ class CommandOutcome {
   // Takes the messages that followed the packet, in order.
   State Take(const std::string& message);
 
+  // Whether the daemon has said anything about the packet yet.
+  bool HasBegun() const { return has_begun_; }
+
   // What to tell a person. While waiting: what is being waited for.
   const std::string& GetText() const { return text_; }
 
@@ -31,17 +35,24 @@ class CommandOutcome {
   State TakeTransfer(const std::string& message, const std::string& verb,
                      const std::string& completed);
   State TakeStats(const std::string& message);
+  void Begin(const std::string& text);
   State Finish(State state, const std::string& text);
 
   const uint8_t type_;
   std::string text_ = "nothing in the log yet";
+  bool has_begun_ = false;
   bool is_in_dump_ = false;
   std::string dump_;
   std::string transfer_;  // the number of ours; empty before it has started
 };
 
-// The message in one line of the daemon's log file; empty for a line that is
-// not the daemon's.
-std::string GetLogMessage(const std::string& line);
+// One line of the daemon's log file.
+struct log_line_t {
+  int process = 0;  // as the daemon numbers itself
+  std::string message;
+};
+
+// None for a line that is not in the form of the daemon's.
+std::optional<log_line_t> ParseLogLine(const std::string& line);
 
 }  // namespace vantrel

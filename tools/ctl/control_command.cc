@@ -18,6 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The daemon notes most packets as soon as it has them.
+constexpr std::chrono::seconds kFirstLineTimeout{3};
+
 // Far less than a round trip over Bluetooth takes.
 constexpr std::chrono::milliseconds kLogInterval{10};
 
@@ -70,28 +73,40 @@ class ProgressLine {
   long long last_second_ = 0;
 };
 
-CommandOutcome::State Follow(LogFollower* log, CommandOutcome* outcome,
+// Of the lines of |daemon|, or of anybody's when that is not known.
+CommandOutcome::State TakeNewLines(LogFollower* log, std::optional<int> daemon,
+                                   CommandOutcome* outcome) {
+  auto state = CommandOutcome::kWaiting;
+  std::string text;
+  while (state == CommandOutcome::kWaiting && log->Next(&text)) {
+    const auto line = ParseLogLine(text);
+    if (!line || (daemon && line->process != *daemon)) continue;
+    state = outcome->Take(line->message);
+  }
+  return state;
+}
+
+CommandOutcome::State Follow(LogFollower* log, std::optional<int> daemon,
+                             CommandOutcome* outcome,
                              std::chrono::seconds timeout) {
   const auto start = Clock::now();
   ProgressLine progress;
-  CommandOutcome::State state = CommandOutcome::kWaiting;
   while (true) {
     // The log is read once more after the last wait.
     const auto elapsed = Clock::now() - start;
-    std::string line;
-    while (state == CommandOutcome::kWaiting && log->Next(&line)) {
-      state = outcome->Take(GetLogMessage(line));
-    }
+    const auto state = TakeNewLines(log, daemon, outcome);
     if (state != CommandOutcome::kWaiting || elapsed >= timeout) return state;
+    if (!outcome->HasBegun() && elapsed >= kFirstLineTimeout) return state;
     progress.Show(outcome->GetText(), elapsed);
     std::this_thread::sleep_for(kLogInterval);
   }
 }
 
-int FollowAndPrint(const control_command_t& command, LogFollower* log) {
+int FollowAndPrint(const control_command_t& command, LogFollower* log,
+                   std::optional<int> daemon) {
   CommandOutcome outcome(command.type);
-  const auto state =
-      Follow(log, &outcome, std::chrono::seconds(command.timeout_seconds));
+  const auto state = Follow(log, daemon, &outcome,
+                            std::chrono::seconds(command.timeout_seconds));
   if (state == CommandOutcome::kDone) {
     printf("%s\n", outcome.GetText().c_str());
     return 0;
@@ -100,10 +115,16 @@ int FollowAndPrint(const control_command_t& command, LogFollower* log) {
     fprintf(stderr, "vantrelctl: %s\n", outcome.GetText().c_str());
     return 1;
   }
-  fprintf(stderr,
-          "vantrelctl: no result within %d s: %s (with protocol 20 the daemon "
-          "does nothing on ping, pull and push)\n",
-          command.timeout_seconds, outcome.GetText().c_str());
+  if (outcome.HasBegun()) {
+    fprintf(stderr, "vantrelctl: no result within %d s: %s\n",
+            command.timeout_seconds, outcome.GetText().c_str());
+  } else {
+    fprintf(stderr,
+            "vantrelctl: %s has no line of the daemon about %s; is it the "
+            "daemon's log? (With protocol 20 the daemon does nothing on ping, "
+            "pull and push.)\n",
+            command.log.c_str(), command.name.c_str());
+  }
   return 1;
 }
 
@@ -132,13 +153,14 @@ int RunControlCommand(const control_command_t& command) {
   std::optional<LogFollower> log;
   // Before the packet, so that no outcome is missed.
   if (!command.log.empty()) log.emplace(command.log);
+  const std::optional<int> daemon = FindControlPortOwner();
   Send(command);
   const std::string argument =
       IsTransfer(command) ? " " + std::to_string(command.bytes) : "";
   fprintf(stderr, "vantrelctl: sent %s%s to 127.0.0.1:%d; %s\n",
           command.name.c_str(), argument.c_str(), kControlPort,
           WhereResultAppears(command));
-  return log ? FollowAndPrint(command, &*log) : 0;
+  return log ? FollowAndPrint(command, &*log, daemon) : 0;
 }
 
 }  // namespace vantrel

@@ -43,6 +43,10 @@ TEST(CommandOutcome, IsFoundAmongOtherMessages) {
        "[B] Push 11 completed with an approx tx rate of 2.00 kB/s\n"
        "[B] Push 1 completed with an approx tx rate of 3.00 kB/s",
        CommandOutcome::kDone, "push 1: 3.00 kB/s"},
+      {TYPE_PULL,
+       "[B] Starting pull request 0 for 9 bytes.\n"
+       "[B] Pull 0 completed with an rx rate of inf kB/s",
+       CommandOutcome::kDone, "pull 0: too fast to measure"},
       {TYPE_TRANSFER_STATS, "OnTransferStatsResult, transfer stats length 3584",
        CommandOutcome::kFailed,
        "the report was too large (3584 bytes) and is lost"},
@@ -61,18 +65,29 @@ TEST(CommandOutcome, IsFoundAmongOtherMessages) {
   }
 }
 
-TEST(LogFollower, GivesWholeNewLinesOnly) {
+TEST(LogFollower, GivesWholeNewLinesOnlyAlsoOfTheNextFile) {
   const std::string path = ::testing::TempDir() + "log_follower_test";
   std::ofstream log(path);
   log << "old line\nhalf an " << std::flush;
   LogFollower follower(path);
   std::string line;
-  log << "D vantrel: [B] a vantrel: b" << std::flush;
+  log << "old line" << std::flush;
   EXPECT_FALSE(follower.Next(&line));
-  log << "\n" << std::flush;
+  log << "\n10-31 23:59:59.999   123  4567 D vantrel: a vantrel: b\n"
+      << std::flush;
+  rename(path.c_str(), (path + ".1").c_str());
+  std::ofstream(path) << "new\n";
   ASSERT_TRUE(follower.Next(&line));
-  EXPECT_EQ("[B] a vantrel: b", GetLogMessage(line));
+  EXPECT_FALSE(ParseLogLine(line));
+  ASSERT_TRUE(follower.Next(&line));
+  ASSERT_TRUE(ParseLogLine(line));
+  EXPECT_EQ(123, ParseLogLine(line)->process);
+  EXPECT_EQ("a vantrel: b", ParseLogLine(line)->message);
+  ASSERT_TRUE(follower.Next(&line));
+  EXPECT_EQ("new", line);
+  EXPECT_FALSE(follower.Next(&line));
   unlink(path.c_str());
+  unlink((path + ".1").c_str());
 }
 
 }  // namespace
