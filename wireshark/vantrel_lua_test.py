@@ -42,7 +42,8 @@ def record(tmp_path, protocol, chunk, exchange):
     with link, far_end:
         launcher = subprocess.Popen(
             [Path(os.environ["VANTREL_BIN_DIR"]) / "vantrel-launch", "--protocol", protocol,
-             "--daemon", daemon, "--capture", capture, "--shape", f"rate=100Mbit,chunk={chunk}",
+             "--daemon", daemon, "--lock", tmp_path / "lock", "--capture", capture,
+             "--shape", f"rate=100Mbit,chunk={chunk}",
              f"fd:{far_end.fileno()}"], pass_fds=[far_end.fileno()], stdout=subprocess.DEVNULL)
         link.settimeout(20)
         link.sendall(sent[IN])

@@ -9,7 +9,9 @@
 
 #include "control/control_packets.h"
 #include "tools/ctl/control_command.h"
+#include "tools/lock_file.h"
 #include "tools/rules.h"
+#include "tools/standard_descriptors.h"
 
 namespace vantrel {
 namespace {
@@ -19,15 +21,23 @@ constexpr int kTimeoutSeconds = 10;
 constexpr int kTransferTimeoutSeconds = 300;
 
 int PrintRules() {
-  const auto rules = ListRules();
+  const auto rules = RunRulesTask(RulesTask::kList);
   for (const std::string& rule : rules) printf("%s\n", rule.c_str());
   if (rules.empty()) fprintf(stderr, "vantrelctl: no interception rules\n");
   return 0;
 }
 
-int TearDownRules() {
-  RemoveRules();
-  const auto rules = ListRules();
+int TearDownRules(const std::string& lock, bool is_forced) {
+  const auto holder = FindLockHolder(lock);
+  if (holder && !is_forced) {
+    fprintf(stderr,
+            "vantrelctl: a daemon of %s uses these rules (%s); --force removes "
+            "them anyway\n",
+            holder->c_str(), lock.c_str());
+    return 1;
+  }
+  RunRulesTask(RulesTask::kRemove);
+  const auto rules = RunRulesTask(RulesTask::kList);
   for (const std::string& rule : rules) {
     fprintf(stderr, "vantrelctl: still there: %s\n", rule.c_str());
   }
@@ -118,19 +128,27 @@ class CommandLine {
     rules->require_subcommand(1);
     rules->add_subcommand("status", "Print the rules that are there")
         ->callback([this] { run_ = PrintRules; });
-    rules
-        ->add_subcommand("teardown",
-                         "Remove the rules that a killed daemon has left")
-        ->callback([this] { run_ = TearDownRules; });
+    CLI::App* const teardown = rules->add_subcommand(
+        "teardown", "Remove the rules that a killed daemon has left");
+    teardown->add_option("--lock", lock_,
+                         "The lock file of this device (default " +
+                             std::string(kLockFile) + ")");
+    teardown->add_flag("--force", is_forced_,
+                       "Remove them also while a daemon runs");
+    teardown->callback(
+        [this] { run_ = [this] { return TearDownRules(lock_, is_forced_); }; });
   }
 
   CLI::App app_{"Commands for a running daemon and for its interception rules.",
                 "vantrelctl"};
   control_command_t command_;
+  std::string lock_ = kLockFile;
+  bool is_forced_ = false;
   std::function<int()> run_;
 };
 
 int Main(int argc, char** argv) {
+  OpenMissingStandardDescriptors();
   CommandLine command_line;
   const int status = command_line.Parse(argc, argv);
   if (status >= 0) return status;

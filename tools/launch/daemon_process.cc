@@ -10,6 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <utility>
+
+#include "tools/process_group.h"
 #include "tools/system_failure.h"
 
 namespace vantrel {
@@ -39,15 +42,15 @@ void MoveTo(int fd, int place) {
   }
 }
 
-[[noreturn]] void RunDaemon(const char* program, const char* protocol, int link,
-                            int status, int report) {
+[[noreturn]] void RunDaemon(const DaemonProcess::start_t& start, int report) {
   setpgid(0, 0);
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (start.is_ended_with_us) prctl(PR_SET_PDEATHSIG, SIGTERM);
   RaiseOpenFileLimit();
   ResetSignals();
-  MoveTo(link, STDIN_FILENO);
-  MoveTo(status, STDOUT_FILENO);
-  execlp(program, program, protocol, static_cast<char*>(nullptr));
+  MoveTo(start.link.Get(), STDIN_FILENO);
+  MoveTo(start.status.Get(), STDOUT_FILENO);
+  execlp(start.program.c_str(), start.program.c_str(), start.protocol.c_str(),
+         static_cast<char*>(nullptr));
   const int error = errno;
   static_cast<void>(!write(report, &error, sizeof(error)));
   _exit(127);
@@ -64,28 +67,24 @@ UniqueFd MoveAboveStandard(UniqueFd fd) {
 
 }  // namespace
 
-DaemonProcess::DaemonProcess(const std::string& program,
-                             const std::string& protocol, UniqueFd link,
-                             UniqueFd status) {
-  link = MoveAboveStandard(std::move(link));
-  status = MoveAboveStandard(std::move(status));
+DaemonProcess::DaemonProcess(start_t start) {
+  start.link = MoveAboveStandard(std::move(start.link));
+  start.status = MoveAboveStandard(std::move(start.status));
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw SystemFailure("no pipe");
   const UniqueFd report_out(ends[0]);
   UniqueFd report_in(ends[1]);
+  AdoptOrphans();
   pid_ = fork();
   if (pid_ < 0) throw SystemFailure("no new process");
-  if (pid_ == 0) {
-    RunDaemon(program.c_str(), protocol.c_str(), link.Get(), status.Get(),
-              report_in.Get());
-  }
+  if (pid_ == 0) RunDaemon(start, report_in.Get());
   report_in.Reset();
   // Ends without a byte when the program was started.
   int error;
   if (read(report_out.Get(), &error, sizeof(error)) == sizeof(error)) {
     waitpid(pid_, nullptr, 0);
     errno = error;
-    throw SystemFailure("cannot start " + program);
+    throw SystemFailure("cannot start " + start.program);
   }
 }
 
@@ -93,8 +92,12 @@ void DaemonProcess::Signal(int signal) const {
   if (IsRunning()) kill(pid_, signal);
 }
 
+void DaemonProcess::Kill() const {
+  if (IsRunning()) kill(-pid_, SIGKILL);
+}
+
 bool DaemonProcess::Reap() {
-  if (IsRunning() && waitpid(pid_, &wait_status_, WNOHANG) == pid_) pid_ = -1;
+  if (IsRunning() && ReapGroup(pid_, &wait_status_)) pid_ = -1;
   return !IsRunning();
 }
 

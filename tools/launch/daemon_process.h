@@ -8,24 +8,34 @@
 
 namespace vantrel {
 
-// The running daemon, our child. It gets a process group of its own, so that a
-// terminal's Ctrl-C reaches it once, from us, and not in the middle of what
-// the commands it runs are doing; and a SIGTERM should we die.
+// The running daemon, our child. It leads a process group that the commands it
+// runs belong to: so a terminal's Ctrl-C reaches it once, from us, and not in
+// the middle of what they are doing, and none of them outlives it.
 class DaemonProcess {
  public:
-  // Starts |program|, searched as a shell does, with |protocol| as its one
-  // argument, |link| as standard input and |status| as standard output; takes
-  // both. Open files are limited only by our own hard limit, and no signal is
-  // blocked or ignored. Throws std::system_error when it cannot be started.
-  DaemonProcess(const std::string& program, const std::string& protocol,
-                UniqueFd link, UniqueFd status);
+  struct start_t {
+    std::string program;   // searched as a shell does
+    std::string protocol;  // its one argument
+    UniqueFd link;         // becomes standard input
+    UniqueFd status;       // becomes standard output
+    // It gets a SIGTERM when we die. Needed where our end does not end its
+    // link. A daemon that is just starting then ends with its rules installed.
+    bool is_ended_with_us = false;
+  };
+
+  // Open files are limited only by our own hard limit, and no signal is blocked
+  // or ignored. Throws std::system_error when it cannot be started.
+  explicit DaemonProcess(start_t start);
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   bool IsRunning() const { return pid_ >= 0; }
   // Does nothing once it has ended.
   void Signal(int signal) const;
-  // True when it has ended, at this call or before. Never waits.
+  // Ends it and its commands without asking.
+  void Kill() const;
+  // True when it has ended, at this call or before; then its commands have,
+  // too. Never waits for it.
   bool Reap();
   // As waitpid() reports it; meaningful once it has ended.
   int GetWaitStatus() const { return wait_status_; }

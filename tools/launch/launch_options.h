@@ -4,6 +4,7 @@
 
 #include "tools/launch/shaper.h"
 #include "tools/link_address.h"
+#include "tools/lock_file.h"
 
 namespace vantrel {
 
@@ -14,6 +15,7 @@ struct launch_options_t {
   std::string protocol = "20";  // the daemon's argument, handed on unchanged
   std::string capture;          // pcapng file; empty: none
   std::string metrics;          // Prometheus text file; empty: none
+  std::string lock = kLockFile;
   shape_t shape;
   int stats_every_seconds = 0;  // 0: never
   bool is_direct = false;       // no header, no relay

@@ -1,21 +1,38 @@
 #include "tools/launch/launch_reporter.h"
 
-#include <stdio.h>
+#include <unistd.h>
 
 #include <exception>
 
 #include "tools/launch/status_text.h"
 
 namespace vantrel {
+namespace {
+
+constexpr char kProgram[] = "vantrel-launch: ";
+
+// How long the end waits for a reader of each stream.
+constexpr int kLastMomentMs = 200;
+
+LineWriter MakeRecordWriter(bool is_json) {
+  return is_json
+             ? LineWriter(STDOUT_FILENO, R"({"record":"dropped","lines":)", "}")
+             : LineWriter(STDOUT_FILENO, "dropped ", " lines");
+}
+
+}  // namespace
 
 LaunchReporter::LaunchReporter(const launch_options_t& options)
-    : options_(options), has_metrics_file_(!options.metrics.empty()) {}
+    : options_(options),
+      records_(MakeRecordWriter(options.is_json)),
+      talk_(STDERR_FILENO, std::string(kProgram) + "dropped ", " messages"),
+      has_metrics_file_(!options.metrics.empty()) {}
 
 void LaunchReporter::Record(const status_record_t& record) {
   // Read afresh: packages come and go while the daemon runs.
   const PackageNames names = PackageNames::Load();
   const std::string text = RecordToText(record, names);
-  Print(options_.is_json ? RecordToJson(record, names) : text);
+  records_.Write(options_.is_json ? RecordToJson(record, names) : text);
   if (record.kind == status_record_t::kStarted) {
     metrics_.CountStart();
     metrics_.SetRunning(true);
@@ -32,7 +49,7 @@ void LaunchReporter::DaemonEnded(int wait_status) {
   WriteMetrics(PackageNames::Load());
   const std::string text = DaemonEndToText(wait_status);
   notifier_.Status(text);
-  Print(options_.is_json ? DaemonEndToJson(wait_status) : text);
+  records_.Write(options_.is_json ? DaemonEndToJson(wait_status) : text);
 }
 
 void LaunchReporter::Connecting() {
@@ -40,12 +57,25 @@ void LaunchReporter::Connecting() {
 }
 
 void LaunchReporter::Say(const std::string& message) {
-  fprintf(stderr, "vantrel-launch: %s\n", message.c_str());
+  talk_.Write(kProgram + message);
 }
 
-void LaunchReporter::Print(const std::string& line) {
-  printf("%s\n", line.c_str());
-  fflush(stdout);
+std::array<int, 2> LaunchReporter::GetFdsToWrite() const {
+  return {records_.GetFdToWrite(), talk_.GetFdToWrite()};
+}
+
+void LaunchReporter::Flush() {
+  records_.Flush();
+  talk_.Flush();
+}
+
+void LaunchReporter::Finish() {
+  const size_t unread = records_.Finish(kLastMomentMs);
+  if (unread > 0) {
+    Say("nobody has read " + std::to_string(unread) +
+        " lines on standard output");
+  }
+  talk_.Finish(kLastMomentMs);
 }
 
 void LaunchReporter::WriteMetrics(const PackageNames& names) {

@@ -24,6 +24,14 @@ namespace {
 // a companion may not read any more.
 constexpr std::chrono::seconds kGrace{2};
 
+// How long the daemon may take to end once it has been told to: seven commands
+// of a slow packet-filter tool, and the second that it waits for its reader.
+constexpr std::chrono::seconds kDaemonEndTimeout{15};
+
+// A companion that speaks the daemon's protocol answers the handshake at once.
+// Protocol 1 has none.
+constexpr std::chrono::seconds kSilenceTimeout{8};
+
 // On a slow link the queue in front of the relay would otherwise hold seconds
 // of traffic, as no Bluetooth socket does.
 constexpr int kShapedSendBufferBytes = 16 * 1024;
@@ -59,25 +67,29 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   int channel[2];
   if (pipe2(channel, O_CLOEXEC) != 0) throw SystemFailure("no pipe");
   status_.Reset(channel[0]);
-  UniqueFd status_in(channel[1]);
-  UniqueFd far_end;
+  DaemonProcess::start_t start;
+  start.program = options_.daemon;
+  start.protocol = options_.protocol;
+  start.status.Reset(channel[1]);
   if (options_.is_direct) {
     SetBlocking(link.fd.Get(), true);
-    far_end = std::move(link.fd);
+    start.link = std::move(link.fd);
+    // It would go on without us, in the way of the next one. With the relay it
+    // ends in order, because its link ends with us.
+    start.is_ended_with_us = true;
   } else {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
       throw SystemFailure("no socket pair");
     }
-    far_end.Reset(pair[1]);
+    start.link.Reset(pair[1]);
     if (options_.shape.IsNeeded()) {
-      setsockopt(far_end.Get(), SOL_SOCKET, SO_SNDBUF, &kShapedSendBufferBytes,
-                 sizeof(kShapedSendBufferBytes));
+      setsockopt(start.link.Get(), SOL_SOCKET, SO_SNDBUF,
+                 &kShapedSendBufferBytes, sizeof(kShapedSendBufferBytes));
     }
     StartRelay(std::move(link), UniqueFd(pair[0]));
   }
-  daemon_.emplace(options_.daemon, options_.protocol, std::move(far_end),
-                  std::move(status_in));
+  daemon_.emplace(std::move(start));
 }
 
 void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
@@ -134,6 +146,12 @@ void LaunchSession::WaitAndHandle() {
   };
   add(signal_fd_, POLLIN, &LaunchSession::HandleSignal);
   add(status_.Get(), POLLIN, &LaunchSession::HandleStatus);
+  if (rules_look_) {
+    add(rules_look_->GetFd(), POLLIN, &LaunchSession::HandleRulesLook);
+  }
+  for (const int fd : reporter_.GetFdsToWrite()) {
+    add(fd, POLLOUT, &LaunchSession::FlushReports);
+  }
   if (inbound_) {
     add(inbound_->GetFdToWrite(now), POLLOUT, &LaunchSession::WriteInbound);
     add(outbound_->GetFdToWrite(now), POLLOUT, &LaunchSession::WriteOutbound);
@@ -148,7 +166,13 @@ void LaunchSession::WaitAndHandle() {
   for (size_t i = 0; i < waits.size(); ++i) {
     if (waits[i].revents != 0) (this->*handlers[i])(now);
   }
+  HandleTime(now);
+}
+
+void LaunchSession::HandleTime(SteadyTime now) {
   if (next_stats_ && now >= *next_stats_) AskForStats(now);
+  if (kill_time_ && now >= *kill_time_) KillDaemon();
+  if (silence_time_ && now >= *silence_time_) NoteSilence();
 }
 
 std::optional<SteadyTime> LaunchSession::GetNextTime(SteadyTime now) const {
@@ -157,6 +181,8 @@ std::optional<SteadyTime> LaunchSession::GetNextTime(SteadyTime now) const {
     if (time && (!next || *time < *next)) next = time;
   };
   consider(next_stats_);
+  consider(kill_time_);
+  consider(silence_time_);
   if (inbound_) {
     consider(inbound_->GetNextTime(now));
     consider(outbound_->GetNextTime(now));
@@ -171,12 +197,51 @@ void LaunchSession::HandleSignal(SteadyTime now) {
     end_.is_stop_wanted = true;
     reporter_.Stopping();
     daemon_->Signal(static_cast<int>(info.ssi_signo));
+    if (!kill_time_) kill_time_ = now + kDaemonEndTimeout;
     return;
   }
   if (daemon_->Reap() && !grace_end_) {
     grace_end_ = now + kGrace;
     next_stats_.reset();
+    kill_time_.reset();
+    silence_time_.reset();
+    rules_look_.reset();
   }
+}
+
+void LaunchSession::HandleRulesLook(SteadyTime /*now*/) {
+  if (!rules_look_->Advance()) return;
+  try {
+    const size_t complete = GetCompleteRuleCount();
+    const size_t found = rules_look_->GetRules().size();
+    if (found < complete) {
+      reporter_.Say("warning: " + std::to_string(found) + " of " +
+                    std::to_string(complete) +
+                    " interception rules stand: applications have no network, "
+                    "or not all of it; the daemon's log says why");
+    }
+  } catch (const std::exception& e) {
+    reporter_.Say(std::string("warning: ") + e.what());
+  }
+  rules_look_.reset();
+}
+
+void LaunchSession::FlushReports(SteadyTime /*now*/) { reporter_.Flush(); }
+
+void LaunchSession::KillDaemon() {
+  reporter_.Say("the daemon has not ended within " +
+                std::to_string(kDaemonEndTimeout.count()) + " s and is killed");
+  daemon_->Kill();
+  kill_time_.reset();
+}
+
+void LaunchSession::NoteSilence() {
+  silence_time_.reset();
+  if (inbound_->GetMovedByteCount() > 0) return;
+  reporter_.Say(
+      "warning: the companion has not said anything yet; does it "
+      "speak protocol " +
+      options_.protocol + ", without --header?");
 }
 
 void LaunchSession::HandleStatus(SteadyTime now) {
@@ -200,6 +265,10 @@ void LaunchSession::HandleRecord(const status_record_t& record,
   reporter_.Record(record);
   if (record.kind != status_record_t::kStarted) return;
   end_.has_started = true;
+  rules_look_.emplace(RulesTask::kList);
+  if (inbound_ && options_.protocol != "1") {
+    silence_time_ = now + kSilenceTimeout;
+  }
   if (options_.stats_every_seconds > 0) {
     next_stats_ = now + std::chrono::seconds(options_.stats_every_seconds);
   }
@@ -232,7 +301,7 @@ void LaunchSession::AskForStats(SteadyTime now) {
 void LaunchSession::ReadInbound(SteadyTime now) {
   inbound_->Read(now);
   if (inbound_->GetState() != RelayDirection::kFlowing) {
-    EndLink(inbound_->GetReadError());
+    EndLink(inbound_->GetReadError(), now);
   }
 }
 
@@ -245,12 +314,17 @@ void LaunchSession::WriteOutbound(SteadyTime now) {
   if (outbound_->GetState() != RelayDirection::kBroken) return;
   // Nothing would tell the daemon otherwise: only this direction failed.
   shutdown(near_end_.Get(), SHUT_RDWR);
-  EndLink(outbound_->GetWriteError());
+  EndLink(outbound_->GetWriteError(), now);
 }
 
-void LaunchSession::EndLink(int error) {
+void LaunchSession::EndLink(int error, SteadyTime now) {
   if (is_link_over_ || !daemon_->IsRunning()) return;
   is_link_over_ = true;
+  if (!kill_time_) kill_time_ = now + kDaemonEndTimeout;
+  // A stop ends the link, too, and so does the daemon when it ends.
+  const bool is_ordered =
+      end_.is_stop_wanted || outbound_->GetState() == RelayDirection::kEnded;
+  if (is_ordered) return;
   reporter_.Say(std::string("the link ended") +
                 (error != 0 ? std::string(": ") + strerror(error) : ""));
 }

@@ -10,6 +10,7 @@
 #include "tools/launch/pcapng_writer.h"
 #include "tools/launch/relay_direction.h"
 #include "tools/launch/status_reader.h"
+#include "tools/rules.h"
 
 namespace vantrel {
 
@@ -44,6 +45,8 @@ class LaunchSession {
 
   void HandleSignal(SteadyTime now);
   void HandleStatus(SteadyTime now);
+  void HandleRulesLook(SteadyTime now);
+  void FlushReports(SteadyTime now);
   void ReadInbound(SteadyTime now);
   void WriteInbound(SteadyTime now);
   void ReadOutbound(SteadyTime now);
@@ -51,8 +54,11 @@ class LaunchSession {
 
   void HandleRecord(const status_record_t& record, SteadyTime now);
   void EndStatus();
+  void HandleTime(SteadyTime now);
   void AskForStats(SteadyTime now);
-  void EndLink(int error);
+  void KillDaemon();
+  void NoteSilence();
+  void EndLink(int error, SteadyTime now);
   void CountLinkBytes();
 
   const launch_options_t& options_;
@@ -66,6 +72,9 @@ class LaunchSession {
   std::optional<SteadyTime> grace_end_;      // set when the daemon has ended
   std::optional<ControlPort> control_port_;  // made when first needed
   std::optional<SteadyTime> next_stats_;
+  std::optional<RulesTask> rules_look_;     // after the start
+  std::optional<SteadyTime> kill_time_;     // set once the daemon is to end
+  std::optional<SteadyTime> silence_time_;  // until the companion has spoken
   end_t end_;
 
   // All empty when the daemon has the link itself.

@@ -22,10 +22,23 @@
 namespace vantrel {
 namespace {
 
+// A TCP peer that vanished without a word is given up after this long, whether
+// something waits for its acknowledgement or not.
+constexpr std::chrono::seconds kPeerTimeout{30};
+constexpr int kKeepaliveProbes = 4;
+
+// The longest that an address of a host name keeps the next one waiting.
+constexpr std::chrono::milliseconds kAddressTimeout{3000};
+
 // How one attempt waits and when it gives up.
 struct patience_t {
   int cancel_fd;
   std::chrono::milliseconds timeout;
+};
+
+class Interrupted : public std::runtime_error {
+ public:
+  Interrupted() : std::runtime_error("interrupted") {}
 };
 
 UniqueFd OpenSocket(int family, int type, int protocol) {
@@ -38,8 +51,8 @@ void WaitConnected(int fd, const patience_t& patience) {
   pollfd waits[] = {{fd, POLLOUT, 0}, {patience.cancel_fd, POLLIN, 0}};
   const int ready = poll(waits, 2, static_cast<int>(patience.timeout.count()));
   if (ready < 0) throw SystemFailure(errno);
-  if (waits[1].revents != 0) throw std::runtime_error("interrupted");
-  if (ready == 0) throw std::runtime_error("no answer in time");
+  if (waits[1].revents != 0) throw Interrupted();
+  if (ready == 0) throw SystemFailure(ETIMEDOUT);
   int error = 0;
   socklen_t length = sizeof(error);
   getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
@@ -83,24 +96,40 @@ AddressList LookUp(const link_address_t& link) {
   return AddressList(found, freeaddrinfo);
 }
 
+void SetOption(int fd, int level, int option, int value) {
+  setsockopt(fd, level, option, &value, sizeof(value));
+}
+
 // A link carries many small messages that must not wait for each other, and a
 // companion that vanished without a word must be noticed.
 void SetTcpOptions(int fd) {
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+  constexpr int kInterval = kPeerTimeout.count() / (kKeepaliveProbes + 1);
+  constexpr std::chrono::milliseconds kUnacknowledged = kPeerTimeout;
+  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, kInterval);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, kInterval);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, kKeepaliveProbes);
+  SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT,
+            static_cast<int>(kUnacknowledged.count()));
 }
 
-UniqueFd ConnectTcp(const link_address_t& link, const patience_t& patience) {
+UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
+  using std::chrono::steady_clock;
   const AddressList addresses = LookUp(link);
+  const auto end = steady_clock::now() + patience.timeout;
   for (const addrinfo* a = addresses.get();; a = a->ai_next) {
+    const bool is_last = a->ai_next == nullptr;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    patience.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
     try {
       UniqueFd fd = OpenSocket(a->ai_family, SOCK_STREAM, a->ai_protocol);
       ConnectSocket(fd.Get(), a->ai_addr, a->ai_addrlen, patience);
       SetTcpOptions(fd.Get());
       return fd;
     } catch (const std::system_error&) {
-      if (a->ai_next == nullptr) throw;
+      if (is_last) throw;
     }
   }
 }
@@ -148,6 +177,22 @@ UniqueFd Connect(const link_address_t& address, const patience_t& patience) {
 }
 
 }  // namespace
+
+std::string FindFaultOfDescriptor(int fd) {
+  int type = 0;
+  socklen_t length = sizeof(type);
+  if (fcntl(fd, F_GETFD) < 0) return "not an open descriptor";
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) != 0) {
+    return "not a socket";
+  }
+  sockaddr_storage peer;
+  length = sizeof(peer);
+  if (type != SOCK_STREAM ||
+      getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
+    return "not a connected stream socket";
+  }
+  return "";
+}
 
 connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
                              std::chrono::milliseconds timeout) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 
 #include "link/connection_header.h"
 #include "tools/link_address.h"
@@ -14,11 +15,16 @@ struct connected_link_t {
   connection_header_t header;
 };
 
-// Connects to |address|; of "fd:N" takes ownership. Throws std::runtime_error
-// with the reason in one line. Gives up when |cancel_fd| becomes readable (and
-// leaves that unread) or after |timeout|; looking up a host name is the one
-// step that neither interrupts.
+// Connects to |address|; of "fd:N" takes ownership. Of a host name tries every
+// address, each with its share of |timeout|. Throws std::runtime_error with the
+// reason in one line. Gives up when |cancel_fd| becomes readable (and leaves
+// that unread) or after |timeout|; looking up a host name is the one step that
+// neither interrupts.
 connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
                              std::chrono::milliseconds timeout);
+
+// Why |fd| cannot be a link, in words; empty when it is a connected stream
+// socket.
+std::string FindFaultOfDescriptor(int fd);
 
 }  // namespace vantrel

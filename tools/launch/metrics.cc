@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tools/system_failure.h"
@@ -87,12 +89,14 @@ std::string Metrics::FormatUids(const PackageNames& names) const {
 }
 
 void WriteFileAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".tmp";
-  UniqueFd file(
-      open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (file.Get() < 0 ||
-      write(file.Get(), text.data(), text.size()) !=
+  // A new file with a name that nobody can foresee, so that no link leads
+  // elsewhere; its reader may be another user, whatever our umask.
+  std::string temporary = path + ".XXXXXX";
+  const UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
+  if (file.Get() < 0) throw SystemFailure("cannot write " + path);
+  if (write(file.Get(), text.data(), text.size()) !=
           static_cast<ssize_t>(text.size()) ||
+      fchmod(file.Get(), 0644) != 0 ||
       rename(temporary.c_str(), path.c_str()) != 0) {
     const auto failure = SystemFailure("cannot write " + path);
     unlink(temporary.c_str());

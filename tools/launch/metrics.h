@@ -38,7 +38,8 @@ class Metrics {
   network_state_t network_;
 };
 
-// Replaces |path| in one step: a reader sees the old text or the new one.
+// Replaces |path| in one step: a reader, which may be anybody, sees the old
+// text or the new one. A link at |path| is replaced, not followed.
 // Throws std::system_error, with |path| as it was.
 void WriteFileAtomically(const std::string& path, const std::string& text);
 

@@ -1,6 +1,5 @@
 // vantrel-launch: connects the link to the companion, starts the daemon over
 // it and says what it reports.
-#include <fcntl.h>
 #include <stdio.h>
 
 #include <CLI/CLI.hpp>
@@ -8,20 +7,15 @@
 #include <string>
 
 #include "tools/launch/launcher.h"
+#include "tools/launch/link_connector.h"
+#include "tools/standard_descriptors.h"
 
 namespace vantrel {
 namespace {
 
 constexpr int kUsageStatus = 2;
-
-// So that no descriptor of ours ever takes the place of a missing standard one.
-void OpenMissingStandardDescriptors() {
-  int fd;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) close(fd);
-}
+// Not one of the daemon's: what sysexits.h calls a temporary failure.
+constexpr int kInUseStatus = 75;
 
 void AddLinkOptions(CLI::App* app, launch_options_t* options) {
   app->add_option_function<std::string>(
@@ -40,6 +34,9 @@ void AddLinkOptions(CLI::App* app, launch_options_t* options) {
   app->add_option("--daemon", options->daemon,
                   "The daemon (default: vantrel beside this program, or in "
                   "PATH)");
+  app->add_option(
+      "--lock", options->lock,
+      "The lock file of this device (default " + std::string(kLockFile) + ")");
   app->add_flag("--restart", options->is_restarting,
                 "Connect again when the daemon has ended, after 1 s, doubling "
                 "up to 60 s");
@@ -76,7 +73,12 @@ void AddReportOptions(CLI::App* app, launch_options_t* options) {
       ->check(CLI::Range(1, 86400));
 }
 
+// Before anything is opened that could take a closed descriptor's number.
 void CheckTogether(const launch_options_t& options) {
+  if (options.link.kind == link_address_t::kFd) {
+    const std::string fault = FindFaultOfDescriptor(options.link.fd);
+    if (!fault.empty()) throw CLI::ValidationError(options.link.text, fault);
+  }
   if (options.is_restarting && options.link.kind == link_address_t::kFd) {
     throw CLI::ValidationError("--restart", "fd:N cannot be connected again");
   }
@@ -111,6 +113,9 @@ int Main(int argc, char** argv) {
   if (options.daemon.empty()) options.daemon = FindDaemon();
   try {
     return Launcher(options).Run();
+  } catch (const DeviceInUse& e) {
+    fprintf(stderr, "vantrel-launch: %s\n", e.what());
+    return kInUseStatus;
   } catch (const std::exception& e) {
     fprintf(stderr, "vantrel-launch: %s\n", e.what());
     return 1;
