@@ -60,12 +60,12 @@ def test_control_packets(make_device):
     daemon.close()
 
 
-def listening_companion(device):
+def listening_companion(device, *options):
     log = device.dir / "companion.log"
     with open(log, "wb") as output:
         companion = subprocess.Popen(
             [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
-             "--listen", f"unix:{device.dir}/link"],
+             "--listen", f"unix:{device.dir}/link", *options],
             stderr=output, env=program_environment(device.dir))
     # The socket's file is there a moment before anybody listens on it.
     wait_until(lambda: "listening on" in log.read_text(), "the companion")
@@ -110,10 +110,10 @@ def launch(make_device):
     the packet-filter tool of the device begins with."""
     running = []
 
-    def make(*options, wrapper="", **kwargs):
+    def make(*options, wrapper="", companion_options=(), **kwargs):
         device = make_device(debuggable=True)
         set_wrapper(device, wrapper)
-        companion = listening_companion(device)
+        companion = listening_companion(device, *companion_options)
         running.append(companion)
         launched = Launch(device, "--protocol", "5", *options, **kwargs)
         running.append(launched.process)
@@ -267,6 +267,20 @@ def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
         assert standing_rules(device) == []
         first.wait_for(first.err, "warning: the companion has not said anything yet")
         assert first.end() == 0
+
+
+def test_a_link_without_a_relay(launch):
+    direct = {"companion_options": ["--header"]}
+    run = launch("--direct", **direct)
+    run.device.run(BIN_DIR / "vantrelctl", "ping", "--log", run.log)
+    run.companion.kill()
+    assert run.process.wait(10) == 0
+
+    run = launch("--direct", **direct)
+    daemon = run.daemon()
+    run.process.kill()  # the daemon still has its link
+    wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the daemon's end")
+    assert standing_rules(run.device) == []
 
 
 def test_restart_when_the_link_ends(launch):

@@ -17,16 +17,16 @@ std::string Head(const char* name, const char* type, const char* help) {
          type + "\n";
 }
 
-std::string EscapeLabel(const std::string& value) {
+}  // namespace
+
+std::string EscapeLabelValue(const std::string& value) {
   std::string escaped;
   for (const char c : value) {
-    if (c == '\\' || c == '"') escaped += '\\';
-    escaped += c;
+    if (c == '\\' || c == '"' || c == '\n') escaped += '\\';
+    escaped += c == '\n' ? 'n' : c;
   }
   return escaped;
 }
-
-}  // namespace
 
 void Metrics::Update(const status_record_t& record) {
   if (record.kind == status_record_t::kNetworkState) {
@@ -78,8 +78,8 @@ std::string Metrics::FormatUids(const PackageNames& names) const {
       Head("vantrel_uid_sent_bytes_total", "counter", "Bytes sent for a UID.");
   for (const auto& [uid, totals] : by_uid_) {
     const std::string labels = "{uid=\"" + std::to_string(uid) +
-                               "\",package=\"" + EscapeLabel(names.Find(uid)) +
-                               "\"} ";
+                               "\",package=\"" +
+                               EscapeLabelValue(names.Find(uid)) + "\"} ";
     received += "vantrel_uid_received_bytes_total" + labels +
                 std::to_string(totals.rx_bytes) + "\n";
     sent += "vantrel_uid_sent_bytes_total" + labels +

@@ -38,6 +38,9 @@ class Metrics {
   network_state_t network_;
 };
 
+// |value| as it stands between the quotes of a label.
+std::string EscapeLabelValue(const std::string& value);
+
 // Replaces |path| in one step: a reader, which may be anybody, sees the old
 // text or the new one. A link at |path| is replaced, not followed.
 // Throws std::system_error, with |path| as it was.

@@ -1,10 +1,11 @@
 #include "tools/launch/status_reader.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <sstream>
 #include <string>
 
+#include "tools/launch/metrics.h"
 #include "tools/launch/status_text.h"
 
 namespace vantrel {
@@ -75,6 +76,24 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
       EXPECT_EQ(c.text, Read(c.bytes, piece_bytes));
     }
   }
+}
+
+TEST(Metrics, ReportsAddUpUnderEscapedLabels) {
+  std::istringstream list("a\"b\\c 10123\n");
+  const PackageNames names(list);
+  Metrics metrics;
+  status_record_t record;
+  record.kind = status_record_t::kTransferStats;
+  auto* const usage = record.stats.add_uid_transfer_stats();
+  usage->set_uid(10123);
+  usage->set_rx_bytes(0xFFFFFFFF);
+  metrics.Update(record);
+  metrics.Update(record);
+  EXPECT_THAT(metrics.Format(names),
+              testing::HasSubstr(
+                  "\nvantrel_uid_received_bytes_total{uid=\"10123\",package="
+                  "\"a\\\"b\\\\c\"} 8589934590\n"));
+  EXPECT_EQ("a\\nb", EscapeLabelValue("a\nb"));
 }
 
 }  // namespace
