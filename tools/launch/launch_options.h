@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "common/link_address.h"
 #include "tools/launch/shaper.h"
-#include "tools/link_address.h"
 #include "tools/lock_file.h"
 
 namespace vantrel {

@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "control/status_records.h"
 #include "tools/launch/link_connector.h"
 #include "tools/system_failure.h"
 
@@ -43,7 +44,8 @@ UniqueFd TakeOverSignals() {
 // The daemon refused its arguments, as it will the next time.
 bool IsUsageError(int wait_status) {
   return WIFEXITED(wait_status) &&
-         (WEXITSTATUS(wait_status) == 20 || WEXITSTATUS(wait_status) == 21);
+         (WEXITSTATUS(wait_status) == kBadArgumentCount ||
+          WEXITSTATUS(wait_status) == kBadVersion);
 }
 
 }  // namespace

@@ -70,17 +70,10 @@ void ConnectSocket(int fd, const void* address, size_t length,
 }
 
 UniqueFd ConnectUnix(const link_address_t& link, const patience_t& patience) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, link.path.data(), link.path.size());
-  // An abstract name starts with a zero byte and is not terminated.
-  const bool is_abstract = link.path[0] == '@';
-  if (is_abstract) address.sun_path[0] = '\0';
+  sockaddr_un address;
+  const socklen_t length = ToSocketAddress(link.path, &address);
   UniqueFd fd = OpenSocket(AF_UNIX, SOCK_STREAM, 0);
-  ConnectSocket(fd.Get(), &address,
-                offsetof(sockaddr_un, sun_path) + link.path.size() +
-                    (is_abstract ? 0 : 1),
-                patience);
+  ConnectSocket(fd.Get(), &address, length, patience);
   return fd;
 }
 

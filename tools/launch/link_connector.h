@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
+#include "common/link_address.h"
 #include "link/connection_header.h"
-#include "tools/link_address.h"
 #include "tools/unique_fd.h"
 
 namespace vantrel {

@@ -25,7 +25,7 @@ bool StatusReader::ReadWord(status_record_t* record) {
   record->exit_code = DecodeStatusWord(bytes_.data());
   bytes_.erase(0, kStatusWordBytes);
   has_word_ = true;
-  is_over_ = record->exit_code != 0;
+  is_over_ = record->exit_code != kStartSucceeded;
   record->kind =
       is_over_ ? status_record_t::kExitCode : status_record_t::kStarted;
   return true;

@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "control/status_records.h"
+
 namespace vantrel {
 namespace {
 
@@ -67,17 +69,17 @@ json RecordToJsonObject(const status_record_t& record,
 
 const char* DescribeExitCode(int exit_code) {
   switch (exit_code) {
-    case 1:
+    case kConnectFailed:
       return "the link could not be set up";
-    case 2:
+    case kControlServerFailed:
       return "the control port could not listen";
-    case 3:
+    case kTcpServerFailed:
       return "the TCP server could not listen";
-    case 4:
+    case kUdpServerFailed:
       return "the UDP server could not listen";
-    case 20:
+    case kBadArgumentCount:
       return "wrong number of arguments";
-    case 21:
+    case kBadVersion:
       return "unknown protocol version";
     default:
       return "unknown reason";

@@ -22,7 +22,8 @@ void AddLinkOptions(CLI::App* app, launch_options_t* options) {
          "LINK",
          [options](const std::string& text) {
            std::string reason;
-           const auto link = ParseLinkAddress(text, &reason);
+           const auto link =
+               ParseLinkAddress(text, LinkSide::kConnect, &reason);
            if (!link) throw CLI::ValidationError(text, reason);
            options->link = *link;
          },
