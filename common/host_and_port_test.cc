@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/hex_testing.h"
+#include "common/interception.h"
 
 namespace vantrel {
 namespace {
@@ -50,6 +51,12 @@ TEST(HostAndPortTest, Equality) {
   for (const auto& [left, right] : different) {
     EXPECT_TRUE(right != left) << left << " " << right;
   }
+}
+
+TEST(InterceptionTest, BothFormsOfTheApplicationsAddressAreOne) {
+  EXPECT_EQ(
+      kApplicationAddressText,
+      IpAddress::FromIPv4NetworkBytes(htonl(kApplicationAddress)).ToString());
 }
 
 }  // namespace

@@ -13,6 +13,18 @@
 
 namespace vantrel {
 
+// How a start ends that does not come to "started": the first record, and at
+// the same time the process's exit status.
+enum ExitCode : int32_t {
+  kStartSucceeded = 0,  // as a record only
+  kConnectFailed = 1,
+  kControlServerFailed = 2,
+  kTcpServerFailed = 3,
+  kUdpServerFailed = 4,
+  kBadArgumentCount = 20,
+  kBadVersion = 21,
+};
+
 enum : uint8_t {
   STATUS_NETWORK_STATE = 1,   // 0: type, 1: network id i32, 5: metered 0 or 1
   STATUS_TRANSFER_STATS = 2,  // 0: type, 1: payload length u16, 3: payload,

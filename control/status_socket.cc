@@ -10,7 +10,7 @@
 namespace vantrel {
 
 void StatusSocket::StartupCompleted() {
-  const std::string record = EncodeStatusWord(0);
+  const std::string record = EncodeStatusWord(kStartSucceeded);
   Write(record.data(), record.size());
 }
 

@@ -6,54 +6,49 @@
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include "common/log.h"
-
-// The platform's iptables, waiting for the lock on the tables.
-#define IPTABLES "/system/bin/iptables-wrapper-1.0 -w"
-#define IFCONFIG "ifconfig ifb0 192.168.167.239 netmask"
+#include "daemon/interception_rules.h"
 
 namespace vantrel {
 namespace {
 
+// Waits for the lock on the tables.
+std::string Iptables(const char* table, const std::string& command) {
+  return std::string(kIptablesWrapper) + " -w -t " + table + " " + command;
+}
+
+std::string Ifconfig(const char* netmask) {
+  return std::string("ifconfig ") + kInterface + " " + kApplicationAddressText +
+         " netmask " + netmask;
+}
+
 // One line for the shell: the commands run one after another whatever becomes
 // of the earlier ones, and what they print comes back through the pipe.
 std::string SetupCommand(uint16_t tcp_port, uint16_t udp_port) {
-  const std::string tcp = std::to_string(tcp_port);
-  const std::string udp = std::to_string(udp_port);
-  // One command a line.
-  // clang-format off
-  return IFCONFIG " 255.255.255.255 2>&1;"
-      IPTABLES " -t nat -N oem_PROXY_TCP 2>&1;"
-      IPTABLES " -t nat -A oem_PROXY_TCP -o lo -d 127.0.0.0/8 -j RETURN 2>&1;"
-      IPTABLES " -t nat -A oem_PROXY_TCP -o lo -d 192.168.167.239 -j RETURN"
-               " 2>&1;"
-      IPTABLES " -t nat -A oem_PROXY_TCP -o lo -p tcp -j REDIRECT --to-ports "
-      + tcp + " 2>&1;"
-      IPTABLES " -t nat -A OUTPUT -o lo -p tcp -j oem_PROXY_TCP 2>&1;"
-      IPTABLES " -t mangle -N oem_PROXY_UDP 2>&1;"
-      IPTABLES " -t mangle -A oem_PROXY_UDP -i lo -d 127.0.0.0/8 -j RETURN"
-               " 2>&1;"
-      IPTABLES " -t mangle -A oem_PROXY_UDP -i lo -d 192.168.167.239 -j RETURN"
-               " 2>&1;"
-      IPTABLES " -t mangle -A oem_PROXY_UDP -i lo -p udp -j TPROXY"
-               " --tproxy-mark 0x1/0x1 --on-port "
-      + udp + " 2>&1;"
-      IPTABLES " -t mangle -A PREROUTING -i lo -p udp -j oem_PROXY_UDP 2>&1";
-  // clang-format on
+  std::string line = Ifconfig("255.255.255.255") + " 2>&1";
+  for (const auto& rule : GetInterceptionRules(tcp_port, udp_port)) {
+    line += ";" + Iptables(rule.table, rule.command) + " 2>&1";
+  }
+  return line;
 }
 
 // The reverse of installation: hook, contents and chain, UDP before TCP, and
 // the interface's address last.
-constexpr const char* kTeardownCommands[] = {
-    IPTABLES " -t mangle -D PREROUTING -i lo -p udp -j oem_PROXY_UDP",
-    IPTABLES " -t mangle -F oem_PROXY_UDP",
-    IPTABLES " -t mangle -X oem_PROXY_UDP",
-    IPTABLES " -t nat -D OUTPUT -o lo -p tcp -j oem_PROXY_TCP",
-    IPTABLES " -t nat -F oem_PROXY_TCP",
-    IPTABLES " -t nat -X oem_PROXY_TCP",
-    IFCONFIG " 0.0.0.0",
-};
+std::vector<std::string> TeardownCommands() {
+  const std::string tcp = kTcpChain;
+  const std::string udp = kUdpChain;
+  return {
+      Iptables(kUdpTable, "-D PREROUTING -i lo -p udp -j " + udp),
+      Iptables(kUdpTable, "-F " + udp),
+      Iptables(kUdpTable, "-X " + udp),
+      Iptables(kTcpTable, "-D OUTPUT -o lo -p tcp -j " + tcp),
+      Iptables(kTcpTable, "-F " + tcp),
+      Iptables(kTcpTable, "-X " + tcp),
+      Ifconfig("0.0.0.0"),
+  };
+}
 
 void LogOutput(FILE* pipe) {
   char* line = nullptr;
@@ -80,10 +75,10 @@ void SetupIptables(uint16_t tcp_port, uint16_t udp_port) {
 
 void TeardownIptables(uint16_t /*port*/, bool report_failures) {
   bool failed = false;
-  for (const char* command : kTeardownCommands) {
-    const int status = system(command);
+  for (const std::string& command : TeardownCommands()) {
+    const int status = system(command.c_str());
     if (status == 0 || !report_failures) continue;
-    LOGE("Command failed with exit code %d: %s", status, command);
+    LOGE("Command failed with exit code %d: %s", status, command.c_str());
     failed = true;
   }
   if (failed) LOGE("@@@ VANTREL TEARDOWN FAILED");

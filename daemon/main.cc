@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 
 #include "capture/tcp_server.h"
 #include "capture/udp_conduit.h"
@@ -22,6 +23,7 @@
 #include "common/log_texts.h"
 #include "control/control_server.h"
 #include "control/proxy_socket_delegate_impl.h"
+#include "control/status_records.h"
 #include "control/status_socket.h"
 #include "daemon/iptables.h"
 #include "link/bluetooth_socket.h"
@@ -31,22 +33,12 @@
 namespace vantrel {
 namespace {
 
-// Process exit status and, at the same time, the record on the status channel.
-enum ExitCode : int32_t {
-  kConnectFailed = 1,
-  kControlServerFailed = 2,
-  kTcpServerFailed = 3,
-  kUdpServerFailed = 4,
-  kBadArgumentCount = 20,
-  kBadVersion = 21,
-};
-
 // Nothing is installed yet wherever this is called, so nothing is cleaned up.
 // The record is not checked: there is nobody else to tell.
 [[noreturn]] void Abort(int status_fd, ExitCode code) {
   LOGD("Aborting with exit code %d", code);
-  const int32_t record = code;
-  static_cast<void>(!write(status_fd, &record, sizeof(record)));
+  const std::string record = EncodeStatusWord(code);
+  static_cast<void>(!write(status_fd, record.data(), record.size()));
   exit(code);
 }
 

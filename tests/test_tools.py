@@ -1,5 +1,6 @@
 """The control port at the wire, and the programs a person works with."""
 
+import json
 import os
 import pathlib
 import re
@@ -7,6 +8,7 @@ import signal
 import socket
 import struct
 import subprocess
+import time
 
 import pytest
 
@@ -58,120 +60,283 @@ def test_control_packets(make_device):
     daemon.close()
 
 
-def listening_companion(device):
+def listening_companion(device, *options):
     log = device.dir / "companion.log"
     with open(log, "wb") as output:
         companion = subprocess.Popen(
             [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
-             "--listen", f"unix:{device.dir}/link"],
+             "--listen", f"unix:{device.dir}/link", *options],
             stderr=output, env=program_environment(device.dir))
     # The socket's file is there a moment before anybody listens on it.
     wait_until(lambda: "listening on" in log.read_text(), "the companion")
     return companion
 
 
+class Launch:
+    """One run of the launcher on |device|; |link| has a scheme, or is the name of
+    a socket in the device's directory."""
+
+    def __init__(self, device, *options, link="link", wait=True):
+        link = link if ":" in link else f"unix:{device.dir}/{link}"
+        self.device = device
+        self.out, self.err = device.dir / "status.txt", device.dir / "talk.txt"
+        self.log = device.dir / "daemon.log"
+        with open(self.out, "wb") as out, open(self.err, "wb") as err:
+            self.process = subprocess.Popen(
+                device.command([BIN_DIR / "vantrel-launch", "--daemon",
+                                BIN_DIR / "vantrel", *options, link]),
+                stdout=out, stderr=err, umask=0o77,
+                env={**program_environment(device.dir), "VANTREL_LOG_FILE": str(self.log)})
+        if wait:
+            self.wait_for(self.out, "started")
+
+    def wait_for(self, path, text, seconds=10):
+        return wait_until(lambda: text in path.read_text(), text, seconds)
+
+    def daemon(self):
+        children = pathlib.Path(
+            f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        return int(wait_until(children.read_text, "the daemon").split()[0])
+
+    def end(self, signum=signal.SIGTERM, seconds=20):
+        self.process.send_signal(signum)
+        return self.process.wait(seconds)
+
+
 @pytest.fixture
-def launch(make_device, tmp_path):
+def launch(make_device):
     """launch(*options): the launcher on a debuggable device, its companion
-    listening beside the internet's servers."""
+    listening beside the internet's servers. With |wrapper|, lines of shell that
+    the packet-filter tool of the device begins with."""
     running = []
 
-    def make(*options):
+    def make(*options, wrapper="", companion_options=(), **kwargs):
         device = make_device(debuggable=True)
-        env = program_environment(tmp_path)
-        companion = listening_companion(device)
+        set_wrapper(device, wrapper)
+        companion = listening_companion(device, *companion_options)
         running.append(companion)
-        out = device.dir / "status.txt"
-        with open(out, "wb") as status:
-            launcher = subprocess.Popen(
-                device.command([BIN_DIR / "vantrel-launch", "--protocol", "5",
-                                "--daemon", BIN_DIR / "vantrel", *options,
-                                f"unix:{device.dir}/link"]),
-                stdout=status, stderr=subprocess.DEVNULL,
-                env={**env, "VANTREL_LOG_FILE": f"{device.dir}/daemon.log"})
-        running.append(launcher)
-        wait_until(lambda: "started" in out.read_text(), "the start")
-        return device, launcher, companion, out
+        launched = Launch(device, "--protocol", "5", *options, **kwargs)
+        running.append(launched.process)
+        launched.companion = companion
+        return launched
 
     yield make
     for process in running:
         bench.end_process(process)
 
 
-def only_child(process):
-    children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
-    return int(wait_until(children.read_text, "the daemon"))
+def set_wrapper(device, lines):
+    script = f'#!/bin/sh\n{lines}\nexec iptables-legacy "$@"\n'
+    device.run("sh", "-c", 'echo "$1" >/system/bin/new && chmod 755 /system/bin/new && '
+               "mv /system/bin/new /system/bin/iptables-wrapper-1.0", "sh", script)
 
 
-def test_a_session(launch):
-    device, launcher, companion, out = launch("--metrics", "/tmp/vantrel-metrics")
-    log = device.dir / "daemon.log"
+def standing_rules(device):
+    return device.rules("nat") + device.rules("mangle")
 
-    def control(*args):
-        return device.run(BIN_DIR / "vantrelctl", *args, "--log", log).stdout
 
-    assert re.search(r"\d+ ms", control("ping"))
-    assert "Bluetooth socket state:" in control("dump")
-    assert re.search(r"[0-9.]+ kB/s", control("push", "20M"))
-    assert re.search(r"[0-9.]+ kB/s", control("pull", "20M"))
+def test_a_session(launch, tmp_path):
+    victim = tmp_path / "victim"
+    victim.write_text("precious")
+    metrics = tmp_path / "metrics.prom"
+    for name in "metrics.prom", "metrics.prom.tmp":
+        (tmp_path / name).symlink_to(victim)
+    run = launch("--metrics", metrics)
+    device = run.device
+
+    def control(*args, log=run.log, check=True):
+        return device.run(BIN_DIR / "vantrelctl", *args, "--log", log, check=check)
+
+    assert re.search(r"\d+ ms", control("ping").stdout)
+    assert "Bluetooth socket state:" in control("dump").stdout
+    assert re.search(r"[0-9.]+ kB/s", control("push", "20M").stdout)
+    assert re.search(r"[0-9.]+ kB/s", control("pull", "20M").stdout)
+    wrong = control("push", "20M", log=run.err, check=False)
+    assert wrong.returncode == 1 and "is it the daemon's log?" in wrong.stderr
     rules = device.run(BIN_DIR / "vantrelctl", "rules", "status").stdout
     assert len(rules.splitlines()) == 10
     device.run(BIN_DIR / "vantrelctl", "stats")
-    wait_until(lambda: "stats: uid 4294967295 (nobody" in out.read_text(), "the report")
+    run.wait_for(run.out, "stats: uid 4294967295 (nobody")
     device.run(BIN_DIR / "vantrelctl", "stop")
-    assert launcher.wait(10) == 0
-    lines = out.read_text().splitlines()
+    assert run.process.wait(10) == 0
+    lines = run.out.read_text().splitlines()
     assert lines[:2] == ["started", "network 7, not metered"]
     assert lines[-1] == "daemon ended: exit status 0"
-    metrics = pathlib.Path("/tmp/vantrel-metrics").read_text()
+    assert run.err.read_text() == ""  # an ordered end, and all rules were there
     received = int(re.search(
-        r'^vantrel_uid_received_bytes_total{uid="4294967295".*} (\d+)$', metrics, re.M)[1])
+        r'^vantrel_uid_received_bytes_total{uid="4294967295".*} (\d+)$',
+        metrics.read_text(), re.M)[1])
     assert received >= 65536
+    assert victim.read_text() == "precious" and metrics.stat().st_mode & 0o777 == 0o644
     assert device.run(BIN_DIR / "vantrelctl", "rules", "status").stdout == ""
 
 
+def test_only_the_daemons_own_lines_count(launch):
+    run = launch()
+    run.companion.send_signal(signal.SIGSTOP)
+    ping = subprocess.Popen(
+        run.device.command([BIN_DIR / "vantrelctl", "ping", "--log", run.log]),
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert "sent ping" in ping.stderr.readline()
+    with open(run.log, "a") as log:
+        log.write("10-31 23:59:59.999     1     1 D vantrel: [B] PING TIME (ms): 99999\n")
+    time.sleep(0.1)  # the tool reads every 10 ms
+    run.companion.send_signal(signal.SIGCONT)
+    assert re.fullmatch(r"round trip: \d{1,4} ms\n", ping.communicate(timeout=10)[0])
+
+
 def test_no_rules_stay_when_the_daemon_is_killed(launch):
-    device, launcher, _, out = launch()
-    assert device.rules("nat") and device.rules("mangle")
-    os.kill(only_child(launcher), signal.SIGKILL)
-    assert launcher.wait(10) == 128 + signal.SIGKILL
-    assert out.read_text().endswith("daemon ended: killed by signal 9 (Killed)\n")
-    assert device.rules("nat") == [] and device.rules("mangle") == []
+    run = launch()
+    assert len(standing_rules(run.device)) == 10
+    os.kill(run.daemon(), signal.SIGKILL)
+    assert run.process.wait(10) == 128 + signal.SIGKILL
+    assert run.out.read_text().endswith("daemon ended: killed by signal 9 (Killed)\n")
+    assert standing_rules(run.device) == []
 
     # Killed together with its launcher: the tool removes what is left.
-    device, launcher, _, _ = launch()
-    daemon = only_child(launcher)
-    launcher.kill()
+    run = launch()
+    daemon = run.daemon()
+    run.process.kill()
     os.kill(daemon, signal.SIGKILL)
-    launcher.wait()
-    assert device.rules("nat") and device.rules("mangle")
-    device.run(BIN_DIR / "vantrelctl", "rules", "teardown")
-    assert device.rules("nat") == [] and device.rules("mangle") == []
+    run.process.wait()
+    assert standing_rules(run.device)
+    run.device.run(BIN_DIR / "vantrelctl", "rules", "teardown")
+    assert standing_rules(run.device) == []
+
+
+SLOW = "sleep 0.1"
+
+
+def test_no_rules_stay_when_either_is_killed_during_the_start(launch):
+    for is_launcher in True, False:
+        run = launch(wrapper=SLOW, wait=False)
+        wait_until(lambda: standing_rules(run.device), "the first rule")
+        daemon = run.daemon()
+        os.kill(run.process.pid if is_launcher else daemon, signal.SIGKILL)
+        run.process.wait(20)
+        wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the end", 20)
+        assert standing_rules(run.device) == []
+
+
+def test_rules_that_are_missing_or_stay_behind_are_told(launch):
+    run = launch(wrapper='case "$*" in *-A*) exit 1 ;; esac')
+    run.wait_for(run.err, "warning: 2 of 10 interception rules stand")
+    assert run.end() == 0
+
+    # The daemon's own removal fails; it ends a second later.
+    run = launch()
+    set_wrapper(run.device, 'case "$*" in *-[DFX]*) exit 1 ;; esac')
+    run.process.send_signal(signal.SIGTERM)
+    run.wait_for(run.log, "@@@ VANTREL TEARDOWN FAILED")
+    set_wrapper(run.device, "")
+    assert run.process.wait(10) == 0
+    assert "removed 10 interception rules" in run.err.read_text()
+    assert standing_rules(run.device) == []
+
+
+def test_a_packet_filter_tool_that_hangs(launch):
+    run = launch()
+    set_wrapper(run.device, "sleep 1000")
+    look = subprocess.Popen(run.device.command([BIN_DIR / "vantrelctl", "rules", "status"]),
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    daemon = run.daemon()
+    os.kill(daemon, signal.SIGKILL)
+    wait_until(lambda: run.daemon() != daemon, "the look at the rules")
+    assert run.end(seconds=5) == 128 + signal.SIGKILL
+    assert "rules may be left" in run.err.read_text()
+    assert "did not end within 10 s" in look.communicate(timeout=15)[1]
+    assert look.returncode == 1
+    assert not run.device.run("pgrep", "-f", "iptables-wrapper-1.0", check=False).stdout
+    set_wrapper(run.device, "")
+
+
+def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
+    device = make_device()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(f"{device.dir}/silent")
+        listener.listen()
+        first = Launch(device, link="silent")
+        second = device.run(BIN_DIR / "vantrel-launch", "unix:/none", check=False)
+        assert second.returncode == 75
+        assert second.stderr == (f"vantrel-launch: a daemon of process {first.process.pid} "
+                                 "runs on this device (/run/vantrel.lock)\n")
+        refused = device.run(BIN_DIR / "vantrelctl", "rules", "teardown", check=False)
+        assert refused.returncode == 1 and "--force" in refused.stderr
+        assert len(standing_rules(device)) == 10
+        device.run(BIN_DIR / "vantrelctl", "rules", "teardown", "--force")
+        assert standing_rules(device) == []
+        first.wait_for(first.err, "warning: the companion has not said anything yet")
+        assert first.end() == 0
+
+
+def test_a_link_without_a_relay(launch):
+    direct = {"companion_options": ["--header"]}
+    run = launch("--direct", **direct)
+    run.device.run(BIN_DIR / "vantrelctl", "ping", "--log", run.log)
+    run.companion.kill()
+    assert run.process.wait(10) == 0
+
+    run = launch("--direct", **direct)
+    daemon = run.daemon()
+    run.process.kill()  # the daemon still has its link
+    wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the daemon's end")
+    assert standing_rules(run.device) == []
 
 
 def test_restart_when_the_link_ends(launch):
-    device, launcher, companion, out = launch("--restart")
-    companion.kill()  # its socket's file is left behind, and in the next one's way
-    companion.wait(10)
-    wait_until(lambda: "daemon ended: exit status 0" in out.read_text(), "the end")
-    again = listening_companion(device)
-    wait_until(lambda: out.read_text().count("started\n") == 2, "the second start", 20)
-    launcher.send_signal(signal.SIGTERM)
-    assert launcher.wait(10) == 0
+    run = launch("--restart")
+    run.companion.kill()  # its socket's file is left behind, and in the next one's way
+    run.companion.wait(10)
+    run.wait_for(run.out, "daemon ended: exit status 0")
+    again = listening_companion(run.device)
+    wait_until(lambda: run.out.read_text().count("started\n") == 2, "the second start", 20)
+    assert run.end() == 0
+    assert run.err.read_text().count("the link ended") == 1
     bench.end_process(again)
+
+
+def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):
+    device = make_device(debuggable=True)
+    (device.dir / "hosts").write_text("127.0.0.1 companion\n127.0.0.2 companion\n")
+    device.run("mount", "--bind", device.dir / "hosts", "/etc/hosts")
+    # A queue of one that is full answers no more.
+    dead = device.socket(socket.SOCK_STREAM, ("127.0.0.1", 7000))
+    dead.listen(0)
+    callers = [device.connect("127.0.0.1", 7000)]
+    companion = subprocess.Popen(device.command(
+        [BIN_DIR / "vantrel-companion", "--protocol", "1", "--listen", "tcp:127.0.0.2:7000"]),
+        stderr=subprocess.DEVNULL, env=program_environment(device.dir))
+    wait_until(lambda: "127.0.0.2:7000" in device.run("ss", "-tln").stdout, "the companion")
+    run = Launch(device, "--protocol", "1", "--json", "--stats-every", "1",
+                 link="tcp:companion:7000")
+    # A peer that vanishes is asked after 6 s of silence.
+    assert re.search(r"127.0.0.2:7000 +timer:\(keepalive,[0-6]",
+                     device.run("ss", "-tno").stdout)
+    run.wait_for(run.out, "stats")
+    assert run.end() == 0
+    bench.end_process(companion)
+    records = [json.loads(line) for line in run.out.read_text().splitlines()]
+    assert records[0] == {"record": "started"}
+    assert records[1]["record"] == "stats"
+    assert records[-1] == {"record": "daemon_ended", "exit_status": 0}
+    for sock in dead, *callers:
+        sock.close()
 
 
 @pytest.mark.parametrize("program, line, status, words", [
     ("vantrelctl", "fly", 2, "vantrelctl: "),
     ("vantrelctl", "push 1X", 2, "vantrelctl: 1X: expected a number of bytes"),
     ("vantrel-launch", "unix:/none --shape rate=x", 2, 'vantrel-launch: --shape: "rate=x"'),
-    ("vantrel-launch", "unix:/none --daemon /bin/true", 1,
+    ("vantrel-launch", "fd:0", 2, "vantrel-launch: fd:0: not a socket"),
+    ("vantrel-launch", "fd:77", 2, "vantrel-launch: fd:77: not an open descriptor"),
+    ("vantrel-launch", "unix:/none --daemon /bin/true --lock {}/lock", 1,
      "vantrel-launch: cannot connect unix:/none: No such file or directory"),
     ("vantrel-launch", "rfcomm:00:11:22:33:44:55/31", 2, "vantrel-launch: rfcomm:"),
     ("vantrel-companion", "--listen tcp:nowhere", 2, "vantrel-companion: --listen: "),
 ])
-def test_wrong_command_lines(program, line, status, words):
-    result = subprocess.run([BIN_DIR / program, *line.split()], capture_output=True,
-                            text=True, timeout=10)
+def test_wrong_command_lines(program, line, status, words, tmp_path):
+    result = subprocess.run([BIN_DIR / program, *line.format(tmp_path).split()],
+                            stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                            timeout=10)
     assert result.returncode == status and result.stdout == ""
     assert result.stderr.startswith(words) and result.stderr.count("\n") == 1

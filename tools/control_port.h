@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "control/control_packets.h"
@@ -22,5 +23,9 @@ class ControlPort {
  private:
   UniqueFd socket_;
 };
+
+// The daemon's process as it numbers itself: the one that listens on the
+// control port of our network. None when nobody does, or when we may not look.
+std::optional<int> FindControlPortOwner();
 
 }  // namespace vantrel

@@ -1,24 +1,21 @@
 #include "tools/package_names.h"
 
 #include <fstream>
-#include <sstream>
+
+#include "common/uid.h"
+#include "platform/linux/package_list.h"
 
 namespace vantrel {
 
 PackageNames::PackageNames(std::istream& list) {
-  std::string line;
-  while (std::getline(list, line)) {
-    std::istringstream fields(line);
-    std::string package;
-    uint32_t uid;
-    if (!(fields >> package >> uid)) continue;
-    std::string& name = names_[uid];
-    name += (name.empty() ? "" : ",") + package;
+  for (package_t package; ReadPackage(list, &package);) {
+    std::string& name = names_[package.uid];
+    name += (name.empty() ? "" : ",") + package.name;
   }
 }
 
 PackageNames PackageNames::Load() {
-  std::ifstream list("/data/system/packages.list");
+  std::ifstream list(kPackageListPath);
   return PackageNames(list);
 }
 

@@ -8,14 +8,11 @@
 
 namespace vantrel {
 
-// The traffic of nobody: control messages, and flows whose owner was not found.
-constexpr uint32_t kNobodyUid = 0xFFFFFFFF;
-
 // The names that people know UIDs by, from the device's list of packages.
 class PackageNames {
  public:
-  // Lines "package uid ...", blank-separated; others are skipped. A UID that
-  // several packages share gets all their names, joined by commas.
+  // |list| is in the form of platform/linux/package_list.h. A UID that several
+  // packages share gets all their names, joined by commas.
   explicit PackageNames(std::istream& list);
   // The device's own list; empty where it cannot be read.
   static PackageNames Load();

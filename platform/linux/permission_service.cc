@@ -3,27 +3,19 @@
 #include <utils/String16.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "platform/linux/package_list.h"
 
 namespace android {
 namespace {
 
-// One package a line: "package uid debugflag datadir seinfo gids ...".
-constexpr char kPackageList[] = "/data/system/packages.list";
-
 class PackageListService : public IBinder, public IPermissionController {
  public:
   void getPackagesForUid(const uid_t uid, Vector<String16>& packages) override {
-    std::ifstream list(kPackageList);
-    std::string line;
-    while (std::getline(list, line)) {
-      std::istringstream fields(line);
-      std::string package;
-      uid_t owner;
-      if (fields >> package >> owner && owner == uid) {
-        packages.add(String16(package.c_str()));
-      }
+    std::ifstream list(vantrel::kPackageListPath);
+    for (vantrel::package_t package; vantrel::ReadPackage(list, &package);) {
+      if (package.uid == uid) packages.add(String16(package.name.c_str()));
     }
   }
 };
@@ -32,7 +24,7 @@ class ServiceManager : public IServiceManager {
  public:
   sp<IBinder> getService(const String16& name) const override {
     const bool known = std::u16string(name, name.size()) == u"permission" &&
-                       std::ifstream(kPackageList).good();
+                       std::ifstream(vantrel::kPackageListPath).good();
     if (!known) return {};
     return new PackageListService;
   }

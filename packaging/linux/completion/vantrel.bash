@@ -45,13 +45,13 @@ _vantrel_launch() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
-    --daemon | --capture | --metrics) _vantrel_file ;;
+    --daemon | --capture | --metrics | --lock) _vantrel_file ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every
+          --direct --capture --shape --json --metrics --stats-every --lock
       else
         _vantrel_link "unix: tcp: rfcomm: fd:"
       fi ;;
@@ -75,11 +75,16 @@ _vantrelctl() {
   local cur prev words
   _vantrel_begin || return
   case $prev in
-    --log) _vantrel_file; return ;;
+    --log | --lock) _vantrel_file; return ;;
     --timeout) return ;;
   esac
   case ${words[1]} in
-    rules) _vantrel_words status teardown --help ;;
+    rules)
+      if [[ ${words[2]} == teardown ]]; then
+        _vantrel_words --lock --force --help
+      else
+        _vantrel_words status teardown --help
+      fi ;;
     pull | push)
       if [[ $prev == p* ]]; then
         _vantrel_words 64K 1M 10M

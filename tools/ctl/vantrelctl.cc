@@ -1,0 +1,166 @@
+// vantrelctl: commands for a running daemon through its control port, and the
+// interception rules by themselves.
+#include <stdio.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "control/control_packets.h"
+#include "tools/ctl/control_command.h"
+#include "tools/lock_file.h"
+#include "tools/rules.h"
+#include "tools/standard_descriptors.h"
+
+namespace vantrel {
+namespace {
+
+constexpr int kUsageStatus = 2;
+constexpr int kTimeoutSeconds = 10;
+constexpr int kTransferTimeoutSeconds = 300;
+
+int PrintRules() {
+  const auto rules = RunRulesTask(RulesTask::kList);
+  for (const std::string& rule : rules) printf("%s\n", rule.c_str());
+  if (rules.empty()) fprintf(stderr, "vantrelctl: no interception rules\n");
+  return 0;
+}
+
+int TearDownRules(const std::string& lock, bool is_forced) {
+  const auto holder = FindLockHolder(lock);
+  if (holder && !is_forced) {
+    fprintf(stderr,
+            "vantrelctl: a daemon of %s uses these rules (%s); --force removes "
+            "them anyway\n",
+            holder->c_str(), lock.c_str());
+    return 1;
+  }
+  RunRulesTask(RulesTask::kRemove);
+  const auto rules = RunRulesTask(RulesTask::kList);
+  for (const std::string& rule : rules) {
+    fprintf(stderr, "vantrelctl: still there: %s\n", rule.c_str());
+  }
+  return rules.empty() ? 0 : 1;
+}
+
+// The command line: |run| is what it asks for, once it was parsed.
+class CommandLine {
+ public:
+  CommandLine() {
+    app_.set_version_flag("--version", "vantrelctl " VANTREL_VERSION);
+    app_.require_subcommand(1);
+    AddPlain("stop", TYPE_STOP, "Stop the daemon");
+    AddPlain("dump", TYPE_DUMP, "Write the state of the link to the log");
+    AddPlain("ping", TYPE_PING, "Measure the round trip to the companion");
+    AddTransfer("pull", TYPE_PULL, "Measure the link from the companion");
+    AddTransfer("push", TYPE_PUSH, "Measure the link to the companion");
+    AddPlain("stats", TYPE_TRANSFER_STATS,
+             "Report transfer statistics on the status channel");
+    AddRules();
+  }
+  CommandLine(const CommandLine&) = delete;  // the parser points into this
+  CommandLine& operator=(const CommandLine&) = delete;
+
+  // The exit status when there is nothing to run, or -1.
+  int Parse(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+      return -1;
+    } catch (const CLI::ParseError& e) {
+      if (e.get_exit_code() == 0) return app_.exit(e);
+      fprintf(stderr, "vantrelctl: %s (see --help)\n", e.what());
+      return kUsageStatus;
+    }
+  }
+
+  int Run() const { return run_(); }
+
+ private:
+  void AddPlain(const char* name, uint8_t type, const char* help) {
+    AddCommand(name, type, help, kTimeoutSeconds);
+  }
+
+  CLI::App* AddCommand(const char* name, uint8_t type, const char* help,
+                       int timeout_seconds) {
+    CLI::App* const command = app_.add_subcommand(name, help);
+    command->add_option("--log", command_.log,
+                        "Follow this file, the daemon's log, and print the "
+                        "outcome");
+    command
+        ->add_option("--timeout", command_.timeout_seconds,
+                     "How many seconds to wait for the outcome (default " +
+                         std::to_string(timeout_seconds) + ")")
+        ->check(CLI::Range(1, 86400))
+        ->needs("--log");
+    command->callback([this, name, type, timeout_seconds] {
+      command_.name = name;
+      command_.type = type;
+      if (command_.timeout_seconds == 0) {
+        command_.timeout_seconds = timeout_seconds;
+      }
+      run_ = [this] { return RunControlCommand(command_); };
+    });
+    return command;
+  }
+
+  void AddTransfer(const char* name, uint8_t type, const char* help) {
+    AddCommand(name, type, help, kTransferTimeoutSeconds)
+        ->add_option_function<std::string>(
+            "BYTES",
+            [this](const std::string& text) {
+              const auto bytes = ParseByteCount(text);
+              if (!bytes) {
+                throw CLI::ValidationError(
+                    text,
+                    "expected a number of bytes below 4G, as in 4096, "
+                    "64K or 10M");
+              }
+              command_.bytes = *bytes;
+            },
+            "How many bytes to move, as in 4096, 64K or 10M")
+        ->required();
+  }
+
+  void AddRules() {
+    CLI::App* const rules = app_.add_subcommand(
+        "rules", "The interception rules of this machine, without a daemon");
+    rules->require_subcommand(1);
+    rules->add_subcommand("status", "Print the rules that are there")
+        ->callback([this] { run_ = PrintRules; });
+    CLI::App* const teardown = rules->add_subcommand(
+        "teardown", "Remove the rules that a killed daemon has left");
+    teardown->add_option("--lock", lock_,
+                         "The lock file of this device (default " +
+                             std::string(kLockFile) + ")");
+    teardown->add_flag("--force", is_forced_,
+                       "Remove them also while a daemon runs");
+    teardown->callback(
+        [this] { run_ = [this] { return TearDownRules(lock_, is_forced_); }; });
+  }
+
+  CLI::App app_{"Commands for a running daemon and for its interception rules.",
+                "vantrelctl"};
+  control_command_t command_;
+  std::string lock_ = kLockFile;
+  bool is_forced_ = false;
+  std::function<int()> run_;
+};
+
+int Main(int argc, char** argv) {
+  OpenMissingStandardDescriptors();
+  CommandLine command_line;
+  const int status = command_line.Parse(argc, argv);
+  if (status >= 0) return status;
+  try {
+    return command_line.Run();
+  } catch (const std::exception& e) {
+    fprintf(stderr, "vantrelctl: %s\n", e.what());
+    return 1;
+  }
+}
+
+}  // namespace
+}  // namespace vantrel
+
+int main(int argc, char** argv) { return vantrel::Main(argc, argv); }

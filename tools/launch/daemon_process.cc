@@ -1,0 +1,115 @@
+#include "tools/launch/daemon_process.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "tools/process_group.h"
+#include "tools/system_failure.h"
+
+namespace vantrel {
+namespace {
+
+void RaiseOpenFileLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void ResetSignals() {
+  signal(SIGPIPE, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// In the child. A descriptor that stands in another's place is no longer
+// closed on exec.
+void MoveTo(int fd, int place) {
+  if (fd == place) {
+    fcntl(fd, F_SETFD, 0);
+  } else {
+    dup2(fd, place);
+  }
+}
+
+[[noreturn]] void RunDaemon(const DaemonProcess::start_t& start, int report) {
+  setpgid(0, 0);
+  if (start.is_ended_with_us) prctl(PR_SET_PDEATHSIG, SIGTERM);
+  RaiseOpenFileLimit();
+  ResetSignals();
+  MoveTo(start.link.Get(), STDIN_FILENO);
+  MoveTo(start.status.Get(), STDOUT_FILENO);
+  execlp(start.program.c_str(), start.program.c_str(), start.protocol.c_str(),
+         static_cast<char*>(nullptr));
+  const int error = errno;
+  static_cast<void>(!write(report, &error, sizeof(error)));
+  _exit(127);
+}
+
+// Above the standard ones, so that putting one in its place in the child never
+// closes another.
+UniqueFd MoveAboveStandard(UniqueFd fd) {
+  if (fd.Get() > STDERR_FILENO) return fd;
+  UniqueFd moved(fcntl(fd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (moved.Get() < 0) throw SystemFailure("no descriptor");
+  return moved;
+}
+
+}  // namespace
+
+DaemonProcess::DaemonProcess(start_t start) {
+  start.link = MoveAboveStandard(std::move(start.link));
+  start.status = MoveAboveStandard(std::move(start.status));
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw SystemFailure("no pipe");
+  const UniqueFd report_out(ends[0]);
+  UniqueFd report_in(ends[1]);
+  AdoptOrphans();
+  pid_ = fork();
+  if (pid_ < 0) throw SystemFailure("no new process");
+  if (pid_ == 0) RunDaemon(start, report_in.Get());
+  report_in.Reset();
+  // Ends without a byte when the program was started.
+  int error;
+  if (read(report_out.Get(), &error, sizeof(error)) == sizeof(error)) {
+    waitpid(pid_, nullptr, 0);
+    errno = error;
+    throw SystemFailure("cannot start " + start.program);
+  }
+}
+
+void DaemonProcess::Signal(int signal) const {
+  if (IsRunning()) kill(pid_, signal);
+}
+
+void DaemonProcess::Kill() const {
+  if (IsRunning()) kill(-pid_, SIGKILL);
+}
+
+bool DaemonProcess::Reap() {
+  if (IsRunning() && ReapGroup(pid_, &wait_status_)) pid_ = -1;
+  return !IsRunning();
+}
+
+std::string FindDaemon() {
+  char self[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof(self));
+  if (length > 0) {
+    std::string beside(self, static_cast<size_t>(length));
+    beside.replace(beside.rfind('/') + 1, std::string::npos, "vantrel");
+    if (access(beside.c_str(), X_OK) == 0) return beside;
+  }
+  return "vantrel";
+}
+
+}  // namespace vantrel

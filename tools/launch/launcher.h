@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/launch/launch_options.h"
+#include "tools/launch/launch_reporter.h"
+#include "tools/launch/launch_session.h"
+#include "tools/launch/pcapng_writer.h"
+#include "tools/lock_file.h"
+#include "tools/rules.h"
+
+namespace vantrel {
+
+// Connects the link, runs the daemon over it and, if asked to, does so again
+// and again. One for a process: takes over its signals.
+class Launcher {
+ public:
+  // |options| outlives this. Throws std::system_error, and DeviceInUse when a
+  // daemon runs already.
+  explicit Launcher(const launch_options_t& options);
+
+  // The exit status for the process: the daemon's own, 128 and the signal
+  // that ended it, or 1 when it could not be started or rules may be left.
+  int Run();
+
+ private:
+  // What one attempt came to. Without a session the daemon never ran.
+  struct attempt_t {
+    int exit_status = 1;
+    bool has_started = false;
+    bool is_final = false;  // another attempt is not wanted or cannot help
+  };
+  attempt_t Attempt();
+  attempt_t RunSession(connected_link_t link);
+  // Removes the rules that the daemon has left. False when they may still
+  // stand, which was then said.
+  bool CleanUp();
+  // As RulesTask::GetRules(); a signal leaves it only a short time more.
+  std::vector<std::string> RunRules(RulesTask::Kind kind);
+  // Waits for |fd|, which may be -1, to be readable, for a signal, or for
+  // |end|. True when |fd| is.
+  bool Wait(int fd, SteadyTime end);
+  // Notes a signal that waits to be handled in |stop_signal_|.
+  void TakeSignal();
+  int End(int exit_status);
+
+  const launch_options_t& options_;
+  const LockFile lock_;
+  LaunchReporter reporter_;
+  UniqueFd signal_fd_;
+  std::unique_ptr<PcapngWriter> capture_;  // null: none
+  int stop_signal_ = 0;  // that came while no daemon ran; 0: none
+};
+
+}  // namespace vantrel

@@ -1,0 +1,204 @@
+#include "tools/launch/link_connector.h"
+
+// The RFCOMM header uses the types of this one without including it.
+#include <bluetooth/bluetooth.h>
+// Keeps this order.
+#include <bluetooth/rfcomm.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include "tools/system_failure.h"
+
+namespace vantrel {
+namespace {
+
+// A TCP peer that vanished without a word is given up after this long, whether
+// something waits for its acknowledgement or not.
+constexpr std::chrono::seconds kPeerTimeout{30};
+constexpr int kKeepaliveProbes = 4;
+
+// The longest that an address of a host name keeps the next one waiting.
+constexpr std::chrono::milliseconds kAddressTimeout{3000};
+
+// How one attempt waits and when it gives up.
+struct patience_t {
+  int cancel_fd;
+  std::chrono::milliseconds timeout;
+};
+
+class Interrupted : public std::runtime_error {
+ public:
+  Interrupted() : std::runtime_error("interrupted") {}
+};
+
+UniqueFd OpenSocket(int family, int type, int protocol) {
+  UniqueFd fd(socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol));
+  if (fd.Get() < 0) throw SystemFailure(errno);
+  return fd;
+}
+
+void WaitConnected(int fd, const patience_t& patience) {
+  pollfd waits[] = {{fd, POLLOUT, 0}, {patience.cancel_fd, POLLIN, 0}};
+  const int ready = poll(waits, 2, static_cast<int>(patience.timeout.count()));
+  if (ready < 0) throw SystemFailure(errno);
+  if (waits[1].revents != 0) throw Interrupted();
+  if (ready == 0) throw SystemFailure(ETIMEDOUT);
+  int error = 0;
+  socklen_t length = sizeof(error);
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+  if (error != 0) throw SystemFailure(error);
+}
+
+void ConnectSocket(int fd, const void* address, size_t length,
+                   const patience_t& patience) {
+  if (connect(fd, static_cast<const sockaddr*>(address),
+              static_cast<socklen_t>(length)) == 0) {
+    return;
+  }
+  if (errno != EINPROGRESS) throw SystemFailure(errno);
+  WaitConnected(fd, patience);
+}
+
+UniqueFd ConnectUnix(const link_address_t& link, const patience_t& patience) {
+  sockaddr_un address;
+  const socklen_t length = ToSocketAddress(link.path, &address);
+  UniqueFd fd = OpenSocket(AF_UNIX, SOCK_STREAM, 0);
+  ConnectSocket(fd.Get(), &address, length, patience);
+  return fd;
+}
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+AddressList LookUp(const link_address_t& link) {
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int error =
+      getaddrinfo(link.host.c_str(), link.port.c_str(), &hints, &found);
+  if (error != 0) throw std::runtime_error(gai_strerror(error));
+  return AddressList(found, freeaddrinfo);
+}
+
+void SetOption(int fd, int level, int option, int value) {
+  setsockopt(fd, level, option, &value, sizeof(value));
+}
+
+// A link carries many small messages that must not wait for each other, and a
+// companion that vanished without a word must be noticed.
+void SetTcpOptions(int fd) {
+  constexpr int kInterval = kPeerTimeout.count() / (kKeepaliveProbes + 1);
+  constexpr std::chrono::milliseconds kUnacknowledged = kPeerTimeout;
+  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, kInterval);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, kInterval);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, kKeepaliveProbes);
+  SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT,
+            static_cast<int>(kUnacknowledged.count()));
+}
+
+UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
+  using std::chrono::steady_clock;
+  const AddressList addresses = LookUp(link);
+  const auto end = steady_clock::now() + patience.timeout;
+  for (const addrinfo* a = addresses.get();; a = a->ai_next) {
+    const bool is_last = a->ai_next == nullptr;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    patience.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
+    try {
+      UniqueFd fd = OpenSocket(a->ai_family, SOCK_STREAM, a->ai_protocol);
+      ConnectSocket(fd.Get(), a->ai_addr, a->ai_addrlen, patience);
+      SetTcpOptions(fd.Get());
+      return fd;
+    } catch (const std::system_error&) {
+      if (is_last) throw;
+    }
+  }
+}
+
+UniqueFd ConnectRfcomm(const link_address_t& link, const patience_t& patience) {
+  UniqueFd fd(socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                     BTPROTO_RFCOMM));
+  if (fd.Get() < 0) {
+    if (errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT) {
+      throw std::runtime_error("this kernel has no Bluetooth sockets");
+    }
+    throw SystemFailure(errno);
+  }
+  sockaddr_rc address = {};
+  address.rc_family = AF_BLUETOOTH;
+  address.rc_channel = static_cast<uint8_t>(link.channel);
+  // The kernel keeps the bytes of an address last one first.
+  std::reverse_copy(link.bluetooth.begin(), link.bluetooth.end(),
+                    address.rc_bdaddr.b);
+  ConnectSocket(fd.Get(), &address, sizeof(address), patience);
+  return fd;
+}
+
+UniqueFd TakeDescriptor(const link_address_t& link) {
+  const int flags = fcntl(link.fd, F_GETFL);
+  if (flags < 0) throw SystemFailure(errno);
+  UniqueFd fd(link.fd);
+  fcntl(link.fd, F_SETFL, flags | O_NONBLOCK);
+  fcntl(link.fd, F_SETFD, FD_CLOEXEC);
+  return fd;
+}
+
+UniqueFd Connect(const link_address_t& address, const patience_t& patience) {
+  switch (address.kind) {
+    case link_address_t::kUnix:
+      return ConnectUnix(address, patience);
+    case link_address_t::kTcp:
+      return ConnectTcp(address, patience);
+    case link_address_t::kRfcomm:
+      return ConnectRfcomm(address, patience);
+    case link_address_t::kFd:
+      return TakeDescriptor(address);
+  }
+  throw std::logic_error("unknown kind of link");
+}
+
+}  // namespace
+
+std::string FindFaultOfDescriptor(int fd) {
+  int type = 0;
+  socklen_t length = sizeof(type);
+  if (fcntl(fd, F_GETFD) < 0) return "not an open descriptor";
+  if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) != 0) {
+    return "not a socket";
+  }
+  sockaddr_storage peer;
+  length = sizeof(peer);
+  if (type != SOCK_STREAM ||
+      getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
+    return "not a connected stream socket";
+  }
+  return "";
+}
+
+connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
+                             std::chrono::milliseconds timeout) {
+  connected_link_t link;
+  try {
+    link.fd = Connect(address, {cancel_fd, timeout});
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error("cannot connect " + address.text + ": " +
+                             e.what());
+  }
+  link.header.address = address.bluetooth;
+  link.header.channel = address.channel;
+  return link;
+}
+
+}  // namespace vantrel

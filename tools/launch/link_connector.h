@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "common/link_address.h"
+#include "link/connection_header.h"
+#include "tools/unique_fd.h"
+
+namespace vantrel {
+
+// A link that stands, and the header that the daemon expects in front of it.
+struct connected_link_t {
+  UniqueFd fd;  // non-blocking
+  connection_header_t header;
+};
+
+// Connects to |address|; of "fd:N" takes ownership. Of a host name tries every
+// address, each with its share of |timeout|. Throws std::runtime_error with the
+// reason in one line. Gives up when |cancel_fd| becomes readable (and leaves
+// that unread) or after |timeout|; looking up a host name is the one step that
+// neither interrupts.
+connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
+                             std::chrono::milliseconds timeout);
+
+// Why |fd| cannot be a link, in words; empty when it is a connected stream
+// socket.
+std::string FindFaultOfDescriptor(int fd);
+
+}  // namespace vantrel

@@ -1,0 +1,107 @@
+#include "tools/launch/metrics.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tools/system_failure.h"
+#include "tools/unique_fd.h"
+
+namespace vantrel {
+namespace {
+
+std::string Head(const char* name, const char* type, const char* help) {
+  return std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " +
+         type + "\n";
+}
+
+}  // namespace
+
+std::string EscapeLabelValue(const std::string& value) {
+  std::string escaped;
+  for (const char c : value) {
+    if (c == '\\' || c == '"' || c == '\n') escaped += '\\';
+    escaped += c == '\n' ? 'n' : c;
+  }
+  return escaped;
+}
+
+void Metrics::Update(const status_record_t& record) {
+  if (record.kind == status_record_t::kNetworkState) {
+    has_network_ = true;
+    network_ = record.network;
+  }
+  if (record.kind != status_record_t::kTransferStats) return;
+  for (const auto& usage : record.stats.uid_transfer_stats()) {
+    totals_t& totals = by_uid_[usage.uid()];
+    totals.rx_bytes += usage.rx_bytes();
+    totals.tx_bytes += usage.tx_bytes();
+  }
+}
+
+void Metrics::AddLinkBytes(uint64_t received, uint64_t sent) {
+  link_.rx_bytes += received;
+  link_.tx_bytes += sent;
+}
+
+std::string Metrics::Format(const PackageNames& names) const {
+  return Head("vantrel_up", "gauge", "1 while the daemon runs.") +
+         "vantrel_up " + (is_running_ ? "1" : "0") + "\n" +
+         Head("vantrel_starts_total", "counter",
+              "How often the daemon has started.") +
+         "vantrel_starts_total " + std::to_string(starts_) + "\n" +
+         Head("vantrel_link_received_bytes_total", "counter",
+              "Bytes relayed from the companion.") +
+         "vantrel_link_received_bytes_total " + std::to_string(link_.rx_bytes) +
+         "\n" +
+         Head("vantrel_link_sent_bytes_total", "counter",
+              "Bytes relayed to the companion.") +
+         "vantrel_link_sent_bytes_total " + std::to_string(link_.tx_bytes) +
+         "\n" + FormatNetwork() + FormatUids(names);
+}
+
+std::string Metrics::FormatNetwork() const {
+  if (!has_network_) return "";
+  return Head("vantrel_network_metered", "gauge",
+              "1 while the companion's network is metered.") +
+         "vantrel_network_metered{network=\"" +
+         std::to_string(network_.network_id) + "\"} " +
+         (network_.is_metered ? "1" : "0") + "\n";
+}
+
+std::string Metrics::FormatUids(const PackageNames& names) const {
+  std::string received = Head("vantrel_uid_received_bytes_total", "counter",
+                              "Bytes received for a UID.");
+  std::string sent =
+      Head("vantrel_uid_sent_bytes_total", "counter", "Bytes sent for a UID.");
+  for (const auto& [uid, totals] : by_uid_) {
+    const std::string labels = "{uid=\"" + std::to_string(uid) +
+                               "\",package=\"" +
+                               EscapeLabelValue(names.Find(uid)) + "\"} ";
+    received += "vantrel_uid_received_bytes_total" + labels +
+                std::to_string(totals.rx_bytes) + "\n";
+    sent += "vantrel_uid_sent_bytes_total" + labels +
+            std::to_string(totals.tx_bytes) + "\n";
+  }
+  return received + sent;
+}
+
+void WriteFileAtomically(const std::string& path, const std::string& text) {
+  // A new file with a name that nobody can foresee, so that no link leads
+  // elsewhere; its reader may be another user, whatever our umask.
+  std::string temporary = path + ".XXXXXX";
+  const UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
+  if (file.Get() < 0) throw SystemFailure("cannot write " + path);
+  if (write(file.Get(), text.data(), text.size()) !=
+          static_cast<ssize_t>(text.size()) ||
+      fchmod(file.Get(), 0644) != 0 ||
+      rename(temporary.c_str(), path.c_str()) != 0) {
+    const auto failure = SystemFailure("cannot write " + path);
+    unlink(temporary.c_str());
+    throw failure;
+  }
+}
+
+}  // namespace vantrel

@@ -1,0 +1,136 @@
+#include "tools/launch/status_text.h"
+
+#include <string.h>
+#include <sys/wait.h>
+
+#include <nlohmann/json.hpp>
+
+#include "control/status_records.h"
+
+namespace vantrel {
+namespace {
+
+using android::corvane::protos::UidTransferStats;
+using json = nlohmann::ordered_json;  // the members as we name them
+
+std::string UsageToText(const UidTransferStats& usage,
+                        const PackageNames& names) {
+  const std::string name = names.Find(usage.uid());
+  return "uid " + std::to_string(usage.uid()) +
+         (name.empty() ? "" : " (" + name + ")") + " received " +
+         std::to_string(usage.rx_bytes()) + " bytes, sent " +
+         std::to_string(usage.tx_bytes()) + " bytes";
+}
+
+std::string StatsToText(const status_record_t& record,
+                        const PackageNames& names) {
+  std::string text = "stats: ";
+  const char* separator = "";
+  for (const UidTransferStats& usage : record.stats.uid_transfer_stats()) {
+    text += separator + UsageToText(usage, names);
+    separator = "; ";
+  }
+  return *separator == '\0' ? text + "no traffic since the last report" : text;
+}
+
+json StatsToJson(const status_record_t& record, const PackageNames& names) {
+  json uids = json::array();
+  for (const UidTransferStats& usage : record.stats.uid_transfer_stats()) {
+    json entry = {{"uid", usage.uid()},
+                  {"rx_bytes", usage.rx_bytes()},
+                  {"tx_bytes", usage.tx_bytes()}};
+    const std::string name = names.Find(usage.uid());
+    if (!name.empty()) entry["name"] = name;
+    uids.push_back(std::move(entry));
+  }
+  return {{"record", "stats"}, {"uids", uids}};
+}
+
+json RecordToJsonObject(const status_record_t& record,
+                        const PackageNames& names) {
+  switch (record.kind) {
+    case status_record_t::kStarted:
+      return {{"record", "started"}};
+    case status_record_t::kExitCode:
+      return {{"record", "exit_code"},
+              {"code", record.exit_code},
+              {"meaning", DescribeExitCode(record.exit_code)}};
+    case status_record_t::kNetworkState:
+      return {{"record", "network"},
+              {"id", record.network.network_id},
+              {"metered", record.network.is_metered}};
+    case status_record_t::kTransferStats:
+      return StatsToJson(record, names);
+  }
+  return {};
+}
+
+}  // namespace
+
+const char* DescribeExitCode(int exit_code) {
+  switch (exit_code) {
+    case kConnectFailed:
+      return "the link could not be set up";
+    case kControlServerFailed:
+      return "the control port could not listen";
+    case kTcpServerFailed:
+      return "the TCP server could not listen";
+    case kUdpServerFailed:
+      return "the UDP server could not listen";
+    case kBadArgumentCount:
+      return "wrong number of arguments";
+    case kBadVersion:
+      return "unknown protocol version";
+    default:
+      return "unknown reason";
+  }
+}
+
+std::string DescribeWaitStatus(int wait_status) {
+  if (!WIFSIGNALED(wait_status)) {
+    return "exit status " + std::to_string(WEXITSTATUS(wait_status));
+  }
+  const int signal = WTERMSIG(wait_status);
+  return "killed by signal " + std::to_string(signal) + " (" +
+         strsignal(signal) + ")";
+}
+
+std::string RecordToText(const status_record_t& record,
+                         const PackageNames& names) {
+  switch (record.kind) {
+    case status_record_t::kStarted:
+      return "started";
+    case status_record_t::kExitCode:
+      return "exit code " + std::to_string(record.exit_code) + ": " +
+             DescribeExitCode(record.exit_code);
+    case status_record_t::kNetworkState:
+      return "network " + std::to_string(record.network.network_id) + ", " +
+             (record.network.is_metered ? "metered" : "not metered");
+    case status_record_t::kTransferStats:
+      return StatsToText(record, names);
+  }
+  return "";
+}
+
+std::string RecordToJson(const status_record_t& record,
+                         const PackageNames& names) {
+  // A package list is not always valid UTF-8; one odd name must not end us.
+  return RecordToJsonObject(record, names)
+      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string DaemonEndToText(int wait_status) {
+  return "daemon ended: " + DescribeWaitStatus(wait_status);
+}
+
+std::string DaemonEndToJson(int wait_status) {
+  json end = {{"record", "daemon_ended"}};
+  if (WIFSIGNALED(wait_status)) {
+    end["signal"] = WTERMSIG(wait_status);
+  } else {
+    end["exit_status"] = WEXITSTATUS(wait_status);
+  }
+  return end.dump();
+}
+
+}  // namespace vantrel

@@ -1,0 +1,16 @@
+#include "tools/standard_descriptors.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vantrel {
+
+void OpenMissingStandardDescriptors() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
+}  // namespace vantrel
