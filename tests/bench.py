@@ -211,6 +211,20 @@ class Daemon:
     def wait_for_log(self, text):
         wait_until(lambda: text in self.log(), f"the log line {text!r}")
 
+    def frames_before_later_ones(self):
+        """What the link brings before two datagrams, sent one after the other,
+        have crossed it. The second begins when the first has arrived: in between
+        the daemon sends whatever it had to send before this call. So that an
+        empty list shows an absence."""
+        app = self.device.socket(socket.SOCK_DGRAM)
+        frames = []
+        for datagram in b"first later one", b"second later one":
+            app.sendto(datagram, ("198.51.100.250", 9))
+            while (frame := self.companion.receive()).payload != datagram:
+                frames.append(frame)
+        app.close()
+        return frames
+
     def ports(self):
         """(control, tcp, udp), from the line that ends the start."""
         form = r"D Vantrel started on ports C:(\d+), T:(\d+), U:(\d+)\."

@@ -57,7 +57,7 @@ def test_the_bytes_of_a_stream(device, start):
     assert companion.receive().raw == by_hand(CONNECT.replace("08 01", "08 02"))
     companion.sock.sendall(by_hand(CLOSE.replace("08 01", "08 02")))
     assert app.recv(100) == b""
-    assert companion.receive_until_quiet() == []  # a close is not answered
+    assert daemon.frames_before_later_ones() == []  # a close is not answered
     assert "D [T:2] Closed stream. RX/TX: 0/0" in daemon.log()
 
 
@@ -69,9 +69,8 @@ def test_credit_paces_the_application(device, connected):
     data = bytes(range(256)) * 1024
     app.setblocking(False)
     sent = app.send(data)
-    first = companion.receive_until_quiet()
-    assert [frame.kind for frame in first] == [wire.TCP_WRITE] * 8
-    got = b"".join(frame.payload for frame in first)
+    got = b"".join(companion.expect(wire.TCP_WRITE).payload for _ in range(8))
+    assert connected.frames_before_later_ones() == []
     while len(got) < sent:  # one more for each acknowledgement, and only then
         companion.send(wire.TCP_WRITE_ACK, (1, 1))
         frame = companion.expect(wire.TCP_WRITE)
@@ -94,7 +93,7 @@ def test_close_by_the_application_with_data_pending(device, connected):
     assert companion.expect(wire.TCP_CLOSE).fields == {1: 1}
     companion.send(wire.TCP_WRITE_ACK, (1, 1))  # late ones hurt nobody
     companion.send(wire.TCP_WRITE, (1, 1), payload=b"late")
-    assert companion.receive_until_quiet() == []
+    assert connected.frames_before_later_ones() == []
 
 
 def test_close_by_the_companion_with_data_pending(device, connected):
@@ -116,7 +115,7 @@ def test_close_by_the_companion_with_data_pending(device, connected):
         got += piece
     assert got == block * 512
     connected.wait_for_log(f"D [T:1] Closed stream. RX/TX: 0/{512 * len(block)}")
-    assert companion.receive_until_quiet() == []
+    assert connected.frames_before_later_ones() == []
 
 
 def test_connection_made_straight_to_the_listener(device, connected):
@@ -191,9 +190,9 @@ def test_a_companion_that_does_not_read(make_device):
     wait_until(lambda: queued_frames()[-1:] > [0], "a queue")
     # Not above 15 when a pass begins, and a pass adds one frame per stream.
     assert max(queued_frames()) <= 15 + len(apps)
-    frames = daemon.companion.receive_until_quiet(1)
-    written = [frame.fields[1] for frame in frames if frame.kind == wire.TCP_WRITE]
+    written = [daemon.companion.expect(wire.TCP_WRITE).fields[1] for _ in range(8 * 20)]
     assert {written.count(stream) for stream in range(1, 21)} == {8}
+    assert daemon.frames_before_later_ones() == []
     daemon.close()
 
 

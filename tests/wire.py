@@ -3,7 +3,6 @@ own checksum, its own field encoding, so that a shared mistake cannot hide."""
 
 import socket
 import struct
-import time
 from typing import NamedTuple
 
 TEARDOWN, HANDSHAKE_START, HANDSHAKE_ACK, HANDSHAKE_DONE = 1, 2, 3, 4
@@ -133,20 +132,6 @@ class ScriptedCompanion:
         got = self.receive()
         assert got.kind == kind, f"expected message type {kind}, got {got}"
         return got
-
-    def receive_until_quiet(self, seconds=0.3):
-        """What arrives until nothing has for |seconds|: to show an absence."""
-        frames, last = [], time.monotonic()
-        while time.monotonic() - last < seconds:
-            self.sock.settimeout(seconds)
-            try:
-                frames.append(self.receive())
-                last = time.monotonic()
-            except TimeoutError:
-                break
-            finally:
-                self.sock.settimeout(10)
-        return frames
 
     def shake_hands(self):
         self.expect(HANDSHAKE_START)

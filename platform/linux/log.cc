@@ -47,7 +47,7 @@ std::string FormatMessage(const char* format, va_list args) {
   va_list again;
   va_copy(again, args);
   const int length = vsnprintf(nullptr, 0, format, args);
-  std::string message(length > 0 ? length : 0, '\0');
+  std::string message(length > 0 ? static_cast<size_t>(length) : 0, '\0');
   if (length > 0) vsnprintf(&message[0], message.size() + 1, format, again);
   va_end(again);
   return message;
