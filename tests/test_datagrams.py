@@ -105,10 +105,12 @@ def test_a_flood_is_dropped_and_others_go_on(make_device):
         return any(line.startswith(drop) for line in daemon.log())
 
     wait_until(flooded, "the drop")
-    kinds = [frame.kind for frame in daemon.companion.receive_until_quiet()]
-    assert 64 <= kinds.count(wire.UDP_SEND) < 80
+    daemon.companion.expect(wire.HANDSHAKE_START)
+    for _ in range(64):
+        daemon.companion.expect(wire.UDP_SEND)
     app.sendto(b"later", ("198.51.100.53", 4000))
-    assert daemon.companion.expect(wire.UDP_SEND).payload == b"later"
+    rest = iter(lambda: daemon.companion.expect(wire.UDP_SEND).payload, b"later")
+    assert len(list(rest)) < 16
     assert sum(line.startswith(drop) for line in daemon.log()) < 10
     daemon.close()
 
