@@ -1,6 +1,5 @@
 #include "companion/protocol_v2.h"
 
-#include <sstream>
 #include <utility>
 
 #include "link_v2/message_encoder.h"
@@ -21,11 +20,10 @@ messages::Header MakeHeader(messages::MessageType type) {
 // Empty when the frame would be too large, which the callers' limits exclude.
 std::string EncodeFrame(const messages::Header& header,
                         const std::string& payload) {
-  std::ostringstream frame;
+  std::string frame;
   MessageEncoder encoder(header);
   if (!encoder.WriteHeader(&frame, payload)) return "";
-  frame << payload;
-  return frame.str();
+  return frame + payload;
 }
 
 // An endpoint that no socket can reach comes out without an address.

@@ -86,9 +86,8 @@ void ProxySocketV2::OnReadReady() {
 }
 
 void ProxySocketV2::DecodeAndProcessMessages() {
-  while (true) {
-    MessageDecoder::Message message;
-    if (!decoder_.GetAndClearMessage(&message)) return;
+  MessageDecoder::Message message;
+  while (decoder_.GetAndClearMessage(&message)) {
     DecodeAndProcessMessage(message);
   }
 }
