@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,7 +61,7 @@ int Companion::Run() {
   }
   WaitForSignal();
   StartWatchdog();
-  sd_notify(0, "READY=1");
+  service_manager_.Notify("READY=1");
   loop_.run();
   return has_failed_ ? EXIT_FAILURE : EXIT_SUCCESS;
 }
@@ -162,7 +161,7 @@ void Companion::LogState() {
 void Companion::Stop() {
   if (is_stopping_) return;
   is_stopping_ = true;
-  sd_notify(0, "STOPPING=1");
+  service_manager_.Notify("STOPPING=1");
   listeners_.clear();
   for (const auto& entry : links_) {
     entry.second->Close("companion is shutting down");
@@ -186,11 +185,11 @@ void Companion::StartTicking() {
 }
 
 void Companion::StartWatchdog() {
-  uint64_t period_us = 0;
-  if (sd_watchdog_enabled(0, &period_us) <= 0) return;
-  watchdog_.expires_after(std::chrono::microseconds(period_us / 2));
+  const auto time = ServiceManager::GetWatchdogTime();
+  if (!time) return;
+  watchdog_.expires_after(*time / 2);
   watchdog_.async_wait([this](const asio::error_code&) {
-    sd_notify(0, "WATCHDOG=1");
+    service_manager_.Notify("WATCHDOG=1");
     StartWatchdog();
   });
 }

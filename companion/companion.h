@@ -15,6 +15,7 @@
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
 #include "companion/options.h"
+#include "companion/service_manager.h"
 
 namespace vantrel {
 
@@ -54,6 +55,7 @@ class Companion {
 
   const Options& options_;
   asio::io_context loop_;
+  ServiceManager service_manager_;
   LocalRoutes routes_;
   const DestinationPolicy policy_;
   const size_t max_streams_;  // of one link

@@ -146,9 +146,13 @@ bool LinkListener::OpenUnix(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   int result = bind(fd, generic, sizeof(address));
-  if (result == -1 && errno == EADDRINUSE && IsStale(address)) {
-    unlink(address.sun_path);
-    result = bind(fd, generic, sizeof(address));
+  if (result == -1 && errno == EADDRINUSE) {
+    if (IsStale(address)) {
+      unlink(address.sun_path);
+      result = bind(fd, generic, sizeof(address));
+    } else {
+      errno = EADDRINUSE;  // the look at it has set another
+    }
   }
   struct stat file = {};
   // Nobody can connect before there is somebody who listens.

@@ -7,9 +7,9 @@ packages=(
   # build
   cmake ninja-build g++ clang
   # libraries: wire messages, command lines, JSON records, Bluetooth addresses,
-  # the companion's event loop, the service manager
+  # the companion's event loop
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
-  libbluetooth-dev libasio-dev libsystemd-dev pkg-config
+  libbluetooth-dev libasio-dev
   # checks: unit tests, sanitizers (with readable stacks), format, tidy
   libgtest-dev libgmock-dev llvm clang-format clang-tidy git
   # end-to-end tests
