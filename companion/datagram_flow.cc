@@ -13,6 +13,9 @@ namespace {
 
 // More than any datagram has.
 constexpr size_t kReceiveBufferBytes = 65536;
+// Of each flow's last request; more than a name look-up has, and the device
+// looks at no other that failed.
+constexpr size_t kMaxKeptBytes = 4096;
 // Datagrams taken from one flow before the others have their turn.
 constexpr int kMaxReceivesPerTurn = 16;
 
@@ -42,7 +45,7 @@ void DatagramFlow::Send(const std::string& payload) {
     ReceiveErrors();
     error = Transmit(payload);
   }
-  last_request_ = payload;
+  last_request_.assign(payload, 0, kMaxKeptBytes);
   if (error == 0) return;
   LogDetail("not sent: ", strerror(error));
   // A full queue loses datagrams as any network does.

@@ -2,12 +2,15 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace vantrel {
 namespace {
 
 constexpr uint32_t kMaxPackageNames = 1024;
+// Longer than any name that a device's packages may have.
+constexpr size_t kMaxPackageNameBytes = 256;
 
 }  // namespace
 
@@ -75,7 +78,8 @@ void LinkStreams::Close(uint32_t id) {
   if (stream != nullptr) Finish(stream, kFinishSeconds);
 }
 
-void LinkStreams::SetPackageName(uint32_t uid, const std::string& name) {
+void LinkStreams::SetPackageName(uint32_t uid, std::string name) {
+  name.resize(std::min(name.size(), kMaxPackageNameBytes));
   // Some devices repeat the name with every stream.
   const std::string* const known = package_names_.Find(uid);
   if (name.empty() || (known != nullptr && *known == name)) return;

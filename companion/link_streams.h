@@ -33,7 +33,8 @@ class LinkStreams final : public RemoteStream::Owner {
   void Connect(uint32_t id, const HostAndPort& remote, uint32_t uid);
   void Write(uint32_t id, const char* bytes, size_t length);
   void Close(uint32_t id);
-  void SetPackageName(uint32_t uid, const std::string& name);
+  // What is too long for a name is cut off.
+  void SetPackageName(uint32_t uid, std::string name);
 
   // The link is gone: every stream only delivers its rest.
   void FinishAll();

@@ -78,11 +78,7 @@ CLI::Option* AddParsed(CLI::App* app, const std::string& name,
 // The values are read afterwards, together with their order.
 CLI::Option* AddList(CLI::App* app, const std::string& name,
                      const std::string& form, const std::string& help) {
-  return app->add_option(name, help)
-      ->type_name(form)
-      ->type_size(1)
-      ->expected(-1)
-      ->take_all();
+  return app->add_option(name, help)->type_name(form)->expected(1)->take_all();
 }
 
 // An option whose value is one of a few words.
