@@ -14,7 +14,8 @@ constexpr size_t kReadBytes = 64 * 1024;
 // The device is not read while more answers than this wait for it: one that
 // asks and does not read costs no more memory.
 constexpr size_t kMaxControlBytes = 64 * 1024;
-// Writes before other links have their turn.
+// Reads and writes before other links have their turn.
+constexpr int kMaxReadsPerTurn = 4;
 constexpr int kMaxWritesPerTurn = 16;
 constexpr size_t kMaxTransfers = 64;
 
@@ -67,28 +68,40 @@ void DeviceLink::Start() {
     scheduler_.GetControl()->append(EncodeConnectionHeader(header));
   }
   HandleBytes("", 0);
+  Pump();
   ReadOn();
 }
 
 void DeviceLink::OnReadable() {
+  int reads = 0;
+  while (reads < kMaxReadsPerTurn && ReadOnce()) ++reads;
+  Pump();
+  ReadOn();
+}
+
+bool DeviceLink::ReadOnce() {
   char buffer[kReadBytes];
+  const size_t size =
+      is_closing_ ? kReadBytes
+                  : std::min(kReadBytes, protocol_->GetAvailableSpace());
   size_t count = 0;
-  const size_t space =
-      is_closing_ ? kReadBytes : protocol_->GetAvailableSpace();
-  switch (socket_->Read(buffer, std::min(kReadBytes, space), &count)) {
+  switch (socket_->Read(buffer, size, &count)) {
     case LinkSocket::Result::kDone:
       deadlines_.OnReceived();
       // What comes after the last message is read and dropped, so that closing
       // the socket resets nothing that is on its way to the device.
       if (!is_closing_) HandleBytes(buffer, count);
-      return ReadOn();
+      return count == size && !IsControlFull();
     case LinkSocket::Result::kWait:
-      return ReadOn();
+      return false;
     case LinkSocket::Result::kEnded:
-      return End(false, "closed by the device");
+      End(false, "closed by the device");
+      return false;
     case LinkSocket::Result::kFailed:
-      return End(true, socket_->GetReason());
+      End(true, socket_->GetReason());
+      return false;
   }
+  return false;
 }
 
 void DeviceLink::HandleBytes(const char* bytes, size_t length) {
@@ -98,13 +111,14 @@ void DeviceLink::HandleBytes(const char* bytes, size_t length) {
   while (!is_closing_ && protocol_->HandleNext(*this)) {
   }
   is_handling_ = false;
-  Pump();
+}
+
+bool DeviceLink::IsControlFull() {
+  return scheduler_.GetControl()->size() > kMaxControlBytes;
 }
 
 void DeviceLink::ReadOn() {
-  if (socket_ == nullptr) return;
-  if (scheduler_.GetControl()->size() > kMaxControlBytes) return;
-  socket_->WaitReadable();
+  if (socket_ != nullptr && !IsControlFull()) socket_->WaitReadable();
 }
 
 void DeviceLink::OnWritable() {
@@ -128,7 +142,8 @@ bool DeviceLink::WriteNext() {
   switch (socket_->Write(out_.data() + out_offset_, out_.size() - out_offset_,
                          &count)) {
     case LinkSocket::Result::kDone:
-      pace_.OnWritten(count);
+      pace_.OnWritten(count, GetSteadyTime());
+      AdaptToPace();
       deadlines_.OnWritten();
       out_offset_ += count;
       return true;
@@ -151,15 +166,14 @@ bool DeviceLink::Fill() {
   // On a slow link nothing is taken before there is room: what is newer and
   // more urgent could still come first.
   const bool is_slow = quantum_ < LinkProtocol::kMaxStreamChunkBytes;
-  if (is_slow && !scheduler_.IsEmpty() && !socket_->HasRoom()) {
+  if (is_slow && scheduler_.HasFlows() && !socket_->HasRoom()) {
     Block();
     return false;
   }
   while (out_.size() < quantum_ && scheduler_.Take(&out_)) {
   }
   if (!out_.empty()) return true;
-  pace_.OnIdle(GetSteadyTime());
-  AdaptToPace();
+  pace_.OnIdle();
   deadlines_.OnWritten();
   if (is_closing_) socket_->EndWriting();
   return false;

@@ -79,7 +79,11 @@ class DeviceLink final : public DeviceMessages {
 
  private:
   void OnReadable();
+  // True when there may be more to read at once.
+  bool ReadOnce();
   void HandleBytes(const char* bytes, size_t length);
+  // Whether the device must take answers before it may ask for more.
+  bool IsControlFull();
   void ReadOn();
   void OnWritable();
   // Sends as much of what waits as the socket takes.

@@ -75,9 +75,10 @@ class FlowScheduler {
   // nothing waits.
   [[nodiscard]] bool Take(std::string* out);
 
-  // Nothing waits; a flow may still turn out to have nothing otherwise.
-  bool IsEmpty() const {
-    return control_.empty() && new_flows_.empty() && old_flows_.empty();
+  // Whether a flow and no control message is next. The flow may turn out to
+  // have nothing.
+  bool HasFlows() const {
+    return control_.empty() && !(new_flows_.empty() && old_flows_.empty());
   }
   size_t GetQueuedBytes() const { return queued_bytes_; }
   uint64_t GetDropCount() const { return drop_count_; }

@@ -126,7 +126,7 @@ TEST(PaceMeterTest, FollowsTheLinkAndBoundsInTime) {
   const auto run = [&](int milliseconds_count, size_t bytes_per_10_ms) {
     for (int i = 0; i < milliseconds_count; i += 10) {
       meter.OnBlocked(now);
-      meter.OnWritten(bytes_per_10_ms);
+      meter.OnWritten(bytes_per_10_ms, now);
       now += milliseconds(10);
     }
     meter.OnBlocked(now);
@@ -140,8 +140,8 @@ TEST(PaceMeterTest, FollowsTheLinkAndBoundsInTime) {
   // A link that had little to carry is not a slow one, and one that was never
   // full is as fast as what it has carried.
   for (int i = 0; i < 100; ++i) {
-    meter.OnIdle(now);
-    meter.OnWritten(i < 50 ? 10 : 100000);
+    if (i < 50) meter.OnIdle();
+    meter.OnWritten(i < 50 ? 10 : 100000, now);
     now += milliseconds(10);
   }
   EXPECT_NEAR(10e6, meter.GetPace(), 1e6);

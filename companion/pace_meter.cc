@@ -9,32 +9,28 @@ namespace {
 // weigh as much as what the link carried.
 constexpr std::chrono::milliseconds kMinStretch{50};
 // What the socket and its peer take at once must not count as carried.
-constexpr std::chrono::milliseconds kMinIdleStretch{200};
+constexpr std::chrono::milliseconds kMinStretchOfLeast{200};
 // The share of the newest stretch in the result.
 constexpr double kNewestShare = 0.25;
 
 }  // namespace
 
-void PaceMeter::OnBlocked(SteadyTime now) {
-  if (!began_ || was_idle_) {
-    if (const auto least = GetPaceSince(now, kMinIdleStretch)) {
-      pace_ = std::max(pace_, *least);
-    }
-    return Begin(now, false);
+void PaceMeter::OnWritten(size_t bytes, SteadyTime now) {
+  if (!began_) Begin(now, true);
+  written_bytes_ += bytes;
+  if (const auto least = GetPaceSince(now, kMinStretchOfLeast)) {
+    pace_ = std::max(pace_, *least);
+    Begin(now, true);
   }
+}
+
+void PaceMeter::OnBlocked(SteadyTime now) {
+  if (!began_ || was_idle_) return Begin(now, false);
   const auto pace = GetPaceSince(now, kMinStretch);
   if (!pace) return;
   pace_ = is_measured_ ? pace_ + kNewestShare * (*pace - pace_) : *pace;
   is_measured_ = true;
   Begin(now, false);
-}
-
-void PaceMeter::OnIdle(SteadyTime now) {
-  was_idle_ = true;
-  const auto least = GetPaceSince(now, kMinIdleStretch);
-  if (began_ && !least) return;
-  pace_ = std::max(pace_, least.value_or(0));
-  Begin(now, true);
 }
 
 void PaceMeter::Begin(SteadyTime now, bool is_idle) {

@@ -12,16 +12,15 @@ namespace vantrel {
 
 // How fast a link carries bytes, from what its socket takes: between two times
 // at which the socket was full it took exactly what the link carried. A time in
-// which there was sometimes nothing to send says that the link carries that
-// much at least.
+// which it was not full says that the link carries that much at least.
 class PaceMeter {
  public:
   // |bytes| were taken by the socket.
-  void OnWritten(size_t bytes) { written_bytes_ += bytes; }
+  void OnWritten(size_t bytes, SteadyTime now);
   // The socket is full.
   void OnBlocked(SteadyTime now);
   // There is nothing more to send.
-  void OnIdle(SteadyTime now);
+  void OnIdle() { was_idle_ = true; }
 
   // Bytes per second; a guess until something was measured.
   double GetPace() const { return pace_; }

@@ -1,5 +1,6 @@
 #include "companion/protocol_v2.h"
 
+#include <sstream>
 #include <utility>
 
 #include "link/v1_wire.h"
@@ -51,9 +52,7 @@ size_t ProtocolV2::GetAvailableSpace() const {
 }
 
 void ProtocolV2::Feed(const char* data, size_t length) {
-  if (state_ == State::kNotStarted && first_byte_ == 0 && length > 0) {
-    first_byte_ = data[0];
-  }
+  if (!first_byte_ && length > 0) first_byte_ = static_cast<uint8_t>(data[0]);
   unsigned int consumed;  // all, within the space available
   decoder_.BufferData(data, static_cast<unsigned int>(length), &consumed);
 }
@@ -65,8 +64,7 @@ bool ProtocolV2::HandleNext(DeviceMessages& device) {
     return state_ != State::kFailed;
   }
   if (!decoder_.HasFailed()) return false;
-  if (state_ == State::kNotStarted &&
-      v1::GetHeaderSize(static_cast<uint8_t>(first_byte_)) != 0) {
+  if (state_ == State::kNotStarted && v1::GetHeaderSize(*first_byte_) != 0) {
     const bool has_handshake = first_byte_ == TYPE_HANDSHAKE;
     Fail(device, std::string("the device speaks protocol ") +
                      (has_handshake ? "5" : "1"));

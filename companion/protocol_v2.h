@@ -1,6 +1,8 @@
 #pragma once
 
-#include <sstream>
+#include <stdint.h>
+
+#include <optional>
 #include <string>
 
 #include "companion/link_protocol.h"
@@ -54,7 +56,7 @@ class ProtocolV2 final : public LinkProtocol {
 
   const std::string build_info_;
   State state_ = State::kNotStarted;
-  char first_byte_ = 0;
+  std::optional<uint8_t> first_byte_;
   std::string device_build_info_;
   MessageDecoder decoder_;
   MessageDecoder::Message message_;
