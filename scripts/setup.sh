@@ -10,7 +10,7 @@ build=(
   # wire messages, command lines, JSON records, Bluetooth addresses
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev
-  libgtest-dev libgmock-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
 )
 test=(
   python3 python3-pytest
