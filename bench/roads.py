@@ -65,6 +65,7 @@ class Road:
     """|name| is how tables call it."""
 
     has_datagrams = False
+    is_fresh = True  # it has carried nothing yet; whoever asks clears it
     server = (SERVER_ADDRESS, SERVER_PORT)  # where its clients connect to
 
     def __init__(self, name, directory):
@@ -275,7 +276,7 @@ def start_server():
     return process
 
 
-def wait_for_rest(road, seconds=2):
+def wait_for_rest(road, seconds=10):
     """Until the programs of |road| do nothing for a moment, as they do when a load
     has ended and all of it is delivered; or until |seconds| have passed."""
     end = time.monotonic() + seconds
