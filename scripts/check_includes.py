@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """check_includes.py: every #include of ours is one that the table of folders in
 docs/architecture.md allows. Its last column has the folders and single headers
-that the sources of a row's folder may use beside their own. Unit tests and test
-helpers (*_test.cc, *_testing.h) may also use test helpers and the stand-ins for
-the platform. Faults go to standard error and make the exit status 1.
+that the sources of a row's folder may use beside their own. Unit tests, test
+helpers and benchmarks (*_test.cc, *_testing.h, *_bench.cc) may also use test helpers
+and the stand-ins for the platform. Faults go to standard error and make the exit status 1.
 """
 import pathlib
 import re
@@ -37,7 +37,7 @@ def faults_of(source, plan):
     if room is None:
         return [f"{source}: its folder is not in the table"]
     allowed = plan[room] | {room}
-    is_test = source.endswith(("_test.cc", "_testing.h"))
+    is_test = source.endswith(("_test.cc", "_testing.h", "_bench.cc"))
     faults = []
     for header in re.findall(r'^#include "([^"]+)"', (ROOT / source).read_text(), re.M):
         target = room_of(header, plan)

@@ -12,7 +12,7 @@ build=(
   libbluetooth-dev
   # the event loop of the programs beside the daemon
   libasio-dev
-  libgtest-dev libgmock-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
 )
 test=(
   python3 python3-pytest

@@ -1,0 +1,337 @@
+#!/usr/bin/python3
+"""measure.py [--mode quick|full] [--only WORD]... [--base-bin DIR --base NAME] OUT.json
+
+The end-to-end measurements, and the micro benchmarks after them. Makes an internet
+and devices in namespaces of its own, which needs root. Every measurement goes over
+all roads (roads.py) before it is repeated, so that what else the machine does falls
+on all of them. Writes all values to OUT.json, which report.py turns into tables and
+plots. With --base the programs in DIR are measured beside ours; --only takes the
+measurements whose names have one of the words in them.
+"""
+import argparse
+import contextlib
+import datetime
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+import roads
+from roads import Load, bench
+
+NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
+INTERNET = [
+    "mount --make-rprivate /",
+    "mount -t tmpfs run /run",
+    "ip link set lo up",
+    "ip address add 198.51.100.1/24 dev lo",
+    # A new connection for each request uses up ports and waits for none.
+    "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
+]
+# Without these the second run of new connections waits for ports of the first.
+DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
+                   "net.ipv4.tcp_max_tw_buckets=1000"]
+REQUEST = {"up": 100, "down": 1024}
+IDLE_CONNECTIONS = 1000
+SLOW = "rate=2Mbit,delay=30ms"
+DELAYS_MS = [1, 2, 5, 10, 20, 50, 100]
+# 20 times what a stream has in flight, so that the last answer hardly counts.
+WINDOWS = 20 * 8 * 4096
+MODES = {"quick": {"seconds": 0.3, "repeats": 1, "micro_seconds": 0.02},
+         "full": {"seconds": 1.5, "repeats": 3, "micro_seconds": 0.2}}
+
+
+class Results:
+    """{(measure, road, figure): all its values}; a figure's name ends in its unit."""
+
+    def __init__(self):
+        self.values = {}
+
+    def add(self, measure, road, figures):
+        for figure, value in figures.items():
+            self.values.setdefault((measure, road, figure), []).append(value)
+
+    def as_list(self):
+        return [{"measure": measure, "road": road, "figure": figure, "values": values}
+                for (measure, road, figure), values in self.values.items()]
+
+
+def progress(text):
+    if sys.stderr.isatty():
+        print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
+
+
+# What one road is asked to do. Each returns {figure: value}.
+
+def run_load(road, kind, seconds, **options):
+    load = Load(road, kind, seconds=seconds, **options)
+    try:
+        return json.loads(load.result(seconds + 60))
+    finally:
+        load.close()
+
+
+def bulk(road, seconds, direction, streams):
+    unit = max(2 ** 26 // streams, 2 ** 18)
+    sizes = {"up": 0, "down": 1, direction: unit}
+    before = road.used_seconds()
+    result = run_load(road, "run", seconds, clients=streams, **sizes)
+    roads.wait_for_rest(road)
+    used = road.used_seconds()
+    moved = result["exchanges"] * unit
+    figures = {f"{role} s/GB": (used[role] - before[role]) / moved * 1e9
+               for role in used} if moved else {}
+    return {"MB/s": moved / result["seconds"] / 1e6, "failures": result["failures"], **figures}
+
+
+def requests(road, seconds, clients=1, **options):
+    result = run_load(road, "run", seconds, clients=clients, **REQUEST, **options)
+    return {"requests/s": result["exchanges"] / result["seconds"],
+            "median us": result["median_us"], "p99 us": result["p99_us"],
+            "failures": result["failures"]}
+
+
+def requests_beside_bulk(road, seconds):
+    load = Load(road, "run", seconds=seconds + 1, up=0, down=2 ** 20)
+    try:
+        figures = requests(road, seconds)
+        result = json.loads(load.result(90))
+    finally:
+        load.close()
+    return {**figures, "bulk MB/s": result["exchanges"] * 2 ** 20 / result["seconds"] / 1e6}
+
+
+def requests_beside_idle(road, seconds):
+    """On a road that has carried nothing yet also what a connection costs in memory:
+    later the programs use again what earlier loads have left."""
+    resident = {role: roads.resident_bytes(pids) for role, pids in road.pids().items()}
+    idle = Load(road, "hold", clients=IDLE_CONNECTIONS, **REQUEST)
+    try:
+        idle.wait_ready()
+        memory = {f"{role} B/connection":
+                  (roads.resident_bytes(pids) - resident[role]) / IDLE_CONNECTIONS
+                  for role, pids in road.pids().items()}
+        figures = requests(road, seconds)
+    finally:
+        idle.close()
+    roads.wait_for_rest(road)
+    if road.is_fresh:
+        figures.update(memory)
+        road.is_fresh = False
+    return figures
+
+
+def datagrams(road, seconds, clients):
+    before = road.used_seconds()
+    result = run_load(road, "query", seconds, clients=clients, up=64)
+    used = road.used_seconds()
+    return {"queries/s": result["exchanges"] / result["seconds"],
+            "median us": result["median_us"], "failures": result["failures"],
+            **{f"{role} us/query": (used[role] - before[role]) / result["exchanges"] * 1e6
+               for role in used}}
+
+
+def burst(road, _seconds):
+    """Connections made all at once; those that got their answer in 10 s."""
+    result = run_load(road, "run", 0, clients=256, **REQUEST)
+    return {"of 256": result["exchanges"], "last ms": result["max_us"] / 1000}
+
+
+def at_rest(road, _seconds):
+    """Before anything else: memory, and work where there is nothing to do."""
+    roads.wait_for_rest(road)
+    before = road.used_seconds()
+    time.sleep(1)
+    used = road.used_seconds()
+    return {**{f"{role} resident KiB": roads.resident_bytes(pids) / 1024
+               for role, pids in road.pids().items()},
+            **{f"{role} ms/s at rest": (used[role] - before[role]) * 1000 for role in used}}
+
+
+def link_bytes(road, _seconds):
+    """Bytes on the link, both ways, for each byte of the applications."""
+    figures = {}
+    for name, kind, options in [("bulk down", "run", {"up": 0, "down": 2 ** 24}),
+                                ("bulk up", "run", {"up": 2 ** 24, "down": 1}),
+                                ("requests, new", "run", {**REQUEST, "new": True}),
+                                ("datagrams of 64", "query", {"up": 64, "down": 64})]:
+        before = road.link_bytes()
+        result = run_load(road, kind, 0, **options)
+        roads.wait_for_rest(road)
+        payload = (options["up"] + options["down"] + 16 * (kind == "run")) * result["exchanges"]
+        figures[name] = (road.link_bytes() - before) / payload
+    return figures
+
+
+def slow_link(road, direction):
+    """A request every now and then, alone and beside a stream that fills the link."""
+    alone = requests(road, 2)
+    sizes = {"up": 0, "down": 1, direction: 2 ** 15}
+    load = Load(road, "run", seconds=6, **sizes)
+    try:
+        beside = requests(road, 4)
+        result = json.loads(load.result(90))
+    finally:
+        load.close()
+    return {"alone median ms": alone["median us"] / 1000,
+            "beside median ms": beside["median us"] / 1000,
+            "beside p99 ms": beside["p99 us"] / 1000,
+            "bulk kB/s": result["exchanges"] * 2 ** 15 / result["seconds"] / 1e3}
+
+
+def rate_with_delay(road, direction):
+    result = run_load(road, "run", 1, **{"up": 0, "down": 1, direction: WINDOWS})
+    return {"kB/s": result["exchanges"] * WINDOWS / result["seconds"] / 1e3}
+
+
+MEASURES = {
+    "at rest": at_rest,
+    f"requests beside {IDLE_CONNECTIONS} idle": requests_beside_idle,
+    **{f"bulk {direction}, {streams} stream{'s' * (streams > 1)}":
+       lambda road, seconds, d=direction, n=streams: bulk(road, seconds, d, n)
+       for direction in ("down", "up") for streams in (1, 16, 256)},
+    "requests, kept connection": requests,
+    "requests, new connections": lambda road, seconds: requests(road, seconds, new=True),
+    "requests, 16 clients": lambda road, seconds: requests(road, seconds, 16),
+    "requests, 16 clients, new": lambda road, seconds: requests(road, seconds, 16, new=True),
+    "requests beside bulk": requests_beside_bulk,
+    "datagrams, 1 client": lambda road, seconds: datagrams(road, seconds, 1),
+    "datagrams, 16 clients": lambda road, seconds: datagrams(road, seconds, 16),
+    "256 connections at once": burst,
+    "bytes on the link per byte": link_bytes,
+}
+ONCE = ["at rest", "256 connections at once", "bytes on the link per byte"]
+FULL_ONLY = ["256 connections at once"]
+
+
+def is_possible(measure, road):
+    if measure.startswith("datagrams"):
+        return road.has_datagrams
+    return measure != "bytes on the link per byte" or isinstance(road, roads.VantrelRoad)
+
+
+def measure_roads(options, mode, directory, results):
+    made = []
+    with contextlib.ExitStack() as stack:
+        for name, make in road_makers(options):
+            try:
+                road = make(name, directory / f"road{len(made)}")
+            except roads.Missing as reason:
+                print(f"skipped: {name}: {reason}", file=sys.stderr)
+                continue
+            stack.callback(road.close)
+            road.device.run(*DEVICE_SETTINGS)
+            made.append(road)
+        for measure, action in MEASURES.items():
+            if not is_wanted(options, measure) or (
+                    measure in FULL_ONLY and options.mode == "quick"):
+                continue
+            for _ in range(1 if measure in ONCE else mode["repeats"]):
+                for road in filter(lambda road: is_possible(measure, road), made):
+                    progress(f"{measure}: {road.name}")
+                    results.add(measure, road.name, action(road, mode["seconds"]))
+    return [road.name for road in made]
+
+
+def road_makers(options):
+    """(name, constructor of (name, directory)) in the order of the tables."""
+    def vantrel(protocol, **kwargs):
+        return lambda name, directory: roads.VantrelRoad(name, directory, protocol, **kwargs)
+
+    makers = [("direct", roads.CableRoad), ("vantrel 5", vantrel("5")),
+              ("vantrel 20", vantrel("20"))]
+    if options.base:
+        for protocol in "5", "20":
+            makers.append((f"vantrel {protocol} at {options.base}",
+                           vantrel(protocol, bin_dir=options.base_bin)))
+    makers += [("vantrel 20, relayed", vantrel("20", relayed=True)),
+               ("transparent proxy", roads.ProxyRoad), ("ssh tunnel", roads.SshRoad)]
+    return makers
+
+
+def measure_slow_links(options, directory, results):
+    """On links of their own, one after the other: they are made for one figure."""
+    wanted = [("slow link, " + direction, SLOW, lambda road, d=direction: slow_link(road, d))
+              for direction in ("down", "up")]
+    if options.mode == "full":
+        wanted += [(f"rate with delay, {direction}, {rate or 'no limit'}, {delay} ms",
+                    f"{rate and f'rate={rate},'}delay={delay}ms",
+                    lambda road, d=direction: rate_with_delay(road, d))
+                   for rate in ("", "2Mbit") for delay in DELAYS_MS for direction in ("down", "up")]
+    for number, (measure, shape, action) in enumerate(wanted):
+        if not is_wanted(options, measure):
+            continue
+        progress(measure)
+        road = roads.VantrelRoad("vantrel 20", directory / f"slow{number}", "20", shape=shape)
+        try:
+            results.add(measure, road.name, action(road))
+        finally:
+            road.close()
+
+
+def measure_micro(options, mode, results):
+    for program in sorted(Load.PROGRAM.parent.glob("*_bench")):
+        if not is_wanted(options, "micro " + program.name):
+            continue
+        progress(program.name)
+        out = subprocess.run(
+            [program, f"--benchmark_min_time={mode['micro_seconds']}", "--benchmark_format=json"],
+            check=True, capture_output=True, text=True, timeout=300).stdout
+        for run in json.loads(out)["benchmarks"]:
+            assert not run.get("error_occurred"), run
+            figures = {"ns": run["cpu_time"]}
+            if "bytes_per_second" in run:
+                figures["MB/s"] = run["bytes_per_second"] / 1e6
+            results.add(f"micro {program.name.removesuffix('_bench')}", run["name"], figures)
+
+
+def is_wanted(options, measure):
+    return not options.only or any(word in measure for word in options.only)
+
+
+def about_machine():
+    processor = [line.split(":")[1].strip()
+                 for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+                 if line.startswith("model name")]
+    commit = subprocess.run(["git", "-C", roads.SOURCE_DIR, "describe", "--always", "--dirty"],
+                            capture_output=True, text=True, check=False).stdout.strip()
+    return {"when": datetime.datetime.now().isoformat(" ", "minutes"), "commit": commit,
+            "processors": len(processor), "processor": processor[0] if processor else "",
+            "kernel": os.uname().release, "load before": os.getloadavg()[0]}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[1])
+    parser.add_argument("--mode", choices=MODES, default="quick")
+    parser.add_argument("--only", action="append", metavar="WORD")
+    parser.add_argument("--base-bin", type=pathlib.Path, metavar="DIR")
+    parser.add_argument("--base", metavar="NAME")
+    parser.add_argument("out", type=pathlib.Path, metavar="OUT.json")
+    options = parser.parse_args()
+    if "VANTREL_BENCH" not in os.environ:
+        os.environ["VANTREL_BENCH"] = "root"
+        os.environ["PATH"] += ":/usr/sbin:/sbin"
+        os.execvp("unshare", ["unshare", *NAMESPACES, sys.executable, *sys.argv])
+    for command in INTERNET:
+        subprocess.run(command.split(), check=True)
+    mode = MODES[options.mode]
+    results = Results()
+    about = {**about_machine(), "mode": options.mode, "base": options.base}
+    server = roads.start_server()
+    try:
+        with tempfile.TemporaryDirectory() as name:
+            about["roads"] = measure_roads(options, mode, pathlib.Path(name), results)
+            measure_slow_links(options, pathlib.Path(name), results)
+    finally:
+        bench.end_process(server)
+        server.stdout.close()
+    measure_micro(options, mode, results)
+    progress("")
+    options.out.write_text(json.dumps({**about, "results": results.as_list()}, indent=1))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,288 @@
+"""The roads that traffic of a device can take to the internet: vantrel, what a user
+might choose instead, and a plain connection. Each is a device in namespaces of its
+own with the programs that the road needs, all of them at rest until traffic comes.
+"""
+import contextlib
+import os
+import pathlib
+import resource
+import shutil
+import subprocess
+import sys
+import time
+
+SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(SOURCE_DIR / "tests"))
+import bench  # noqa: E402 the line before is what finds it
+
+SERVER_ADDRESS, SERVER_PORT = "198.51.100.80", 7000
+GATEWAY = "10.99.{}.1"  # the internet's end of a device's cable, by number
+
+
+class Missing(Exception):
+    """A program of this road is not installed; the text says which."""
+
+
+def find_program(name):
+    path = shutil.which(name, path=os.environ["PATH"] + ":/usr/sbin:/sbin")
+    if not path:
+        raise Missing(f"{name} is not installed")
+    return path
+
+
+def threads_of(pid):
+    return [path.name for path in pathlib.Path(f"/proc/{pid}/task").iterdir()]
+
+
+def with_children(pid):
+    """|pid| and every process that it or one of those has started."""
+    pids = [pid]
+    with contextlib.suppress(OSError):
+        for thread in threads_of(pid):
+            children = pathlib.Path(f"/proc/{pid}/task/{thread}/children").read_text()
+            for child in children.split():
+                pids += with_children(int(child))
+    return pids
+
+
+def processor_seconds(pids):
+    """Of threads that still live; what works here starts none for a moment only."""
+    nanoseconds = 0
+    for pid in pids:
+        with contextlib.suppress(OSError):
+            for thread in threads_of(pid):
+                text = pathlib.Path(f"/proc/{pid}/task/{thread}/schedstat").read_text()
+                nanoseconds += int(text.split()[0])
+    return nanoseconds / 1e9
+
+
+def resident_bytes(pids):
+    return sum(int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1])
+               for pid in pids) * resource.getpagesize()
+
+
+class Road:
+    """|name| is how tables call it."""
+
+    has_datagrams = False
+    is_fresh = True  # it has carried nothing yet; whoever asks clears it
+    server = (SERVER_ADDRESS, SERVER_PORT)  # where its clients connect to
+
+    def __init__(self, name, directory):
+        self.name = name
+        self.dir = directory
+        self.device = bench.Device(directory, debuggable=True)
+        self._processes = {}
+
+    def start(self, role, args, **kwargs):
+        """A program of the road, whose processor time is then told under |role|."""
+        with open(self.dir / f"{role}.out", "wb") as out:
+            process = subprocess.Popen(list(map(str, args)), stdin=kwargs.pop(
+                "stdin", subprocess.DEVNULL), stdout=out, stderr=out, **kwargs)
+        self._processes[role] = process
+        return process
+
+    def output(self, role):
+        return (self.dir / f"{role}.out").read_text()
+
+    def pids(self):
+        """{role: its processes}."""
+        return {role: with_children(process.pid) for role, process in self._processes.items()}
+
+    def used_seconds(self):
+        return {role: processor_seconds(pids) for role, pids in self.pids().items()}
+
+    def close(self):
+        for process in reversed(self._processes.values()):
+            bench.end_process(process)
+        self.device.close()
+
+
+def may_reach_internet(bin_dir):
+    """The companion's option that opens the test network to devices, where it has it."""
+    usage = subprocess.run([bin_dir / "vantrel-companion", "--help"], capture_output=True,
+                           text=True, check=True).stdout
+    return ["--allow", "198.51.100.0/24"] if "--allow " in usage else []
+
+
+class VantrelRoad(Road):
+    """The daemon, started by the launcher, and the companion on a local link. With
+    |shape|, or when |relayed|, the launcher stays between them."""
+
+    has_datagrams = True
+
+    def __init__(self, name, directory, protocol, relayed=False, shape=None,
+                 bin_dir=bench.BIN_DIR):
+        super().__init__(name, directory)
+        link = directory / "link"
+        relayed = relayed or shape
+        environment = {**os.environ, "VANTREL_LOG_FILE": str(directory / "daemon.log")}
+        self.start("companion", [
+            bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", f"unix:{link}",
+            *([] if relayed else ["--header"]), *may_reach_internet(bin_dir)])
+        bench.wait_until(link.exists, "the companion")
+        options = ["--shape", shape] if shape else [] if relayed else ["--direct"]
+        self._launcher = self.start("launcher", self.device.command([
+            bin_dir / "vantrel-launch", "--protocol", protocol, "--daemon", bin_dir / "vantrel",
+            *options, f"unix:{link}"]), env=environment)
+        bench.wait_until(lambda: "started" in self.output("launcher"), "the daemon")
+
+    def pids(self):
+        """The daemon is the launcher's child."""
+        pids = super().pids()
+        daemons = [pid for pid in pids["launcher"] if self._is_daemon(pid)]
+        pids["launcher"] = [pid for pid in pids["launcher"] if pid not in daemons]
+        return {"daemon": daemons, **pids}
+
+    @staticmethod
+    def _is_daemon(pid):
+        return pathlib.Path(f"/proc/{pid}/comm").read_text() == "vantrel\n"
+
+    def link_bytes(self):
+        """What the daemon has received and sent on the link, as its dump says."""
+        args = ["vantrelctl", "dump", "--log", self.dir / "daemon.log"]
+        dump = self.device.run(bench.BIN_DIR / args[0], *args[1:]).stdout
+        fields = dict(line.split(":", 1) for line in dump.splitlines() if ":" in line)
+        fields = {key.split()[-1]: value for key, value in fields.items() if key.strip()}
+        return int(fields["rx_bytes"]) + int(fields["tx_bytes"])
+
+
+class CableRoad(Road):
+    """A plain connection: a virtual Ethernet cable from device to internet."""
+
+    count = 0  # of cables
+
+    def __init__(self, name, directory):
+        super().__init__(name, directory)
+        number = CableRoad.count = CableRoad.count + 1
+        self.gateway = GATEWAY.format(number)
+        holder = self.device.command(["true"])[1].split("=")[1]
+        for command in [
+                f"ip link add cable{number} type veth peer name cable netns {holder}",
+                f"ip address add {self.gateway}/30 dev cable{number}",
+                f"ip link set cable{number} up"]:
+            subprocess.run(command.split(), check=True)
+        for command in ["ip route delete local default dev lo",
+                        f"ip address add {GATEWAY[:-1].format(number)}2/30 dev cable",
+                        "ip link set cable up",
+                        f"ip route add default via {self.gateway}"]:
+            self.device.run(*command.split())
+        self.has_datagrams = type(self) is CableRoad
+
+
+class ProxyRoad(CableRoad):
+    """haproxy on the device as a transparent proxy: the rules bring it every
+    connection, and it makes the connection to where the application wanted."""
+
+    # Its own connections are another user's, so that no rule takes them again.
+    CONFIGURATION = f"""
+global
+  uid {bench.BROWSER_UID}
+  nbthread 1
+  maxconn 5000
+defaults
+  mode tcp
+  timeout connect 10s
+  timeout client 1h
+  timeout server 1h
+listen proxy
+  bind 127.0.0.1:12345
+  server original 0.0.0.0
+"""
+
+    def __init__(self, name, directory):
+        program = find_program("haproxy")
+        super().__init__(name, directory)
+        configuration = directory / "haproxy.cfg"
+        configuration.write_text(self.CONFIGURATION)
+        process = self.start("proxy", self.device.command(
+            [program, "-db", "-f", configuration]))
+        self.device.run(*"iptables-legacy -w -t nat -A OUTPUT -p tcp -m owner !".split(),
+                        "--uid-owner", bench.BROWSER_UID,
+                        *"-d 198.51.100.0/24 -j REDIRECT --to-ports 12345".split())
+        bench.wait_until(lambda: ":12345" in self.device.run("ss", "-Hlnt").stdout, "haproxy")
+        assert process.poll() is None, self.output("proxy")
+
+
+class SshRoad(CableRoad):
+    """An ssh client on the device that forwards one port to the server."""
+
+    server = ("127.0.0.1", SERVER_PORT)
+
+    def __init__(self, name, directory):
+        server, client = find_program("sshd"), find_program("ssh")
+        super().__init__(name, directory)
+        for key in "host_key", "user_key":
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / key],
+                           check=True)
+        pathlib.Path("/run/sshd").mkdir(exist_ok=True)  # in a /run of our own
+        self.start("sshd", [
+            server, "-D", "-e", "-f", "/dev/null", "-p", "2222", "-h", directory / "host_key",
+            "-o", f"ListenAddress={self.gateway}", "-o", "StrictModes=no", "-o", "PidFile=none",
+            "-o", f"AuthorizedKeysFile={directory}/user_key.pub",
+            "-o", "PermitRootLogin=yes"])
+        bench.wait_until(lambda: "listening" in self.output("sshd"), "sshd")
+        self.start("ssh", self.device.command([
+            client, "-N", "-F", "none", "-i", directory / "user_key", "-p", "2222",
+            "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
+            "-o", "ExitOnForwardFailure=yes",
+            "-L", "127.0.0.1:{}:{}:{}".format(self.server[1], *Road.server),
+            f"root@{self.gateway}"]))
+        bench.wait_until(
+            lambda: f"127.0.0.1:{self.server[1]}" in self.device.run("ss", "-Hlnt").stdout, "ssh")
+
+
+class Load:
+    """What |road|'s device asks of the server, see load.cc."""
+
+    PROGRAM = bench.BIN_DIR.parent / "bench-bin/load"
+
+    def __init__(self, road, kind, **options):
+        args = [self.PROGRAM, kind, "--address", road.server[0], "--port", road.server[1]]
+        for name, value in options.items():
+            args += [f"--{name}"] if value is True else [f"--{name}", value]
+        self.process = subprocess.Popen(
+            road.device.command(args), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, text=True)
+
+    def wait_ready(self):
+        line = self.process.stdout.readline()
+        assert line == "ready\n", self.process.stderr.read()
+
+    def result(self, seconds):
+        """What it prints at its end; ends it after |seconds|."""
+        try:
+            out, errors = self.process.communicate(timeout=seconds)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.communicate()
+            raise
+        assert self.process.returncode == 0, errors
+        return out
+
+    def close(self):
+        self.process.stdin.close()
+        bench.end_process(self.process)
+        self.process.stdout.close()
+        self.process.stderr.close()
+
+
+def start_server():
+    """The internet's end of all loads, in the network of the caller."""
+    process = subprocess.Popen(
+        [Load.PROGRAM, "serve", "--address", SERVER_ADDRESS, "--port", str(SERVER_PORT)],
+        stdout=subprocess.PIPE)
+    assert process.stdout.readline() == b"ready\n"
+    return process
+
+
+def wait_for_rest(road, seconds=10):
+    """Until the programs of |road| do nothing for a moment, as they do when a load
+    has ended and all of it is delivered; or until |seconds| have passed."""
+    end = time.monotonic() + seconds
+    used = road.used_seconds()
+    while time.monotonic() < end:
+        time.sleep(0.05)
+        before, used = used, road.used_seconds()
+        if sum(used.values()) - sum(before.values()) < 0.0005:
+            return
