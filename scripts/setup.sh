@@ -6,9 +6,10 @@ set -euo pipefail
 packages=(
   # build
   cmake ninja-build g++ clang
-  # libraries: wire messages, command lines, JSON records, Bluetooth addresses
+  # libraries: wire messages, command lines, JSON records, Bluetooth addresses,
+  # event loop
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
-  libbluetooth-dev
+  libbluetooth-dev libasio-dev
   # checks: unit tests, sanitizers (with readable stacks), format, tidy
   libgtest-dev libgmock-dev llvm clang-format clang-tidy git
   # end-to-end tests

@@ -47,10 +47,11 @@ _vantrel_launch() {
     --daemon | --capture | --metrics | --lock) _vantrel_file ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
+    --security) _vantrel_words low medium high ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every --lock
+          --direct --capture --shape --json --metrics --stats-every --lock --security
       else
         _vantrel_link "unix: tcp: rfcomm: fd:"
       fi ;;
