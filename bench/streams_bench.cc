@@ -32,7 +32,7 @@ class BenchConduit : public FakeConduit {
     out->assign(kChunkBytes, 'x');
     return true;
   }
-  void Write(const std::string& data) override { received += data.size(); }
+  void Write(std::string data) override { received += data.size(); }
 
   int waiting = 0;
   size_t received = 0;

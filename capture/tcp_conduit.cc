@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "capture/original_destination.h"
@@ -88,9 +89,11 @@ void TcpConduit::FindOwner() {
 }
 
 void TcpConduit::OnReadReady() {
-  char chunk[kChunkBytes];
-  do {
-    const int count = Read(chunk, sizeof(chunk));
+  // One read for all the chunks that there is room for.
+  char bytes[kMaxQueuedChunks * kChunkBytes];
+  while (read_queue_.size() < kMaxQueuedChunks) {
+    const size_t room = (kMaxQueuedChunks - read_queue_.size()) * kChunkBytes;
+    const int count = Read(bytes, room);
     if (count == 0) {
       LOGD("[T:%u] Local application closed connection; closing stream.", id_);
       SetClosed();
@@ -105,11 +108,17 @@ void TcpConduit::OnReadReady() {
       }
       return;
     }
-    rx_bytes_ += static_cast<uint32_t>(count);
-    read_queue_.emplace_back(chunk, count);
-    link_.OnTcpDataAvailable();
-  } while (read_queue_.size() < kMaxQueuedChunks);
+    QueueChunks(bytes, static_cast<size_t>(count));
+  }
   reactor_.Unregister(*this, Reactor::kRead);
+}
+
+void TcpConduit::QueueChunks(const char* bytes, size_t count) {
+  rx_bytes_ += static_cast<uint32_t>(count);
+  for (size_t done = 0; done < count; done += kChunkBytes) {
+    read_queue_.emplace_back(bytes + done, std::min(kChunkBytes, count - done));
+    link_.OnTcpDataAvailable();
+  }
 }
 
 void TcpConduit::OnWriteReady() {
@@ -140,9 +149,9 @@ void TcpConduit::SetClosed() {
 
 void TcpConduit::HandleWriteAck() { ++send_credit_; }
 
-void TcpConduit::Write(const std::string& data) {
+void TcpConduit::Write(std::string data) {
   if (write_buffer_.IsEmpty()) reactor_.Register(*this, Reactor::kWrite);
-  write_buffer_.Append(data);
+  write_buffer_.Append(std::move(data));
 }
 
 void TcpConduit::Close() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <deque>
@@ -45,7 +46,7 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
 
   // Adds one to the send credit; it has no upper bound.
   void HandleWriteAck() override;
-  void Write(const std::string& data) override;
+  void Write(std::string data) override;
   void Close() override;  // deletes this, at once or when all is written
   unsigned int GetId() const override { return id_; }
   HostAndPort GetRemote() const override { return remote_; }
@@ -63,6 +64,8 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   // who binds another may have taken the port of another application, and
   // would pass for it.
   bool IsFromApplicationAddress() const;
+  // |count| bytes from the application, for the link to take.
+  void QueueChunks(const char* bytes, size_t count);
   // Ends the application's side: the link learns of it when it next asks for
   // data, and closes the stream.
   void SetClosed();

@@ -4,7 +4,6 @@
 #include <binder/IPermissionController.h>
 #include <binder/IServiceManager.h>
 #include <errno.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,45 +40,39 @@ LruCache<Flow, std::pair<unsigned int, timespec>> datagram_owners(
 // rows of /proc/net/tcp up to that socket's own. |owners| receives the owner of
 // each application port seen on the way. Without such a row this is the remote
 // port of the table's last row, or 0.
-uint16_t FindSourcePort(FILE* tcp, ino_t inode,
+uint16_t FindSourcePort(SocketTable* tcp, ino_t inode,
                         std::map<uint16_t, unsigned int>* owners) {
-  uint32_t address;
-  uint16_t port;
-  uint16_t remote_port = 0;
-  unsigned int uid;
-  unsigned long row_inode;
-  while (fscanf(tcp,
-                "%*s %08X:%04hX %*08X:%04hX %*s %*s %*s %*s %u %*s %lu "
-                "%*[^\n]\n",
-                &address, &port, &remote_port, &uid, &row_inode) == 5) {
-    if (address == htonl(kApplicationAddress)) {
-      owners->emplace(port, uid);
-    } else if (row_inode == inode) {
+  tcp_row_t row;
+  while (tcp->Next(&row)) {
+    if (row.address == htonl(kApplicationAddress)) {
+      owners->emplace(row.port, row.uid);
+    } else if (row.inode == inode) {
       break;
     }
   }
-  return remote_port;
+  return row.remote_port;
 }
 
 // The owner of the application's socket on |port| in the rows of
 // /proc/net/tcp that are left.
-bool FindTcpOwner(FILE* tcp, uint16_t port, unsigned int* uid) {
-  uint32_t address;
-  uint16_t row_port;
-  while (fscanf(tcp, "%*s %08X:%04hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                &address, &row_port, uid) == 3) {
-    if (address == htonl(kApplicationAddress) && row_port == port) return true;
+bool FindTcpOwner(SocketTable* tcp, uint16_t port, unsigned int* uid) {
+  tcp_owner_row_t row;
+  while (tcp->Next(&row)) {
+    if (row.address == htonl(kApplicationAddress) && row.port == port) {
+      *uid = row.uid;
+      return true;
+    }
   }
   return false;
 }
 
 // The same in /proc/net/tcp6, for an application that uses an IPv6 socket.
-bool FindTcp6Owner(FILE* tcp6, uint16_t port, unsigned int* uid) {
-  char address[33];
-  uint16_t row_port;
-  while (fscanf(tcp6, "%*s %32[^:]:%hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                address, &row_port, uid) == 3) {
-    if (strcmp(address, kMappedApplicationAddress) == 0 && row_port == port) {
+bool FindTcp6Owner(SocketTable* tcp6, uint16_t port, unsigned int* uid) {
+  tcp6_owner_row_t row;
+  while (tcp6->Next(&row)) {
+    if (strcmp(row.address, kMappedApplicationAddress) == 0 &&
+        row.port == port) {
+      *uid = row.uid;
       return true;
     }
   }
@@ -124,7 +117,7 @@ unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
     LOGE("Error stat'ing socket: %s", strerror(errno));
     return kUidNotFound;
   }
-  ScopedFile tcp = OpenSocketTable("tcp");
+  std::unique_ptr<SocketTable> tcp = SocketTable::Open("tcp");
   if (!tcp) return kUidNotFound;
   std::map<uint16_t, unsigned int> owners;
   const uint16_t port = FindSourcePort(tcp.get(), status.st_ino, &owners);
@@ -134,7 +127,7 @@ unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
   unsigned int uid;
   if (FindTcpOwner(tcp.get(), port, &uid)) return uid;
   tcp.reset();
-  const ScopedFile tcp6 = OpenSocketTable("tcp6");
+  const std::unique_ptr<SocketTable> tcp6 = SocketTable::Open("tcp6");
   if (!tcp6) return kUidNotFound;
   return FindTcp6Owner(tcp6.get(), port, &uid) ? uid : kUidNotFound;
 }
@@ -156,49 +149,41 @@ unsigned int UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,
 
 unsigned int UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
                                                     const HostAndPort& remote) {
+  const std::unique_ptr<SocketTable> udp = SocketTable::Open("udp");
+  if (!udp) return kUidNotFound;
   // The table stays open, unlike in the IPv6 scan; kept for compatibility.
-  // Each look-up costs one descriptor and one stdio buffer, so the daemon needs
-  // a high limit of open files.
-  FILE* const udp = OpenSocketTable("udp").release();
-  if (udp == nullptr) return kUidNotFound;
+  // Each look-up costs one descriptor, so the daemon needs a high limit of open
+  // files.
+  udp->KeepOpen();
   OwnerOfMatches owner;
-  uint32_t address;
-  uint32_t remote_address;
-  uint16_t port;
-  uint16_t remote_port;
-  unsigned int uid;
-  while (fscanf(udp, "%*s %08X:%04hX %08X:%04hX %*s %*s %*s %*s %u %*[^\n]\n",
-                &address, &port, &remote_address, &remote_port, &uid) == 5) {
+  udp_row_t row;
+  while (udp->Next(&row)) {
     const bool matches =
-        HostAndPort(IpAddress::FromIPv4NetworkBytes(address), port) == local &&
-        HostAndPort(IpAddress::FromIPv4NetworkBytes(remote_address),
-                    remote_port) == remote;
-    if (matches && !owner.Add(uid)) break;
+        HostAndPort(IpAddress::FromIPv4NetworkBytes(row.address), row.port) ==
+            local &&
+        HostAndPort(IpAddress::FromIPv4NetworkBytes(row.remote_address),
+                    row.remote_port) == remote;
+    if (matches && !owner.Add(row.uid)) break;
   }
   return owner.Get();
 }
 
 unsigned int UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
                                                     const HostAndPort& remote) {
-  const ScopedFile udp6 = OpenSocketTable("udp6");
+  const std::unique_ptr<SocketTable> udp6 = SocketTable::Open("udp6");
   if (!udp6) return kUidNotFound;
   OwnerOfMatches owner;
-  char address[33];
-  char remote_address[33];
-  uint16_t port;
-  uint16_t remote_port;
-  unsigned int uid;
-  while (fscanf(udp6.get(),
-                "%*s %32[^:]:%hX %32[^:]:%hX %*s %*s %*s %*s %u %*[^\n]\n",
-                address, &port, remote_address, &remote_port, &uid) == 5) {
+  udp6_row_t row;
+  while (udp6->Next(&row)) {
     // The first 16 characters of each text stand for the address, not their
     // value, so a real IPv6 flow belongs to nobody. Kept for compatibility;
     // datagrams are captured over IPv4 only.
     const bool matches =
-        HostAndPort(IpAddress::FromIPv6NetworkBytes(address), port) == local &&
-        HostAndPort(IpAddress::FromIPv6NetworkBytes(remote_address),
-                    remote_port) == remote;
-    if (matches && !owner.Add(uid)) break;
+        HostAndPort(IpAddress::FromIPv6NetworkBytes(row.address), row.port) ==
+            local &&
+        HostAndPort(IpAddress::FromIPv6NetworkBytes(row.remote_address),
+                    row.remote_port) == remote;
+    if (matches && !owner.Add(row.uid)) break;
   }
   return owner.Get();
 }

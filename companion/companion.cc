@@ -1,109 +1,197 @@
 #include "companion/companion.h"
 
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
-#include <utility>
+#include <algorithm>
+#include <asio/post.hpp>
+#include <chrono>
 
 #include "companion/companion_log.h"
-#include "companion/protocol_v1.h"
-#include "companion/protocol_v2.h"
-#include "link/connection_header.h"
+#include "companion/datagram_flows.h"
 
 namespace vantrel {
 namespace {
 
-std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options) {
-  if (options.protocol == 20) {
-    return std::make_unique<ProtocolV2>(options.build_info);
-  }
-  return std::make_unique<ProtocolV1>(options.protocol);
+// From the signal to the end of the program, with a margin below the 2 s that
+// are promised.
+constexpr std::chrono::milliseconds kStopTime{1500};
+constexpr size_t kMaxStreams = 4096;
+constexpr size_t kMinStreams = 64;
+// What the program needs besides links.
+constexpr size_t kOwnDescriptors = 64;
+
+// Each stream and each flow is a descriptor. A link gets its share of them, so
+// that it can take none away from another.
+size_t GetStreamsPerLink(const Options& options) {
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const size_t links = options.fd ? 1 : options.max_links;
+  const size_t share = static_cast<size_t>(limit.rlim_cur) / links;
+  const size_t others = DatagramFlows::kMaxFlows + kOwnDescriptors;
+  return std::clamp(share, kMinStreams + others, kMaxStreams + others) - others;
 }
 
 }  // namespace
 
-Companion::Companion(Reactor& reactor, const Options& options)
-    : reactor_(reactor),
-      options_(options),
-      relay_(reactor, options.dns_server),
-      ticker_(reactor, WakeSource::OpenSecondsTimer(), [this] { OnTick(); }),
-      hangup_(reactor, WakeSource::OpenSignal(SIGHUP),
-              [this] { ReportNetwork(); }) {}
+Companion::Companion(const Options& options)
+    : options_(options),
+      loop_(1),
+      policy_(options.destination_rules,
+              [this](const IpAddress& address) {
+                return routes_.IsLocal(address);
+              }),
+      max_streams_(GetStreamsPerLink(options)),
+      signals_(loop_, SIGINT, SIGTERM, SIGHUP),
+      ticker_(loop_),
+      watchdog_(loop_),
+      stop_timer_(loop_) {
+  signals_.add(SIGUSR1);
+}
 
 Companion::~Companion() = default;
 
-bool Companion::Start() {
+int Companion::Run() {
   if (options_.fd) {
-    ServeLink(*options_.fd);
-    return true;
+    AddLink(*options_.fd, "inherited");
+  } else if (!OpenListeners()) {
+    return EXIT_FAILURE;
   }
-  listener_ = std::make_unique<LinkListener>(reactor_,
-                                             [this](int fd) { ServeLink(fd); });
-  if (!listener_->Open(*options_.listen)) return false;
-  listener_->Accept();
+  WaitForSignal();
+  StartWatchdog();
+  service_manager_.Notify("READY=1");
+  loop_.run();
+  return has_failed_ ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+bool Companion::OpenListeners() {
+  const LinkListener::settings_t settings = {options_.allows_remote_links,
+                                             options_.security};
+  for (const LinkAddress& address : options_.listen) {
+    listeners_.emplace_back(
+        loop_, [this](int fd, const std::string& peer) { TakeLink(fd, peer); });
+    if (!listeners_.back().Open(address, settings)) return false;
+  }
   return true;
 }
 
-int Companion::Finish() {
-  if (link_ != nullptr) link_->CloseNow("companion is shutting down");
-  return failed_ ? 1 : 0;
+void Companion::TakeLink(int fd, const std::string& peer) {
+  if (CountUp() < options_.max_links || MakeRoom()) return AddLink(fd, peer);
+  ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
+                     "link of %s refused: there are %zu links already",
+                     peer.c_str(), options_.max_links);
+  close(fd);
 }
 
-void Companion::ServeLink(int fd) {
-  Log("link connected");
-  handshake_done_ = false;
-  link_ =
-      std::make_unique<DeviceLink>(reactor_, fd, MakeProtocol(options_), *this);
-  relay_.AttachLink(link_.get());
-  if (options_.send_header) {
-    connection_header_t header;
-    header.max_tx_size = options_.max_tx_size;
-    link_->Send(EncodeConnectionHeader(header));
+void Companion::AddLink(int fd, const std::string& peer) {
+  const uint32_t id = ++last_id_;
+  ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
+                     id, peer.c_str());
+  auto link = std::make_unique<DeviceLink>(
+      loop_, fd, DeviceLink::settings_t{id, max_streams_}, options_, policy_,
+      [this] { OnLinkChanged(); });
+  DeviceLink& added = *link;
+  links_.emplace(id, std::move(link));
+  added.Start();
+  StartTicking();
+}
+
+size_t Companion::CountUp() const {
+  return static_cast<size_t>(
+      std::count_if(links_.begin(), links_.end(),
+                    [](const auto& entry) { return entry.second->IsUp(); }));
+}
+
+bool Companion::MakeRoom() {
+  const SteadyTime now = GetSteadyTime();
+  for (const auto& entry : links_) {
+    if (!entry.second->IsSilent(now)) continue;
+    entry.second->Close("silent, and there is no room for another link");
+    return true;
   }
-  link_->Begin();
+  return false;
 }
 
-void Companion::OnLinkEvent(const LinkEvent& event) {
-  switch (event.type) {
-    case LinkEvent::Type::kReady:
-      Log("link up: %s", ToPrintable(event.text).c_str());
-      handshake_done_ = true;
-      return ReportNetwork();
-    case LinkEvent::Type::kNotice:
-      return Log("%s", event.text.c_str());
-    case LinkEvent::Type::kUnexpected:
-      return Log("unexpected from the device: %s",
-                 ToPrintable(event.text).c_str());
+// Later, since a link that tells of its end is in the middle of it.
+void Companion::OnLinkChanged() {
+  asio::post(loop_, [this] { RemoveLinksThatAreOver(); });
+}
+
+void Companion::RemoveLinksThatAreOver() {
+  for (auto next = links_.begin(); next != links_.end();) {
+    const auto entry = next++;
+    if (!entry->second->IsOver()) continue;
+    has_failed_ = options_.fd && entry->second->HasFailed();
+    links_.erase(entry);
+  }
+  if ((is_stopping_ && CountUp() == 0) || (options_.fd && links_.empty())) {
+    loop_.stop();
+  }
+}
+
+void Companion::WaitForSignal() {
+  signals_.async_wait([this](const asio::error_code& error, int signal) {
+    if (error) return;
+    OnSignal(signal);
+    WaitForSignal();
+  });
+}
+
+void Companion::OnSignal(int signal) {
+  switch (signal) {
+    case SIGHUP:
+      for (const auto& entry : links_) entry.second->ReportNetwork();
+      return;
+    case SIGUSR1:
+      return LogState();
     default:
-      return relay_.OnLinkEvent(event);
+      return Stop();
   }
 }
 
-void Companion::OnLinkRoom() { relay_.Pump(); }
-
-void Companion::OnLinkEnded(bool by_error) {
-  relay_.DetachLink();
-  link_.reset();
-  if (listener_ != nullptr) return listener_->Accept();
-  failed_ = by_error;
-  StopWhenDone();
+void Companion::LogState() {
+  ProgramLog().Write(LogLevel::kInfo, LogKind::kLink,
+                     "state: %zu links up of at most %zu", CountUp(),
+                     options_.max_links);
+  for (const auto& entry : links_) entry.second->LogState();
 }
 
-void Companion::ReportNetwork() {
-  if (!options_.network || link_ == nullptr || !handshake_done_) return;
-  Log("reporting active network %d%s", options_.network->id,
-      options_.network->is_metered ? " (metered)" : "");
-  link_->Send(link_->GetProtocol().EncodeNetworkState(
-      options_.network->id, options_.network->is_metered));
+void Companion::Stop() {
+  if (is_stopping_) return;
+  is_stopping_ = true;
+  service_manager_.Notify("STOPPING=1");
+  listeners_.clear();
+  for (const auto& entry : links_) {
+    entry.second->Close("companion is shutting down");
+  }
+  stop_timer_.expires_after(kStopTime);
+  stop_timer_.async_wait([this](const asio::error_code&) { loop_.stop(); });
+  OnLinkChanged();
 }
 
-void Companion::OnTick() {
-  relay_.OnTick();
-  if (link_ != nullptr) link_->OnTick();
-  if (link_ == nullptr && listener_ == nullptr) StopWhenDone();
+// Only while there are links: nothing else has deadlines.
+void Companion::StartTicking() {
+  if (is_ticking_) return;
+  is_ticking_ = true;
+  ticker_.expires_after(std::chrono::seconds(1));
+  ticker_.async_wait([this](const asio::error_code&) {
+    is_ticking_ = false;
+    const SteadyTime now = GetSteadyTime();
+    for (const auto& entry : links_) entry.second->OnTick(now);
+    if (!links_.empty()) StartTicking();
+  });
 }
 
-void Companion::StopWhenDone() {
-  if (relay_.IsIdle()) reactor_.Stop();
+void Companion::StartWatchdog() {
+  const auto time = ServiceManager::GetWatchdogTime();
+  if (!time) return;
+  watchdog_.expires_after(*time / 2);
+  watchdog_.async_wait([this](const asio::error_code&) {
+    service_manager_.Notify("WATCHDOG=1");
+    StartWatchdog();
+  });
 }
 
 }  // namespace vantrel

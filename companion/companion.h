@@ -1,53 +1,74 @@
 #pragma once
 
-#include <memory>
+#include <stdint.h>
 
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "companion/destination_policy.h"
 #include "companion/device_link.h"
 #include "companion/link_listener.h"
+#include "companion/local_routes.h"
 #include "companion/options.h"
-#include "companion/relay.h"
-#include "companion/wake_source.h"
-#include "reactor/reactor.h"
+#include "companion/service_manager.h"
 
 namespace vantrel {
 
-// The program's parts, wired together: takes one link after the other (or the
-// only one), tells the device about the active network, and connects link and
-// relay. |reactor| and |options| outlive it.
-class Companion : public DeviceLink::Delegate {
+// The program's parts, wired together: listeners, links, signals, the clock of
+// a second, and what the service manager wants to know.
+class Companion {
  public:
-  Companion(Reactor& reactor, const Options& options);
+  // |options| outlive it.
+  explicit Companion(const Options& options);
   Companion(const Companion&) = delete;
   Companion& operator=(const Companion&) = delete;
-  ~Companion() override;
+  ~Companion();
 
-  // False when there is no link and can be none; the reason is logged.
-  [[nodiscard]] bool Start();
-  // After the reactor has returned: says good-bye to a device that is still
-  // connected. The program's exit status is 1 when the only link failed.
-  [[nodiscard]] int Finish();
-
-  void OnLinkEvent(const LinkEvent& event) override;
-  void OnLinkRoom() override;
-  void OnLinkEnded(bool by_error) override;
+  // The program's exit status: 1 when there is no link and can be none, which
+  // is logged, or when the only link has failed.
+  [[nodiscard]] int Run();
 
  private:
-  void ServeLink(int fd);
-  void ReportNetwork();
-  void OnTick();
-  // With only one link: ends the program once nothing is left to deliver.
-  void StopWhenDone();
+  using Links = std::map<uint32_t, std::unique_ptr<DeviceLink>>;
 
-  Reactor& reactor_;
+  // False when one cannot be opened.
+  [[nodiscard]] bool OpenListeners();
+  void TakeLink(int fd, const std::string& peer);
+  void AddLink(int fd, const std::string& peer);
+  size_t CountUp() const;
+  // Ends the link that was silent longest, if there is one that may not be.
+  bool MakeRoom();
+  void OnLinkChanged();
+  void RemoveLinksThatAreOver();
+
+  void WaitForSignal();
+  void OnSignal(int signal);
+  void LogState();
+  void Stop();
+  void StartTicking();
+  void StartWatchdog();
+
   const Options& options_;
-  Relay relay_;
-  std::unique_ptr<LinkListener> listener_;  // null with an inherited link
-  std::unique_ptr<DeviceLink> link_;        // null between links
-  bool handshake_done_ = false;
-  bool failed_ = false;
-  // Last: they call into the others.
-  WakeSource ticker_;
-  WakeSource hangup_;
+  asio::io_context loop_;
+  ServiceManager service_manager_;
+  LocalRoutes routes_;
+  const DestinationPolicy policy_;
+  const size_t max_streams_;  // of one link
+  asio::signal_set signals_;
+  asio::steady_timer ticker_;
+  asio::steady_timer watchdog_;
+  asio::steady_timer stop_timer_;
+  std::list<LinkListener> listeners_;
+  Links links_;
+  uint32_t last_id_ = 0;
+  bool is_ticking_ = false;
+  bool is_stopping_ = false;
+  bool has_failed_ = false;
 };
 
 }  // namespace vantrel

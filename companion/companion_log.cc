@@ -1,39 +1,147 @@
 #include "companion/companion_log.h"
 
+#include <android/log.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/linux/log_sink.h"
 
 namespace vantrel {
 namespace {
 
-bool detail_wanted = false;
-
-// Longer lines are cut.
+// Longer lines are cut. A pipe or socket that says it has room takes as much.
 constexpr size_t kMaxLineBytes = 1024;
 
-void Print(const char* format, va_list arguments) {
-  char message[kMaxLineBytes];
-  vsnprintf(message, sizeof(message), format, arguments);
-  fprintf(stderr, "vantrel-companion: %s\n", message);
+constexpr const char* kLevelNames[] = {"error", "warning", "info", "debug"};
+constexpr const char* kKindNames[] = {"link",    "stream", "datagram",
+                                      "refusal", "device", "library"};
+
+LogLevel wanted_level = LogLevel::kInfo;
+bool is_json = false;
+unsigned lost_lines = 0;
+CompanionLog* library_log = nullptr;
+
+std::string FormatTime() {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc = {};
+  gmtime_r(&now.tv_sec, &utc);
+  char text[64];
+  const size_t length = strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &utc);
+  snprintf(text + length, sizeof(text) - length, ".%03ldZ",
+           now.tv_nsec / 1000000);
+  return text;
+}
+
+std::string FormatJson(LogLevel level, LogKind kind, uint32_t link_id,
+                       const std::string& message) {
+  nlohmann::ordered_json line;
+  line["time"] = FormatTime();
+  line["level"] = kLevelNames[static_cast<size_t>(level)];
+  line["kind"] = kKindNames[static_cast<size_t>(kind)];
+  if (link_id != 0) line["link"] = link_id;
+  line["message"] = message;
+  return line.dump() + "\n";
+}
+
+std::string FormatText(LogLevel level, uint32_t link_id,
+                       const std::string& message) {
+  std::string line = "vantrel-companion: ";
+  if (link_id != 0) line += "link " + std::to_string(link_id) + ": ";
+  if (level <= LogLevel::kWarning) {
+    line += std::string(kLevelNames[static_cast<size_t>(level)]) + ": ";
+  }
+  return line + message + "\n";
+}
+
+bool HasRoom() {
+  pollfd out = {STDERR_FILENO, POLLOUT, 0};
+  return poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0;
+}
+
+void Print(LogLevel level, LogKind kind, uint32_t link_id,
+           const std::string& message) {
+  const std::string text = ToPrintable(message);
+  const std::string line = is_json ? FormatJson(level, kind, link_id, text)
+                                   : FormatText(level, link_id, text);
+  if (!HasRoom() || write(STDERR_FILENO, line.data(), line.size()) < 0) {
+    ++lost_lines;
+    return;
+  }
+  if (lost_lines == 0) return;
+  const std::string count = std::to_string(lost_lines);
+  lost_lines = 0;
+  Print(LogLevel::kWarning, LogKind::kLink, 0,
+        count + " lines were lost: nobody read them");
+}
+
+LogLevel ToLevel(int priority) {
+  if (priority >= ANDROID_LOG_ERROR) return LogLevel::kError;
+  return priority == ANDROID_LOG_WARN ? LogLevel::kWarning : LogLevel::kDebug;
 }
 
 }  // namespace
 
-void SetLogDetail(bool on) { detail_wanted = on; }
-
-void Log(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  Print(format, arguments);
-  va_end(arguments);
+void ConfigureLog(LogLevel level, bool as_json) {
+  wanted_level = level;
+  is_json = as_json;
 }
 
-void LogDetail(const char* format, ...) {
-  if (!detail_wanted) return;
+CompanionLog::~CompanionLog() {
+  for (size_t i = 0; i < kKinds; ++i) {
+    TellLeftOut(static_cast<LogKind>(i), &windows_[i]);
+  }
+}
+
+void CompanionLog::Write(LogLevel level, LogKind kind, const char* format,
+                         ...) {
+  if (level > wanted_level || !Admit(kind, GetSteadyTime())) return;
+  char message[kMaxLineBytes - 100];  // the rest of the line is in front
   va_list arguments;
   va_start(arguments, format);
-  Print(format, arguments);
+  vsnprintf(message, sizeof(message), format, arguments);
   va_end(arguments);
+  Print(level, kind, link_id_, message);
+}
+
+bool CompanionLog::Admit(LogKind kind, SteadyTime now) {
+  window_t& window = windows_[static_cast<size_t>(kind)];
+  if (now - window.began >= kWindow) {
+    TellLeftOut(kind, &window);
+    window = {now, 0, 0};
+  }
+  if (++window.lines <= kMaxLinesPerWindow) return true;
+  ++window.left_out;
+  return false;
+}
+
+void CompanionLog::TellLeftOut(LogKind kind, window_t* window) {
+  if (window->left_out == 0) return;
+  Print(LogLevel::kWarning, kind, link_id_,
+        std::to_string(window->left_out) + " more lines of the kind '" +
+            kKindNames[static_cast<size_t>(kind)] + "' were left out");
+  window->left_out = 0;
+}
+
+CompanionLog& ProgramLog() {
+  static CompanionLog log(0);
+  return log;
+}
+
+LibraryLogScope::LibraryLogScope(CompanionLog& log) { library_log = &log; }
+
+LibraryLogScope::~LibraryLogScope() { library_log = nullptr; }
+
+void CaptureLibraryLog() {
+  SetLogSink([](int priority, const std::string&, const std::string& message) {
+    CompanionLog& log = library_log != nullptr ? *library_log : ProgramLog();
+    log.Write(ToLevel(priority), LogKind::kLibrary, "%s", message.c_str());
+  });
 }
 
 std::string ToPrintable(const std::string& text) {

@@ -1,167 +1,327 @@
 #include "companion/device_link.h"
 
-#include <errno.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <string.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <utility>
 
-#include "companion/companion_log.h"
+#include "companion/protocol_v1.h"
+#include "companion/protocol_v2.h"
+#include "link/connection_header.h"
 
 namespace vantrel {
 namespace {
 
-constexpr size_t kMaxReadBytes = 16384;
+constexpr size_t kReadBytes = 64 * 1024;
+// The device is not read while more answers than this wait for it: one that
+// asks and does not read costs no more memory.
+constexpr size_t kMaxControlBytes = 64 * 1024;
+// Reads and writes before other links have their turn.
+constexpr int kMaxReadsPerTurn = 4;
+constexpr int kMaxWritesPerTurn = 16;
+constexpr size_t kMaxTransfers = 64;
 
-// Each of these makes the link better and none is needed, so a refusal (most
-// are refused where the link is not TCP) is no failure.
-void TuneLink(int fd) {
-  const auto set = [fd](int level, int name, int value) {
-    static_cast<void>(setsockopt(fd, level, name, &value, sizeof(value)));
-  };
-  // A long queue in the kernel would be one that the bounds do not see, and a
-  // person on a slow link would wait behind both.
-  set(SOL_SOCKET, SO_SNDBUF, 16 * 1024);
-  set(IPPROTO_TCP, TCP_NODELAY, 1);
-  // A device that vanished must not keep the next one waiting for ever.
-  set(SOL_SOCKET, SO_KEEPALIVE, 1);
-  set(IPPROTO_TCP, TCP_KEEPIDLE, 20);
-  set(IPPROTO_TCP, TCP_KEEPINTVL, 5);
-  set(IPPROTO_TCP, TCP_KEEPCNT, 4);
+// Of the 40 ms that a message may wait in all on its way to the device: one
+// turn of a flow, what the kernel holds, what waits of datagrams. Above
+// kMaxHold everything is fast enough.
+constexpr std::chrono::milliseconds kTurnTime{8};
+constexpr std::chrono::milliseconds kKernelTime{12};
+constexpr std::chrono::milliseconds kQueueTime{20};
+constexpr size_t kMinTurn = 1024;
+constexpr size_t kMinHold = 2048;
+constexpr size_t kMaxHold = 64 * 1024;
+
+std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
+                                           std::string* control) {
+  if (options.protocol == 20) {
+    return std::make_unique<ProtocolV2>(options.build_info, control);
+  }
+  return std::make_unique<ProtocolV1>(options.protocol, control);
 }
 
 }  // namespace
 
-DeviceLink::DeviceLink(Reactor& reactor, int fd,
-                       std::unique_ptr<LinkProtocol> protocol,
-                       Delegate& delegate)
-    : Socket(fd),
-      reactor_(reactor),
-      protocol_(std::move(protocol)),
-      delegate_(delegate) {
-  TuneLink(fd);
-  reactor_.Register(*this, Reactor::kRead);
+DeviceLink::DeviceLink(asio::io_context& loop, int fd,
+                       const settings_t& settings, const Options& options,
+                       const DestinationPolicy& policy,
+                       std::function<void()> on_change)
+    : options_(options),
+      log_(settings.id),
+      on_change_(std::move(on_change)),
+      protocol_(MakeProtocol(options, scheduler_.GetControl())),
+      parts_{loop, *protocol_, scheduler_, log_, policy, [this] { Pump(); }},
+      streams_(
+          parts_, settings.max_streams, options.max_held_bytes,
+          [this] { OnFailure("too many bytes wait for remotes"); },
+          [this] { on_change_(); }),
+      flows_(parts_, options.dns_server),
+      socket_(std::make_unique<LinkSocket>(
+          loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); })),
+      deadlines_(GetSteadyTime()) {
+  AdaptToPace();
 }
 
-DeviceLink::~DeviceLink() {
-  reactor_.Unregister(*this, Reactor::kRead);
-  reactor_.Unregister(*this, Reactor::kWrite);
-}
+DeviceLink::~DeviceLink() { DropTransfers(); }
 
-void DeviceLink::OnReadReady() {
-  if (closing_) return ReadAndDiscard();
-  char buffer[kMaxReadBytes];
-  const int count =
-      Read(buffer, std::min(sizeof(buffer), protocol_->GetAvailableSpace()));
-  if (count == 0) return End(false, "closed by the device");
-  if (count < 0) {
-    if (errno == EAGAIN) return;
-    // A device that leaves with bytes of ours unread resets the link.
-    if (errno == ECONNRESET) return End(false, "closed by the device");
-    return End(true, strerror(errno));
+void DeviceLink::Start() {
+  if (options_.send_header) {
+    connection_header_t header;
+    header.max_tx_size = options_.max_tx_size;
+    scheduler_.GetControl()->append(EncodeConnectionHeader(header));
   }
-  protocol_->Feed(buffer, static_cast<size_t>(count));
-  DispatchEvents();
-  if (!closing_) delegate_.OnLinkRoom();
-  UpdateReading();
+  HandleBytes("", 0);
+  Pump();
+  ReadOn();
 }
 
-void DeviceLink::DispatchEvents() {
-  LinkEvent event;
-  while (!closing_ && protocol_->GetNextEvent(&event)) DispatchEvent(event);
+void DeviceLink::OnReadable() {
+  int reads = 0;
+  while (reads < kMaxReadsPerTurn && ReadOnce()) ++reads;
+  Pump();
+  ReadOn();
 }
 
-void DeviceLink::DispatchEvent(const LinkEvent& event) {
-  switch (event.type) {
-    case LinkEvent::Type::kReply:
-      return Send(event.bytes);
-    case LinkEvent::Type::kFatal:
-      return Close(event.text, event.bytes);
-    default:
-      return delegate_.OnLinkEvent(event);
+bool DeviceLink::ReadOnce() {
+  char buffer[kReadBytes];
+  const size_t size =
+      is_closing_ ? kReadBytes
+                  : std::min(kReadBytes, protocol_->GetAvailableSpace());
+  size_t count = 0;
+  switch (socket_->Read(buffer, size, &count)) {
+    case LinkSocket::Result::kDone:
+      deadlines_.OnReceived();
+      // What comes after the last message is read and dropped, so that closing
+      // the socket resets nothing that is on its way to the device.
+      if (!is_closing_) HandleBytes(buffer, count);
+      return count == size && !IsControlFull();
+    case LinkSocket::Result::kWait:
+      return false;
+    case LinkSocket::Result::kEnded:
+      End(false, "closed by the device");
+      return false;
+    case LinkSocket::Result::kFailed:
+      End(true, socket_->GetReason());
+      return false;
+  }
+  return false;
+}
+
+void DeviceLink::HandleBytes(const char* bytes, size_t length) {
+  const LibraryLogScope scope(log_);
+  is_handling_ = true;
+  protocol_->Feed(bytes, length);
+  while (!is_closing_ && protocol_->HandleNext(*this)) {
+  }
+  is_handling_ = false;
+}
+
+bool DeviceLink::IsControlFull() {
+  return scheduler_.GetControl()->size() > kMaxControlBytes;
+}
+
+void DeviceLink::ReadOn() {
+  if (socket_ != nullptr && !IsControlFull()) socket_->WaitReadable();
+}
+
+void DeviceLink::OnWritable() {
+  is_blocked_ = false;
+  Pump();
+  ReadOn();
+}
+
+void DeviceLink::Pump() {
+  if (is_pumping_ || is_handling_ || is_blocked_ || socket_ == nullptr) return;
+  is_pumping_ = true;
+  int writes = 0;
+  while (writes < kMaxWritesPerTurn && WriteNext()) ++writes;
+  is_pumping_ = false;
+  if (writes == kMaxWritesPerTurn) socket_->WaitWritable();
+}
+
+bool DeviceLink::WriteNext() {
+  if (out_offset_ == out_.size() && !Fill()) return false;
+  size_t count = 0;
+  switch (socket_->Write(out_.data() + out_offset_, out_.size() - out_offset_,
+                         &count)) {
+    case LinkSocket::Result::kDone:
+      pace_.OnWritten(count, GetSteadyTime());
+      AdaptToPace();
+      deadlines_.OnWritten();
+      out_offset_ += count;
+      return true;
+    case LinkSocket::Result::kWait:
+      Block();
+      return false;
+    case LinkSocket::Result::kEnded:
+      End(false, "closed by the device");
+      return false;
+    case LinkSocket::Result::kFailed:
+      End(true, socket_->GetReason());
+      return false;
+  }
+  return false;
+}
+
+bool DeviceLink::Fill() {
+  out_.clear();
+  out_offset_ = 0;
+  // On a slow link nothing is taken before there is room: what is newer and
+  // more urgent could still come first.
+  const bool is_slow = quantum_ < LinkProtocol::kMaxStreamChunkBytes;
+  if (is_slow && scheduler_.HasFlows() && !socket_->HasRoom()) {
+    Block();
+    return false;
+  }
+  while (out_.size() < quantum_ && scheduler_.Take(&out_)) {
+  }
+  if (!out_.empty()) return true;
+  pace_.OnIdle();
+  deadlines_.OnWritten();
+  if (is_closing_) socket_->EndWriting();
+  return false;
+}
+
+void DeviceLink::Block() {
+  const SteadyTime now = GetSteadyTime();
+  is_blocked_ = true;
+  pace_.OnBlocked(now);
+  deadlines_.OnBlocked(now);
+  AdaptToPace();
+  socket_->WaitWritable();
+}
+
+void DeviceLink::AdaptToPace() {
+  quantum_ =
+      pace_.GetBytesIn(kTurnTime, kMinTurn, LinkProtocol::kMaxStreamChunkBytes);
+  scheduler_.SetQuantum(quantum_);
+  scheduler_.SetQueueLimit(pace_.GetBytesIn(kQueueTime, kMinHold, kMaxHold));
+  socket_->SetHold(pace_.GetBytesIn(kKernelTime, kMinHold, kMaxHold));
+}
+
+void DeviceLink::ReportNetwork() {
+  if (!options_.network || !is_ready_ || is_closing_ || !IsUp()) return;
+  log_.Write(LogLevel::kInfo, LogKind::kLink, "reporting active network %d%s",
+             options_.network->id,
+             options_.network->is_metered ? " (metered)" : "");
+  protocol_->PutNetworkState(scheduler_.GetControl(), options_.network->id,
+                             options_.network->is_metered);
+  Pump();
+}
+
+void DeviceLink::Close(const std::string& reason) {
+  if (is_closing_ || !IsUp()) return;
+  protocol_->PutTeardown(scheduler_.GetControl(), reason);
+  BeginClosing(reason);
+}
+
+void DeviceLink::OnFailure(const std::string& reason) {
+  if (is_closing_) return;
+  has_failed_ = true;
+  BeginClosing(reason);
+}
+
+void DeviceLink::BeginClosing(const std::string& reason) {
+  log_.Write(LogLevel::kInfo, LogKind::kLink, "closing the link: %s",
+             reason.c_str());
+  is_closing_ = true;
+  deadlines_.OnClosing(GetSteadyTime());
+  StopFlows();
+  Pump();
+}
+
+void DeviceLink::StopFlows() {
+  streams_.FinishAll();
+  flows_.Clear();
+  DropTransfers();
+}
+
+void DeviceLink::DropTransfers() {
+  for (const auto& transfer : transfers_) scheduler_.Remove(transfer.get());
+  transfers_.clear();
+}
+
+void DeviceLink::End(bool by_error, const std::string& why) {
+  log_.Write(LogLevel::kInfo, LogKind::kLink, "link down: %s", why.c_str());
+  has_failed_ = has_failed_ || by_error;
+  is_closing_ = true;
+  socket_.reset();
+  StopFlows();
+  on_change_();
+}
+
+void DeviceLink::OnTick(SteadyTime now) {
+  streams_.OnTick();
+  flows_.OnTick();
+  if (!IsUp()) return;
+  if (socket_->IsHungUp()) socket_->WaitReadable();
+  if (const char* const excess = deadlines_.GetExcess(now)) {
+    End(!is_closing_, excess);
   }
 }
 
-void DeviceLink::ReadAndDiscard() {
-  char buffer[kMaxReadBytes];
-  const int count = Read(buffer, sizeof(buffer));
-  if (count > 0 || (count < 0 && errno == EAGAIN)) return;
-  End(true, "closed by the companion");
+bool DeviceLink::IsSilent(SteadyTime now) const {
+  return IsUp() && deadlines_.IsSilent(now);
 }
 
-void DeviceLink::OnWriteReady() {
-  // What else could be wrong with a socket that was writable: nobody reads it
-  // any more.
-  if (!queue_.Drain(*this)) return End(closing_, "closed by the device");
-  if (queue_.IsEmpty()) {
-    reactor_.Unregister(*this, Reactor::kWrite);
-    if (closing_) FinishWriting();
+void DeviceLink::LogState() {
+  const size_t waiting = scheduler_.GetQueuedBytes() + out_.size() -
+                         out_offset_ + scheduler_.GetControl()->size();
+  log_.Write(LogLevel::kInfo, LogKind::kLink,
+             "state: %s, %zu streams, %zu flows, %.0f bytes/s, %zu bytes "
+             "(%.0f ms) wait for the device, %zu for remotes, %llu datagrams "
+             "dropped",
+             !IsUp()     ? "ended"
+             : is_ready_ ? "up"
+                         : "connecting",
+             streams_.GetCount(), flows_.GetCount(), pace_.GetPace(), waiting,
+             1e3 * static_cast<double>(waiting) / pace_.GetPace(),
+             streams_.GetHeldBytes(),
+             static_cast<unsigned long long>(scheduler_.GetDropCount()));
+}
+
+void DeviceLink::OnReady(const std::string& description) {
+  log_.Write(LogLevel::kInfo, LogKind::kLink, "link up: %s",
+             description.c_str());
+  is_ready_ = true;
+  deadlines_.OnReady();
+  ReportNetwork();
+}
+
+void DeviceLink::OnConnect(uint32_t stream_id, const HostAndPort& remote,
+                           uint32_t uid) {
+  streams_.Connect(stream_id, remote, uid);
+}
+
+void DeviceLink::OnData(uint32_t stream_id, const char* bytes, size_t length) {
+  streams_.Write(stream_id, bytes, length);
+}
+
+void DeviceLink::OnClose(uint32_t stream_id) { streams_.Close(stream_id); }
+
+void DeviceLink::OnDatagram(const HostAndPort& local, const HostAndPort& remote,
+                            const std::string& payload) {
+  flows_.Send(local, remote, payload);
+}
+
+void DeviceLink::OnPackageName(uint32_t uid, const std::string& name) {
+  streams_.SetPackageName(uid, name);
+}
+
+void DeviceLink::OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) {
+  // The oldest is most likely over.
+  if (transfers_.size() >= kMaxTransfers) {
+    scheduler_.Remove(transfers_.front().get());
+    transfers_.pop_front();
   }
-  UpdateReading();
-  if (!closing_) delegate_.OnLinkRoom();
+  scheduler_.Activate(transfer.get());
+  transfers_.push_back(std::move(transfer));
 }
 
-void DeviceLink::OnTick() {
-  if (closing_ && ++closing_seconds_ >= kCloseSeconds)
-    End(true, "closed by the companion");
+void DeviceLink::OnNotice(const std::string& text) {
+  log_.Write(LogLevel::kInfo, LogKind::kDevice, "%s", text.c_str());
 }
 
-void DeviceLink::Send(std::string message) {
-  if (closing_ || message.empty()) return;
-  queue_.Append(std::move(message));
-  reactor_.Register(*this, Reactor::kWrite);
-}
-
-bool DeviceLink::SendNextBulk() {
-  std::string message;
-  if (!protocol_->GetNextBulk(&message)) return false;
-  Send(std::move(message));
-  return true;
-}
-
-bool DeviceLink::HasRoom() const {
-  return !closing_ && queue_.GetQueuedByteCount() < kRoomBytes;
-}
-
-bool DeviceLink::IsFull() const {
-  return queue_.GetQueuedByteCount() >= kFullBytes;
-}
-
-void DeviceLink::UpdateReading() {
-  if (IsFull() && !closing_) {
-    reactor_.Unregister(*this, Reactor::kRead);
-  } else {
-    reactor_.Register(*this, Reactor::kRead);
-  }
-}
-
-void DeviceLink::Close(const std::string& reason, const std::string& farewell) {
-  if (closing_) return;
-  Log("closing the link: %s", ToPrintable(reason).c_str());
-  Send(farewell);
-  closing_ = true;
-  if (queue_.IsEmpty()) FinishWriting();
-}
-
-void DeviceLink::CloseNow(const std::string& reason) {
-  Close(reason, protocol_->EncodeTeardown(reason));
-  pollfd writable = {GetFd(), POLLOUT, 0};
-  while (queue_.Drain(*this) && !queue_.IsEmpty()) {
-    if (poll(&writable, 1, 1000) <= 0) return;
-  }
-}
-
-void DeviceLink::FinishWriting() {
-  static_cast<void>(shutdown(GetFd(), SHUT_WR));
-}
-
-void DeviceLink::End(bool by_error, const char* why) {
-  Log("link down: %s", why);
-  delegate_.OnLinkEnded(by_error);
+void DeviceLink::OnUnexpected(const std::string& text) {
+  log_.Write(LogLevel::kWarning, LogKind::kDevice,
+             "unexpected from the device: %s", text.c_str());
 }
 
 }  // namespace vantrel

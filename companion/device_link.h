@@ -1,86 +1,127 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
+#include <asio/io_context.hpp>
+#include <functional>
+#include <list>
 #include <memory>
 #include <string>
 
+#include "companion/companion_log.h"
+#include "companion/datagram_flows.h"
+#include "companion/destination_policy.h"
+#include "companion/flow_scheduler.h"
+#include "companion/link_deadlines.h"
+#include "companion/link_parts.h"
 #include "companion/link_protocol.h"
-#include "reactor/reactor.h"
-#include "reactor/write_buffer.h"
+#include "companion/link_socket.h"
+#include "companion/link_streams.h"
+#include "companion/options.h"
+#include "companion/pace_meter.h"
+#include "companion/steady_time.h"
 
 namespace vantrel {
 
-// The connection to the device: its socket, the language spoken on it and the
-// queue of what waits to be sent. Owned by its delegate, which may destroy it
-// in OnLinkEnded().
+// One device's link, with all that belongs to it: socket, protocol, what waits
+// to be sent, streams and flows. Nothing of it is shared with another link.
 //
-// The queue has two bounds. Above kRoomBytes nothing more is taken from remote
-// streams, since everything else would have to wait behind it. Above
-// kFullBytes the device is no longer read either, so that a device which sends
-// but does not read cannot fill the memory with answers.
-class DeviceLink : public Socket {
+// After the link has ended the object stays until its streams have delivered
+// their rest; IsOver() tells when its owner should destroy it.
+class DeviceLink final : public DeviceMessages {
  public:
-  class Delegate {
-   public:
-    virtual ~Delegate() = default;
-    // Anything but kReply and kFatal, which the link handles itself.
-    virtual void OnLinkEvent(const LinkEvent& event) = 0;
-    // The queue has become shorter, or the device wants something.
-    virtual void OnLinkRoom() = 0;
-    // The link is over; |by_error| also when this side gave it up. The last
-    // act of every handler of the link: it may be destroyed.
-    virtual void OnLinkEnded(bool by_error) = 0;
+  // What the link asks of the program.
+  struct settings_t {
+    uint32_t id = 0;  // names it in the log
+    size_t max_streams = 0;
   };
 
-  static constexpr size_t kRoomBytes = 64 * 1024;
-  static constexpr size_t kFullBytes = 256 * 1024;
-
-  // Takes ownership of the connected stream socket |fd|.
-  DeviceLink(Reactor& reactor, int fd, std::unique_ptr<LinkProtocol> protocol,
-             Delegate& delegate);
+  // Takes ownership of the connected stream socket |fd|. |options| and |policy|
+  // outlive it. |on_change| is called when IsUp() or IsOver() may have changed,
+  // from within the link's handlers: it must not destroy the link.
+  DeviceLink(asio::io_context& loop, int fd, const settings_t& settings,
+             const Options& options, const DestinationPolicy& policy,
+             std::function<void()> on_change);
+  DeviceLink(const DeviceLink&) = delete;
+  DeviceLink& operator=(const DeviceLink&) = delete;
   ~DeviceLink() override;
 
-  void OnReadReady() override;   // may destroy this
-  void OnWriteReady() override;  // may destroy this
-  void OnTick();                 // once a second; may destroy this
+  // Once, when the object is complete.
+  void Start();
+  void ReportNetwork();
+  // Ends the link in order: |reason| is told to the device, and the link is
+  // down when the device has closed its side, or some seconds later.
+  void Close(const std::string& reason);
+  void OnTick(SteadyTime now);  // once a second
 
-  // Once, before the reactor runs: handles what needs nothing to be received.
-  void Begin() { DispatchEvents(); }
+  bool IsUp() const { return socket_ != nullptr; }
+  bool IsOver() const { return !IsUp() && streams_.GetCount() == 0; }
+  // Whether the link ended otherwise than by the device or in order.
+  bool HasFailed() const { return has_failed_; }
+  // A link without any word from its device, which gives way to another.
+  bool IsSilent(SteadyTime now) const;
+  // Its state, for a line in the log.
+  void LogState();
 
-  const LinkProtocol& GetProtocol() const { return *protocol_; }
-  // Queues one whole message. Dropped once the link is closing.
-  void Send(std::string message);
-  // Queues the next message of a transfer, if there is one.
-  [[nodiscard]] bool SendNextBulk();
-  bool HasRoom() const;
-  bool IsFull() const;
-
-  // Gives the link up: |farewell| is the last message, and the link ends when
-  // the device has closed its side or after kCloseSeconds.
-  void Close(const std::string& reason, const std::string& farewell);
-  // The same for a process about to exit, without the reactor: waits at most
-  // a second for the socket to take what is queued.
-  void CloseNow(const std::string& reason);
+  void OnReady(const std::string& description) override;
+  void OnConnect(uint32_t stream_id, const HostAndPort& remote,
+                 uint32_t uid) override;
+  void OnData(uint32_t stream_id, const char* bytes, size_t length) override;
+  void OnClose(uint32_t stream_id) override;
+  void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
+                  const std::string& payload) override;
+  void OnPackageName(uint32_t uid, const std::string& name) override;
+  void OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) override;
+  void OnNotice(const std::string& text) override;
+  void OnUnexpected(const std::string& text) override;
+  void OnFailure(const std::string& reason) override;
 
  private:
-  static constexpr int kCloseSeconds = 5;
+  void OnReadable();
+  // True when there may be more to read at once.
+  bool ReadOnce();
+  void HandleBytes(const char* bytes, size_t length);
+  // Whether the device must take answers before it may ask for more.
+  bool IsControlFull();
+  void ReadOn();
+  void OnWritable();
+  // Sends as much of what waits as the socket takes.
+  void Pump();
+  // True when something was written and more may be.
+  bool WriteNext();
+  // Whether |out_| has something to write after that.
+  bool Fill();
+  void Block();
+  void AdaptToPace();
+  // From now on only control messages are sent, up to the last one.
+  void BeginClosing(const std::string& reason);
+  void StopFlows();
+  void DropTransfers();
+  void End(bool by_error, const std::string& why);
 
-  void DispatchEvents();
-  void DispatchEvent(const LinkEvent& event);
-  // Reads and drops what the device still sends, so that closing the socket
-  // resets nothing that is on its way to the device.
-  void ReadAndDiscard();
-  void FinishWriting();
-  void UpdateReading();
-  void End(bool by_error, const char* why);
-
-  Reactor& reactor_;
+  const Options& options_;
+  CompanionLog log_;
+  const std::function<void()> on_change_;
+  FlowScheduler scheduler_;
   const std::unique_ptr<LinkProtocol> protocol_;
-  Delegate& delegate_;
-  WriteBuffer queue_;
-  bool closing_ = false;
-  int closing_seconds_ = 0;
+  const LinkParts parts_;
+  LinkStreams streams_;
+  DatagramFlows flows_;
+  std::list<std::unique_ptr<FlowScheduler::Flow>> transfers_;
+  std::unique_ptr<LinkSocket> socket_;  // null: the link has ended
+  PaceMeter pace_;
+  LinkDeadlines deadlines_;
+  std::string
+      out_;  // taken from the scheduler, from |out_offset_| on unwritten
+  size_t out_offset_ = 0;
+  size_t quantum_ = 0;
+  bool is_ready_ = false;
+  bool is_handling_ = false;  // the device's messages
+  bool is_pumping_ = false;
+  bool is_blocked_ = false;  // the socket takes no more
+  bool is_closing_ = false;
+  bool has_failed_ = false;
 };
 
 }  // namespace vantrel

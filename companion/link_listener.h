@@ -2,51 +2,55 @@
 
 #include <sys/types.h>
 
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 #include <functional>
+#include <memory>
 #include <string>
 
-#include "reactor/reactor.h"
-#include "reactor/socket.h"
+#include "companion/descriptor.h"
+#include "companion/link_address.h"
 
 namespace vantrel {
 
-// Where the device connects to: "unix:PATH", "tcp:HOST:PORT" or
-// "rfcomm:CHANNEL" on any Bluetooth adapter of this machine.
-struct LinkAddress {
-  enum class Kind { kUnix, kTcp, kRfcomm };
+// How well a Bluetooth link must be protected before it is accepted.
+enum class LinkSecurity { kLow, kMedium, kHigh };
 
-  // False for any other text.
-  [[nodiscard]] static bool Parse(const std::string& text, LinkAddress* out);
-
-  Kind kind = Kind::kUnix;
-  std::string path_or_host;
-  std::string port;  // decimal; "0": the system chooses one
-  int channel = 0;   // RFCOMM, 1 to 30
-};
-
-// Waits for devices. Each connection is handed over to a function, which owns
-// it from then on; until it calls Accept() again the next ones wait.
-class LinkListener : public Socket {
+// Waits for devices at one address.
+class LinkListener {
  public:
-  LinkListener(Reactor& reactor, std::function<void(int fd)> on_link);
+  // Owns |fd|; |peer| says who has connected, for the log.
+  using OnLink = std::function<void(int fd, const std::string& peer)>;
+  struct settings_t {
+    // Whether TCP links may come from other machines.
+    bool allows_remote_links = false;
+    LinkSecurity security = LinkSecurity::kMedium;
+  };
+
+  LinkListener(asio::io_context& loop, OnLink on_link);
+  LinkListener(const LinkListener&) = delete;
+  LinkListener& operator=(const LinkListener&) = delete;
   // Removes the socket file that it made, unless somebody else took its place.
-  ~LinkListener() override;
+  ~LinkListener();
 
-  // Begins to listen, accepts nothing yet. False after a failure, which is
-  // logged. A socket file on which nobody listens any more is replaced.
-  [[nodiscard]] bool Open(const LinkAddress& address);
-  void Accept();
-
-  void OnReadReady() override;
+  // Begins to listen and to accept. False after a failure, which is logged. A
+  // socket file on which nobody listens any more is replaced.
+  [[nodiscard]] bool Open(const LinkAddress& address,
+                          const settings_t& settings);
 
  private:
+  // Each logs its failure.
   bool OpenUnix(const std::string& path);
-  bool OpenTcp(const LinkAddress& address);
-  bool OpenRfcomm(int channel);
-  bool Listen(const std::string& where);
+  bool OpenTcp(const LinkAddress& address, bool allows_remote_links);
+  bool OpenRfcomm(int channel, LinkSecurity security);
+  // Takes ownership of |fd|.
+  bool Listen(int fd, const std::string& where);
+  void OnReadable();
 
-  Reactor& reactor_;
-  const std::function<void(int fd)> on_link_;
+  asio::io_context& loop_;
+  const OnLink on_link_;
+  asio::steady_timer retry_;
+  std::unique_ptr<Descriptor> socket_;
   // Our socket file and what it was when we made it.
   std::string path_;
   dev_t device_ = 0;

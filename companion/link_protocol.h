@@ -3,78 +3,88 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <memory>
 #include <string>
 
 #include "common/host_and_port.h"
+#include "common/uid.h"
+#include "companion/flow_scheduler.h"
 
 namespace vantrel {
 
-// What one message from the device means, whatever protocol brought it. Only
-// the fields named beside a type are set.
-struct LinkEvent {
-  enum class Type {
-    kReply,        // bytes: to be sent back at once
-    kReady,        // the handshake is done; text: who the device says it is
-    kConnect,      // stream_id, remote, uid
-    kData,         // stream_id, bytes
-    kClose,        // stream_id
-    kDatagram,     // local, remote, bytes
-    kPackageName,  // uid, text
-    kNotice,       // text: something worth a line in the log
-    kUnexpected,   // text: what came; the link goes on
-    kFatal,        // the link cannot go on; text: why, bytes: the last message
-  };
-  static constexpr uint32_t kUnknownUid = 0xFFFFFFFF;
+// What a device says, one call a message. A remote endpoint may have any
+// family, also none: it is what the device sent. Bytes are borrowed for the
+// time of the call.
+class DeviceMessages {
+ public:
+  virtual ~DeviceMessages() = default;
 
-  Type type = Type::kUnexpected;
-  uint32_t stream_id = 0;
-  uint32_t uid = kUnknownUid;
-  // The application's endpoint, without an address where the protocol does
-  // not tell it, and the one that the application wants to reach. A remote
-  // endpoint may have any family, also none: it is what the device sent.
-  HostAndPort local;
-  HostAndPort remote;
-  std::string text;
-  std::string bytes;
+  // The handshake is done; |description| is what the device says of itself.
+  virtual void OnReady(const std::string& description) = 0;
+  virtual void OnConnect(uint32_t stream_id, const HostAndPort& remote,
+                         uint32_t uid) = 0;
+  virtual void OnData(uint32_t stream_id, const char* bytes, size_t length) = 0;
+  virtual void OnClose(uint32_t stream_id) = 0;
+  // |local| has no address where the protocol does not tell it.
+  virtual void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
+                          const std::string& payload) = 0;
+  virtual void OnPackageName(uint32_t uid, const std::string& name) = 0;
+  // Bytes that the device asked for to measure the link: to be sent until
+  // |transfer| has no more.
+  virtual void OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) = 0;
+  // Something worth a line in the log.
+  virtual void OnNotice(const std::string& text) = 0;
+  // A message that has no place here; the link goes on.
+  virtual void OnUnexpected(const std::string& text) = 0;
+  // The link cannot go on.
+  virtual void OnFailure(const std::string& reason) = 0;
 };
 
-// One version of the link's language: turns bytes from the device into events
-// and what the device is to be told into bytes. Pure, without any I/O. Feed it
-// at most GetAvailableSpace() bytes, then take events until there is none:
-// after that there is space again, unless a kFatal event came.
+// One version of the link's language: turns the device's bytes into calls, and
+// what the device is to be told into bytes. Does no I/O.
 class LinkProtocol {
  public:
+  // Streams are cut into messages of at most this many bytes.
+  static constexpr size_t kMaxStreamChunkBytes = 16384;
+
+  // |control| receives the answers to messages, whole; it outlives this.
+  explicit LinkProtocol(std::string* control) : control_(control) {}
+  LinkProtocol(const LinkProtocol&) = delete;
+  LinkProtocol& operator=(const LinkProtocol&) = delete;
   virtual ~LinkProtocol() = default;
 
+  // Feed() takes at most this many bytes. There is space again, unless
+  // OnFailure() was called, after HandleNext() has returned false.
   virtual size_t GetAvailableSpace() const = 0;
   virtual void Feed(const char* data, size_t length) = 0;
-  // False while more bytes are needed. Nothing follows a kFatal event.
-  [[nodiscard]] virtual bool GetNextEvent(LinkEvent* out) = 0;
-
-  // The next message of a transfer that the device asked for to measure the
-  // link. False when none is running. Taken when the link has room, in turns
-  // with the streams.
-  [[nodiscard]] virtual bool GetNextBulk(std::string* out) = 0;
+  // Handles the next whole message. False when there is none, or after
+  // OnFailure().
+  [[nodiscard]] virtual bool HandleNext(DeviceMessages& device) = 0;
 
   virtual size_t GetMaxDatagramBytes() const = 0;
-  // Whole messages. |bytes| are at most kMaxStreamChunkBytes, |payload| at
-  // most GetMaxDatagramBytes() long.
-  static constexpr size_t kMaxStreamChunkBytes = 16384;
-  virtual std::string EncodeData(uint32_t stream_id,
-                                 const std::string& bytes) const = 0;
-  virtual std::string EncodeClose(uint32_t stream_id) const = 0;
-  virtual std::string EncodeWriteAck(uint32_t stream_id) const = 0;
-  virtual std::string EncodeDatagram(const HostAndPort& local,
-                                     const HostAndPort& remote,
-                                     const std::string& payload) const = 0;
+  // Each appends one whole message to |out|. |bytes| are at most
+  // kMaxStreamChunkBytes, a datagram at most GetMaxDatagramBytes() long.
+  virtual void PutData(std::string* out, uint32_t stream_id,
+                       const std::string& bytes) = 0;
+  virtual void PutClose(std::string* out, uint32_t stream_id) = 0;
+  virtual void PutWriteAck(std::string* out, uint32_t stream_id) = 0;
+  virtual void PutDatagram(std::string* out, const HostAndPort& local,
+                           const HostAndPort& remote,
+                           const std::string& payload) = 0;
   // |request| could not be delivered.
-  virtual std::string EncodeUdpFailure(const HostAndPort& local,
-                                       const HostAndPort& remote,
-                                       const std::string& request) const = 0;
-  virtual std::string EncodeNetworkState(int32_t network_id,
-                                         bool is_metered) const = 0;
-  // Empty where the protocol has no such message.
-  virtual std::string EncodeTeardown(const std::string& reason) const = 0;
+  virtual void PutUdpFailure(std::string* out, const HostAndPort& local,
+                             const HostAndPort& remote,
+                             const std::string& request) = 0;
+  virtual void PutNetworkState(std::string* out, int32_t network_id,
+                               bool is_metered) = 0;
+  // Nothing where the protocol has no such message.
+  virtual void PutTeardown(std::string* out, const std::string& reason) = 0;
+
+ protected:
+  std::string* GetControl() { return control_; }
+
+ private:
+  std::string* const control_;
 };
 
 }  // namespace vantrel

@@ -1,20 +1,17 @@
 #include "companion/options.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
-#include <limits>
+#include <map>
+#include <vector>
 
 namespace vantrel {
 namespace {
 
 constexpr int kExitUsage = 2;
 constexpr char kProgram[] = "vantrel-companion";
-
-bool ParseListen(const std::string& text, Options* options) {
-  return LinkAddress::Parse(text, &options->listen.emplace());
-}
 
 // ID[,metered]
 bool ParseNetwork(std::string text, Options* options) {
@@ -49,11 +46,18 @@ bool ParseDnsServer(const std::string& text, Options* options) {
 
 bool ParseFd(const std::string& text, Options* options) {
   int fd = -1;
-  if (!CLI::detail::lexical_cast(text, fd) || fcntl(fd, F_GETFD) == -1) {
+  struct stat file;
+  if (!CLI::detail::lexical_cast(text, fd) || fstat(fd, &file) == -1 ||
+      !S_ISSOCK(file.st_mode)) {
     return false;
   }
   options->fd = fd;
   return true;
+}
+
+CLI::ValidationError Unusable(const std::string& name,
+                              const std::string& text) {
+  return CLI::ValidationError(name, "not a usable value: '" + text + "'");
 }
 
 using Parser = bool (*)(const std::string&, Options*);
@@ -64,28 +68,59 @@ CLI::Option* AddParsed(CLI::App* app, const std::string& name,
                        Parser parser, Options* options) {
   const auto parse = [name, parser, options](const std::string& text) {
     if (!parser(text, options)) {
-      throw CLI::ValidationError(name, "not a usable value: '" + text + "'");
+      throw Unusable(name, text);
     }
   };
   return app->add_option_function<std::string>(name, parse, help)
       ->type_name(form);
 }
 
-void Define(CLI::App* app, Options* options) {
-  app->set_version_flag("--version",
-                        std::string(kProgram) + " " + VANTREL_VERSION,
-                        "Print the version and exit");
+// The values are read afterwards, together with their order.
+CLI::Option* AddList(CLI::App* app, const std::string& name,
+                     const std::string& form, const std::string& help) {
+  return app->add_option(name, help)->type_name(form)->expected(1)->take_all();
+}
+
+// An option whose value is one of a few words.
+template <typename Value>
+void AddChoice(CLI::App* app, const std::string& name, const std::string& help,
+               const std::map<std::string, Value>& values,
+               const std::string& standard, Value* out) {
+  std::vector<std::string> words;
+  for (const auto& value : values) words.push_back(value.first);
+  app->add_option_function<std::string>(
+         name,
+         [values, out](const std::string& word) { *out = values.at(word); },
+         help)
+      ->check(CLI::IsMember(words))
+      ->type_name("")
+      ->default_str(standard);
+}
+
+void DefineLinks(CLI::App* app, Options* options) {
   app->add_option("--protocol", options->protocol,
                   "Link protocol that the daemon was started with")
       ->check(CLI::IsMember({1, 5, 20}))
       ->capture_default_str();
   auto* link = app->add_option_group("Link");
-  AddParsed(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
-            "Wait for links there, one after the other", ParseListen, options);
+  AddList(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
+          "Wait for links there; may be given several times");
   AddParsed(app, "--fd", "N", "Serve the connected socket N, then exit",
             ParseFd, options);
   link->add_options(app->get_option("--listen"), app->get_option("--fd"));
   link->require_option(1);
+  app->add_option("--max-links", options->max_links, "Links at the same time")
+      ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  app->add_flag("--allow-remote-links", options->allows_remote_links,
+                "Let tcp: links come from other machines; they are neither "
+                "encrypted nor authenticated");
+  AddChoice<LinkSecurity>(app, "--security",
+                          "Least protection of rfcomm: links",
+                          {{"low", LinkSecurity::kLow},
+                           {"medium", LinkSecurity::kMedium},
+                           {"high", LinkSecurity::kHigh}},
+                          "medium", &options->security);
   auto* header = app->add_flag(
       "--header", options->send_header,
       "Send the 24-byte connection header first, for a daemon that holds the "
@@ -95,6 +130,17 @@ void Define(CLI::App* app, Options* options) {
                   "0: unlimited")
       ->type_name("BYTES")
       ->needs(header);
+}
+
+void DefineTraffic(CLI::App* app, Options* options) {
+  AddList(app, "--allow", "ADDRESS[/BITS]",
+          "Let devices reach these addresses; of --allow and --deny the last "
+          "that matches decides");
+  AddList(app, "--deny", "ADDRESS[/BITS]", "Refuse these addresses");
+  app->add_option("--max-pending", options->max_held_bytes,
+                  "Close a link of which more waits for remotes")
+      ->type_name("BYTES")
+      ->capture_default_str();
   AddParsed(
       app, "--network", "ID[,metered]",
       "Report this active network after the handshake and on SIGHUP",
@@ -109,8 +155,41 @@ void Define(CLI::App* app, Options* options) {
                   "What the handshake says about this build")
       ->type_name("TEXT")
       ->capture_default_str();
-  app->add_flag("--verbose", options->verbose,
-                "Log every datagram, acknowledgement and close");
+}
+
+void DefineLog(CLI::App* app, Options* options) {
+  AddChoice<LogLevel>(app, "--log-level", "The least important lines",
+                      {{"error", LogLevel::kError},
+                       {"warning", LogLevel::kWarning},
+                       {"info", LogLevel::kInfo},
+                       {"debug", LogLevel::kDebug}},
+                      "info", &options->log_level);
+  AddChoice<bool>(app, "--log-format", "How lines look",
+                  {{"text", false}, {"json", true}}, "text",
+                  &options->log_as_json);
+  app->add_flag_callback(
+      "--verbose", [options] { options->log_level = LogLevel::kDebug; },
+      "Log every datagram, acknowledgement and close, as --log-level debug");
+}
+
+void ReadListen(const CLI::App& app, Options* options) {
+  for (const std::string& text : app.get_option("--listen")->results()) {
+    LinkAddress address;
+    if (!LinkAddress::Parse(text, &address)) throw Unusable("--listen", text);
+    options->listen.push_back(address);
+  }
+}
+
+void ReadRules(const CLI::App& app, Options* options) {
+  std::map<const CLI::Option*, size_t> next;  // value of each option
+  for (const CLI::Option* const option : app.parse_order()) {
+    const std::string name = option->get_name();
+    if (name != "--allow" && name != "--deny") continue;
+    const std::string& text = option->results().at(next[option]++);
+    const auto rule = DestinationPolicy::ParseRule(text, name == "--allow");
+    if (!rule) throw Unusable(name, text);
+    options->destination_rules.push_back(*rule);
+  }
 }
 
 std::string FirstLine(const std::string& text) {
@@ -125,9 +204,16 @@ std::optional<int> ParseOptions(int argc, const char* const* argv,
   options->build_info = std::string(kProgram) + " " + VANTREL_VERSION;
   CLI::App app("The other end of vantrel's link: opens the real connections.",
                kProgram);
-  Define(&app, options);
+  app.set_version_flag("--version",
+                       std::string(kProgram) + " " + VANTREL_VERSION,
+                       "Print the version and exit");
+  DefineLinks(&app, options);
+  DefineTraffic(&app, options);
+  DefineLog(&app, options);
   try {
     app.parse(argc, argv);
+    ReadListen(app, options);
+    ReadRules(app, options);
     return std::nullopt;
   } catch (const CLI::CallForHelp&) {
     out << app.help();

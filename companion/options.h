@@ -1,12 +1,17 @@
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "common/host_and_port.h"
+#include "companion/companion_log.h"
+#include "companion/destination_policy.h"
+#include "companion/link_address.h"
 #include "companion/link_listener.h"
 
 namespace vantrel {
@@ -20,15 +25,22 @@ struct ActiveNetwork {
 // What the command line asked for.
 struct Options {
   int protocol = 20;
-  // Exactly one of these two.
-  std::optional<LinkAddress> listen;
+  // Either of these two.
+  std::vector<LinkAddress> listen;
   std::optional<int> fd;
+  size_t max_links = 64;
+  bool allows_remote_links = false;
+  LinkSecurity security = LinkSecurity::kMedium;
   bool send_header = false;
   uint16_t max_tx_size = 0;
+  std::vector<DestinationPolicy::rule_t> destination_rules;  // in their order
+  // What may wait for the remotes of one link.
+  size_t max_held_bytes = 8 << 20;
   std::optional<ActiveNetwork> network;
   std::optional<HostAndPort> dns_server;
   std::string build_info;
-  bool verbose = false;
+  LogLevel log_level = LogLevel::kInfo;
+  bool log_as_json = false;
 };
 
 // Fills |options|. A value is the exit status of a program that has nothing

@@ -9,6 +9,36 @@
 namespace vantrel {
 namespace {
 
+std::optional<int> Parse(const std::string& line, Options* options,
+                         std::string* error) {
+  std::istringstream stream(line);
+  const std::vector<std::string> words(
+      std::istream_iterator<std::string>(stream), {});
+  std::vector<const char*> argv = {"vantrel-companion"};
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  std::ostringstream out, err;
+  const auto status = ParseOptions(static_cast<int>(argv.size()), argv.data(),
+                                   options, out, err);
+  *error = err.str();
+  return status;
+}
+
+TEST(OptionsTest, KeepsTheOrderOfRules) {
+  Options options;
+  std::string error;
+  EXPECT_EQ(std::nullopt,
+            Parse("--allow 1.0.0.0/8 --listen unix:a --deny 2.0.0.0/8 --allow "
+                  "3.0.0.0/8 --deny 4.0.0.0/8 --listen rfcomm:1",
+                  &options, &error))
+      << error;
+  ASSERT_EQ(4u, options.destination_rules.size());
+  for (uint32_t i = 0; i < 4; ++i) {
+    EXPECT_EQ((i + 1) << 24, options.destination_rules[i].network);
+    EXPECT_EQ(i % 2 == 0, options.destination_rules[i].allows);
+  }
+  EXPECT_EQ(2u, options.listen.size());
+}
+
 TEST(OptionsTest, RefusesWithOneLine) {
   for (const char* const line : {"",
                                  "--fd",
@@ -23,6 +53,14 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                  "--fd 0 --dns ::1",
                                  "--fd 0 --dns 1.2.3.4:0",
                                  "--fd 0 --dns 1.2.3.4:65536",
+                                 "--fd 0 --allow 1.2.3.4/5",
+                                 "--fd 0 --deny host",
+                                 "--fd 0 --allow 1.2.3.4 1.2.3.5",
+                                 "--fd 0 --max-links 0",
+                                 "--fd 0 --security none",
+                                 "--fd 0 --log-level loud",
+                                 "--fd 0 --log-format xml",
+                                 "--listen unix:/tmp/s --listen x",
                                  "--listen unix:",
                                  "--listen /tmp/s",
                                  "--listen tcp::80",
@@ -31,17 +69,10 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                  "--listen rfcomm:0",
                                  "--listen rfcomm:31"}) {
     SCOPED_TRACE(line);
-    std::istringstream stream(line);
-    const std::vector<std::string> words(
-        std::istream_iterator<std::string>(stream), {});
-    std::vector<const char*> argv = {"vantrel-companion"};
-    for (const std::string& word : words) argv.push_back(word.c_str());
     Options options;
-    std::ostringstream out, err;
-    EXPECT_EQ(2, ParseOptions(static_cast<int>(argv.size()), argv.data(),
-                              &options, out, err));
-    EXPECT_THAT(err.str(),
-                testing::MatchesRegex("vantrel-companion: [^\n]*\n"));
+    std::string error;
+    EXPECT_EQ(2, Parse(line, &options, &error));
+    EXPECT_THAT(error, testing::MatchesRegex("vantrel-companion: [^\n]*\n"));
   }
 }
 

@@ -1,16 +1,12 @@
 #include "companion/protocol_v2.h"
 
-#include <sstream>
 #include <utility>
 
+#include "link/v1_wire.h"
 #include "link_v2/message_encoder.h"
 
 namespace vantrel {
 namespace {
-
-constexpr uint32_t kVersion = 1;
-// Stands in place of a version: the companion refuses the handshake.
-constexpr uint32_t kHandshakeErrorVersion = 65535;
 
 messages::Header MakeHeader(messages::MessageType type) {
   messages::Header header;
@@ -18,212 +14,200 @@ messages::Header MakeHeader(messages::MessageType type) {
   return header;
 }
 
-// Empty when the frame would be too large, which the callers' limits exclude.
-std::string EncodeFrame(const messages::Header& header,
-                        const std::string& payload) {
-  std::ostringstream frame;
+// Appends nothing when the frame would be too large, which the callers' limits
+// exclude.
+void PutFrame(std::string* out, const messages::Header& header,
+              const std::string& payload) {
   MessageEncoder encoder(header);
-  if (!encoder.WriteHeader(&frame, payload)) return "";
-  frame << payload;
-  return frame.str();
+  if (encoder.WriteHeader(out, payload)) out->append(payload);
 }
 
 // An endpoint that no socket can reach comes out without an address.
-HostAndPort GetEndpoint(const messages::IpAddressAndPort& wire) {
-  if (wire.port() > 65535) return HostAndPort();
-  return HostAndPort(IpAddress::FromNetworkBytes(wire.address()),
-                     static_cast<uint16_t>(wire.port()));
-}
-
-void PutEndpoint(const HostAndPort& endpoint,
-                 messages::IpAddressAndPort* wire) {
-  wire->set_address(endpoint.host.ToNetworkBytes());
-  wire->set_port(endpoint.port);
+HostAndPort DecodeReachable(const messages::IpAddressAndPort& wire) {
+  return wire.port() > UINT16_MAX ? HostAndPort() : DecodeEndpoint(wire);
 }
 
 }  // namespace
 
-ProtocolV2::ProtocolV2(std::string build_info)
-    : build_info_(std::move(build_info)) {}
+ProtocolV2::ProtocolV2(std::string build_info, std::string* control)
+    : LinkProtocol(control), build_info_(std::move(build_info)) {}
 
 size_t ProtocolV2::GetAvailableSpace() const {
   return decoder_.GetAvailableBufferSpace();
 }
 
 void ProtocolV2::Feed(const char* data, size_t length) {
+  if (!first_byte_ && length > 0) first_byte_ = static_cast<uint8_t>(data[0]);
   unsigned int consumed;  // all, within the space available
   decoder_.BufferData(data, static_cast<unsigned int>(length), &consumed);
 }
 
-bool ProtocolV2::GetNextEvent(LinkEvent* out) {
-  MessageDecoder::Message message;
-  while (events_.empty() && state_ != State::kFailed) {
-    if (decoder_.GetAndClearMessage(&message)) {
-      HandleMessage(&message);
-    } else if (decoder_.HasFailed()) {
-      const std::string reason = "bad frame magic";
-      Fail(reason, EncodeTeardown(reason));
-    } else {
-      return false;
-    }
+bool ProtocolV2::HandleNext(DeviceMessages& device) {
+  if (state_ == State::kFailed) return false;
+  if (decoder_.GetAndClearMessage(&message_)) {
+    state_ == State::kNotStarted ? HandleFirst(device) : Handle(device);
+    return state_ != State::kFailed;
   }
-  if (events_.empty()) return false;
-  *out = std::move(events_.front());
-  events_.pop_front();
-  return true;
+  if (!decoder_.HasFailed()) return false;
+  if (state_ == State::kNotStarted && v1::GetHeaderSize(*first_byte_) != 0) {
+    const bool has_handshake = first_byte_ == TYPE_HANDSHAKE;
+    Fail(device, std::string("the device speaks protocol ") +
+                     (has_handshake ? "5" : "1"));
+  } else {
+    FailWithTeardown(device, "bad frame magic");
+  }
+  return false;
 }
 
-void ProtocolV2::HandleMessage(MessageDecoder::Message* message) {
-  const messages::Header& header = message->header;
-  if (state_ == State::kNotStarted) {
-    if (header.type() == messages::HANDSHAKE_START) {
-      return HandleHandshakeStart(header.handshake_start());
-    }
-    const std::string reason =
-        "message type " + std::to_string(header.type()) + " before handshake";
-    return Fail(reason, EncodeTeardown(reason));
+void ProtocolV2::HandleFirst(DeviceMessages& device) {
+  const messages::Header& header = message_.header;
+  if (header.type() == messages::HANDSHAKE_START) {
+    return HandleHandshakeStart(device, header.handshake_start());
   }
+  FailWithTeardown(device, "message type " + std::to_string(header.type()) +
+                               " before handshake");
+}
+
+void ProtocolV2::Handle(DeviceMessages& device) {
+  const messages::Header& header = message_.header;
   switch (header.type()) {
     case messages::HANDSHAKE_DONE:
-      return HandleHandshakeDone();
-    case messages::TCP_CONNECT: {
-      LinkEvent& event = AddEvent(LinkEvent::Type::kConnect);
-      event.stream_id = header.tcp_connect().stream_id();
-      event.remote = GetEndpoint(header.tcp_connect().destination());
-      if (header.tcp_connect().has_uid()) {
-        event.uid = header.tcp_connect().uid();
-      }
+      HandleHandshakeDone(device);
       return;
-    }
+    case messages::TCP_CONNECT:
+      device.OnConnect(header.tcp_connect().stream_id(),
+                       DecodeReachable(header.tcp_connect().destination()),
+                       header.tcp_connect().has_uid()
+                           ? header.tcp_connect().uid()
+                           : kNobodyUid);
+      return;
     case messages::TCP_CLOSE:
-      AddEvent(LinkEvent::Type::kClose).stream_id =
-          header.tcp_close().stream_id();
+      device.OnClose(header.tcp_close().stream_id());
       return;
-    case messages::TCP_WRITE: {
-      LinkEvent& event = AddEvent(LinkEvent::Type::kData);
-      event.stream_id = header.tcp_write().stream_id();
-      event.bytes = std::move(message->payload);
+    case messages::TCP_WRITE:
+      device.OnData(header.tcp_write().stream_id(), message_.payload.data(),
+                    message_.payload.size());
       return;
-    }
-    case messages::UDP_SEND: {
-      LinkEvent& event = AddEvent(LinkEvent::Type::kDatagram);
-      event.local = GetEndpoint(header.udp_send().source());
-      event.remote = GetEndpoint(header.udp_send().destination());
-      event.bytes = std::move(message->payload);
+    case messages::UDP_SEND:
+      device.OnDatagram(DecodeReachable(header.udp_send().source()),
+                        DecodeReachable(header.udp_send().destination()),
+                        message_.payload);
       return;
-    }
     case messages::PACKAGE_NAMES:
-      return HandlePackageNames(header.package_names());
-    default:
-      return AddUnexpected(header);
+      HandlePackageNames(device);
+      return;
+    // Only the companion sends these, or nobody.
+    case messages::UNSPECIFIED:
+    case messages::TEARDOWN:
+    case messages::HANDSHAKE_START:
+    case messages::HANDSHAKE_ACK:
+    case messages::TCP_CONNECT_ACK:
+    case messages::TCP_WRITE_ACK:
+    case messages::UDP_FAILURE:
+    case messages::DNS_SERVERS:
+    case messages::NETWORK_STATE:
+    case messages::RESERVED_15:
+      device.OnUnexpected("message type " + std::to_string(header.type()));
+      return;
   }
 }
 
 void ProtocolV2::HandleHandshakeStart(
-    const messages::MessageHandshake& handshake) {
-  if (handshake.version() != kVersion) {
+    DeviceMessages& device, const messages::MessageHandshake& handshake) {
+  if (handshake.version() != kHandshakeVersionV2) {
     const std::string reason =
         "unsupported handshake version " + std::to_string(handshake.version());
-    return Fail(reason, EncodeHandshakeAck(kHandshakeErrorVersion, reason));
+    PutHandshakeAck(kHandshakeRefused, reason);
+    return Fail(device, reason);
   }
   state_ = State::kAcknowledged;
   device_build_info_ = handshake.build_info();
-  AddEvent(LinkEvent::Type::kReply).bytes = EncodeHandshakeAck(kVersion, "");
+  PutHandshakeAck(kHandshakeVersionV2, "");
 }
 
-void ProtocolV2::HandleHandshakeDone() {
+void ProtocolV2::HandleHandshakeDone(DeviceMessages& device) {
   if (state_ == State::kReady) {
-    return AddUnexpected(MakeHeader(messages::HANDSHAKE_DONE));
+    device.OnUnexpected("a second end of the handshake");
+    return;
   }
   state_ = State::kReady;
-  AddEvent(LinkEvent::Type::kReady).text =
-      "protocol 20, device build \"" + device_build_info_ + "\"";
+  device.OnReady("protocol 20, device build \"" + device_build_info_ + "\"");
 }
 
-void ProtocolV2::HandlePackageNames(
-    const messages::MessagePackageNames& names) {
-  for (const messages::UidAndPackageName& entry : names.entries()) {
-    LinkEvent& event = AddEvent(LinkEvent::Type::kPackageName);
-    event.uid = entry.uid();
-    event.text = entry.package_name();
+void ProtocolV2::HandlePackageNames(DeviceMessages& device) {
+  for (const messages::UidAndPackageName& entry :
+       message_.header.package_names().entries()) {
+    device.OnPackageName(entry.uid(), entry.package_name());
   }
 }
 
-LinkEvent& ProtocolV2::AddEvent(LinkEvent::Type type) {
-  events_.emplace_back();
-  events_.back().type = type;
-  return events_.back();
+void ProtocolV2::FailWithTeardown(DeviceMessages& device,
+                                  const std::string& reason) {
+  PutTeardown(GetControl(), reason);
+  Fail(device, reason);
 }
 
-void ProtocolV2::AddUnexpected(const messages::Header& header) {
-  AddEvent(LinkEvent::Type::kUnexpected).text =
-      "message type " + std::to_string(header.type());
-}
-
-void ProtocolV2::Fail(const std::string& reason, std::string farewell) {
+void ProtocolV2::Fail(DeviceMessages& device, const std::string& reason) {
   state_ = State::kFailed;
-  LinkEvent& event = AddEvent(LinkEvent::Type::kFatal);
-  event.text = reason;
-  event.bytes = std::move(farewell);
+  device.OnFailure(reason);
 }
 
-std::string ProtocolV2::EncodeHandshakeAck(uint32_t version,
-                                           const std::string& error) const {
+void ProtocolV2::PutHandshakeAck(uint32_t version, const std::string& error) {
   messages::Header header = MakeHeader(messages::HANDSHAKE_ACK);
   header.mutable_handshake_ack()->set_version(version);
   header.mutable_handshake_ack()->set_build_info(build_info_);
   if (!error.empty()) header.mutable_handshake_ack()->set_error(error);
-  return EncodeFrame(header, "");
+  PutFrame(GetControl(), header, "");
 }
 
-std::string ProtocolV2::EncodeData(uint32_t stream_id,
-                                   const std::string& bytes) const {
+void ProtocolV2::PutData(std::string* out, uint32_t stream_id,
+                         const std::string& bytes) {
   messages::Header header = MakeHeader(messages::TCP_WRITE);
   header.mutable_tcp_write()->set_stream_id(stream_id);
-  return EncodeFrame(header, bytes);
+  PutFrame(out, header, bytes);
 }
 
-std::string ProtocolV2::EncodeClose(uint32_t stream_id) const {
+void ProtocolV2::PutClose(std::string* out, uint32_t stream_id) {
   messages::Header header = MakeHeader(messages::TCP_CLOSE);
   header.mutable_tcp_close()->set_stream_id(stream_id);
-  return EncodeFrame(header, "");
+  PutFrame(out, header, "");
 }
 
-std::string ProtocolV2::EncodeWriteAck(uint32_t stream_id) const {
+void ProtocolV2::PutWriteAck(std::string* out, uint32_t stream_id) {
   messages::Header header = MakeHeader(messages::TCP_WRITE_ACK);
   header.mutable_tcp_write_ack()->set_stream_id(stream_id);
-  return EncodeFrame(header, "");
+  PutFrame(out, header, "");
 }
 
-std::string ProtocolV2::EncodeDatagram(const HostAndPort& local,
-                                       const HostAndPort& remote,
-                                       const std::string& payload) const {
+void ProtocolV2::PutDatagram(std::string* out, const HostAndPort& local,
+                             const HostAndPort& remote,
+                             const std::string& payload) {
   messages::Header header = MakeHeader(messages::UDP_SEND);
-  PutEndpoint(local, header.mutable_udp_send()->mutable_source());
-  PutEndpoint(remote, header.mutable_udp_send()->mutable_destination());
-  return EncodeFrame(header, payload);
+  EncodeEndpoint(local, header.mutable_udp_send()->mutable_source());
+  EncodeEndpoint(remote, header.mutable_udp_send()->mutable_destination());
+  PutFrame(out, header, payload);
 }
 
-std::string ProtocolV2::EncodeUdpFailure(const HostAndPort& local,
-                                         const HostAndPort& remote,
-                                         const std::string& request) const {
+void ProtocolV2::PutUdpFailure(std::string* out, const HostAndPort& local,
+                               const HostAndPort& remote,
+                               const std::string& request) {
   messages::Header header = MakeHeader(messages::UDP_FAILURE);
-  PutEndpoint(local, header.mutable_udp_failure()->mutable_source());
-  PutEndpoint(remote, header.mutable_udp_failure()->mutable_destination());
-  return EncodeFrame(header, request);
+  EncodeEndpoint(local, header.mutable_udp_failure()->mutable_source());
+  EncodeEndpoint(remote, header.mutable_udp_failure()->mutable_destination());
+  PutFrame(out, header, request);
 }
 
-std::string ProtocolV2::EncodeNetworkState(int32_t network_id, bool) const {
+void ProtocolV2::PutNetworkState(std::string* out, int32_t network_id, bool) {
   messages::Header header = MakeHeader(messages::NETWORK_STATE);
   header.mutable_network_state()->set_network_id(
       static_cast<uint32_t>(network_id));
-  return EncodeFrame(header, "");
+  PutFrame(out, header, "");
 }
 
-std::string ProtocolV2::EncodeTeardown(const std::string& reason) const {
+void ProtocolV2::PutTeardown(std::string* out, const std::string& reason) {
   messages::Header header = MakeHeader(messages::TEARDOWN);
   header.mutable_teardown()->set_reason(reason);
-  return EncodeFrame(header, "");
+  PutFrame(out, header, "");
 }
 
 }  // namespace vantrel

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <deque>
+#include <stdint.h>
+
+#include <optional>
 #include <string>
 
 #include "companion/link_protocol.h"
@@ -11,54 +13,53 @@ namespace vantrel {
 // Link protocol 2: checksummed frames. A damaged frame is logged and skipped
 // by the decoder; once frames can no longer be told apart, or when the device
 // speaks before its handshake, the link ends with a teardown.
-class ProtocolV2 : public LinkProtocol {
+class ProtocolV2 final : public LinkProtocol {
  public:
   // |build_info| is told to the device in the handshake.
-  explicit ProtocolV2(std::string build_info);
+  ProtocolV2(std::string build_info, std::string* control);
 
   size_t GetAvailableSpace() const override;
   void Feed(const char* data, size_t length) override;
-  bool GetNextEvent(LinkEvent* out) override;
-  // There are no such transfers.
-  bool GetNextBulk(std::string*) override { return false; }
+  bool HandleNext(DeviceMessages& device) override;
 
   size_t GetMaxDatagramBytes() const override { return kMaxFramePayloadSize; }
-  std::string EncodeData(uint32_t stream_id,
-                         const std::string& bytes) const override;
-  std::string EncodeClose(uint32_t stream_id) const override;
-  std::string EncodeWriteAck(uint32_t stream_id) const override;
-  std::string EncodeDatagram(const HostAndPort& local,
-                             const HostAndPort& remote,
-                             const std::string& payload) const override;
-  std::string EncodeUdpFailure(const HostAndPort& local,
-                               const HostAndPort& remote,
-                               const std::string& request) const override;
+  void PutData(std::string* out, uint32_t stream_id,
+               const std::string& bytes) override;
+  void PutClose(std::string* out, uint32_t stream_id) override;
+  void PutWriteAck(std::string* out, uint32_t stream_id) override;
+  void PutDatagram(std::string* out, const HostAndPort& local,
+                   const HostAndPort& remote,
+                   const std::string& payload) override;
+  void PutUdpFailure(std::string* out, const HostAndPort& local,
+                     const HostAndPort& remote,
+                     const std::string& request) override;
   // The message has no place for |is_metered|.
-  std::string EncodeNetworkState(int32_t network_id,
-                                 bool is_metered) const override;
-  std::string EncodeTeardown(const std::string& reason) const override;
+  void PutNetworkState(std::string* out, int32_t network_id,
+                       bool is_metered) override;
+  void PutTeardown(std::string* out, const std::string& reason) override;
 
  private:
   // Once the handshake is acknowledged the device may send anything: it does
   // not hold streams back until it has completed the handshake itself.
   enum class State { kNotStarted, kAcknowledged, kReady, kFailed };
 
-  void HandleMessage(MessageDecoder::Message* message);
-  void HandleHandshakeStart(const messages::MessageHandshake& handshake);
-  void HandleHandshakeDone();
-  void HandlePackageNames(const messages::MessagePackageNames& names);
-  std::string EncodeHandshakeAck(uint32_t version,
-                                 const std::string& error) const;
-  LinkEvent& AddEvent(LinkEvent::Type type);
-  void AddUnexpected(const messages::Header& header);
-  // |farewell| is the last message of the link.
-  void Fail(const std::string& reason, std::string farewell);
+  // Both take what is in |message_|.
+  void HandleFirst(DeviceMessages& device);
+  void Handle(DeviceMessages& device);
+  void HandleHandshakeStart(DeviceMessages& device,
+                            const messages::MessageHandshake& handshake);
+  void HandleHandshakeDone(DeviceMessages& device);
+  void HandlePackageNames(DeviceMessages& device);
+  void PutHandshakeAck(uint32_t version, const std::string& error);
+  void FailWithTeardown(DeviceMessages& device, const std::string& reason);
+  void Fail(DeviceMessages& device, const std::string& reason);
 
   const std::string build_info_;
   State state_ = State::kNotStarted;
+  std::optional<uint8_t> first_byte_;
   std::string device_build_info_;
   MessageDecoder decoder_;
-  std::deque<LinkEvent> events_;
+  MessageDecoder::Message message_;
 };
 
 }  // namespace vantrel

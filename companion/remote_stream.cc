@@ -5,27 +5,40 @@
 #include <netinet/tcp.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <utility>
-
-#include "companion/companion_log.h"
 
 namespace vantrel {
 namespace {
 
-// The kernel waits 1, 2, 4, 8 and 16 seconds for an answer to the first SYN
-// and to its 4 repetitions: a silent remote fails after 31 seconds.
-constexpr int kSynRepetitions = 4;
+void SetOption(int fd, int level, int name, int value) {
+  static_cast<void>(setsockopt(fd, level, name, &value, sizeof(value)));
+}
+
+void TuneRemote(int fd) {
+  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  // The kernel waits 1, 2, 4, 8 and 16 seconds for an answer to the first SYN
+  // and to its 4 repetitions: a silent remote fails after 31 seconds.
+  SetOption(fd, IPPROTO_TCP, TCP_SYNCNT, 4);
+  // A remote that vanished is noticed after 60 + 4 * 15 s.
+  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 15);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 4);
+}
 
 }  // namespace
 
-RemoteStream::RemoteStream(Reactor& reactor, Owner& owner, uint32_t id,
+RemoteStream::RemoteStream(const LinkParts& link, Owner& owner,
+                           ByteBudget& held, uint32_t id,
                            const HostAndPort& remote)
-    : reactor_(reactor), owner_(owner), id_(id), remote_(remote) {}
+    : link_(link), owner_(owner), held_(held), id_(id), remote_(remote) {}
 
 RemoteStream::~RemoteStream() {
-  reactor_.Unregister(*this, Reactor::kRead);
-  reactor_.Unregister(*this, Reactor::kWrite);
+  link_.scheduler.Remove(this);
+  DropQueued();
 }
 
 bool RemoteStream::Connect() {
@@ -34,11 +47,9 @@ bool RemoteStream::Connect() {
     LogConnectFailure(errno);
     return false;
   }
-  SetFd(fd);
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  setsockopt(fd, IPPROTO_TCP, TCP_SYNCNT, &kSynRepetitions,
-             sizeof(kSynRepetitions));
+  socket_ = std::make_unique<Descriptor>(
+      link_.loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); });
+  TuneRemote(fd);
   const sockaddr_in address = remote_.GetSockAddrV4();
   const int result =
       connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
@@ -46,88 +57,161 @@ bool RemoteStream::Connect() {
     LogConnectFailure(errno);
     return false;
   }
-  reactor_.Register(*this, Reactor::kWrite);
+  socket_->WaitWritable();
   return true;
 }
 
 bool RemoteStream::CompleteConnect() {
   int error = 0;
   socklen_t length = sizeof(error);
-  if (getsockopt(GetFd(), SOL_SOCKET, SO_ERROR, &error, &length) == -1) {
+  if (getsockopt(socket_->GetFd(), SOL_SOCKET, SO_ERROR, &error, &length) ==
+      -1) {
     error = errno;
   }
   if (error != 0) {
     LogConnectFailure(error);
     return false;
   }
-  LogDetail("stream %u: connected", id_);
-  connected_ = true;
-  reactor_.Register(*this, Reactor::kRead);
+  link_.log.Write(LogLevel::kDebug, LogKind::kStream, "stream %u: connected",
+                  id_);
+  is_connected_ = true;
+  socket_->WaitReadable();
   return true;
 }
 
-void RemoteStream::LogConnectFailure(int error) const {
-  Log("stream %u: connect to %s failed: %s", id_, remote_.ToString().c_str(),
-      strerror(error));
+void RemoteStream::LogConnectFailure(int error) {
+  link_.log.Write(LogLevel::kInfo, LogKind::kStream,
+                  "stream %u: connect to %s failed: %s", id_,
+                  remote_.ToString().c_str(), strerror(error));
 }
 
-bool RemoteStream::Write(std::string bytes) {
-  if (queue_.GetQueuedItemCount() >= kMaxUnacknowledgedWrites) return false;
-  if (write_failed_) return true;
-  queue_.Append(std::move(bytes));
-  reactor_.Register(*this, Reactor::kWrite);
+bool RemoteStream::Write(const char* bytes, size_t length) {
+  if (queue_.size() >= kMaxUnacknowledgedWrites) return false;
+  if (has_write_failed_) return true;
+  size_t count = 0;
+  if (is_connected_ && queue_.empty()) {
+    if (!WriteSome(bytes, length, &count)) {
+      has_write_failed_ = true;
+      return true;
+    }
+    if (count == length) {
+      owner_.OnWritesDelivered(*this, 1);
+      return true;
+    }
+  }
+  queue_.emplace_back(bytes + count, length - count);
+  held_.Add(length - count);
+  socket_->WaitWritable();
   return true;
 }
 
-void RemoteStream::WaitUntilReadable() {
-  reactor_.Register(*this, Reactor::kRead);
+bool RemoteStream::WriteSome(const char* bytes, size_t length, size_t* count) {
+  *count = 0;
+  if (length == 0) return true;
+  const ssize_t result =
+      send(socket_->GetFd(), bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (result >= 0) *count = static_cast<size_t>(result);
+  return result >= 0 || errno == EAGAIN || errno == EINTR;
+}
+
+bool RemoteStream::WriteQueued(size_t* count) {
+  *count = 0;
+  while (!queue_.empty()) {
+    const std::string& front = queue_.front();
+    size_t written;
+    if (!WriteSome(front.data() + front_offset_, front.size() - front_offset_,
+                   &written)) {
+      return false;
+    }
+    held_.Release(written);
+    front_offset_ += written;
+    if (front_offset_ < front.size()) return true;
+    queue_.pop_front();
+    front_offset_ = 0;
+    ++*count;
+  }
+  return true;
+}
+
+void RemoteStream::DropQueued() {
+  for (const std::string& bytes : queue_) held_.Release(bytes.size());
+  held_.Add(front_offset_);
+  queue_.clear();
+  front_offset_ = 0;
+}
+
+bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
+  static std::string buffer;  // one for all: it is used up in here
+  buffer.resize(std::min(max_payload, LinkProtocol::kMaxStreamChunkBytes));
+  const ssize_t count = read(socket_->GetFd(), buffer.data(), buffer.size());
+  if (count > 0) {
+    buffer.resize(static_cast<size_t>(count));
+    link_.protocol.PutData(out, id_, buffer);
+    return true;
+  }
+  if (count == -1 && (errno == EAGAIN || errno == EINTR)) {
+    socket_->WaitReadable();
+  } else if (count == 0) {
+    has_remote_ended_ = true;
+    owner_.OnRemoteEnded(*this);
+  } else {
+    link_.log.Write(LogLevel::kDebug, LogKind::kStream, "stream %u: %s", id_,
+                    strerror(errno));
+    owner_.OnStreamOver(*this);
+  }
+  return false;
 }
 
 void RemoteStream::Finish(int max_idle_ticks) {
-  finishing_ = true;
+  link_.scheduler.Remove(this);
+  is_finishing_ = true;
   max_idle_ticks_ = max_idle_ticks;
   // The handlers do the rest, as soon as the socket lets them.
-  reactor_.Register(*this, Reactor::kWrite);
-  if (connected_ && !remote_ended_) reactor_.Register(*this, Reactor::kRead);
+  socket_->WaitWritable();
+  if (is_connected_ && !has_remote_ended_) socket_->WaitReadable();
 }
 
-void RemoteStream::OnReadReady() {
-  if (finishing_) return ReadAndDiscard();
-  reactor_.Unregister(*this, Reactor::kRead);
-  owner_.OnStreamReadable(*this);
+void RemoteStream::OnReadable() {
+  if (is_finishing_) return ReadAndDiscard();
+  link_.scheduler.Activate(this);
+  link_.on_waiting();
 }
 
-void RemoteStream::OnWriteReady() {
-  if (!connected_ && !CompleteConnect()) return owner_.OnStreamOver(*this);
-  const size_t before = queue_.GetQueuedItemCount();
-  if (!queue_.Drain(*this)) return HandleWriteFailure();
-  const size_t delivered = before - queue_.GetQueuedItemCount();
-  if (delivered > 0) idle_ticks_ = 0;
-  if (delivered > 0 && !finishing_) owner_.OnWritesDelivered(*this, delivered);
-  if (!queue_.IsEmpty()) return;
-  reactor_.Unregister(*this, Reactor::kWrite);
-  if (!finishing_) return;
-  if (remote_ended_) return owner_.OnStreamOver(*this);
-  static_cast<void>(shutdown(GetFd(), SHUT_WR));
+void RemoteStream::OnWritable() {
+  if (!is_connected_ && !CompleteConnect()) return owner_.OnStreamOver(*this);
+  const size_t held_before = held_.GetUsed();
+  size_t delivered;
+  if (!WriteQueued(&delivered)) return OnWriteFailure();
+  if (held_.GetUsed() != held_before) idle_ticks_ = 0;
+  if (delivered > 0 && !is_finishing_) {
+    owner_.OnWritesDelivered(*this, delivered);
+  }
+  if (!queue_.empty()) return socket_->WaitWritable();
+  if (!is_finishing_) return;
+  if (has_remote_ended_) return owner_.OnStreamOver(*this);
+  static_cast<void>(shutdown(socket_->GetFd(), SHUT_WR));
 }
 
 // The remote takes no more, but bytes that it sent before may still wait to be
 // read. So the stream goes on until reading ends, and what the device sends
 // meanwhile is dropped without an acknowledgement.
-void RemoteStream::HandleWriteFailure() {
-  if (finishing_) return owner_.OnStreamOver(*this);
-  write_failed_ = true;
-  queue_ = WriteBuffer();
-  reactor_.Unregister(*this, Reactor::kWrite);
+void RemoteStream::OnWriteFailure() {
+  if (is_finishing_) return owner_.OnStreamOver(*this);
+  has_write_failed_ = true;
+  DropQueued();
 }
 
 void RemoteStream::ReadAndDiscard() {
   char buffer[16384];
-  const int count = Read(buffer, sizeof(buffer));
-  if (count > 0 || (count < 0 && errno == EAGAIN)) return;
-  remote_ended_ = true;
-  reactor_.Unregister(*this, Reactor::kRead);
-  if (count < 0 || queue_.IsEmpty()) owner_.OnStreamOver(*this);
+  const ssize_t count = read(socket_->GetFd(), buffer, sizeof(buffer));
+  if (count > 0) discarded_bytes_ += static_cast<size_t>(count);
+  const bool may_go_on =
+      count > 0 || (count == -1 && (errno == EAGAIN || errno == EINTR));
+  if (may_go_on && discarded_bytes_ <= kMaxDiscardedBytes) {
+    return socket_->WaitReadable();
+  }
+  has_remote_ended_ = true;
+  if (count < 0 || queue_.empty()) owner_.OnStreamOver(*this);
 }
 
 }  // namespace vantrel

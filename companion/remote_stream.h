@@ -3,80 +3,96 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <deque>
+#include <memory>
 #include <string>
 
 #include "common/host_and_port.h"
-#include "reactor/reactor.h"
-#include "reactor/socket.h"
-#include "reactor/write_buffer.h"
+#include "companion/byte_budget.h"
+#include "companion/descriptor.h"
+#include "companion/flow_scheduler.h"
+#include "companion/link_parts.h"
 
 namespace vantrel {
 
 // One TCP connection to a real remote, on behalf of an application of the
 // device. Its owner destroys it, at the latest in OnStreamOver().
 //
-// While the device has the stream open, bytes are read only when the owner
-// takes them; each readiness is reported once and the socket then left alone
-// until WaitUntilReadable(). Finish() ends that: from then on the stream only
-// delivers what it holds, and drops whatever the remote still sends.
-class RemoteStream : public Socket {
+// While the device has the stream open, what the remote sends stays in the
+// socket until the link's scheduler asks for it, so that a remote that sends
+// faster than the link carries is slowed down by its own TCP. Finish() ends
+// that: from then on the stream only delivers what it holds, and drops whatever
+// the remote still sends.
+class RemoteStream final : public FlowScheduler::Flow {
  public:
   class Owner {
    public:
     virtual ~Owner() = default;
-    // There is something to read: bytes, the end or an error.
-    virtual void OnStreamReadable(RemoteStream& stream) = 0;
     // |count| of the device's writes are in the hands of the kernel.
     virtual void OnWritesDelivered(RemoteStream& stream, size_t count) = 0;
-    // The connection could not be made or, after Finish(), is done with. The
-    // stream may be destroyed.
+    // The remote has closed the connection. The stream may be finished.
+    virtual void OnRemoteEnded(RemoteStream& stream) = 0;
+    // The connection could not be made, has failed or, after Finish(), is done
+    // with. The stream may be destroyed.
     virtual void OnStreamOver(RemoteStream& stream) = 0;
   };
 
   // The device's credit: more writes than this never wait in a stream.
   static constexpr size_t kMaxUnacknowledgedWrites = 8;
+  // What a finishing stream reads and drops.
+  static constexpr size_t kMaxDiscardedBytes = 1 << 20;
 
-  RemoteStream(Reactor& reactor, Owner& owner, uint32_t id,
-               const HostAndPort& remote);
+  // |held| counts the bytes that wait for the remote.
+  RemoteStream(const LinkParts& link, Owner& owner, ByteBudget& held,
+               uint32_t id, const HostAndPort& remote);
   ~RemoteStream() override;
-
-  void OnReadReady() override;   // may destroy this
-  void OnWriteReady() override;  // may destroy this
-
-  uint32_t GetId() const { return id_; }
-  bool IsFinishing() const { return finishing_; }
 
   // Begins to connect. False when that fails at once; the reason is logged.
   [[nodiscard]] bool Connect();
-  // Queues one write of the device. False when the device had no credit for
-  // it; nothing is queued then.
-  [[nodiscard]] bool Write(std::string bytes);
-  void WaitUntilReadable();
-  // The owner has read the end of the remote's bytes.
-  void SetRemoteEnded() { remote_ended_ = true; }
-  // Delivers what is queued, tells the remote that nothing follows and waits
-  // for its end, so that no byte is lost to a reset. Over when that is done,
-  // or when a connection without progress has seen |max_idle_ticks| ticks.
+
+  uint32_t GetId() const { return id_; }
+  bool IsFinishing() const { return is_finishing_; }
+
+  // Takes one write of the device. False when the device had no credit for it;
+  // nothing is taken then.
+  [[nodiscard]] bool Write(const char* bytes, size_t length);
+  bool TakeMessage(size_t max_payload, std::string* out) override;
+  // Delivers what is held, tells the remote that nothing follows and waits for
+  // its end, so that no byte is lost to a reset. Over when that is done, when a
+  // connection without progress has seen |max_idle_ticks| ticks, or when the
+  // remote goes on sending what nobody wants.
   void Finish(int max_idle_ticks);
   // Once a second for a finishing stream. True: the stream is overdue.
   [[nodiscard]] bool OnTick() { return ++idle_ticks_ >= max_idle_ticks_; }
 
  private:
+  void OnReadable();  // may destroy this
+  void OnWritable();  // may destroy this
   // False when the connection failed; the reason is logged.
   bool CompleteConnect();
-  void LogConnectFailure(int error) const;
-  void HandleWriteFailure();  // may destroy this
-  void ReadAndDiscard();      // may destroy this
+  void LogConnectFailure(int error);
+  // As many bytes as the socket takes now. False when the remote takes no more
+  // for good.
+  bool WriteSome(const char* bytes, size_t length, size_t* count);
+  // How many writes were completed. False as above.
+  bool WriteQueued(size_t* count);
+  void DropQueued();
+  void OnWriteFailure();  // may destroy this
+  void ReadAndDiscard();  // may destroy this
 
-  Reactor& reactor_;
+  const LinkParts& link_;
   Owner& owner_;
+  ByteBudget& held_;
   const uint32_t id_;
   const HostAndPort remote_;
-  WriteBuffer queue_;
-  bool connected_ = false;
-  bool write_failed_ = false;
-  bool remote_ended_ = false;
-  bool finishing_ = false;
+  std::unique_ptr<Descriptor> socket_;  // null until Connect()
+  std::deque<std::string> queue_;
+  size_t front_offset_ = 0;  // bytes of the first write that are delivered
+  bool is_connected_ = false;
+  bool has_write_failed_ = false;
+  bool has_remote_ended_ = false;
+  bool is_finishing_ = false;
+  size_t discarded_bytes_ = 0;
   int max_idle_ticks_ = 0;
   int idle_ticks_ = 0;
 };

@@ -1,5 +1,5 @@
 // Plays a device to the companion, in the protocol that the first byte chooses:
-// the same events must come out however the bytes are cut.
+// the same calls and answers must come out however the bytes are cut.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -15,34 +15,71 @@
 namespace vantrel {
 namespace {
 
-std::unique_ptr<LinkProtocol> MakeProtocol(uint8_t choice) {
-  if (choice % 3 == 0) return std::make_unique<ProtocolV2>("");
-  return std::make_unique<ProtocolV1>(choice % 3 == 1 ? 1 : 5);
-}
+class Recorder : public DeviceMessages {
+ public:
+  void OnReady(const std::string& text) override { Add("ready", text); }
+  void OnConnect(uint32_t id, const HostAndPort& remote,
+                 uint32_t uid) override {
+    Add("connect", Number(id) + remote.ToString() + Number(uid));
+  }
+  void OnData(uint32_t id, const char* bytes, size_t length) override {
+    Add("data", Number(id) + std::string(bytes, length));
+  }
+  void OnClose(uint32_t id) override { Add("close", Number(id)); }
+  void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
+                  const std::string& payload) override {
+    Add("datagram", local.ToString() + remote.ToString() + payload);
+  }
+  void OnPackageName(uint32_t uid, const std::string& name) override {
+    Add("package", Number(uid) + name);
+  }
+  void OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) override {
+    std::string message;
+    if (!transfer->TakeMessage(16, &message)) abort();
+    Add("transfer", message);
+  }
+  void OnNotice(const std::string& text) override { Add("notice", text); }
+  void OnUnexpected(const std::string& text) override {
+    Add("unexpected", text);
+  }
+  void OnFailure(const std::string& text) override {
+    Add("failure", text);
+    has_failed = true;
+  }
 
-std::string Describe(const LinkEvent& event) {
-  return std::to_string(static_cast<int>(event.type)) + " " +
-         std::to_string(event.stream_id) + " " + std::to_string(event.uid) +
-         event.local.ToString() + event.remote.ToString() + event.text +
-         event.bytes + "\n";
+  bool has_failed = false;
+  std::string control;
+  std::string calls;
+
+ private:
+  static std::string Number(uint32_t number) {
+    return std::to_string(number) + " ";
+  }
+  void Add(const char* name, const std::string& text) {
+    calls.append(name).append(" ").append(text).append("\n");
+  }
+};
+
+std::unique_ptr<LinkProtocol> MakeProtocol(uint8_t choice,
+                                           std::string* control) {
+  if (choice % 3 == 0) return std::make_unique<ProtocolV2>("", control);
+  return std::make_unique<ProtocolV1>(choice % 3 == 1 ? 1 : 5, control);
 }
 
 std::string Play(uint8_t choice, const char* data, size_t size, size_t piece) {
-  const std::unique_ptr<LinkProtocol> protocol = MakeProtocol(choice);
-  std::string seen;
+  Recorder device;
+  const auto protocol = MakeProtocol(choice, &device.control);
   while (size > 0) {
     const size_t fed = std::min({size, piece, protocol->GetAvailableSpace()});
-    if (fed == 0) abort();  // all events are taken, so there must be space
+    if (fed == 0) abort();  // all messages are handled, so there must be space
     protocol->Feed(data, fed);
     data += fed;
     size -= fed;
-    LinkEvent event;
-    while (protocol->GetNextEvent(&event)) {
-      seen += Describe(event);
-      if (event.type == LinkEvent::Type::kFatal) return seen;
+    while (protocol->HandleNext(device)) {
     }
+    if (device.has_failed) break;
   }
-  return seen;
+  return device.calls + device.control;
 }
 
 }  // namespace

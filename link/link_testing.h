@@ -4,6 +4,7 @@
 #include <deque>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/host_and_port.h"
@@ -27,7 +28,7 @@ class FakeConduit : public ProxySocket::TcpConduitDelegate {
   unsigned int GetUid() const override { return uid_; }
   std::string GetPackageName() const override { return package_; }
   void HandleWriteAck() override { ++acks; }
-  void Write(const std::string& data) override { written.push_back(data); }
+  void Write(std::string data) override { written.push_back(std::move(data)); }
   void Close() override { ++closes; }
   bool HasBuffer() const override { return ended || !chunks.empty(); }
   bool GetNextBuffer(std::string* out) override {

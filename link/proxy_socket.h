@@ -50,7 +50,7 @@ class ProxySocket : public Socket {
     // The companion acknowledged one earlier write of this stream.
     virtual void HandleWriteAck() = 0;
     // Queues bytes from the companion for the application.
-    virtual void Write(const std::string& data) = 0;
+    virtual void Write(std::string data) = 0;
     // Ends the stream; may destroy the conduit at once.
     virtual void Close() = 0;
     // Whether GetNextBuffer() may be called: the application's side has ended,

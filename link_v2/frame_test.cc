@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "link_v2/crc32c.h"
 #include "link_v2/frame_testing.h"
 #include "link_v2/message_decoder.h"
 #include "link_v2/message_encoder.h"
@@ -64,6 +65,32 @@ TEST(EncoderTest, RefusesWhatNoFrameHolds) {
   encoder = MessageEncoder(header);
   EXPECT_EQ("", Encode(&encoder));
   EXPECT_THAT(log.Take(), IsEmpty());
+}
+
+// Each way to compute it equals the plain definition, at every alignment and
+// however the bytes are split.
+TEST(Crc32cTest, EqualsItsDefinition) {
+  std::string bytes;
+  for (uint32_t i = 0; i < 100; ++i) {
+    bytes += static_cast<char>(i * 2654435761u >> 24);
+  }
+  std::vector<Crc32cUpdate> updates = {UpdateCrc32cByTable};
+  if (FindCrc32cInstruction() != nullptr) {
+    updates.push_back(FindCrc32cInstruction());
+  }
+  const auto* const data = reinterpret_cast<const uint8_t*>(bytes.data());
+  for (size_t begin = 0; begin < 9; ++begin) {
+    for (size_t length = 0; begin + length <= bytes.size(); ++length) {
+      const uint32_t expected = BitwiseCrc32c(bytes.substr(begin, length));
+      ASSERT_EQ(expected, Crc32c(data + begin, length)) << begin << length;
+      for (const Crc32cUpdate update : updates) {
+        const size_t half = length * begin / 9;
+        ASSERT_EQ(expected, ~update(update(0xFFFFFFFF, data + begin, half),
+                                    data + begin + half, length - half));
+      }
+    }
+  }
+  EXPECT_EQ(0xE3069283, Crc32c("123456789", 9));  // the usual check value
 }
 
 // Feeds |stream| in pieces of |piece| bytes as far as there is space; returns

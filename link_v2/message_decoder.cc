@@ -20,8 +20,12 @@ void MessageDecoder::BufferData(const void* data, unsigned int length,
   skip_ -= skipped;
   const size_t kept =
       std::min<size_t>(length - skipped, buffer_.size() - held_);
-  memcpy(buffer_.data() + held_, static_cast<const char*>(data) + skipped,
-         kept);
+  if (begin_ + held_ + kept > buffer_.size()) {
+    memmove(buffer_.data(), Front(), held_);
+    begin_ = 0;
+  }
+  memcpy(buffer_.data() + begin_ + held_,
+         static_cast<const char*>(data) + skipped, kept);
   held_ += kept;
   *consumed = skipped + static_cast<unsigned int>(kept);
 }
@@ -33,8 +37,8 @@ bool MessageDecoder::GetAndClearMessage(Message* out) {
                           (state_ == State::kPayload && ParsePayload());
     if (!advanced) return false;
   }
-  out->header.CopyFrom(header_);
-  out->payload.assign(buffer_.data(), payload_size_);
+  out->header.Swap(&header_);
+  out->payload.assign(Front(), payload_size_);
   DiscardFront(payload_size_);
   state_ = State::kPreamble;
   return true;
@@ -42,10 +46,10 @@ bool MessageDecoder::GetAndClearMessage(Message* out) {
 
 bool MessageDecoder::ParsePreamble() {
   if (held_ < kFramePreambleSize) return false;
-  magic_ = GetLe16(buffer_.data());
-  header_size_ = GetLe16(buffer_.data() + 2);
-  payload_size_ = GetLe16(buffer_.data() + 4);
-  header_checksum_ = GetLe16(buffer_.data() + 6);
+  magic_ = GetLe16(Front());
+  header_size_ = GetLe16(Front() + 2);
+  payload_size_ = GetLe16(Front() + 4);
+  header_checksum_ = GetLe16(Front() + 6);
   DiscardFront(kFramePreambleSize);
   if (magic_ != kFrameMagic) {
     state_ = State::kError;
@@ -63,13 +67,13 @@ bool MessageDecoder::ParsePreamble() {
 bool MessageDecoder::ParseHeader() {
   if (held_ < header_size_) return false;
   const unsigned int rest = header_size_ + payload_size_;
-  if (MessageEncoder::ComputeShortCrc32c(buffer_.data(), header_size_) !=
+  if (MessageEncoder::ComputeShortCrc32c(Front(), header_size_) !=
       header_checksum_) {
     ReportError("Header checksum incorrect", header_size_, rest);
     return true;
   }
   header_.Clear();
-  if (!header_.ParseFromArray(buffer_.data(), header_size_)) {
+  if (!header_.ParseFromArray(Front(), header_size_)) {
     ReportError("Unable to parse header", header_size_, rest);
     return true;
   }
@@ -84,7 +88,7 @@ bool MessageDecoder::ParseHeader() {
 
 bool MessageDecoder::ParsePayload() {
   if (held_ < payload_size_) return false;
-  if (MessageEncoder::ComputeCrc32c(buffer_.data(), payload_size_) !=
+  if (MessageEncoder::ComputeCrc32c(Front(), payload_size_) !=
       header_.payload_crc32c()) {
     ReportError("Payload checksum incorrect", payload_size_, payload_size_);
     return true;
@@ -104,7 +108,7 @@ void MessageDecoder::ReportError(const char* what, unsigned int param,
 
 void MessageDecoder::DiscardFront(size_t count) {
   held_ -= count;
-  memmove(buffer_.data(), buffer_.data() + count, held_);
+  begin_ = held_ == 0 ? 0 : begin_ + count;
 }
 
 }  // namespace vantrel

@@ -33,8 +33,8 @@ class MessageDecoder {
   // skipped or buffered, which is all of them within the space available.
   void BufferData(const void* data, unsigned int length,
                   unsigned int* consumed);
-  // Moves the next whole message into |out|. False while more bytes are
-  // needed.
+  // Moves the next whole message into |out|, whatever that held. False while
+  // more bytes are needed.
   [[nodiscard]] bool GetAndClearMessage(Message* out);
   // Whether the stream is lost for good (wrong magic).
   bool HasFailed() const { return state_ == State::kError; }
@@ -49,6 +49,8 @@ class MessageDecoder {
   // Rejects the frame under way: logs, and skips |skip| bytes of the stream.
   void ReportError(const char* what, unsigned int param, unsigned int skip);
   void DiscardFront(size_t count);
+  // The bytes that are held, |held_| of them.
+  const char* Front() const { return buffer_.data() + begin_; }
 
   State state_ = State::kPreamble;
   // The preamble of the frame under way.
@@ -59,8 +61,11 @@ class MessageDecoder {
   messages::Header header_;
   // Bytes of a rejected frame that are still to come.
   unsigned int skip_ = 0;
+  // Bytes move to the front of the buffer only when the room behind them is
+  // used up.
   std::array<char, kMaxFramePayloadSize> buffer_;
-  size_t held_ = 0;  // bytes in |buffer_|
+  size_t begin_ = 0;
+  size_t held_ = 0;  // bytes in |buffer_|, from |begin_| on
 };
 
 }  // namespace vantrel

@@ -1,28 +1,16 @@
 #include "link_v2/message_encoder.h"
 
-#include <array>
-#include <sstream>
+#include <utility>
 
 #include "common/byte_order.h"
 #include "common/log.h"
+#include "link_v2/crc32c.h"
 
 namespace vantrel {
 namespace {
 
-constexpr std::array<uint32_t, 256> MakeCrcTable() {
-  constexpr uint32_t kReflectedPolynomial = 0x82F63B78;
-  std::array<uint32_t, 256> table = {};
-  for (uint32_t i = 0; i < table.size(); ++i) {
-    uint32_t crc = i;
-    for (int bit = 0; bit < 8; ++bit) {
-      crc = (crc >> 1) ^ ((crc & 1) != 0 ? kReflectedPolynomial : 0);
-    }
-    table[i] = crc;
-  }
-  return table;
-}
-
-constexpr std::array<uint32_t, 256> kCrcTable = MakeCrcTable();
+// What the daemon's headers take at most, but for package names.
+constexpr size_t kUsualHeaderSize = 64;
 
 }  // namespace
 
@@ -67,15 +55,15 @@ void MessageEncoder::Reset(messages::MessageType type) {
 }
 
 bool MessageEncoder::Write(WriteBuffer* out, const std::string& payload) {
-  std::ostringstream frame;
+  std::string frame;
+  frame.reserve(kFramePreambleSize + kUsualHeaderSize + payload.size());
   if (!WriteHeader(&frame, payload)) return false;
-  frame << payload;
-  out->Append(frame.str());
+  frame += payload;
+  out->Append(std::move(frame));
   return true;
 }
 
-bool MessageEncoder::WriteHeader(std::ostream* out,
-                                 const std::string& payload) {
+bool MessageEncoder::WriteHeader(std::string* out, const std::string& payload) {
   const auto payload_size = static_cast<unsigned int>(payload.size());
   if (payload_size > kMaxFramePayloadSize) {
     LOGE("[ME] Message payload is too large %u", payload_size);
@@ -85,28 +73,23 @@ bool MessageEncoder::WriteHeader(std::ostream* out,
   if (payload_size > 0) {
     header_.set_payload_crc32c(ComputeCrc32c(payload.data(), payload_size));
   }
-  std::string header;
-  if (!header_.SerializeToString(&header) ||
-      header.size() > kMaxFrameHeaderSize) {
+  const size_t header_size = header_.ByteSizeLong();
+  if (header_size > kMaxFrameHeaderSize) return false;
+  std::string header(header_size, '\0');
+  if (!header_.SerializeToArray(&header[0], static_cast<int>(header_size))) {
     return false;
   }
-  const auto header_size = static_cast<uint16_t>(header.size());
-  std::string preamble;
-  PutLe16(&preamble, kFrameMagic);
-  PutLe16(&preamble, header_size);
-  PutLe16(&preamble, static_cast<uint16_t>(payload_size));
-  PutLe16(&preamble, ComputeShortCrc32c(header.data(), header_size));
-  *out << preamble << header;
+  PutLe16(out, kFrameMagic);
+  PutLe16(out, static_cast<uint16_t>(header_size));
+  PutLe16(out, static_cast<uint16_t>(payload_size));
+  PutLe16(out, ComputeShortCrc32c(header.data(),
+                                  static_cast<unsigned int>(header_size)));
+  *out += header;
   return true;
 }
 
 uint32_t MessageEncoder::ComputeCrc32c(const void* data, unsigned int length) {
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  uint32_t crc = 0xFFFFFFFF;
-  for (unsigned int i = 0; i < length; ++i) {
-    crc = (crc >> 8) ^ kCrcTable[(crc ^ bytes[i]) & 0xFF];
-  }
-  return ~crc;
+  return Crc32c(data, length);
 }
 
 uint16_t MessageEncoder::ComputeShortCrc32c(const void* data,

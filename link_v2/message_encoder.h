@@ -2,7 +2,6 @@
 
 #include <stdint.h>
 
-#include <ostream>
 #include <string>
 
 #include "link_v2/frame.h"
@@ -36,11 +35,11 @@ class MessageEncoder {
   // Appends the frame, header and |payload|, to |out| as one item. False when
   // either is larger than a frame takes; nothing is appended then.
   [[nodiscard]] bool Write(WriteBuffer* out, const std::string& payload);
-  // Writes the preamble and the header that go before |payload|. False as
-  // above; nothing is written then.
-  [[nodiscard]] bool WriteHeader(std::ostream* out, const std::string& payload);
+  // Appends to |out| the preamble and the header that go before |payload|.
+  // False as above; nothing is appended then.
+  [[nodiscard]] bool WriteHeader(std::string* out, const std::string& payload);
 
-  // CRC-32C (Castagnoli, RFC 3720 appendix B.4) of |length| bytes; 0 for none.
+  // As Crc32c() in link_v2/crc32c.h.
   static uint32_t ComputeCrc32c(const void* data, unsigned int length);
   // The same folded to 16 bits: upper half exclusive-or lower half.
   static uint16_t ComputeShortCrc32c(const void* data, unsigned int length);

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "common/log.h"
 #include "link/connection_header.h"
@@ -86,16 +87,14 @@ void ProxySocketV2::OnReadReady() {
 }
 
 void ProxySocketV2::DecodeAndProcessMessages() {
-  while (true) {
-    MessageDecoder::Message message;
-    if (!decoder_.GetAndClearMessage(&message)) return;
-    DecodeAndProcessMessage(message);
+  MessageDecoder::Message message;
+  while (decoder_.GetAndClearMessage(&message)) {
+    DecodeAndProcessMessage(&message);
   }
 }
 
-void ProxySocketV2::DecodeAndProcessMessage(
-    const MessageDecoder::Message& message) {
-  const messages::Header& header = message.header;
+void ProxySocketV2::DecodeAndProcessMessage(MessageDecoder::Message* message) {
+  const messages::Header& header = message->header;
   if (state_ == State::kClosed) {
     LogUnexpected("ProxySocketV2 is closed", header);
     return;
@@ -123,9 +122,8 @@ void ProxySocketV2::DecodeAndProcessMessage(
   }
 }
 
-void ProxySocketV2::ProcessConnectedMessage(
-    const MessageDecoder::Message& message) {
-  const messages::Header& header = message.header;
+void ProxySocketV2::ProcessConnectedMessage(MessageDecoder::Message* message) {
+  const messages::Header& header = message->header;
   switch (header.type()) {
     case messages::TCP_CONNECT_ACK:
     case messages::DNS_SERVERS:
@@ -134,16 +132,16 @@ void ProxySocketV2::ProcessConnectedMessage(
       HandleTcpClose(header.tcp_close());
       return;
     case messages::TCP_WRITE:
-      HandleTcpWrite(header.tcp_write(), message.payload);
+      HandleTcpWrite(header.tcp_write(), std::move(message->payload));
       return;
     case messages::TCP_WRITE_ACK:
       HandleTcpWriteAck(header.tcp_write_ack());
       return;
     case messages::UDP_SEND:
-      HandleUdpSend(header.udp_send(), message.payload);
+      HandleUdpSend(header.udp_send(), message->payload);
       return;
     case messages::UDP_FAILURE:
-      HandleUdpFailure(header.udp_failure(), message.payload);
+      HandleUdpFailure(header.udp_failure(), message->payload);
       return;
     case messages::NETWORK_STATE:
       // Always metered: the second field of the message is not looked at. Kept

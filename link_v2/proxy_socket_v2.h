@@ -58,8 +58,9 @@ class ProxySocketV2 : public ProxySocket {
   // Connection and dispatch (proxy_socket_v2.cc).
   void StartHandshake();
   void DecodeAndProcessMessages();
-  void DecodeAndProcessMessage(const MessageDecoder::Message& message);
-  void ProcessConnectedMessage(const MessageDecoder::Message& message);
+  // Takes the payload out of |message|.
+  void DecodeAndProcessMessage(MessageDecoder::Message* message);
+  void ProcessConnectedMessage(MessageDecoder::Message* message);
   void HandleTeardown(const messages::MessageTeardown& teardown);
   void HandleHandshakeAck(const messages::MessageHandshake& handshake);
   // The one way out for every frame. Drops it when the link is closed; a
@@ -76,7 +77,7 @@ class ProxySocketV2 : public ProxySocket {
   void CloseTcpStream(uint32_t stream_id);
   void HandleTcpClose(const messages::MessageTcpClose& message);
   void HandleTcpWrite(const messages::MessageTcpWrite& message,
-                      const std::string& payload);
+                      std::string payload);
   void HandleTcpWriteAck(const messages::MessageTcpWriteAck& message);
   void HandleUdpSend(const messages::MessageUdpSend& message,
                      const std::string& payload);

@@ -1,4 +1,6 @@
 // The link over protocol 2: TCP streams, datagrams and package names.
+#include <utility>
+
 #include "common/log.h"
 #include "link_v2/proxy_socket_v2.h"
 
@@ -52,9 +54,9 @@ void ProxySocketV2::HandleTcpClose(const messages::MessageTcpClose& message) {
 }
 
 void ProxySocketV2::HandleTcpWrite(const messages::MessageTcpWrite& message,
-                                   const std::string& payload) {
+                                   std::string payload) {
   TcpConduitDelegate* const conduit = streams_.Find(message.stream_id());
-  if (conduit != nullptr) conduit->Write(payload);
+  if (conduit != nullptr) conduit->Write(std::move(payload));
 }
 
 void ProxySocketV2::HandleTcpWriteAck(

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace vantrel {
@@ -20,6 +21,14 @@ int Socket::Write(const void* data, size_t length) const {
   ssize_t result;
   do {
     result = write(fd_, data, length);
+  } while (result == -1 && errno == EINTR);
+  return static_cast<int>(result);
+}
+
+int Socket::WriteAll(const iovec* pieces, int count) const {
+  ssize_t result;
+  do {
+    result = writev(fd_, pieces, count);
   } while (result == -1 && errno == EINTR);
   return static_cast<int>(result);
 }

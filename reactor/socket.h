@@ -4,6 +4,8 @@
 
 #include "reactor/reactable.h"
 
+struct iovec;
+
 namespace vantrel {
 
 // Owns one descriptor and closes it when destroyed. The base of everything
@@ -26,6 +28,8 @@ class Socket : public Reactable {
   // at end of stream, -1 with errno set. A short write is returned as it is.
   int Read(void* buffer, size_t length) const;
   int Write(const void* data, size_t length) const;
+  // As writev(2), likewise.
+  int WriteAll(const iovec* pieces, int count) const;
 
   // Makes a TCP connection end with a reset when it is closed, and not with
   // what looks to its peer like a complete stream.

@@ -34,7 +34,12 @@ class WriteBuffer {
   size_t GetTotalWrittenByteCount() const { return written_byte_count_; }
 
  private:
+  // How much of the front string the limit lets one write take.
   size_t NextChunkSize() const;
+  // One write, as write(2): of the front string as far as the limit lets it,
+  // or, without a limit, of several strings.
+  int WriteSome(const Socket& socket) const;
+  void RemoveWritten(uint32_t bytes);
 
   uint16_t max_write_size_ = 0;
   std::deque<std::string> queue_;  // oldest first

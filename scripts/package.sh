@@ -1,5 +1,5 @@
 #!/bin/bash
-# scripts/package.sh: the Debian package, in build/package/.
+# scripts/package.sh: the Debian packages, in build/package/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh all

@@ -76,8 +76,9 @@ else
   echo "sandbox.command 0 0 /data/data/sandbox.command default none" >"$work/packages.list"
 fi
 
+# The command is your own: it may reach what your own programs reach.
 setsid "$bin/vantrel-companion" --protocol "$protocol" --listen "unix:$work/link" \
-  ${dns:+--dns "$dns"} >"$log_dir/companion.log" 2>&1 </dev/null &
+  --allow 0.0.0.0/0 ${dns:+--dns "$dns"} >"$log_dir/companion.log" 2>&1 </dev/null &
 companion=$!
 # The socket's file is there a moment before anybody listens on it.
 listens() { grep -q "listening on" "$log_dir/companion.log"; }

@@ -10,6 +10,8 @@ build=(
   # wire messages, command lines, JSON records, Bluetooth addresses
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev
+  # the event loop of the programs beside the daemon
+  libasio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 test=(

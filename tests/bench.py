@@ -234,7 +234,8 @@ class Daemon:
 
 
 class Companion:
-    """The real companion, beside the internet's servers, and its link."""
+    """The real companion, beside the internet's servers, and its link. Those
+    servers have addresses of the companion's own machine."""
 
     def __init__(self, directory, *options, protocol="20"):
         self.log_file = directory / "companion.log"
@@ -242,7 +243,7 @@ class Companion:
         with open(self.log_file, "wb") as log:
             self.process = subprocess.Popen(
                 [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--header",
-                 "--fd", str(ours.fileno()), *options],
+                 "--fd", str(ours.fileno()), "--allow", "198.51.100.0/24", *options],
                 pass_fds=[ours.fileno()], stdin=subprocess.DEVNULL, stdout=log,
                 stderr=log, env=program_environment(directory))
         ours.close()

@@ -277,6 +277,8 @@ def test_a_link_without_a_relay(launch):
     assert run.process.wait(10) == 0
 
     run = launch("--direct", **direct)
+    # Before its loop runs, a signal would end the daemon with its rules standing.
+    run.device.run(BIN_DIR / "vantrelctl", "ping", "--log", run.log)
     daemon = run.daemon()
     run.process.kill()  # the daemon still has its link
     wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the daemon's end")

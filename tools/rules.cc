@@ -88,7 +88,8 @@ int List() {
 [[noreturn]] void RunChild(RulesTask::Kind kind, int result) {
   setpgid(0, 0);
   KeepOnly(result);
-  signal(SIGPIPE, SIG_DFL);
+  // The caller's handlers are not for this process.
+  for (const int number : {SIGINT, SIGTERM, SIGPIPE}) signal(number, SIG_DFL);
   LimitCommands();
   // The caller may have blocked signals; the commands are to have them.
   sigset_t none;
@@ -115,10 +116,7 @@ RulesTask::RulesTask(Kind kind) {
 RulesTask::~RulesTask() {
   if (child_ < 0) return;
   kill(-child_, SIGKILL);
-  siginfo_t info;
-  waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOWAIT);
-  int status;
-  static_cast<void>(!ReapGroup(child_, &status));
+  WaitForEnd();
 }
 
 bool RulesTask::Advance() {
@@ -130,11 +128,18 @@ bool RulesTask::Advance() {
     return false;
   }
   // The child ends as soon as it has closed the pipe, which it does by ending.
-  siginfo_t info;
-  waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOWAIT);
-  if (!ReapGroup(child_, &wait_status_)) return false;
+  WaitForEnd();
   child_ = -1;
   return true;
+}
+
+void RulesTask::WaitForEnd() {
+  siginfo_t info;
+  while (waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOWAIT) !=
+             0 &&
+         errno == EINTR) {
+  }
+  static_cast<void>(!ReapGroup(child_, &wait_status_));
 }
 
 std::vector<std::string> RulesTask::GetRules() const {

@@ -47,6 +47,8 @@ class RulesTask {
   std::vector<std::string> GetRules() const;
 
  private:
+  void WaitForEnd();
+
   pid_t child_;          // -1 once it is over
   int wait_status_ = 0;  // the child's, once it is over
   UniqueFd output_;

@@ -20,6 +20,8 @@ class UniqueFd {
   ~UniqueFd() { Reset(); }
 
   int Get() const { return fd_; }  // -1 when there is none
+  // Gives it up without closing it.
+  int Release() { return std::exchange(fd_, -1); }
   void Reset(int fd = -1) {
     if (fd_ >= 0) close(fd_);
     fd_ = fd;

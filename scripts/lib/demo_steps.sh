@@ -104,7 +104,7 @@ LIST
 
 start_tunnel() {
   "$bin/vantrel-companion" --protocol "$protocol" --listen "unix:$work/link" \
-    --network 7 >"$work/companion.log" 2>&1 &
+    --network 7 --allow 198.51.100.0/24 >"$work/companion.log" 2>&1 &
   wait_for "the companion" grep -q "listening on" "$work/companion.log"
   # Not through on_device: the signal at the end is for the launcher itself.
   VANTREL_LOG_FILE=$work/daemon.log "${enter[@]}" "$bin/vantrel-launch" \

@@ -26,7 +26,9 @@ void RaiseOpenFileLimit() {
 }
 
 void ResetSignals() {
-  signal(SIGPIPE, SIG_DFL);
+  for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+    signal(number, SIG_DFL);
+  }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -43,10 +45,10 @@ void MoveTo(int fd, int place) {
 }
 
 [[noreturn]] void RunDaemon(const DaemonProcess::start_t& start, int report) {
+  ResetSignals();
   setpgid(0, 0);
   if (start.is_ended_with_us) prctl(PR_SET_PDEATHSIG, SIGTERM);
   RaiseOpenFileLimit();
-  ResetSignals();
   MoveTo(start.link.Get(), STDIN_FILENO);
   MoveTo(start.status.Get(), STDOUT_FILENO);
   execlp(start.program.c_str(), start.program.c_str(), start.protocol.c_str(),
@@ -81,8 +83,13 @@ DaemonProcess::DaemonProcess(start_t start) {
   report_in.Reset();
   // Ends without a byte when the program was started.
   int error;
-  if (read(report_out.Get(), &error, sizeof(error)) == sizeof(error)) {
-    waitpid(pid_, nullptr, 0);
+  ssize_t count;
+  do {
+    count = read(report_out.Get(), &error, sizeof(error));
+  } while (count < 0 && errno == EINTR);
+  if (count == sizeof(error)) {
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
     errno = error;
     throw SystemFailure("cannot start " + start.program);
   }

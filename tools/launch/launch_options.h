@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/link_address.h"
+#include "tools/launch/link_connector.h"
 #include "tools/launch/shaper.h"
 #include "tools/lock_file.h"
 
@@ -16,6 +17,7 @@ struct launch_options_t {
   std::string capture;          // pcapng file; empty: none
   std::string metrics;          // Prometheus text file; empty: none
   std::string lock = kLockFile;
+  LinkSecurity security = LinkSecurity::kMedium;
   shape_t shape;
   int stats_every_seconds = 0;  // 0: never
   bool is_direct = false;       // no header, no relay

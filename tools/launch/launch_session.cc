@@ -2,17 +2,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <exception>
 #include <utility>
-#include <vector>
 
 #include "tools/system_failure.h"
 
@@ -32,41 +29,58 @@ constexpr std::chrono::seconds kDaemonEndTimeout{15};
 // Protocol 1 has none.
 constexpr std::chrono::seconds kSilenceTimeout{8};
 
-// On a slow link the queue in front of the relay would otherwise hold seconds
-// of traffic, as no Bluetooth socket does.
-constexpr int kShapedSendBufferBytes = 16 * 1024;
+// What a shaped link over TCP holds before it is let in: the kernel's smallest.
+constexpr int kShapedReceiveBufferBytes = 2 * 1024;
 
 void SetBlocking(int fd, bool is_blocking) {
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, is_blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
 }
 
-timespec ToTimespec(SteadyTime::duration duration) {
-  const auto ns = std::max<int64_t>(
-      0,
-      std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count());
-  timespec time;
-  time.tv_sec = static_cast<time_t>(ns / 1000000000);
-  time.tv_nsec = static_cast<long>(ns % 1000000000);
-  return time;
-}
-
 }  // namespace
 
 LaunchSession::LaunchSession(const launch_options_t& options,
-                             connected_link_t link, int signal_fd,
+                             connected_link_t link, EventLoop& loop,
                              LaunchReporter& reporter, PcapngWriter* capture)
     : options_(options),
-      signal_fd_(signal_fd),
+      loop_(loop),
       reporter_(reporter),
-      capture_(capture) {
+      capture_(capture),
+      status_(loop.GetContext()),
+      rules_output_(loop.GetContext()),
+      report_outputs_{asio::posix::stream_descriptor(loop.GetContext()),
+                      asio::posix::stream_descriptor(loop.GetContext())},
+      grace_timer_(loop.GetContext()),
+      kill_timer_(loop.GetContext()),
+      silence_timer_(loop.GetContext()),
+      stats_timer_(loop.GetContext()),
+      link_(loop.GetContext()),
+      near_end_(loop.GetContext()) {
   StartDaemon(std::move(link));
+}
+
+LaunchSession::~LaunchSession() {
+  loop_.SetSignalHandler({});
+  for (RelayDirection* direction :
+       {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {
+    if (direction != nullptr) direction->Stop();
+  }
+  for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
+  for (auto* borrowed :
+       {&rules_output_, &report_outputs_[0], &report_outputs_[1]}) {
+    if (borrowed->is_open()) borrowed->release();
+  }
+  for (auto* timer :
+       {&grace_timer_, &kill_timer_, &silence_timer_, &stats_timer_}) {
+    timer->cancel();
+  }
+  loop_.GetContext().poll();  // the handlers that were just cancelled
 }
 
 void LaunchSession::StartDaemon(connected_link_t link) {
   int channel[2];
   if (pipe2(channel, O_CLOEXEC) != 0) throw SystemFailure("no pipe");
-  status_.Reset(channel[0]);
+  status_.assign(channel[0]);
   DaemonProcess::start_t start;
   start.program = options_.daemon;
   start.protocol = options_.protocol;
@@ -83,26 +97,33 @@ void LaunchSession::StartDaemon(connected_link_t link) {
       throw SystemFailure("no socket pair");
     }
     start.link.Reset(pair[1]);
-    if (options_.shape.IsNeeded()) {
-      setsockopt(start.link.Get(), SOL_SOCKET, SO_SNDBUF,
-                 &kShapedSendBufferBytes, sizeof(kShapedSendBufferBytes));
-    }
+    far_end_.Reset(fcntl(pair[1], F_DUPFD_CLOEXEC, 0));
     StartRelay(std::move(link), UniqueFd(pair[0]));
   }
   daemon_.emplace(std::move(start));
+  loop_.SetSignalHandler([this](int signal) { HandleSignal(signal); });
+  OnReadable(status_, &LaunchSession::HandleStatus);
 }
 
 void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
-  link_ = std::move(link.fd);
-  near_end_ = std::move(near_end);
-  SetBlocking(near_end_.Get(), false);
+  SetBlocking(near_end.Get(), false);
   const std::string header = EncodeConnectionHeader(link.header);
-  if (write(near_end_.Get(), header.data(), header.size()) !=
+  if (write(near_end.Get(), header.data(), header.size()) !=
       static_cast<ssize_t>(header.size())) {
     throw SystemFailure("cannot write the connection header");
   }
-  RelayDirection::options_t in{options_.shape, nullptr, nullptr};
-  RelayDirection::options_t out{options_.shape, nullptr, nullptr};
+  if (options_.shape.bits_per_second > 0) {
+    setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVBUF, &kShapedReceiveBufferBytes,
+               sizeof(kShapedReceiveBufferBytes));
+  }
+  link_.assign(link.fd.Release());
+  near_end_.assign(near_end.Release());
+  RelayDirection::options_t in;
+  RelayDirection::options_t out;
+  in.shape = out.shape = options_.shape;
+  in.on_end = [this] { HandleInboundEnd(); };
+  out.on_end = [this] { HandleOutboundEnd(); };
+  out.feeder = far_end_.Get();
   if (capture_ != nullptr) {
     capture_->BeginLink("protocol " + options_.protocol + " over " +
                         options_.link.text);
@@ -110,167 +131,118 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
     in.on_read = MakeTap(PcapngWriter::kFromCompanion);
     out.on_written = MakeTap(PcapngWriter::kToCompanion);
   }
-  inbound_.emplace(link_.Get(), near_end_.Get(), in);
-  outbound_.emplace(near_end_.Get(), link_.Get(), out);
+  inbound_.emplace(link_, near_end_, std::move(in));
+  outbound_.emplace(near_end_, link_, std::move(out));
 }
 
 RelayDirection::Tap LaunchSession::MakeTap(
     PcapngWriter::Direction direction) const {
-  return [capture = capture_, direction](const std::string& bytes) {
-    capture->WriteBytes(direction, bytes, std::chrono::system_clock::now());
+  return [capture = capture_, direction](std::string_view bytes) {
+    capture->WriteBytes(direction, std::string(bytes),
+                        std::chrono::system_clock::now());
   };
 }
 
 LaunchSession::end_t LaunchSession::Run() {
-  while (!IsOver(std::chrono::steady_clock::now())) WaitAndHandle();
-  if (status_.Get() >= 0) EndStatus();
+  if (inbound_) {
+    inbound_->Start();
+    outbound_->Start();
+  }
+  while (!IsOver()) {
+    loop_.GetContext().run_one();
+    WatchReports();
+  }
+  if (status_.is_open()) EndStatus();
   CountLinkBytes();
   end_.wait_status = daemon_->GetWaitStatus();
   return end_;
 }
 
-bool LaunchSession::IsOver(SteadyTime now) const {
+bool LaunchSession::IsOver() const {
   if (daemon_->IsRunning()) return false;
   const bool is_flushed = !outbound_ || outbound_->IsOver();
-  return (status_.Get() < 0 && is_flushed) || now >= *grace_end_;
+  return (!status_.is_open() && is_flushed) || is_grace_over_;
 }
 
-void LaunchSession::WaitAndHandle() {
-  SteadyTime now = std::chrono::steady_clock::now();
-  std::vector<pollfd> waits;
-  std::vector<Handler> handlers;
-  const auto add = [&](int fd, short events, Handler handler) {
-    if (fd < 0) return;
-    waits.push_back({fd, events, 0});
-    handlers.push_back(handler);
-  };
-  add(signal_fd_, POLLIN, &LaunchSession::HandleSignal);
-  add(status_.Get(), POLLIN, &LaunchSession::HandleStatus);
-  if (rules_look_) {
-    add(rules_look_->GetFd(), POLLIN, &LaunchSession::HandleRulesLook);
-  }
-  for (const int fd : reporter_.GetFdsToWrite()) {
-    add(fd, POLLOUT, &LaunchSession::FlushReports);
-  }
-  if (inbound_) {
-    add(inbound_->GetFdToWrite(now), POLLOUT, &LaunchSession::WriteInbound);
-    add(outbound_->GetFdToWrite(now), POLLOUT, &LaunchSession::WriteOutbound);
-    add(inbound_->GetFdToRead(), POLLIN, &LaunchSession::ReadInbound);
-    add(outbound_->GetFdToRead(), POLLIN, &LaunchSession::ReadOutbound);
-  }
-  timespec timeout = {};
-  const auto next = GetNextTime(now);
-  if (next) timeout = ToTimespec(*next - now);
-  ppoll(waits.data(), waits.size(), next ? &timeout : nullptr, nullptr);
-  now = std::chrono::steady_clock::now();
-  for (size_t i = 0; i < waits.size(); ++i) {
-    if (waits[i].revents != 0) (this->*handlers[i])(now);
-  }
-  HandleTime(now);
+void LaunchSession::OnReadable(asio::posix::stream_descriptor& descriptor,
+                               Handler handler) {
+  descriptor.async_wait(asio::posix::descriptor_base::wait_read,
+                        [this, handler](const std::error_code& error) {
+                          if (!error) (this->*handler)();
+                        });
 }
 
-void LaunchSession::HandleTime(SteadyTime now) {
-  if (next_stats_ && now >= *next_stats_) AskForStats(now);
-  if (kill_time_ && now >= *kill_time_) KillDaemon();
-  if (silence_time_ && now >= *silence_time_) NoteSilence();
+void LaunchSession::After(asio::steady_timer& timer, std::chrono::seconds time,
+                          Handler handler) {
+  timer.expires_after(time);
+  timer.async_wait([this, handler](const std::error_code& error) {
+    if (!error) (this->*handler)();
+  });
 }
 
-std::optional<SteadyTime> LaunchSession::GetNextTime(SteadyTime now) const {
-  std::optional<SteadyTime> next = grace_end_;
-  const auto consider = [&next](const std::optional<SteadyTime>& time) {
-    if (time && (!next || *time < *next)) next = time;
-  };
-  consider(next_stats_);
-  consider(kill_time_);
-  consider(silence_time_);
-  if (inbound_) {
-    consider(inbound_->GetNextTime(now));
-    consider(outbound_->GetNextTime(now));
+void LaunchSession::WatchReports() {
+  const auto outputs = reporter_.GetFdsToWrite();
+  for (size_t i = 0; i < outputs.size(); ++i) {
+    auto& output = report_outputs_[i];
+    if (outputs[i] < 0 || output.is_open()) continue;
+    output.assign(outputs[i]);
+    output.async_wait(asio::posix::descriptor_base::wait_write,
+                      [this, &output](const std::error_code& error) {
+                        if (error) return;
+                        output.release();
+                        reporter_.Flush();
+                      });
   }
-  return next;
 }
 
-void LaunchSession::HandleSignal(SteadyTime now) {
-  signalfd_siginfo info;
-  if (read(signal_fd_, &info, sizeof(info)) != sizeof(info)) return;
-  if (info.ssi_signo != SIGCHLD) {
+void LaunchSession::HandleSignal(int signal) {
+  if (signal != SIGCHLD) {
     end_.is_stop_wanted = true;
     reporter_.Stopping();
-    daemon_->Signal(static_cast<int>(info.ssi_signo));
-    if (!kill_time_) kill_time_ = now + kDaemonEndTimeout;
+    daemon_->Signal(signal);
+    if (!std::exchange(is_ending_, true)) {
+      After(kill_timer_, kDaemonEndTimeout, &LaunchSession::KillDaemon);
+    }
     return;
   }
-  if (daemon_->Reap() && !grace_end_) {
-    grace_end_ = now + kGrace;
-    next_stats_.reset();
-    kill_time_.reset();
-    silence_time_.reset();
-    rules_look_.reset();
+  if (!daemon_->IsRunning() || !daemon_->Reap()) return;
+  far_end_.Reset();
+  for (auto* timer : {&kill_timer_, &silence_timer_, &stats_timer_}) {
+    timer->cancel();
   }
+  After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
 }
 
-void LaunchSession::HandleRulesLook(SteadyTime /*now*/) {
-  if (!rules_look_->Advance()) return;
-  try {
-    const size_t complete = GetCompleteRuleCount();
-    const size_t found = rules_look_->GetRules().size();
-    if (found < complete) {
-      reporter_.Say("warning: " + std::to_string(found) + " of " +
-                    std::to_string(complete) +
-                    " interception rules stand: applications have no network, "
-                    "or not all of it; the daemon's log says why");
-    }
-  } catch (const std::exception& e) {
-    reporter_.Say(std::string("warning: ") + e.what());
-  }
-  rules_look_.reset();
-}
-
-void LaunchSession::FlushReports(SteadyTime /*now*/) { reporter_.Flush(); }
-
-void LaunchSession::KillDaemon() {
-  reporter_.Say("the daemon has not ended within " +
-                std::to_string(kDaemonEndTimeout.count()) + " s and is killed");
-  daemon_->Kill();
-  kill_time_.reset();
-}
-
-void LaunchSession::NoteSilence() {
-  silence_time_.reset();
-  if (inbound_->GetMovedByteCount() > 0) return;
-  reporter_.Say(
-      "warning: the companion has not said anything yet; does it "
-      "speak protocol " +
-      options_.protocol + ", without --header?");
-}
-
-void LaunchSession::HandleStatus(SteadyTime now) {
+void LaunchSession::HandleStatus() {
   char bytes[4096];
-  const ssize_t count = read(status_.Get(), bytes, sizeof(bytes));
-  if (count < 0 && errno == EINTR) return;
-  if (count <= 0) return EndStatus();
+  const ssize_t count = read(status_.native_handle(), bytes, sizeof(bytes));
+  if (count <= 0 && !(count < 0 && errno == EINTR)) return EndStatus();
+  OnReadable(status_, &LaunchSession::HandleStatus);
+  if (count < 0) return;
   status_reader_.Append(bytes, static_cast<size_t>(count));
   const bool was_well = status_reader_.GetProblem().empty();
   status_record_t record;
-  while (status_reader_.Next(&record)) HandleRecord(record, now);
+  while (status_reader_.Next(&record)) HandleRecord(record);
   if (was_well && !status_reader_.GetProblem().empty()) {
     reporter_.Say("the status channel brought " + status_reader_.GetProblem() +
                   "; the rest is ignored");
   }
 }
 
-void LaunchSession::HandleRecord(const status_record_t& record,
-                                 SteadyTime now) {
+void LaunchSession::HandleRecord(const status_record_t& record) {
   CountLinkBytes();
   reporter_.Record(record);
   if (record.kind != status_record_t::kStarted) return;
   end_.has_started = true;
   rules_look_.emplace(RulesTask::kList);
+  rules_output_.assign(rules_look_->GetFd());
+  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
   if (inbound_ && options_.protocol != "1") {
-    silence_time_ = now + kSilenceTimeout;
+    After(silence_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
   }
   if (options_.stats_every_seconds > 0) {
-    next_stats_ = now + std::chrono::seconds(options_.stats_every_seconds);
+    After(stats_timer_, std::chrono::seconds(options_.stats_every_seconds),
+          &LaunchSession::AskForStats);
   }
 }
 
@@ -279,48 +251,86 @@ void LaunchSession::EndStatus() {
   if (!cut.empty()) {
     reporter_.Say("the status channel ended in the middle of a " + cut);
   }
-  status_.Reset();
+  status_.close();
 }
 
-void LaunchSession::AskForStats(SteadyTime now) {
-  next_stats_ = now + std::chrono::seconds(options_.stats_every_seconds);
+void LaunchSession::HandleRulesLook() {
+  if (!rules_look_->Advance()) {
+    OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
+    return;
+  }
+  // Of a daemon that is ending some are gone already.
+  if (!is_ending_ && daemon_->IsRunning()) WarnOfMissingRules();
+  rules_output_.release();
+  rules_look_.reset();
+}
+
+void LaunchSession::WarnOfMissingRules() {
+  try {
+    const size_t complete = GetCompleteRuleCount();
+    const size_t found = rules_look_->GetRules().size();
+    if (found >= complete) return;
+    reporter_.Say("warning: " + std::to_string(found) + " of " +
+                  std::to_string(complete) +
+                  " interception rules stand: applications have no network, "
+                  "or not all of it; the daemon's log says why");
+  } catch (const std::exception& e) {
+    reporter_.Say(std::string("warning: ") + e.what());
+  }
+}
+
+void LaunchSession::KillDaemon() {
+  reporter_.Say("the daemon has not ended within " +
+                std::to_string(kDaemonEndTimeout.count()) + " s and is killed");
+  daemon_->Kill();
+}
+
+void LaunchSession::NoteSilence() {
+  if (inbound_->GetMovedByteCount() > 0) return;
+  reporter_.Say(
+      "warning: the companion has not said anything yet; does it speak "
+      "protocol " +
+      options_.protocol + ", without --header?");
+}
+
+void LaunchSession::AskForStats() {
   try {
     if (!control_port_) control_port_.emplace();
     control_port_->Send(EncodeControlPacket(TYPE_TRANSFER_STATS));
     // On the loopback a refusal is there before the call returns.
-    if (!control_port_->IsRefused()) return;
-    reporter_.Say(
-        "the control port does not listen; statistics come only "
-        "when the daemon ends");
+    if (control_port_->IsRefused()) {
+      reporter_.Say(
+          "the control port does not listen; statistics come only when the "
+          "daemon ends");
+      return;
+    }
   } catch (const std::exception& e) {
     reporter_.Say(e.what());
+    return;
   }
-  next_stats_.reset();
+  After(stats_timer_, std::chrono::seconds(options_.stats_every_seconds),
+        &LaunchSession::AskForStats);
 }
 
-void LaunchSession::ReadInbound(SteadyTime now) {
-  inbound_->Read(now);
-  if (inbound_->GetState() != RelayDirection::kFlowing) {
-    EndLink(inbound_->GetReadError(), now);
+void LaunchSession::HandleInboundEnd() {
+  if (inbound_->GetState() == RelayDirection::kEnding) {
+    EndLink(inbound_->GetReadError());
   }
 }
 
-void LaunchSession::WriteInbound(SteadyTime now) { inbound_->Write(now); }
-
-void LaunchSession::ReadOutbound(SteadyTime now) { outbound_->Read(now); }
-
-void LaunchSession::WriteOutbound(SteadyTime now) {
-  outbound_->Write(now);
+void LaunchSession::HandleOutboundEnd() {
   if (outbound_->GetState() != RelayDirection::kBroken) return;
   // Nothing would tell the daemon otherwise: only this direction failed.
-  shutdown(near_end_.Get(), SHUT_RDWR);
-  EndLink(outbound_->GetWriteError(), now);
+  shutdown(near_end_.native_handle(), SHUT_RDWR);
+  EndLink(outbound_->GetWriteError());
 }
 
-void LaunchSession::EndLink(int error, SteadyTime now) {
+void LaunchSession::EndLink(int error) {
   if (is_link_over_ || !daemon_->IsRunning()) return;
   is_link_over_ = true;
-  if (!kill_time_) kill_time_ = now + kDaemonEndTimeout;
+  if (!std::exchange(is_ending_, true)) {
+    After(kill_timer_, kDaemonEndTimeout, &LaunchSession::KillDaemon);
+  }
   // A stop ends the link, too, and so does the daemon when it ends.
   const bool is_ordered =
       end_.is_stop_wanted || outbound_->GetState() == RelayDirection::kEnded;

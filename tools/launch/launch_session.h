@@ -1,9 +1,13 @@
 #pragma once
 
+#include <array>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
 #include <optional>
 
 #include "tools/control_port.h"
 #include "tools/launch/daemon_process.h"
+#include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/launch_reporter.h"
 #include "tools/launch/link_connector.h"
@@ -24,62 +28,76 @@ class LaunchSession {
     bool is_stop_wanted = false;  // a signal was passed on
   };
 
-  // |signal_fd| delivers SIGINT, SIGTERM and SIGCHLD. |capture| may be null;
-  // all references outlive this. Throws std::system_error when the daemon
-  // cannot be started.
+  // |capture| may be null; all references outlive this. Throws
+  // std::system_error when the daemon cannot be started.
   LaunchSession(const launch_options_t& options, connected_link_t link,
-                int signal_fd, LaunchReporter& reporter, PcapngWriter* capture);
+                EventLoop& loop, LaunchReporter& reporter,
+                PcapngWriter* capture);
+  // No handler of the loop refers to this afterwards.
+  ~LaunchSession();
+  LaunchSession(const LaunchSession&) = delete;
+  LaunchSession& operator=(const LaunchSession&) = delete;
 
   end_t Run();
 
  private:
-  using Handler = void (LaunchSession::*)(SteadyTime now);
+  using Handler = void (LaunchSession::*)();
 
   void StartDaemon(connected_link_t link);
   void StartRelay(connected_link_t link, UniqueFd near_end);
   RelayDirection::Tap MakeTap(PcapngWriter::Direction direction) const;
+  bool IsOver() const;
 
-  bool IsOver(SteadyTime now) const;
-  void WaitAndHandle();
-  std::optional<SteadyTime> GetNextTime(SteadyTime now) const;
+  // Calls |handler| once, if all goes well until then.
+  void OnReadable(asio::posix::stream_descriptor& descriptor, Handler handler);
+  void After(asio::steady_timer& timer, std::chrono::seconds time,
+             Handler handler);
+  void WatchReports();
 
-  void HandleSignal(SteadyTime now);
-  void HandleStatus(SteadyTime now);
-  void HandleRulesLook(SteadyTime now);
-  void FlushReports(SteadyTime now);
-  void ReadInbound(SteadyTime now);
-  void WriteInbound(SteadyTime now);
-  void ReadOutbound(SteadyTime now);
-  void WriteOutbound(SteadyTime now);
-
-  void HandleRecord(const status_record_t& record, SteadyTime now);
+  void HandleSignal(int signal);
+  void HandleStatus();
+  void HandleRecord(const status_record_t& record);
   void EndStatus();
-  void HandleTime(SteadyTime now);
-  void AskForStats(SteadyTime now);
+  void HandleRulesLook();
+  void WarnOfMissingRules();
+  void HandleGraceEnd() { is_grace_over_ = true; }
+  void AskForStats();
   void KillDaemon();
   void NoteSilence();
-  void EndLink(int error, SteadyTime now);
+  void HandleInboundEnd();
+  void HandleOutboundEnd();
+  void EndLink(int error);
   void CountLinkBytes();
 
   const launch_options_t& options_;
-  const int signal_fd_;
+  EventLoop& loop_;
   LaunchReporter& reporter_;
   PcapngWriter* const capture_;
 
-  UniqueFd status_;  // none once the channel has ended
+  asio::posix::stream_descriptor status_;  // closed once the channel has ended
   StatusReader status_reader_;
-  std::optional<DaemonProcess> daemon_;      // empty only while starting
-  std::optional<SteadyTime> grace_end_;      // set when the daemon has ended
+  std::optional<DaemonProcess> daemon_;  // empty only while starting
+  // After the start: the look at the rules, and its output, which is borrowed.
+  std::optional<RulesTask> rules_look_;
+  asio::posix::stream_descriptor rules_output_;
+  // Borrowed while a report waits for its reader.
+  std::array<asio::posix::stream_descriptor, 2> report_outputs_;
+
+  asio::steady_timer grace_timer_;    // from the daemon's end
+  asio::steady_timer kill_timer_;     // from when the daemon is to end
+  asio::steady_timer silence_timer_;  // from the start
+  asio::steady_timer stats_timer_;
+  bool is_grace_over_ = false;
+  bool is_ending_ = false;                   // the daemon is to end
   std::optional<ControlPort> control_port_;  // made when first needed
-  std::optional<SteadyTime> next_stats_;
-  std::optional<RulesTask> rules_look_;     // after the start
-  std::optional<SteadyTime> kill_time_;     // set once the daemon is to end
-  std::optional<SteadyTime> silence_time_;  // until the companion has spoken
   end_t end_;
 
   // All empty when the daemon has the link itself.
-  UniqueFd link_;
-  UniqueFd near_end_;  // of the socket pair whose other end the daemon has
+  asio::posix::stream_descriptor link_;
+  // Of the socket pair between us and the daemon; of the daemon's end a
+  // duplicate, while it runs, to keep its queue short.
+  asio::posix::stream_descriptor near_end_;
+  UniqueFd far_end_;
   std::optional<RelayDirection> inbound_;   // companion to daemon
   std::optional<RelayDirection> outbound_;  // daemon to companion
   bool is_link_over_ = false;

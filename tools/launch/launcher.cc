@@ -1,10 +1,6 @@
 #include "tools/launch/launcher.h"
 
-#include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -28,19 +24,6 @@ constexpr std::chrono::seconds kHurriedRulesTime{2};
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{60};
 
-UniqueFd TakeOverSignals() {
-  signal(SIGPIPE, SIG_IGN);
-  sigset_t taken;
-  sigemptyset(&taken);
-  sigaddset(&taken, SIGINT);
-  sigaddset(&taken, SIGTERM);
-  sigaddset(&taken, SIGCHLD);
-  sigprocmask(SIG_BLOCK, &taken, nullptr);
-  UniqueFd fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (fd.Get() < 0) throw SystemFailure("no signal descriptor");
-  return fd;
-}
-
 // The daemon refused its arguments, as it will the next time.
 bool IsUsageError(int wait_status) {
   return WIFEXITED(wait_status) &&
@@ -51,10 +34,7 @@ bool IsUsageError(int wait_status) {
 }  // namespace
 
 Launcher::Launcher(const launch_options_t& options)
-    : options_(options),
-      lock_(options.lock),
-      reporter_(options),
-      signal_fd_(TakeOverSignals()) {
+    : options_(options), lock_(options.lock), reporter_(options) {
   if (!options.capture.empty()) {
     capture_ = std::make_unique<PcapngWriter>(options.capture);
   }
@@ -70,16 +50,14 @@ int Launcher::Run() {
     if (attempt.has_started) pause = kFirstPause;
     reporter_.Say("connecting again in " + std::to_string(pause.count()) +
                   " s");
-    const auto end = std::chrono::steady_clock::now() + pause;
-    while (stop_signal_ == 0 && std::chrono::steady_clock::now() < end) {
-      Wait(-1, end);
-    }
-    if (stop_signal_ != 0) return End(128 + stop_signal_);
+    loop_.WaitFor(-1, EventLoop::Readiness::wait_read, Now() + pause);
+    if (loop_.GetStopSignal() != 0) return End(128 + loop_.GetStopSignal());
     pause = std::min(2 * pause, kLongestPause);
   }
 }
 
 int Launcher::End(int exit_status) {
+  if (loop_.GetStopSignal() != 0) reporter_.Stopping();
   reporter_.Finish();
   return exit_status;
 }
@@ -88,21 +66,21 @@ Launcher::attempt_t Launcher::Attempt() {
   try {
     reporter_.Connecting();
     return RunSession(
-        ConnectLink(options_.link, signal_fd_.Get(), kConnectTimeout));
+        ConnectLink(options_.link, options_.security, &loop_, kConnectTimeout));
   } catch (const std::exception& e) {
     reporter_.Say(e.what());
   }
-  TakeSignal();
   attempt_t attempt;
-  attempt.is_final = stop_signal_ != 0;
-  if (stop_signal_ != 0) attempt.exit_status = 128 + stop_signal_;
+  const int stop_signal = loop_.GetStopSignal();
+  attempt.is_final = stop_signal != 0;
+  if (stop_signal != 0) attempt.exit_status = 128 + stop_signal;
   return attempt;
 }
 
 Launcher::attempt_t Launcher::RunSession(connected_link_t link) {
-  LaunchSession session(options_, std::move(link), signal_fd_.Get(), reporter_,
-                        capture_.get());
-  const LaunchSession::end_t end = session.Run();
+  const LaunchSession::end_t end =
+      LaunchSession(options_, std::move(link), loop_, reporter_, capture_.get())
+          .Run();
   attempt_t attempt;
   attempt.has_started = end.has_started;
   attempt.exit_status = WIFSIGNALED(end.wait_status)
@@ -113,7 +91,7 @@ Launcher::attempt_t Launcher::RunSession(connected_link_t link) {
     attempt.is_final = true;
     if (attempt.exit_status == 0) attempt.exit_status = 1;
   }
-  attempt.is_final |= stop_signal_ != 0;
+  attempt.is_final |= loop_.GetStopSignal() != 0;
   reporter_.DaemonEnded(end.wait_status);
   return attempt;
 }
@@ -144,40 +122,20 @@ std::vector<std::string> Launcher::RunRules(RulesTask::Kind kind) {
   auto end = SteadyTime::max();
   bool is_over = false;
   while (!is_over) {
-    const bool was_hurried = stop_signal_ != 0;
-    if (Wait(task.GetFd(), end)) is_over = task.Advance();
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= end) {
-      throw RulesToolHangs(
-          "stopped while the packet-filter tool was at work; rules may be "
-          "left");
+    switch (loop_.WaitFor(task.GetFd(), EventLoop::Readiness::wait_read, end)) {
+      case EventLoop::Wake::kReady:
+        is_over = task.Advance();
+        break;
+      case EventLoop::Wake::kSignal:
+        end = std::min(end, Now() + kHurriedRulesTime);
+        break;
+      case EventLoop::Wake::kTimeout:
+        throw RulesToolHangs(
+            "stopped while the packet-filter tool was at work; rules may be "
+            "left");
     }
-    if (!was_hurried && stop_signal_ != 0) end = now + kHurriedRulesTime;
   }
   return task.GetRules();
-}
-
-bool Launcher::Wait(int fd, SteadyTime end) {
-  int timeout_ms = -1;
-  if (end != SteadyTime::max()) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    timeout_ms = std::max(0, static_cast<int>(left.count()));
-  }
-  pollfd waits[] = {{fd, POLLIN, 0}, {signal_fd_.Get(), POLLIN, 0}};
-  poll(waits, 2, timeout_ms);
-  if (waits[1].revents != 0) TakeSignal();
-  return waits[0].revents != 0;
-}
-
-void Launcher::TakeSignal() {
-  signalfd_siginfo info;
-  while (read(signal_fd_.Get(), &info, sizeof(info)) == sizeof(info)) {
-    // A SIGCHLD is left over from a child that was waited for.
-    if (info.ssi_signo == SIGCHLD) continue;
-    reporter_.Stopping();
-    stop_signal_ = static_cast<int>(info.ssi_signo);
-  }
 }
 
 }  // namespace vantrel

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/launch_reporter.h"
 #include "tools/launch/launch_session.h"
@@ -40,19 +41,13 @@ class Launcher {
   bool CleanUp();
   // As RulesTask::GetRules(); a signal leaves it only a short time more.
   std::vector<std::string> RunRules(RulesTask::Kind kind);
-  // Waits for |fd|, which may be -1, to be readable, for a signal, or for
-  // |end|. True when |fd| is.
-  bool Wait(int fd, SteadyTime end);
-  // Notes a signal that waits to be handled in |stop_signal_|.
-  void TakeSignal();
   int End(int exit_status);
 
   const launch_options_t& options_;
   const LockFile lock_;
   LaunchReporter reporter_;
-  UniqueFd signal_fd_;
+  EventLoop loop_;
   std::unique_ptr<PcapngWriter> capture_;  // null: none
-  int stop_signal_ = 0;  // that came while no daemon ran; 0: none
 };
 
 }  // namespace vantrel

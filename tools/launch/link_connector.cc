@@ -7,8 +7,6 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -32,7 +30,7 @@ constexpr std::chrono::milliseconds kAddressTimeout{3000};
 
 // How one attempt waits and when it gives up.
 struct patience_t {
-  int cancel_fd;
+  EventLoop* loop;
   std::chrono::milliseconds timeout;
 };
 
@@ -48,11 +46,15 @@ UniqueFd OpenSocket(int family, int type, int protocol) {
 }
 
 void WaitConnected(int fd, const patience_t& patience) {
-  pollfd waits[] = {{fd, POLLOUT, 0}, {patience.cancel_fd, POLLIN, 0}};
-  const int ready = poll(waits, 2, static_cast<int>(patience.timeout.count()));
-  if (ready < 0) throw SystemFailure(errno);
-  if (waits[1].revents != 0) throw Interrupted();
-  if (ready == 0) throw SystemFailure(ETIMEDOUT);
+  switch (patience.loop->WaitFor(fd, EventLoop::Readiness::wait_write,
+                                 Now() + patience.timeout)) {
+    case EventLoop::Wake::kReady:
+      break;
+    case EventLoop::Wake::kSignal:
+      throw Interrupted();
+    case EventLoop::Wake::kTimeout:
+      throw SystemFailure(ETIMEDOUT);
+  }
   int error = 0;
   socklen_t length = sizeof(error);
   getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
@@ -108,13 +110,11 @@ void SetTcpOptions(int fd) {
 }
 
 UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
-  using std::chrono::steady_clock;
   const AddressList addresses = LookUp(link);
-  const auto end = steady_clock::now() + patience.timeout;
+  const auto end = Now() + patience.timeout;
   for (const addrinfo* a = addresses.get();; a = a->ai_next) {
     const bool is_last = a->ai_next == nullptr;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Now());
     patience.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
     try {
       UniqueFd fd = OpenSocket(a->ai_family, SOCK_STREAM, a->ai_protocol);
@@ -127,13 +127,33 @@ UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
   }
 }
 
-UniqueFd ConnectRfcomm(const link_address_t& link, const patience_t& patience) {
+uint8_t GetSecurityLevel(LinkSecurity security) {
+  switch (security) {
+    case LinkSecurity::kLow:
+      return BT_SECURITY_LOW;
+    case LinkSecurity::kMedium:
+      return BT_SECURITY_MEDIUM;
+    case LinkSecurity::kHigh:
+      return BT_SECURITY_HIGH;
+  }
+  return BT_SECURITY_HIGH;
+}
+
+UniqueFd ConnectRfcomm(const link_address_t& link, LinkSecurity security,
+                       const patience_t& patience) {
   UniqueFd fd(socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
                      BTPROTO_RFCOMM));
   if (fd.Get() < 0) {
     if (errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT) {
       throw std::runtime_error("this kernel has no Bluetooth sockets");
     }
+    throw SystemFailure(errno);
+  }
+  bt_security wanted = {};
+  wanted.level = GetSecurityLevel(security);
+  // A link that is less safe than was asked for is none.
+  if (setsockopt(fd.Get(), SOL_BLUETOOTH, BT_SECURITY, &wanted,
+                 sizeof(wanted)) != 0) {
     throw SystemFailure(errno);
   }
   sockaddr_rc address = {};
@@ -155,14 +175,15 @@ UniqueFd TakeDescriptor(const link_address_t& link) {
   return fd;
 }
 
-UniqueFd Connect(const link_address_t& address, const patience_t& patience) {
+UniqueFd Connect(const link_address_t& address, LinkSecurity security,
+                 const patience_t& patience) {
   switch (address.kind) {
     case link_address_t::kUnix:
       return ConnectUnix(address, patience);
     case link_address_t::kTcp:
       return ConnectTcp(address, patience);
     case link_address_t::kRfcomm:
-      return ConnectRfcomm(address, patience);
+      return ConnectRfcomm(address, security, patience);
     case link_address_t::kFd:
       return TakeDescriptor(address);
   }
@@ -187,11 +208,12 @@ std::string FindFaultOfDescriptor(int fd) {
   return "";
 }
 
-connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
+connected_link_t ConnectLink(const link_address_t& address,
+                             LinkSecurity security, EventLoop* loop,
                              std::chrono::milliseconds timeout) {
   connected_link_t link;
   try {
-    link.fd = Connect(address, {cancel_fd, timeout});
+    link.fd = Connect(address, security, {loop, timeout});
   } catch (const std::runtime_error& e) {
     throw std::runtime_error("cannot connect " + address.text + ": " +
                              e.what());

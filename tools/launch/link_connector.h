@@ -5,6 +5,7 @@
 
 #include "common/link_address.h"
 #include "link/connection_header.h"
+#include "tools/launch/event_loop.h"
 #include "tools/unique_fd.h"
 
 namespace vantrel {
@@ -15,12 +16,19 @@ struct connected_link_t {
   connection_header_t header;
 };
 
+// What a Bluetooth link must have before it stands.
+enum class LinkSecurity {
+  kLow,     // nothing
+  kMedium,  // encryption
+  kHigh,    // encryption, and pairing that nobody can have stood between
+};
+
 // Connects to |address|; of "fd:N" takes ownership. Of a host name tries every
 // address, each with its share of |timeout|. Throws std::runtime_error with the
-// reason in one line. Gives up when |cancel_fd| becomes readable (and leaves
-// that unread) or after |timeout|; looking up a host name is the one step that
-// neither interrupts.
-connected_link_t ConnectLink(const link_address_t& address, int cancel_fd,
+// reason in one line. Gives up when |loop| gets a signal to stop, or after
+// |timeout|; looking up a host name is the one step that neither interrupts.
+connected_link_t ConnectLink(const link_address_t& address,
+                             LinkSecurity security, EventLoop* loop,
                              std::chrono::milliseconds timeout);
 
 // Why |fd| cannot be a link, in words; empty when it is a connected stream

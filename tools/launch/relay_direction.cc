@@ -1,97 +1,245 @@
 #include "tools/launch/relay_direction.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <asio/post.hpp>
+#include <system_error>
+#include <utility>
 
 namespace vantrel {
 namespace {
 
-// Enough that neither side waits for the other's turn, little enough that the
-// daemon still notices soon when the companion stops reading.
+// How much of the link's pace each of the three places may hold: the queue
+// between the source's writer and us, the buffer here, the queue in front of
+// the destination. With the companion's part that makes about 40 ms.
+constexpr std::chrono::milliseconds kShare{8};
+
+// One message of the size that a Bluetooth link has.
+constexpr size_t kMinHeldBytes = 1024;
 constexpr size_t kMaxHeldBytes = 64 * 1024;
 
-// What a slow link holds: what is on its way, and a few chunks that wait.
-size_t GetBound(const shape_t& shape) {
+// The kernel doubles what it is given, for its own records. Its default.
+constexpr size_t kMaxQueueBytes = 104 * 1024;
+
+// The queues are set again when the pace has changed by so much.
+constexpr double kPaceStep = 1.5;
+
+// How many times a direction reads and writes before others get their turn.
+constexpr int kMaxRounds = 8;
+
+// What is on its way through a shaped link, and what waits to enter it.
+size_t GetCapacity(const shape_t& shape) {
   if (!shape.IsNeeded()) return kMaxHeldBytes;
   if (shape.bits_per_second == 0) return 16 * kMaxHeldBytes;
   const double seconds = static_cast<double>(shape.delay.count()) / 1e6;
   const double on_its_way =
       static_cast<double>(shape.bits_per_second) / 8 * seconds;
-  const size_t waiting = std::max<size_t>(16 * 1024, 4 * shape.chunk_bytes);
-  return waiting + static_cast<size_t>(std::min(on_its_way, 64e6));
+  return kMaxHeldBytes + shape.chunk_bytes +
+         static_cast<size_t>(std::min(on_its_way, 64e6));
 }
 
-RelayBuffer::Mode GetMode(const RelayDirection::options_t& options) {
-  // A pipe has room for a number of pieces, not of bytes, and many small ones
-  // would fill it long before a slow link's bound.
-  return options.on_read || options.on_written || options.shape.IsNeeded()
-             ? RelayBuffer::kCopy
-             : RelayBuffer::kMove;
+void LimitQueue(int socket, size_t bytes) {
+  const int limit = static_cast<int>(bytes);
+  // A TCP socket may have as much on its way as the network carries; what is
+  // bounded is what it has not sent yet. Any other refuses this.
+  if (setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limit,
+                 sizeof(limit)) != 0) {
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &limit, sizeof(limit));
+  }
+}
+
+// A Bluetooth socket tells its end so, and may not be readable.
+bool HasHungUp(int fd) {
+  pollfd wait = {fd, 0, 0};
+  return poll(&wait, 1, 0) > 0 && (wait.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 }  // namespace
 
-RelayDirection::RelayDirection(int from, int to, const options_t& options)
+RelayDirection::RelayDirection(asio::posix::stream_descriptor& from,
+                               asio::posix::stream_descriptor& to,
+                               options_t options)
     : from_(from),
       to_(to),
-      options_(options),
-      buffer_(GetMode(options), GetBound(options.shape)) {
-  if (options.shape.IsNeeded()) shaper_.emplace(options.shape);
+      options_(std::move(options)),
+      buffer_(GetCapacity(options_.shape)),
+      timer_(from.get_executor()) {
+  if (options_.shape.IsNeeded()) shaper_.emplace(options_.shape);
+  LimitQueues();
 }
 
-int RelayDirection::GetFdToRead() const {
-  return state_ == kFlowing && !buffer_.IsFull() ? from_ : -1;
+void RelayDirection::Stop() {
+  is_stopped_ = true;
+  timer_.cancel();
 }
 
-int RelayDirection::GetFdToWrite(SteadyTime now) const {
-  return !IsOver() && GetDueBytes(now) > 0 ? to_ : -1;
-}
-
-std::optional<SteadyTime> RelayDirection::GetNextTime(SteadyTime now) const {
-  if (IsOver() || !shaper_ || GetDueBytes(now) > 0) return std::nullopt;
-  return shaper_->GetNextTime();
-}
-
-void RelayDirection::Read(SteadyTime now) {
-  std::string seen;
-  const ssize_t count =
-      buffer_.FillFrom(from_, options_.on_read ? &seen : nullptr);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count <= 0) {
-    read_error_ = count < 0 ? errno : 0;
-    state_ = kEnding;
-    return EndDestination();
+void RelayDirection::Work() {
+  const SteadyTime now = Now();
+  bool has_moved = true;
+  for (int round = 0; has_moved && round < kMaxRounds; ++round) {
+    has_moved = Read(now);
+    has_moved |= Write(now);
   }
-  if (shaper_) shaper_->Enter(static_cast<size_t>(count), now);
-  if (options_.on_read) options_.on_read(seen);
-}
-
-void RelayDirection::Write(SteadyTime now) {
-  std::string seen;
-  const ssize_t count = buffer_.DrainTo(to_, GetDueBytes(now),
-                                        options_.on_written ? &seen : nullptr);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count < 0) {
-    write_error_ = errno;
-    state_ = kBroken;
+  if (is_stopped_ || IsOver()) return;
+  if (has_moved) {
+    asio::post(timer_.get_executor(), [this] {
+      if (!is_stopped_) Work();
+    });
     return;
   }
-  if (shaper_) shaper_->Leave(static_cast<size_t>(count));
-  moved_byte_count_ += static_cast<uint64_t>(count);
-  if (options_.on_written) options_.on_written(seen);
+  if (shaper_) AwaitTime(now);
+}
+
+bool RelayDirection::Read(SteadyTime now) {
+  const size_t room = GetRoom(now);
+  if (awaits_read_ || state_ != kFlowing || room == 0) return false;
+  std::string_view seen;
+  const ssize_t count = buffer_.FillFrom(from_.native_handle(), room, &seen);
+  if (count < 0 && errno == EINTR) return true;
+  if (count < 0 && errno == EAGAIN) {
+    AwaitRead();
+    return false;
+  }
+  if (count <= 0) {
+    FinishReading(count < 0 ? errno : 0);
+    return false;
+  }
+  if (shaper_) shaper_->Enter(seen.size(), now);
+  if (options_.on_read) options_.on_read(seen);
+  // There was no more; what comes next is told.
+  if (seen.size() < room) AwaitRead();
+  return true;
+}
+
+bool RelayDirection::Write(SteadyTime now) {
+  const size_t due = GetDueBytes(now);
+  if (awaits_write_ || IsOver() || due == 0) return false;
+  std::string_view seen;
+  const ssize_t count = buffer_.DrainTo(to_.native_handle(), due, &seen);
+  if (count < 0 && errno == EINTR) return true;
+  if (count < 0 && errno != EAGAIN) {
+    write_error_ = errno;
+    SetState(kBroken);
+    return false;
+  }
+  if (count > 0) {
+    pace_.OnWritten(seen.size());
+    moved_byte_count_ += seen.size();
+    if (shaper_) shaper_->Leave(seen.size());
+    if (options_.on_written) options_.on_written(seen);
+  }
+  if (seen.size() < due) {
+    pace_.OnBlocked(now);
+    AwaitWrite();
+  } else if (buffer_.GetByteCount() == 0) {
+    pace_.OnIdle(now);
+  }
+  LimitQueues();
   EndDestination();
+  return count > 0;
+}
+
+void RelayDirection::AwaitRead() {
+  awaits_read_ = true;
+  from_.async_wait(
+      asio::posix::descriptor_base::wait_read,
+      [this](const std::error_code& error) {
+        if (error || is_stopped_) return;
+        awaits_read_ = false;
+        const uint64_t before = moved_byte_count_ + buffer_.GetByteCount();
+        Work();
+        const uint64_t after = moved_byte_count_ + buffer_.GetByteCount();
+        if (before == after && awaits_read_ && state_ == kFlowing &&
+            HasHungUp(from_.native_handle())) {
+          FinishReading(EPIPE);
+        }
+      });
+}
+
+void RelayDirection::AwaitWrite() {
+  awaits_write_ = true;
+  to_.async_wait(asio::posix::descriptor_base::wait_write,
+                 [this](const std::error_code& error) {
+                   if (error || is_stopped_) return;
+                   awaits_write_ = false;
+                   Work();
+                 });
+}
+
+void RelayDirection::AwaitTime(SteadyTime now) {
+  std::optional<SteadyTime> next;
+  if (GetDueBytes(now) == 0) next = shaper_->GetNextTime();
+  if (state_ == kFlowing && !awaits_read_ && GetRoom(now) == 0) {
+    const SteadyTime has_room = shaper_->GetBusyUntil() - kShare / 2;
+    if (has_room > now && (!next || has_room < *next)) next = has_room;
+  }
+  if (!next) return;
+  timer_.expires_at(*next);
+  timer_.async_wait([this](const std::error_code& error) {
+    if (!error && !is_stopped_) Work();
+  });
+}
+
+size_t RelayDirection::GetRoom(SteadyTime now) const {
+  const size_t free = buffer_.GetFreeCount();
+  if (!shaper_) {
+    const size_t limit =
+        std::clamp(pace_.GetBytesIn(kShare), kMinHeldBytes, kMaxHeldBytes);
+    const size_t held = buffer_.GetByteCount();
+    // Not in small pieces: reads again once half of it has gone.
+    return held <= limit / 2 ? std::min(limit - held, free) : 0;
+  }
+  if (shaper_->GetBusyUntil() - now > kShare / 2) return 0;
+  const uint64_t rate = options_.shape.bits_per_second / 8;
+  if (rate == 0) return free;
+  const size_t piece =
+      std::clamp<size_t>(rate * static_cast<uint64_t>(kShare.count()) / 2000,
+                         kMinHeldBytes / 2, kMaxHeldBytes);
+  return std::min(piece, free);
 }
 
 size_t RelayDirection::GetDueBytes(SteadyTime now) const {
   return shaper_ ? shaper_->GetDueBytes(now) : buffer_.GetByteCount();
 }
 
+void RelayDirection::FinishReading(int error) {
+  read_error_ = error;
+  SetState(kEnding);
+  EndDestination();
+}
+
 void RelayDirection::EndDestination() {
   if (state_ != kEnding || buffer_.GetByteCount() > 0) return;
-  shutdown(to_, SHUT_WR);
-  state_ = kEnded;
+  shutdown(to_.native_handle(), SHUT_WR);
+  SetState(kEnded);
+}
+
+void RelayDirection::SetState(State state) {
+  state_ = state;
+  if (options_.on_end) options_.on_end();
+}
+
+void RelayDirection::LimitQueues() {
+  const double pace =
+      options_.shape.bits_per_second > 0
+          ? static_cast<double>(options_.shape.bits_per_second) / 8
+          : pace_.GetBytesPerSecond();
+  if (limited_pace_ > 0 && pace < limited_pace_ * kPaceStep &&
+      pace > limited_pace_ / kPaceStep) {
+    return;
+  }
+  limited_pace_ = pace;
+  const double bytes = pace * std::chrono::duration<double>(kShare).count();
+  const size_t limit = std::clamp(
+      static_cast<size_t>(std::min(bytes, static_cast<double>(kMaxQueueBytes))),
+      kMinHeldBytes, kMaxQueueBytes);
+  LimitQueue(to_.native_handle(), limit);
+  if (options_.feeder >= 0) LimitQueue(options_.feeder, limit);
 }
 
 }  // namespace vantrel

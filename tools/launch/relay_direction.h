@@ -3,27 +3,39 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
 #include <functional>
 #include <optional>
-#include <string>
+#include <string_view>
 
+#include "tools/launch/pace_meter.h"
 #include "tools/launch/relay_buffer.h"
 #include "tools/launch/shaper.h"
 
 namespace vantrel {
 
 // Moves the bytes of one direction from one descriptor to another, both
-// non-blocking or sockets; borrows both. Holds a bounded number of bytes, and
-// stops reading while it holds them. When the source ends and everything was
-// written, ends the destination's stream too.
+// non-blocking. Borrows both; two directions may share them. When the source
+// ends and everything was written, ends the destination's stream too.
+//
+// What waits here is bounded by time: a few milliseconds of the pace at which
+// the destination takes bytes, or, with a shape, of the shape's rate; at most
+// 64 KiB and at least one message. The same bound is set
+// for what the kernel keeps in front of the destination, and between the
+// source's writer and us.
 class RelayDirection {
  public:
   // Called with bytes that crossed the link, in order.
-  using Tap = std::function<void(const std::string& bytes)>;
+  using Tap = std::function<void(std::string_view bytes)>;
   struct options_t {
     shape_t shape;
     Tap on_read;  // at most one of the two is set
     Tap on_written;
+    // The descriptor that the source's bytes are written to, on this machine;
+    // borrowed. Its queue is kept short as well. -1: not ours to touch.
+    int feeder = -1;
+    std::function<void()> on_end;  // when GetState() is not kFlowing any more
   };
   enum State {
     kFlowing,
@@ -32,7 +44,13 @@ class RelayDirection {
     kBroken,  // the destination failed; what was held is lost
   };
 
-  RelayDirection(int from, int to, const options_t& options);
+  RelayDirection(asio::posix::stream_descriptor& from,
+                 asio::posix::stream_descriptor& to, options_t options);
+
+  // Begins to relay. Until the last handler has run, this must stay.
+  void Start() { Work(); }
+  // Waits for nothing any more.
+  void Stop();
 
   State GetState() const { return state_; }
   bool IsOver() const { return state_ == kEnded || state_ == kBroken; }
@@ -41,25 +59,33 @@ class RelayDirection {
   int GetWriteError() const { return write_error_; }
   uint64_t GetMovedByteCount() const { return moved_byte_count_; }
 
-  // What to wait for: the descriptor to poll, or -1 for none.
-  int GetFdToRead() const;
-  int GetFdToWrite(SteadyTime now) const;
-  // When to look again although no descriptor is ready.
-  std::optional<SteadyTime> GetNextTime(SteadyTime now) const;
-
-  // To be called when the descriptors are ready.
-  void Read(SteadyTime now);
-  void Write(SteadyTime now);
-
  private:
+  void Work();
+  bool Read(SteadyTime now);
+  bool Write(SteadyTime now);
+  void AwaitRead();
+  void AwaitWrite();
+  void AwaitTime(SteadyTime now);
+  // How many bytes may be read now.
+  size_t GetRoom(SteadyTime now) const;
   size_t GetDueBytes(SteadyTime now) const;
+  void FinishReading(int error);
   void EndDestination();
+  void SetState(State state);
+  // Sets the kernel's queues by the pace.
+  void LimitQueues();
 
-  const int from_;
-  const int to_;
+  asio::posix::stream_descriptor& from_;
+  asio::posix::stream_descriptor& to_;
   const options_t options_;
   RelayBuffer buffer_;
   std::optional<Shaper> shaper_;  // none: everything is due at once
+  asio::steady_timer timer_;
+  PaceMeter pace_;
+  double limited_pace_ = 0;  // by which the queues are set
+  bool awaits_read_ = false;
+  bool awaits_write_ = false;
+  bool is_stopped_ = false;
   State state_ = kFlowing;
   int read_error_ = 0;
   int write_error_ = 0;

@@ -2,9 +2,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <asio/io_context.hpp>
 #include <string>
 
 #include "tools/launch/relay_direction.h"
+#include "tools/unique_fd.h"
 
 namespace vantrel {
 namespace {
@@ -50,19 +52,21 @@ TEST(Shaper, BytesAreDueWhenTheirChunkHasCrossedAndTheDelayLater) {
 class RelayTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    loop_.restart();
     MakePair(&source_, &from_);
     MakePair(&sink_, &to_);
   }
 
-  static void MakePair(UniqueFd* outer, UniqueFd* inner) {
+  static void MakePair(UniqueFd* outer, asio::posix::stream_descriptor* inner) {
     int fds[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds));
     outer->Reset(fds[0]);
-    inner->Reset(fds[1]);
+    inner->close();
+    inner->assign(fds[1]);
   }
 
   // Writes until source, relay and sink are full; what went in.
-  std::string Fill(RelayDirection* relay) {
+  std::string Fill() {
     std::string sent;
     for (int idle = 0; idle < 3; ++idle) {
       const std::string piece(7919, static_cast<char>('a' + sent.size() % 26));
@@ -71,49 +75,70 @@ class RelayTest : public ::testing::Test {
         sent.append(piece, 0, static_cast<size_t>(count));
         idle = 0;
       }
-      Turn(relay);
+      loop_.poll();
     }
     return sent;
   }
 
-  static void Turn(RelayDirection* relay) {
-    const SteadyTime now = std::chrono::steady_clock::now();
-    if (relay->GetFdToRead() >= 0) relay->Read(now);
-    if (relay->GetFdToWrite(now) >= 0) relay->Write(now);
-  }
-
   // Reads to the end of the stream while the relay works.
-  std::string Drain(RelayDirection* relay) {
+  std::string Drain() {
     std::string got;
     char piece[5003];
     ssize_t count;
     while ((count = read(sink_.Get(), piece, sizeof(piece))) != 0) {
       if (count > 0) got.append(piece, static_cast<size_t>(count));
-      Turn(relay);
+      loop_.poll();
     }
     return got;
   }
 
-  UniqueFd source_, from_, to_, sink_;
+  asio::io_context loop_;
+  UniqueFd source_, sink_;
+  asio::posix::stream_descriptor from_{loop_};
+  asio::posix::stream_descriptor to_{loop_};
 };
 
 TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
   std::string seen;
-  const auto tap = [&seen](const std::string& bytes) { seen += bytes; };
-  const RelayDirection::options_t cases[] = {
-      {}, {{}, tap, nullptr}, {{}, nullptr, tap}};
-  for (const auto& options : cases) {
+  RelayDirection::options_t cases[3];
+  cases[1].on_read =
+      cases[2].on_written = [&seen](std::string_view bytes) { seen += bytes; };
+  for (auto& options : cases) {
     SetUp();
     seen.clear();
-    RelayDirection relay(from_.Get(), to_.Get(), options);
-    const std::string sent = Fill(&relay);
-    EXPECT_EQ(-1, relay.GetFdToRead());
+    options.feeder = source_.Get();
+    RelayDirection relay(from_, to_, options);
+    relay.Start();
+    const std::string sent = Fill();
+    // The queues before and behind it are counted: nobody has read yet.
+    EXPECT_GT(16 * 1024u, sent.size());
     shutdown(source_.Get(), SHUT_WR);
-    EXPECT_EQ(sent, Drain(&relay));
+    EXPECT_EQ(sent, Drain());
     EXPECT_EQ(RelayDirection::kEnded, relay.GetState());
     EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
     EXPECT_EQ(options.on_read || options.on_written ? sent : "", seen);
   }
+}
+
+TEST(PaceMeter, FollowsWhatAFullSocketTakesAndNeverBelievesAnIdleOneToBeSlow) {
+  PaceMeter pace;
+  SteadyTime now{};
+  const auto run = [&](int stretches, size_t bytes, bool is_full) {
+    for (int i = 0; i < stretches; ++i) {
+      pace.OnWritten(bytes);
+      now += milliseconds(50);
+      is_full ? pace.OnBlocked(now) : pace.OnIdle(now);
+    }
+  };
+  pace.OnBlocked(now);
+  run(1, 50000, true);
+  EXPECT_EQ(8000u, pace.GetBytesIn(milliseconds(8)));
+  run(100, 10, false);
+  EXPECT_EQ(8000u, pace.GetBytesIn(milliseconds(8)));
+  run(8, 500000, false);  // more than it had
+  EXPECT_EQ(80000u, pace.GetBytesIn(milliseconds(8)));
+  run(40, 5000, true);
+  EXPECT_NEAR(800, static_cast<double>(pace.GetBytesIn(milliseconds(8))), 10);
 }
 
 }  // namespace

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-namespace vantrel {
+#include "tools/launch/steady_time.h"
 
-using SteadyTime = std::chrono::steady_clock::time_point;
+namespace vantrel {
 
 // How slow a link is made, in each direction by itself.
 struct shape_t {
@@ -42,6 +42,9 @@ class Shaper {
   size_t GetDueBytes(SteadyTime now) const;
   // |bytes|, not more than were due, were written.
   void Leave(size_t bytes);
+  // When the bytes that entered last have crossed: what is later than now is
+  // the queue in front of the link.
+  SteadyTime GetBusyUntil() const { return busy_until_; }
   // When the next bytes are due; none while the link is empty.
   std::optional<SteadyTime> GetNextTime() const;
 
@@ -53,8 +56,8 @@ class Shaper {
   SteadyTime::duration GetTransmissionTime(size_t bytes) const;
 
   const shape_t shape_;
-  SteadyTime busy_until_{};  // when the bytes that entered last have crossed
-  std::deque<run_t> runs_;   // oldest first, none empty
+  SteadyTime busy_until_{};
+  std::deque<run_t> runs_;  // oldest first, none empty
 };
 
 }  // namespace vantrel

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <map>
 #include <string>
 
 #include "tools/launch/launcher.h"
@@ -38,6 +39,14 @@ void AddLinkOptions(CLI::App* app, launch_options_t* options) {
   app->add_option(
       "--lock", options->lock,
       "The lock file of this device (default " + std::string(kLockFile) + ")");
+  app->add_option("--security", options->security,
+                  "What a Bluetooth link must have: low (nothing), medium "
+                  "(encryption, the default) or high (safe pairing, too)")
+      ->transform(CLI::Transformer(
+          std::map<std::string, LinkSecurity>{{"low", LinkSecurity::kLow},
+                                              {"medium", LinkSecurity::kMedium},
+                                              {"high", LinkSecurity::kHigh}},
+          CLI::ignore_case));
   app->add_flag("--restart", options->is_restarting,
                 "Connect again when the daemon has ended, after 1 s, doubling "
                 "up to 60 s");
@@ -79,6 +88,12 @@ void CheckTogether(const launch_options_t& options) {
   if (options.link.kind == link_address_t::kFd) {
     const std::string fault = FindFaultOfDescriptor(options.link.fd);
     if (!fault.empty()) throw CLI::ValidationError(options.link.text, fault);
+  }
+  if (options.is_direct && options.link.kind == link_address_t::kRfcomm) {
+    throw CLI::ValidationError(
+        "--direct",
+        "an idle daemon does not notice the end of a Bluetooth link; without "
+        "--direct it is told");
   }
   if (options.is_restarting && options.link.kind == link_address_t::kFd) {
     throw CLI::ValidationError("--restart", "fd:N cannot be connected again");

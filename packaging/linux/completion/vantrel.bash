@@ -48,10 +48,11 @@ _vantrel_launch() {
     --daemon | --capture | --metrics | --lock) _vantrel_file ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
+    --security) _vantrel_words low medium high ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every --lock
+          --direct --capture --shape --json --metrics --stats-every --lock --security
       else
         _vantrel_link "unix: tcp: rfcomm: fd:"
       fi ;;
@@ -64,10 +65,16 @@ _vantrel_companion() {
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
     --listen) _vantrel_link "unix: tcp: rfcomm:" ;;
-    --fd | --max-tx | --network | --dns | --build-info) ;;
+    --security) _vantrel_words low medium high ;;
+    --log-level) _vantrel_words error warning info debug ;;
+    --log-format) _vantrel_words text json ;;
+    --fd | --max-links | --max-tx | --allow | --deny | --max-pending | \
+      --network | --dns | --build-info) ;;
     *)
-      _vantrel_words --help --version --protocol --listen --fd --header \
-        --max-tx --network --dns --build-info --verbose ;;
+      _vantrel_words --help --version --protocol --listen --fd --max-links \
+        --allow-remote-links --security --header --max-tx --allow --deny \
+        --max-pending --network --dns --build-info --log-level --log-format \
+        --verbose ;;
   esac
 }
 

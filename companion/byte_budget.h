@@ -1,0 +1,22 @@
+#pragma once
+
+#include <stddef.h>
+
+namespace vantrel {
+
+// A number of bytes that several objects may hold together.
+class ByteBudget {
+ public:
+  explicit ByteBudget(size_t limit) : limit_(limit) {}
+
+  void Add(size_t bytes) { used_ += bytes; }
+  void Release(size_t bytes) { used_ -= bytes; }
+  size_t GetUsed() const { return used_; }
+  bool IsExceeded() const { return used_ > limit_; }
+
+ private:
+  const size_t limit_;
+  size_t used_ = 0;
+};
+
+}  // namespace vantrel

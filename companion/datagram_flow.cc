@@ -1,0 +1,163 @@
+#include "companion/datagram_flow.h"
+
+#include <errno.h>
+#include <linux/errqueue.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+namespace vantrel {
+namespace {
+
+// More than any datagram has.
+constexpr size_t kReceiveBufferBytes = 65536;
+// Of each flow's last request; more than a name look-up has, and the device
+// looks at no other that failed.
+constexpr size_t kMaxKeptBytes = 4096;
+// Datagrams taken from one flow before the others have their turn.
+constexpr int kMaxReceivesPerTurn = 16;
+
+}  // namespace
+
+DatagramFlow::DatagramFlow(const LinkParts& link, Owner& owner,
+                           const HostAndPort& local, const HostAndPort& remote,
+                           const std::optional<HostAndPort>& target)
+    : link_(link),
+      owner_(owner),
+      local_(local),
+      remote_(remote),
+      target_(target) {}
+
+DatagramFlow::~DatagramFlow() { link_.scheduler.Remove(this); }
+
+void DatagramFlow::Send(const std::string& payload) {
+  if (!target_) return QueueFailure(payload);
+  if (socket_ == nullptr && !Open()) {
+    LogDetail("no socket: ", strerror(errno));
+    return QueueFailure(payload);
+  }
+  int error = Transmit(payload);
+  if (error != 0 && error != EAGAIN) {
+    // Most likely the error of an earlier datagram, which takes the place of
+    // this one's result: report that and try once more.
+    ReceiveErrors();
+    error = Transmit(payload);
+  }
+  last_request_.assign(payload, 0, kMaxKeptBytes);
+  if (error == 0) return;
+  LogDetail("not sent: ", strerror(error));
+  // A full queue loses datagrams as any network does.
+  if (error != EAGAIN && error != ENOBUFS) QueueFailure(payload);
+}
+
+// A socket that reports ICMP errors together with what they quote.
+bool DatagramFlow::Open() {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd == -1) return false;
+  auto opened = std::make_unique<Descriptor>(
+      link_.loop, fd, [this] { OnReadable(); }, [] {});
+  const int on = 1;
+  setsockopt(fd, SOL_IP, IP_RECVERR, &on, sizeof(on));
+  const sockaddr_in address = target_->GetSockAddrV4();
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address),
+              sizeof(address)) == -1) {
+    return false;
+  }
+  socket_ = std::move(opened);
+  socket_->WaitReadable();
+  return true;
+}
+
+int DatagramFlow::Transmit(const std::string& payload) {
+  const ssize_t result = send(socket_->GetFd(), payload.data(), payload.size(),
+                              MSG_NOSIGNAL | MSG_DONTWAIT);
+  return result == -1 ? errno : 0;
+}
+
+void DatagramFlow::OnReadable() {
+  for (int turn = 0; turn < kMaxReceivesPerTurn && ReceiveOne(); ++turn) {
+  }
+  socket_->WaitReadable();
+  link_.on_waiting();
+}
+
+bool DatagramFlow::ReceiveOne() {
+  static char buffer[kReceiveBufferBytes];
+  const ssize_t count = recv(socket_->GetFd(), buffer, sizeof(buffer), 0);
+  if (count == -1) {
+    if (errno != EAGAIN) ReceiveErrors();
+    return false;
+  }
+  owner_.OnFlowUsed(*this);
+  const std::string payload(buffer, static_cast<size_t>(count));
+  if (payload.size() > link_.protocol.GetMaxDatagramBytes()) {
+    link_.log.Write(LogLevel::kWarning, LogKind::kDatagram,
+                    "datagram of %zu bytes from %s dropped: too large for the "
+                    "link",
+                    payload.size(), remote_.ToString().c_str());
+    return true;
+  }
+  LogDetail("answer of bytes: ", std::to_string(count).c_str());
+  std::string message;
+  link_.protocol.PutDatagram(&message, local_, remote_, payload);
+  link_.scheduler.Queue(this, std::move(message));
+  return true;
+}
+
+void DatagramFlow::ReceiveErrors() {
+  const int fd = socket_->GetFd();
+  // Bounded, like everything that a remote can make longer.
+  for (int turn = 0; turn < kMaxReceivesPerTurn; ++turn) {
+    char quoted[2048];
+    alignas(cmsghdr) char control[512];
+    iovec data = {quoted, sizeof(quoted)};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    const ssize_t count = recvmsg(fd, &message, MSG_ERRQUEUE);
+    if (count == -1) break;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr;
+         c = CMSG_NXTHDR(&message, c)) {
+      if (c->cmsg_level != SOL_IP || c->cmsg_type != IP_RECVERR) continue;
+      sock_extended_err error;
+      memcpy(&error, CMSG_DATA(c), sizeof(error));
+      ReportError(error, std::string(quoted, static_cast<size_t>(count)));
+    }
+  }
+  // An error without an entry in the queue would be reported for ever.
+  int pending;
+  socklen_t length = sizeof(pending);
+  static_cast<void>(getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length));
+}
+
+void DatagramFlow::ReportError(const sock_extended_err& error,
+                               const std::string& quoted) {
+  // Only tells the kernel the size of the path; it fragments what follows.
+  if (error.ee_origin != SO_EE_ORIGIN_ICMP || error.ee_errno == EMSGSIZE) {
+    return;
+  }
+  LogDetail("", strerror(static_cast<int>(error.ee_errno)));
+  const bool is_last = last_request_.compare(0, quoted.size(), quoted) == 0;
+  QueueFailure(is_last ? last_request_ : quoted);
+}
+
+// Of an older request than the last only what the network quoted of it.
+void DatagramFlow::QueueFailure(const std::string& request) {
+  if (request.size() > link_.protocol.GetMaxDatagramBytes()) return;
+  std::string message;
+  link_.protocol.PutUdpFailure(&message, local_, remote_, request);
+  link_.scheduler.Queue(this, std::move(message));
+  link_.on_waiting();
+}
+
+void DatagramFlow::LogDetail(const char* what, const char* more) {
+  link_.log.Write(LogLevel::kDebug, LogKind::kDatagram,
+                  "datagram %s -> %s: %s%s", local_.ToString().c_str(),
+                  remote_.ToString().c_str(), what, more);
+}
+
+}  // namespace vantrel

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "common/host_and_port.h"
+#include "companion/descriptor.h"
+#include "companion/flow_scheduler.h"
+#include "companion/link_parts.h"
+
+struct sock_extended_err;
+
+namespace vantrel {
+
+// The datagrams between one endpoint of an application and one remote: a
+// connected socket, so that answers and ICMP errors find their flow by
+// themselves. Answers and failures wait in the link's queue; when there are
+// more than it holds, the oldest are lost, as in any network.
+class DatagramFlow final : public FlowScheduler::QueuedFlow {
+ public:
+  class Owner {
+   public:
+    virtual ~Owner() = default;
+    // An answer has come.
+    virtual void OnFlowUsed(DatagramFlow& flow) = 0;
+  };
+
+  // |target| is where the socket sends to, for the device the flow's remote
+  // stays |remote|. Without |target| nothing is sent and every datagram fails.
+  DatagramFlow(const LinkParts& link, Owner& owner, const HostAndPort& local,
+               const HostAndPort& remote,
+               const std::optional<HostAndPort>& target);
+  ~DatagramFlow() override;
+
+  const HostAndPort& GetLocal() const { return local_; }
+  const HostAndPort& GetRemote() const { return remote_; }
+
+  // Sends one datagram of the application.
+  void Send(const std::string& payload);
+
+ private:
+  // False when the system refuses a socket; errno says why.
+  bool Open();
+  // 0, or the error with which the system refuses the datagram.
+  int Transmit(const std::string& payload);
+  void OnReadable();
+  // False when there is nothing more for now.
+  bool ReceiveOne();
+  // Reports every request that the network could not deliver.
+  void ReceiveErrors();
+  void ReportError(const sock_extended_err& error, const std::string& quoted);
+  void QueueFailure(const std::string& request);
+  void LogDetail(const char* what, const char* more);
+
+  const LinkParts& link_;
+  Owner& owner_;
+  const HostAndPort local_;
+  const HostAndPort remote_;
+  const std::optional<HostAndPort> target_;
+  std::unique_ptr<Descriptor> socket_;
+  std::string last_request_;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,300 @@
+#include "companion/device_link.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "link/v1_wire.h"
+
+namespace vantrel {
+namespace {
+
+// An open descriptor that never blocks.
+class End {
+ public:
+  explicit End(int fd) : fd_(fd) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  }
+  End(const End&) = delete;
+  End& operator=(const End&) = delete;
+  ~End() { close(fd_); }
+  int GetFd() const { return fd_; }
+  ssize_t Write(const std::string& bytes) const {
+    return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
+  // What is there; |is_ended| tells the end of the stream.
+  std::string Read(bool* is_ended = nullptr) const {
+    std::string all(1 << 20, '\0');
+    const ssize_t count = read(fd_, all.data(), all.size());
+    if (is_ended != nullptr) *is_ended = count == 0;
+    all.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return all;
+  }
+
+ private:
+  const int fd_;
+};
+
+// A real server on the loopback address.
+class Server {
+ public:
+  explicit Server(int receive_buffer = 100000)
+      : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    setsockopt(socket_.GetFd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer,
+               sizeof(receive_buffer));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(0, bind(socket_.GetFd(), generic, length));
+    EXPECT_EQ(0, getsockname(socket_.GetFd(), generic, &length));
+    endpoint = HostAndPort::FromIPv4Addr(address);
+    listen(socket_.GetFd(), 8);
+  }
+  bool Accept() {
+    const int fd = accept(socket_.GetFd(), nullptr, nullptr);
+    if (fd == -1) return false;
+    connections.push_back(std::make_unique<End>(fd));
+    return true;
+  }
+  HostAndPort endpoint;
+  std::vector<std::unique_ptr<End>> connections;
+
+ private:
+  const End socket_;
+};
+
+// The test plays the device, in the language of version 1.
+class DeviceLinkTest : public ::testing::Test {
+ protected:
+  DeviceLinkTest()
+      : policy_({DestinationPolicy::ParseRule("127.0.0.0/8", true).value()},
+                [](const IpAddress&) { return std::nullopt; }) {
+    testing::internal::CaptureStderr();
+    options_.protocol = 1;
+  }
+  ~DeviceLinkTest() override {
+    link_.reset();
+    if (!log_) testing::internal::GetCapturedStderr();
+  }
+
+  void Start(size_t max_streams = 100) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    device_ = std::make_unique<End>(fds[0]);
+    link_ = std::make_unique<DeviceLink>(
+        loop_, fds[1], DeviceLink::settings_t{1, max_streams}, options_,
+        policy_, [this] { ++changes_; });
+    link_->Start();
+  }
+  // Runs the real loop until |condition| holds, which is tried in between.
+  bool Until(const std::function<bool()>& condition) {
+    const SteadyTime end = GetSteadyTime() + std::chrono::seconds(20);
+    while (!condition()) {
+      if (GetSteadyTime() > end) return false;
+      loop_.run_one_for(std::chrono::milliseconds(1));
+      loop_.restart();
+    }
+    return true;
+  }
+  bool Logs(const std::string& text) {
+    log_ = testing::internal::GetCapturedStderr();
+    return log_->find(text) != std::string::npos;
+  }
+
+  bool Connect(uint32_t id, const Server& server) {
+    return device_->Write(v1::TcpConnect(id, server.endpoint, 10123)) > 0;
+  }
+  bool SendData(uint32_t id, const std::string& data) {
+    return device_->Write(v1::TcpData(id, data.size()) + data) > 0;
+  }
+  // Takes the next whole message; false while there is none.
+  bool Receives(const std::string& message) {
+    received_ += device_->Read();
+    const size_t size = v1::GetMessageSize(received_.data(), received_.size());
+    if (size == 0 || size > received_.size()) return false;
+    EXPECT_EQ(message, received_.substr(0, size));
+    received_.erase(0, size);
+    return true;
+  }
+
+  asio::io_context loop_{1};
+  Options options_;
+  const DestinationPolicy policy_;
+  std::unique_ptr<End> device_;
+  std::unique_ptr<DeviceLink> link_;
+  std::string received_;
+  std::optional<std::string> log_;
+  int changes_ = 0;
+};
+
+// A remote that does not read: the companion acknowledges what the kernel
+// takes and then nothing more.
+class DeviceLinkCreditTest : public DeviceLinkTest {
+ protected:
+  static constexpr size_t kWriteBytes = 16000;
+
+  // Sends as the credit allows, until no acknowledgement comes any more: the
+  // pings prove that none is under way.
+  void FillUp() {
+    size_t pings = 0;
+    while (pings < 100) {
+      while (sent_ < acked_ + RemoteStream::kMaxUnacknowledgedWrites) {
+        ASSERT_TRUE(SendData(1, std::string(kWriteBytes, 'x')));
+        ++sent_;
+      }
+      device_->Write(v1::PingEcho(7));
+      ASSERT_TRUE(Until([&] { return TakesPing(); }));
+      pings = sent_ < acked_ + RemoteStream::kMaxUnacknowledgedWrites
+                  ? 0
+                  : pings + 1;
+    }
+  }
+  bool TakesPing() {
+    received_ += device_->Read();
+    while (received_.size() >= 5) {
+      const bool is_ping = received_[0] == TYPE_PING_ECHO;
+      if (!is_ping) ++acked_;
+      received_.erase(0, 5);
+      if (is_ping) return true;
+    }
+    return false;
+  }
+
+  Server server_{4096};
+  size_t sent_ = 0;
+  size_t acked_ = 0;
+};
+
+TEST_F(DeviceLinkCreditTest, AcknowledgesDeliveredWritesAndDeliversAfterClose) {
+  Start();
+  ASSERT_TRUE(SendData(1, "dropped: no such stream"));
+  ASSERT_TRUE(Connect(1, server_));
+  FillUp();
+  EXPECT_EQ(RemoteStream::kMaxUnacknowledgedWrites, sent_ - acked_);
+  device_->Write(v1::TcpClose(1));
+  // The id is free at once, though the first stream is still delivering.
+  ASSERT_TRUE(Connect(1, server_));
+  ASSERT_TRUE(Until([&] { return server_.Accept(); }));
+  size_t arrived = 0;
+  bool is_ended = false;
+  ASSERT_TRUE(Until([&] {
+    arrived += server_.connections[0]->Read(&is_ended).size();
+    return is_ended;
+  }));
+  EXPECT_EQ(sent_ * kWriteBytes, arrived);
+  EXPECT_TRUE(Until([&] { return server_.Accept(); }));
+}
+
+TEST_F(DeviceLinkCreditTest, EndsAStreamOrALinkThatTakesTooMuch) {
+  options_.max_held_bytes =
+      2 * RemoteStream::kMaxUnacknowledgedWrites * kWriteBytes;
+  Start(4);
+  ASSERT_TRUE(Connect(1, server_));
+  FillUp();
+  ASSERT_TRUE(SendData(1, "one more"));
+  ASSERT_TRUE(Until([&] { return Receives(v1::TcpClose(1)); }));
+  for (uint32_t id = 2; id <= 6; ++id) ASSERT_TRUE(Connect(id, server_));
+  ASSERT_TRUE(Until([&] { return Receives(v1::TcpClose(6)); }));  // a fifth
+  EXPECT_TRUE(link_->IsUp());
+  std::string flood;
+  for (uint32_t id = 2; id <= 5; ++id) {
+    for (int i = 0; i < 100; ++i) {
+      flood += v1::TcpData(id, 65535) + std::string(65535, 'x');
+    }
+  }
+  bool is_ended = false;
+  ASSERT_TRUE(Until([&] {
+    const ssize_t count = device_->Write(flood);
+    if (count > 0) flood.erase(0, static_cast<size_t>(count));
+    device_->Read(&is_ended);
+    return is_ended;
+  }));
+  device_.reset();
+  EXPECT_TRUE(Until([&] { return !link_->IsUp(); }));
+  EXPECT_TRUE(link_->HasFailed());
+  EXPECT_TRUE(Logs("closing the link: too many bytes wait for remotes"));
+}
+
+// Each remote sends more than the kernel holds for it, and the device asks
+// for answers that it does not read.
+TEST_F(DeviceLinkTest, HoldsRemotesAndDeviceBackWhileTheDeviceDoesNotRead) {
+  Start();
+  Server server;
+  ASSERT_TRUE(Connect(1, server));
+  ASSERT_TRUE(Until([&] { return server.Accept(); }));
+  const std::string data(65536, 'x');
+  ASSERT_TRUE(Until([&] {
+    return server.connections[0]->Write(data) < 0 && loop_.poll() == 0;
+  }));
+  std::string pings;
+  for (int i = 0; i < 10000; ++i) pings += v1::PingEcho(7);
+  EXPECT_TRUE(
+      Until([&] { return device_->Write(pings) < 0 && loop_.poll() == 0; }));
+}
+
+// A link may end in the middle of a message; what came before is delivered.
+TEST_F(DeviceLinkTest, DeliversTheRestAfterTheLinkHasEnded) {
+  Start();
+  Server server;
+  ASSERT_TRUE(Connect(1, server));
+  ASSERT_TRUE(SendData(1, "last words"));
+  device_->Write(v1::TcpData(1, 100) + "half of");
+  device_.reset();
+  ASSERT_TRUE(Until([&] { return !link_->IsUp(); }));
+  EXPECT_FALSE(link_->IsOver());
+  ASSERT_TRUE(Until([&] { return server.Accept(); }));
+  std::string arrived;
+  ASSERT_TRUE(Until([&] {
+    arrived += server.connections[0]->Read();
+    return arrived == "last words";
+  }));
+  server.connections.clear();
+  EXPECT_TRUE(Until([&] { return link_->IsOver(); }));
+  EXPECT_FALSE(link_->HasFailed());
+  EXPECT_GT(changes_, 1);
+}
+
+TEST_F(DeviceLinkTest, GivesUpADeviceThatSaysNothing) {
+  options_.protocol = 20;
+  Start();
+  link_->OnTick(GetSteadyTime() + std::chrono::seconds(9));
+  EXPECT_TRUE(link_->IsUp());
+  link_->OnTick(GetSteadyTime() + std::chrono::seconds(10));
+  EXPECT_TRUE(link_->IsOver());
+  EXPECT_TRUE(Logs("link down: the device said nothing for 10 s"));
+}
+
+TEST_F(DeviceLinkTest, ForgetsTheFlowThatWasSilentLongest) {
+  Start();
+  const HostAndPort remote = Server().endpoint;  // nobody there any more
+  const auto send = [&](size_t local_port) {
+    const HostAndPort local(remote.host, static_cast<uint16_t>(local_port));
+    link_->OnDatagram(local, remote, "x");
+  };
+  const auto flows = [&] {
+    link_->LogState();
+    const std::string log = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    const size_t end = log.rfind(" flows,");
+    return std::stoul(log.substr(log.rfind(' ', end - 1)));
+  };
+  const SteadyTime now = GetSteadyTime();
+  for (size_t i = 0; i <= DatagramFlows::kMaxFlows; ++i) send(1000 + i);
+  EXPECT_EQ(DatagramFlows::kMaxFlows, flows());
+  for (uint32_t i = 1; i < DatagramFlows::kMaxIdleTicks; ++i)
+    link_->OnTick(now);
+  send(1001);  // had become the oldest
+  link_->OnTick(now);
+  EXPECT_EQ(1u, flows());
+}
+
+}  // namespace
+}  // namespace vantrel

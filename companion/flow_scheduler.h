@@ -1,0 +1,107 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <deque>
+#include <list>
+#include <string>
+
+namespace vantrel {
+
+// Decides what goes onto a link next. Control messages first. Then the flows
+// by deficit round robin: each may send one quantum in its turn. A flow
+// that had nothing to send and now has something is served before the others
+// until it has used one quantum, so that a look-up or a key press does not wait
+// behind downloads (the scheme of RFC 8290, without its control of delay).
+//
+// A Flow keeps its bytes where they are, for instance in a socket, until it is
+// asked. What cannot wait there, datagrams, is kept in a QueuedFlow; together
+// these have a bound, above which the fullest flow loses its oldest message.
+class FlowScheduler {
+ public:
+  class Flow {
+   public:
+    Flow() = default;
+    Flow(const Flow&) = delete;
+    Flow& operator=(const Flow&) = delete;
+    // It must have been removed from its scheduler before.
+    virtual ~Flow() = default;
+
+    // Appends the next message to |out|, with at most |max_payload| bytes of
+    // payload where that can be cut. False when there is none now; the flow is
+    // then not asked again until Activate(). May call any function of the
+    // scheduler but Take(), and may destroy the flow when it removes it first.
+    [[nodiscard]] virtual bool TakeMessage(size_t max_payload,
+                                           std::string* out) = 0;
+
+   private:
+    friend class FlowScheduler;
+    std::list<Flow*>* list_ = nullptr;  // null: it has nothing to send
+    std::list<Flow*>::iterator position_;
+    int64_t deficit_ = 0;  // bytes that it may still send in its turn
+  };
+
+  class QueuedFlow : public Flow {
+   public:
+    bool TakeMessage(size_t max_payload, std::string* out) override;
+
+   private:
+    friend class FlowScheduler;
+    FlowScheduler* scheduler_ = nullptr;  // set while messages wait
+    std::deque<std::string> messages_;
+    size_t bytes_ = 0;
+  };
+
+  FlowScheduler() = default;
+  FlowScheduler(const FlowScheduler&) = delete;
+  FlowScheduler& operator=(const FlowScheduler&) = delete;
+
+  // In bytes; also the largest payload of a message that can be cut. Not 0.
+  void SetQuantum(size_t bytes) { quantum_ = bytes; }
+  // What all QueuedFlows may hold together, though never less than one message.
+  void SetQueueLimit(size_t bytes) { queue_limit_ = bytes; }
+
+  // Where control messages are appended, whole.
+  std::string* GetControl() { return &control_; }
+  // |flow| has something to send, perhaps. Borrowed until Remove().
+  void Activate(Flow* flow);
+  void Queue(QueuedFlow* flow, std::string message);
+  // Forgets |flow| and what it has queued.
+  void Remove(Flow* flow);
+  void Remove(QueuedFlow* flow);
+
+  // Appends the next message, or all control messages, to |out|. False when
+  // nothing waits.
+  [[nodiscard]] bool Take(std::string* out);
+
+  // Whether a flow and no control message is next. The flow may turn out to
+  // have nothing.
+  bool HasFlows() const {
+    return control_.empty() && !(new_flows_.empty() && old_flows_.empty());
+  }
+  size_t GetQueuedBytes() const { return queued_bytes_; }
+  uint64_t GetDropCount() const { return drop_count_; }
+
+ private:
+  using Flows = std::list<Flow*>;
+
+  void MoveTo(Flows* list, Flow* flow);
+  void Leave(Flow* flow);
+  // Whether |flow| had a message. It may be destroyed afterwards.
+  bool Ask(Flow* flow, std::string* out);
+  void DropOldest();
+
+  std::string control_;
+  Flows new_flows_;
+  Flows old_flows_;
+  Flow* asked_ = nullptr;  // null again when it was removed meanwhile
+  std::list<QueuedFlow*> backlog_;
+  size_t quantum_ = 1;
+  size_t queue_limit_ = 64 * 1024;
+  size_t queued_bytes_ = 0;
+  size_t queued_messages_ = 0;
+  uint64_t drop_count_ = 0;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+#include "companion/steady_time.h"
+
+namespace vantrel {
+
+// By when a device must have done what, and which of these times has passed.
+class LinkDeadlines {
+ public:
+  static constexpr std::chrono::seconds kHandshakeTime{10};
+  static constexpr std::chrono::seconds kWriteTime{30};
+  static constexpr std::chrono::seconds kCloseTime{5};
+
+  explicit LinkDeadlines(SteadyTime connected) : connected_(connected) {}
+
+  void OnReceived() { has_received_ = true; }
+  // The handshake is done, or the protocol has none.
+  void OnReady() { is_ready_ = true; }
+  // The link takes no bytes, though some wait, or takes them again.
+  void OnBlocked(SteadyTime now);
+  void OnWritten() { blocked_.reset(); }
+  void OnClosing(SteadyTime now) { closing_ = now; }
+
+  // Why the link has to be given up; null while it has not. Once it is
+  // closing, only the time for that counts.
+  const char* GetExcess(SteadyTime now) const;
+  // A device that was silent for longer than a handshake may take. Where the
+  // protocol has no handshake that is allowed.
+  bool IsSilent(SteadyTime now) const;
+
+ private:
+  const SteadyTime connected_;
+  bool has_received_ = false;
+  bool is_ready_ = false;
+  std::optional<SteadyTime> blocked_;
+  std::optional<SteadyTime> closing_;
+};
+
+}  // namespace vantrel

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <functional>
+
+#include "companion/companion_log.h"
+#include "companion/destination_policy.h"
+#include "companion/flow_scheduler.h"
+#include "companion/link_protocol.h"
+
+namespace vantrel {
+
+// What the streams and flows of a link use of it. All of it outlives them.
+struct LinkParts {
+  asio::io_context& loop;
+  LinkProtocol& protocol;
+  FlowScheduler& scheduler;
+  CompanionLog& log;
+  const DestinationPolicy& policy;
+  // To be called when something new waits in the scheduler. Does nothing once
+  // the link is closing.
+  std::function<void()> on_waiting;
+};
+
+}  // namespace vantrel

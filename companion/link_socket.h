@@ -1,0 +1,52 @@
+#pragma once
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#include <asio/io_context.hpp>
+#include <string>
+
+#include "companion/descriptor.h"
+
+namespace vantrel {
+
+// The connected socket of a link, of any kind: reads, writes, how much the
+// kernel may hold of what was written, and how a peer that has gone is noticed.
+class LinkSocket {
+ public:
+  enum class Result {
+    kDone,    // at least one byte
+    kWait,    // nothing to read, or no room
+    kEnded,   // the peer has closed the link, or left it
+    kFailed,  // GetReason() says why
+  };
+
+  // Takes ownership of |fd|.
+  LinkSocket(asio::io_context& loop, int fd, Descriptor::Handler on_readable,
+             Descriptor::Handler on_writable);
+
+  Result Read(char* buffer, size_t size, size_t* count);
+  Result Write(const char* data, size_t size, size_t* count);
+  // Whether the kernel holds so little that more should be written.
+  bool HasRoom() const;
+  // Whether the peer has gone, for kinds of socket that tell it by a hang-up
+  // alone and read as if nothing had come.
+  bool IsHungUp() const;
+  void EndWriting();
+  // About how many bytes the kernel holds before HasRoom() says no.
+  void SetHold(size_t bytes);
+
+  void WaitReadable() { descriptor_.WaitReadable(); }
+  void WaitWritable() { descriptor_.WaitWritable(); }
+  const std::string& GetReason() const { return reason_; }
+
+ private:
+  Result Fail(int error);
+
+  Descriptor descriptor_;
+  int domain_ = 0;
+  size_t hold_ = 0;
+  std::string reason_;
+};
+
+}  // namespace vantrel

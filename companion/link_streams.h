@@ -1,0 +1,78 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "common/host_and_port.h"
+#include "common/lru_cache.h"
+#include "companion/byte_budget.h"
+#include "companion/link_parts.h"
+#include "companion/remote_stream.h"
+
+namespace vantrel {
+
+// The TCP streams of one link, and what the device said about their owners.
+class LinkStreams final : public RemoteStream::Owner {
+ public:
+  // At most |max_streams| at the same time, those included that only deliver
+  // their rest. All writes that wait for remotes have at most |max_held_bytes|;
+  // |on_excess| is called when they have more. |on_idle| is called when the
+  // last stream is gone.
+  LinkStreams(const LinkParts& link, size_t max_streams, size_t max_held_bytes,
+              std::function<void()> on_excess, std::function<void()> on_idle);
+  LinkStreams(const LinkStreams&) = delete;
+  LinkStreams& operator=(const LinkStreams&) = delete;
+  ~LinkStreams() override;
+
+  void Connect(uint32_t id, const HostAndPort& remote, uint32_t uid);
+  void Write(uint32_t id, const char* bytes, size_t length);
+  void Close(uint32_t id);
+  // What is too long for a name is cut off.
+  void SetPackageName(uint32_t uid, std::string name);
+
+  // The link is gone: every stream only delivers its rest.
+  void FinishAll();
+  void OnTick();  // once a second
+  size_t GetCount() const { return streams_.size() + finishing_.size(); }
+  size_t GetHeldBytes() const { return held_.GetUsed(); }
+
+  void OnWritesDelivered(RemoteStream& stream, size_t count) override;
+  void OnRemoteEnded(RemoteStream& stream) override;
+  void OnStreamOver(RemoteStream& stream) override;
+
+ private:
+  // How long a finishing stream may make no progress. A process that waits for
+  // the last streams of its only link waits no longer than that either.
+  static constexpr int kFinishSeconds = 10;
+  static constexpr int kFinishSecondsWithoutLink = 2;
+
+  // Null, or why a stream to |remote| is not opened.
+  const char* GetRefusal(const HostAndPort& remote) const;
+  // What is known about the owner of a flow, for a log line.
+  std::string DescribeOwner(uint32_t uid);
+  RemoteStream* Find(uint32_t id) const;
+  void TellClosed(uint32_t id);
+  // Ends the stream for the device and lets it deliver its rest.
+  void Finish(RemoteStream* stream, int max_idle_ticks);
+  // Ends the stream at once; the device is told.
+  void Drop(RemoteStream* stream);
+  void ReportIdle();
+
+  const LinkParts& link_;
+  const size_t max_streams_;
+  ByteBudget held_;
+  const std::function<void()> on_excess_;
+  const std::function<void()> on_idle_;
+  std::map<uint32_t, std::unique_ptr<RemoteStream>> streams_;
+  // No longer known to the device, which may use their ids again.
+  std::list<std::unique_ptr<RemoteStream>> finishing_;
+  LruCache<uint32_t, std::string> package_names_;  // by UID
+};
+
+}  // namespace vantrel

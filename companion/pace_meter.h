@@ -1,0 +1,48 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <chrono>
+#include <optional>
+
+#include "companion/steady_time.h"
+
+namespace vantrel {
+
+// How fast a link carries bytes, from what its socket takes: between two times
+// at which the socket was full it took exactly what the link carried. A time in
+// which it was not full says that the link carries that much at least.
+class PaceMeter {
+ public:
+  // |bytes| were taken by the socket.
+  void OnWritten(size_t bytes, SteadyTime now);
+  // The socket is full.
+  void OnBlocked(SteadyTime now);
+  // There is nothing more to send.
+  void OnIdle() { was_idle_ = true; }
+
+  // Bytes per second; a guess until something was measured.
+  double GetPace() const { return pace_; }
+  // What the link carries in |time|, not less than |min|, not more than |max|.
+  size_t GetBytesIn(std::chrono::milliseconds time, size_t min,
+                    size_t max) const;
+
+ private:
+  // Slow enough that the first bytes make no queue on a slow link; a fast one
+  // is known after a few milliseconds.
+  static constexpr double kFirstGuess = 250e3;
+
+  void Begin(SteadyTime now, bool is_idle);
+  // What was written since |began_|, in bytes per second, if |min| has passed.
+  std::optional<double> GetPaceSince(SteadyTime now,
+                                     std::chrono::milliseconds min) const;
+
+  double pace_ = kFirstGuess;
+  bool is_measured_ = false;
+  std::optional<SteadyTime> began_;
+  bool was_idle_ = false;       // since |began_|
+  uint64_t written_bytes_ = 0;  // since |began_|
+};
+
+}  // namespace vantrel

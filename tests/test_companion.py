@@ -1,0 +1,222 @@
+"""The real companion by itself; the test plays its devices."""
+
+import json
+import os
+import signal
+import socket
+import stat
+import struct
+import subprocess
+
+import pytest
+
+import bench
+from bench import BIN_DIR, program_environment, wait_until
+
+REMOTE = ("198.51.100.80", 7000)
+
+
+def connect(stream, address=REMOTE[0], port=REMOTE[1]):
+    return struct.pack(">BI4sHH", 1, stream, socket.inet_aton(address), port, 10123)
+
+
+def data(stream, payload):
+    return struct.pack(">BIH", 3, stream, len(payload)) + payload
+
+
+def close(stream):
+    return struct.pack(">BI", 2, stream)
+
+
+@pytest.fixture
+def companion(tmp_path):
+    """companion(*options): one that listens on a socket file."""
+    running = []
+
+    def start(*options, protocol="1"):
+        log = tmp_path / f"log{len(running)}"
+        with open(log, "wb") as output:
+            process = subprocess.Popen(
+                [BIN_DIR / "vantrel-companion", "--protocol", protocol,
+                 "--listen", f"unix:{tmp_path}/link", *options],
+                stderr=output, env=program_environment(tmp_path))
+        process.log = log.read_text
+        running.append(process)
+        wait_until(lambda: "listening on" in process.log() or process.poll() is not None,
+                   "the companion")
+        return process
+
+    yield start
+    for process in running:
+        process.send_signal(signal.SIGCONT)
+        bench.end_process(process)
+    assert bench.sanitizer_reports(tmp_path) == ""
+
+
+@pytest.fixture
+def link(tmp_path):
+    links = []
+
+    def make():
+        links.append(socket.socket(socket.AF_UNIX))
+        # Without a time-out: with one a full queue is an error.
+        links[-1].connect(f"{tmp_path}/link")
+        links[-1].settimeout(10)
+        return links[-1]
+
+    yield make
+    for one in links:
+        one.close()
+
+
+@pytest.fixture
+def remote():
+    with socket.create_server(REMOTE, backlog=64) as listener:
+        listener.settimeout(10)
+        yield listener
+
+
+def take(sock, count):
+    got = sock.recv(count, socket.MSG_WAITALL)
+    assert len(got) == count
+    return got
+
+
+def ping(sock):
+    sock.sendall(b"\5abcd")
+    assert take(sock, 5) == b"\5abcd"
+
+
+def processor_seconds(process):
+    with open(f"/proc/{process.pid}/stat") as stat_file:
+        fields = stat_file.read().rsplit(")")[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_many_links_and_no_room(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", "--max-links", "5")
+    links = [link() for _ in range(5)]
+    for one in links[:4]:
+        one.sendall(connect(1))  # the same number on each link
+    peers = [remote.accept()[0] for _ in range(4)]
+    links[4].sendall(connect(1) + b"\xff no such message")
+    assert links[4].recv(100) == b""  # its fault is its own
+    refused = link()
+    wait_until(lambda: "link 5: link down" in process.log(), "the end")
+    for one in links[:4]:
+        one.sendall(data(1, b"question"))
+    for peer in peers:
+        peer.settimeout(10)
+        assert take(peer, 8) == b"question"
+        peer.sendall(b"answer")
+        peer.close()
+    for one in links[:4]:
+        expected = struct.pack(">BI", 6, 1), data(1, b"answer") + close(1)
+        assert sorted([take(one, 5), take(one, 18)]) == sorted(expected)
+    links.append(link())
+    ping(links[-1])
+    assert refused.recv(1) == b"" or "refused" not in process.log()
+
+
+def test_destinations(companion, link, remote):
+    process = companion("--allow", "127.0.0.0/8", "--deny", "127.0.0.2")
+    one = link()
+    for stream, address in enumerate(("198.51.100.80", "127.0.0.2", "0.0.0.0", "224.0.0.1",
+                                      "255.255.255.255")):
+        one.sendall(connect(stream, address))
+        assert take(one, 5) == close(stream)
+        # A datagram fails as if the network had said so, and has one line.
+        for _ in range(2):
+            datagram = socket.inet_aton(address) + struct.pack(">HH", 53, 2) + b"no"
+            one.sendall(b"\4" + datagram)
+            assert take(one, 11) == b"\7" + datagram
+        assert process.log().count(f"datagrams to {address}:53 refused") == 1
+    with socket.create_server(("127.0.0.1", 0)) as local:
+        one.sendall(connect(9, *local.getsockname()))
+        local.settimeout(10)
+        local.accept()[0].close()
+    assert process.log().count("refused: not an allowed address") == 10
+
+
+@pytest.mark.parametrize("kind", ["unix", "tcp"])
+def test_an_abrupt_end_in_mid_message(companion, link, remote, kind):
+    process = companion("--allow", "198.51.100.0/24", "--listen", "tcp:127.0.0.1:7777")
+
+    def open_link():
+        if kind == "unix":
+            return link()
+        return socket.create_connection(("127.0.0.1", 7777), timeout=10)
+
+    for turn in range(1, 4):
+        one = open_link()
+        one.sendall(connect(1) + data(1, b"whole") + data(1, b"a part of it")[:-4])
+        peer, _ = remote.accept()
+        peer.settimeout(10)
+        assert take(peer, 5) == b"whole"
+        peer.sendall(bytes(100000))  # more than the device ever takes
+        if kind == "tcp":  # a reset, as of a device without power
+            one.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        one.close()
+        assert peer.recv(1) == b""  # the remote is told
+        peer.close()
+        wait_until(lambda: f"link {turn}: link down" in process.log(), "the end")
+    before = processor_seconds(process)
+    last = open_link()
+    for _ in range(100):
+        ping(last)
+    assert processor_seconds(process) - before < 1
+    last.close()
+
+
+def test_who_may_listen(companion, tmp_path, link):
+    process = companion()
+    path = tmp_path / "link"
+    assert stat.S_IMODE(path.stat().st_mode) == 0o600
+    process.send_signal(signal.SIGSTOP)
+    fillers = [socket.socket(socket.AF_UNIX) for _ in range(80)]
+    for filler in fillers:  # until its queue is full
+        filler.setblocking(False)
+        filler.connect_ex(str(path))
+    second = companion()  # ends at once, and leaves the file alone
+    assert second.wait(10) == 1
+    assert "Address already in use" in second.log()
+    for filler in fillers:
+        filler.close()
+    process.send_signal(signal.SIGCONT)
+    ping(link())
+    os.unlink(path)
+    for options, words in (((), "see --allow-remote-links"),
+                           (("--allow-remote-links",), "put a tunnel in front")):
+        other = companion("--listen", "tcp:0.0.0.0:0", *options)
+        assert words in other.log()
+        bench.end_process(other)
+
+
+def test_signals_log_and_service_manager(companion, link, tmp_path, monkeypatch):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(tmp_path / "notify"))
+        manager.settimeout(10)
+        monkeypatch.setenv("NOTIFY_SOCKET", str(tmp_path / "notify"))
+        monkeypatch.setenv("WATCHDOG_USEC", "200000")
+        process = companion("--log-format", "json", "--network", "7")
+        assert manager.recv(100) == b"READY=1"
+        assert manager.recv(100) == b"WATCHDOG=1"
+        one = link()
+        network = b"\x0b\0\0\0\7\0"
+        assert take(one, 6) == network
+        process.send_signal(signal.SIGHUP)
+        assert take(one, 6) == network
+        for _ in range(500):
+            one.sendall(struct.pack(">BI", 6, 1))  # has no place here: a line each
+        ping(one)
+        process.send_signal(signal.SIGUSR1)
+        wait_until(lambda: "bytes/s" in process.log(), "the state")
+        bench.end_process(process)
+        lines = [json.loads(line) for line in process.log().splitlines()]
+        assert {"level", "kind", "message", "time"} <= lines[0].keys()
+        unexpected = [line for line in lines if "unexpected" in line["message"]]
+        assert len(unexpected) <= 200 and all(line["link"] == 1 for line in unexpected)
+        left_out = [int(line["message"].split()[0]) for line in lines
+                    if "were left out" in line["message"]]
+        assert sum(left_out) + len(unexpected) == 500
+        assert process.returncode == 0 and not (tmp_path / "link").exists()
