@@ -18,7 +18,9 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -210,16 +212,16 @@ bool Query(const options_t& options, Descriptor* connection,
 
 using Action = bool (*)(const options_t&, Descriptor*, std::vector<char>&);
 
+// On |connection|, which may be closed still.
 tally_t RunClient(const options_t& options, Action action,
-                  Clock::time_point end) {
+                  Descriptor* connection, Clock::time_point end) {
   tally_t tally;
-  Descriptor connection(-1);
   const uint64_t most = std::max(options.request.up, options.request.down);
   std::vector<char> block(
       std::clamp<uint64_t>(most + sizeof(request_t), 4096, kBlockBytes));
   do {
     const auto begin = Clock::now();
-    if (action(options, &connection, block)) {
+    if (action(options, connection, block)) {
       ++tally.exchanges;
       const std::chrono::duration<float, std::micro> took =
           Clock::now() - begin;
@@ -228,22 +230,42 @@ tally_t RunClient(const options_t& options, Action action,
       }
     } else {
       ++tally.failures;
-      connection.Reset(-1);
+      connection->Reset(-1);
     }
   } while (Clock::now() < end);
   return tally;
 }
 
-void Run(const options_t& options, Action action) {
+// Connections for all clients, opened one after the other, each with an
+// exchange of one byte: not even a short accept queue keeps one waiting. Throws
+// when one cannot be had.
+std::vector<std::unique_ptr<Descriptor>> Connect(const options_t& options) {
+  options_t first = options;
+  first.request = {0, 1};
+  std::vector<char> block(4096);
+  std::vector<std::unique_ptr<Descriptor>> connections;
+  for (unsigned int i = 0; i < options.clients; ++i) {
+    connections.push_back(std::make_unique<Descriptor>(-1));
+    if (!Exchange(first, connections.back().get(), block)) {
+      throw std::runtime_error("connection " + std::to_string(i) + " failed");
+    }
+  }
+  return connections;
+}
+
+// Puts all clients to work at the same time, on |connections|, and prints what
+// they have seen.
+void Run(const options_t& options, Action action,
+         const std::vector<std::unique_ptr<Descriptor>>& connections) {
   const auto begin = Clock::now();
   const auto end = begin + std::chrono::duration_cast<Clock::duration>(
                                std::chrono::duration<double>(options.seconds));
-  std::vector<tally_t> tallies(options.clients);
+  std::vector<tally_t> tallies(connections.size());
   std::vector<std::thread> threads;
   threads.reserve(options.clients);
-  for (tally_t& tally : tallies) {
-    threads.emplace_back([&options, action, end, &tally] {
-      tally = RunClient(options, action, end);
+  for (size_t i = 0; i < connections.size(); ++i) {
+    threads.emplace_back([&, i] {
+      tallies[i] = RunClient(options, action, connections[i].get(), end);
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -269,17 +291,18 @@ void Run(const options_t& options, Action action) {
             << std::endl;
 }
 
-// Opens connections one after the other, each with one exchange, and holds them
-// until its standard input ends.
-void Hold(const options_t& options) {
-  std::vector<std::unique_ptr<Descriptor>> connections;
-  std::vector<char> block(4096);
-  for (unsigned int i = 0; i < options.clients; ++i) {
-    connections.push_back(std::make_unique<Descriptor>(-1));
-    if (!Exchange(options, connections.back().get(), block)) {
-      throw std::runtime_error("connection " + std::to_string(i) + " failed");
-    }
+// Closed ones, for clients that open theirs themselves.
+std::vector<std::unique_ptr<Descriptor>> MakeClosed(const options_t& options) {
+  std::vector<std::unique_ptr<Descriptor>> connections(options.clients);
+  for (auto& connection : connections) {
+    connection = std::make_unique<Descriptor>(-1);
   }
+  return connections;
+}
+
+// Holds idle connections until its standard input ends.
+void Hold(const options_t& options) {
+  const auto connections = Connect(options);
   std::cout << "ready" << std::endl;
   std::cin.get();
 }
@@ -295,17 +318,18 @@ int main(int argc, char** argv) try {
   app.add_option("--up", options.request.up, "Bytes of a request");
   app.add_option("--down", options.request.down, "Bytes of an answer");
   app.add_option("--seconds", options.seconds, "0: one exchange per client");
-  app.add_flag("--new", options.is_new, "A connection per exchange");
+  app.add_flag("--new", options.is_new, "A new connection for each exchange");
   app.require_subcommand(1);
   app.fallthrough();  // options stand after the subcommand
   app.add_subcommand("serve", "Answer until killed")->callback([&] {
     Serve(options);
   });
-  app.add_subcommand("run", "Exchanges on connections")->callback([&] {
-    Run(options, Exchange);
-  });
+  app.add_subcommand("run", "Exchanges on connections that stand already")
+      ->callback([&] { Run(options, Exchange, Connect(options)); });
+  app.add_subcommand("open", "Exchanges, connecting is part of the first")
+      ->callback([&] { Run(options, Exchange, MakeClosed(options)); });
   app.add_subcommand("query", "Datagrams, each answered by the same")
-      ->callback([&] { Run(options, Query); });
+      ->callback([&] { Run(options, Query, MakeClosed(options)); });
   app.add_subcommand("hold", "Idle connections until end of input")
       ->callback([&] { Hold(options); });
   // Thousands of connections on both ends.

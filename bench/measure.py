@@ -88,7 +88,8 @@ def bulk(road, seconds, direction, streams):
 
 
 def requests(road, seconds, clients=1, **options):
-    result = run_load(road, "run", seconds, clients=clients, **REQUEST, **options)
+    kind = "open" if "new" in options else "run"
+    result = run_load(road, kind, seconds, clients=clients, **REQUEST, **options)
     return {"requests/s": result["exchanges"] / result["seconds"],
             "median us": result["median_us"], "p99 us": result["p99_us"],
             "failures": result["failures"]}
@@ -136,7 +137,7 @@ def datagrams(road, seconds, clients):
 
 def burst(road, _seconds):
     """Connections made all at once; those that got their answer in 10 s."""
-    result = run_load(road, "run", 0, clients=256, **REQUEST)
+    result = run_load(road, "open", 0, clients=256, **REQUEST)
     return {"of 256": result["exchanges"], "last ms": result["max_us"] / 1000}
 
 
@@ -152,17 +153,17 @@ def at_rest(road, _seconds):
 
 
 def link_bytes(road, _seconds):
-    """Bytes on the link, both ways, for each byte of the applications."""
+    """What crosses the link, both ways, beside each 100 bytes of the applications."""
     figures = {}
-    for name, kind, options in [("bulk down", "run", {"up": 0, "down": 2 ** 24}),
-                                ("bulk up", "run", {"up": 2 ** 24, "down": 1}),
-                                ("requests, new", "run", {**REQUEST, "new": True}),
+    for name, kind, options in [("bulk down", "open", {"up": 0, "down": 2 ** 24}),
+                                ("bulk up", "open", {"up": 2 ** 24, "down": 1}),
+                                ("requests, new", "open", REQUEST),
                                 ("datagrams of 64", "query", {"up": 64, "down": 64})]:
         before = road.link_bytes()
         result = run_load(road, kind, 0, **options)
         roads.wait_for_rest(road)
-        payload = (options["up"] + options["down"] + 16 * (kind == "run")) * result["exchanges"]
-        figures[name] = (road.link_bytes() - before) / payload
+        payload = (options["up"] + options["down"] + 16 * (kind == "open")) * result["exchanges"]
+        figures[name + ", %"] = ((road.link_bytes() - before) / payload - 1) * 100
     return figures
 
 
@@ -201,16 +202,16 @@ MEASURES = {
     "datagrams, 1 client": lambda road, seconds: datagrams(road, seconds, 1),
     "datagrams, 16 clients": lambda road, seconds: datagrams(road, seconds, 16),
     "256 connections at once": burst,
-    "bytes on the link per byte": link_bytes,
+    "overhead on the link": link_bytes,
 }
-ONCE = ["at rest", "256 connections at once", "bytes on the link per byte"]
+ONCE = ["at rest", "256 connections at once", "overhead on the link"]
 FULL_ONLY = ["256 connections at once"]
 
 
 def is_possible(measure, road):
     if measure.startswith("datagrams"):
         return road.has_datagrams
-    return measure != "bytes on the link per byte" or isinstance(road, roads.VantrelRoad)
+    return measure != "overhead on the link" or isinstance(road, roads.VantrelRoad)
 
 
 def measure_roads(options, mode, directory, results):

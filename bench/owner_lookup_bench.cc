@@ -168,8 +168,10 @@ void TcpOwnerInKernel(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-// The kernel's share: its table read whole and thrown away. It looks through
-// the connections of the whole machine for those of the network that asks.
+// The kernel's share: its table read whole and thrown away, where a look-up
+// stops at the second of its rows, on average after half. The kernel goes
+// through the connections of the whole machine for those of the network that
+// asks.
 void TcpTableAlone(benchmark::State& state) {
   const Connections connections(state.range(0) / 2);
   if (!connections.IsGood()) {

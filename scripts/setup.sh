@@ -1,7 +1,7 @@
 #!/bin/bash
-# scripts/setup.sh build|test|all: installs what is missing to build the programs
-# and their unit tests (build), to run all tests too (test), to run every check
-# and make the package too (all). Asks no question; says nothing when nothing is
+# scripts/setup.sh build|test|bench|all: installs what is missing to build the programs
+# and their unit tests (build), to run all tests too (test), to measure (bench), to
+# run every check and make the package too (all). Asks no question; says nothing when nothing is
 # missing.
 set -euo pipefail
 
@@ -22,6 +22,10 @@ test=(
   curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test
   tshark
+)
+bench=(
+  # plots; two roads to measure beside ours
+  git gnuplot-nox haproxy openssh-client openssh-server
 )
 all=(
   # sanitizers (with readable stacks), fuzz targets
@@ -56,11 +60,12 @@ install_missing() {
 case ${1:-} in
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
+  bench) install_missing "${build[@]}" "${test[@]}" "${bench[@]}" ;;
   all)
-    install_missing "${build[@]}" "${test[@]}" "${all[@]}"
+    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${all[@]}"
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|all" >&2
+    echo "usage: setup.sh build|test|bench|all" >&2
     exit 2 ;;
 esac

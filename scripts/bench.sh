@@ -1,0 +1,46 @@
+#!/bin/bash
+# scripts/bench.sh [quick|full] [--compare BASE] [--only WORD]...: measures vantrel
+# beside a plain connection and, where they are installed, a transparent proxy
+# (haproxy) and an ssh tunnel. Needs root. Prints tables with ratios to the first
+# column, and leaves build/bench/MODE.json and plots beside it. quick takes under 3
+# minutes, full about 20. With --compare the commit BASE is built, too, and measured
+# in the same run. --only takes the measurements with one of the words in their name.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+mode=quick base='' only=()
+while [ $# -gt 0 ]; do
+  case $1 in
+    quick | full) mode=$1 ;;
+    --compare) base=${2:?--compare needs a commit} && shift ;;
+    --only) only+=(--only "${2:?--only needs a word}") && shift ;;
+    *)
+      echo "usage: bench.sh [quick|full] [--compare BASE] [--only WORD]..." >&2
+      exit 2 ;;
+  esac
+  shift
+done
+if [ "$(id -u)" -ne 0 ]; then
+  echo "bench: needs root, for namespaces, rules and users" >&2
+  exit 1
+fi
+
+scripts/setup.sh bench
+scripts/build.sh release >&2
+out=build/bench
+mkdir -p "$out"
+
+compare=()
+if [ -n "$base" ]; then
+  name=$(git rev-parse --short --verify "$base^{commit}")
+  tree=$(mktemp -d)
+  trap 'git worktree remove --force "$tree/$name"; rm -rf "$tree"' EXIT
+  git worktree add --quiet --detach "$tree/$name" "$name"
+  (cd "$tree/$name" && cmake --preset release -DVANTREL_BUILD_TESTS=OFF >/dev/null &&
+    cmake --build --preset release >&2)
+  compare=(--base "$name" --base-bin "$tree/$name/build/release/bin")
+fi
+
+VANTREL_BIN_DIR=$PWD/build/release/bin bench/measure.py --mode "$mode" \
+  "${compare[@]}" "${only[@]}" "$out/$mode.json"
+bench/report.py "$out/$mode.json" --plots "$out"
+echo "bench: $out/$mode.json, plots in $out" >&2
