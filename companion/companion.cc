@@ -18,20 +18,20 @@ namespace {
 // From the signal to the end of the program, with a margin below the 2 s that
 // are promised.
 constexpr std::chrono::milliseconds kStopTime{1500};
-constexpr size_t kMaxStreams = 4096;
-constexpr size_t kMinStreams = 64;
+// What a link may always have, however much the others take.
+constexpr size_t kStreamsForSure = 64;
 // What the program needs besides links.
 constexpr size_t kOwnDescriptors = 64;
 
-// Each stream and each flow is a descriptor. A link gets its share of them, so
-// that it can take none away from another.
-size_t GetStreamsPerLink(const Options& options) {
+// How many descriptors streams and flows may take beyond what each link has for
+// sure.
+size_t GetSharedDescriptors(const Options& options) {
   rlimit limit = {};
   getrlimit(RLIMIT_NOFILE, &limit);
   const size_t links = options.fd ? 1 : options.max_links;
-  const size_t share = static_cast<size_t>(limit.rlim_cur) / links;
-  const size_t others = DatagramFlows::kMaxFlows + kOwnDescriptors;
-  return std::clamp(share, kMinStreams + others, kMaxStreams + others) - others;
+  const size_t taken = kOwnDescriptors + links * kStreamsForSure;
+  const auto all = static_cast<size_t>(limit.rlim_cur);
+  return all > taken ? all - taken : 0;
 }
 
 }  // namespace
@@ -43,7 +43,7 @@ Companion::Companion(const Options& options)
               [this](const IpAddress& address) {
                 return routes_.IsLocal(address);
               }),
-      max_streams_(GetStreamsPerLink(options)),
+      shared_descriptors_(GetSharedDescriptors(options)),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
       ticker_(loop_),
       watchdog_(loop_),
@@ -90,12 +90,22 @@ void Companion::AddLink(int fd, const std::string& peer) {
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
                      id, peer.c_str());
   auto link = std::make_unique<DeviceLink>(
-      loop_, fd, DeviceLink::settings_t{id, max_streams_}, options_, policy_,
-      [this] { OnLinkChanged(); });
+      loop_, fd, DeviceLink::settings_t{id, [this] { return GetMaxStreams(); }},
+      options_, policy_, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
   added.Start();
   StartTicking();
+}
+
+// As many as are left for all: a single link can have half of them, the next
+// one a third, and a greedy one never takes them all.
+size_t Companion::GetMaxStreams() const {
+  size_t used = 0;
+  for (const auto& entry : links_) used += entry.second->GetDescriptorCount();
+  const size_t left =
+      shared_descriptors_ > used ? shared_descriptors_ - used : 0;
+  return std::max(kStreamsForSure, left);
 }
 
 size_t Companion::CountUp() const {

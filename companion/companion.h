@@ -40,6 +40,8 @@ class Companion {
   [[nodiscard]] bool OpenListeners();
   void TakeLink(int fd, const std::string& peer);
   void AddLink(int fd, const std::string& peer);
+  // How many streams one link may have at the moment.
+  size_t GetMaxStreams() const;
   size_t CountUp() const;
   // Ends the link that was silent longest, if there is one that may not be.
   bool MakeRoom();
@@ -58,7 +60,7 @@ class Companion {
   ServiceManager service_manager_;
   LocalRoutes routes_;
   const DestinationPolicy policy_;
-  const size_t max_streams_;  // of one link
+  const size_t shared_descriptors_;
   asio::signal_set signals_;
   asio::steady_timer ticker_;
   asio::steady_timer watchdog_;

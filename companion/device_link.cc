@@ -49,7 +49,7 @@ DeviceLink::DeviceLink(asio::io_context& loop, int fd,
       protocol_(MakeProtocol(options, scheduler_.GetControl())),
       parts_{loop, *protocol_, scheduler_, log_, policy, [this] { Pump(); }},
       streams_(
-          parts_, settings.max_streams, options.max_held_bytes,
+          parts_, settings.get_max_streams, options.max_held_bytes,
           [this] { OnFailure("too many bytes wait for remotes"); },
           [this] { on_change_(); }),
       flows_(parts_, options.dns_server),

@@ -34,7 +34,8 @@ class DeviceLink final : public DeviceMessages {
   // What the link asks of the program.
   struct settings_t {
     uint32_t id = 0;  // names it in the log
-    size_t max_streams = 0;
+    // How many streams the link may have now; asked for each new one.
+    std::function<size_t()> get_max_streams;
   };
 
   // Takes ownership of the connected stream socket |fd|. |options| and |policy|
@@ -56,6 +57,10 @@ class DeviceLink final : public DeviceMessages {
   void OnTick(SteadyTime now);  // once a second
 
   bool IsUp() const { return socket_ != nullptr; }
+  // What its streams and flows have open.
+  size_t GetDescriptorCount() const {
+    return streams_.GetCount() + flows_.GetCount();
+  }
   bool IsOver() const { return !IsUp() && streams_.GetCount() == 0; }
   // Whether the link ended otherwise than by the device or in order.
   bool HasFailed() const { return has_failed_; }

@@ -90,8 +90,9 @@ class DeviceLinkTest : public ::testing::Test {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     device_ = std::make_unique<End>(fds[0]);
     link_ = std::make_unique<DeviceLink>(
-        loop_, fds[1], DeviceLink::settings_t{1, max_streams}, options_,
-        policy_, [this] { ++changes_; });
+        loop_, fds[1],
+        DeviceLink::settings_t{1, [max_streams] { return max_streams; }},
+        options_, policy_, [this] { ++changes_; });
     link_->Start();
   }
   // Runs the real loop until |condition| holds, which is tried in between.

@@ -14,11 +14,12 @@ constexpr size_t kMaxPackageNameBytes = 256;
 
 }  // namespace
 
-LinkStreams::LinkStreams(const LinkParts& link, size_t max_streams,
+LinkStreams::LinkStreams(const LinkParts& link,
+                         std::function<size_t()> get_max_streams,
                          size_t max_held_bytes, std::function<void()> on_excess,
                          std::function<void()> on_idle)
     : link_(link),
-      max_streams_(max_streams),
+      get_max_streams_(std::move(get_max_streams)),
       held_(max_held_bytes),
       on_excess_(std::move(on_excess)),
       on_idle_(std::move(on_idle)),
@@ -49,7 +50,7 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
 
 const char* LinkStreams::GetRefusal(const HostAndPort& remote) const {
   if (remote.host.GetFamily() != AF_INET) return "not an IPv4 address";
-  if (GetCount() >= max_streams_) return "too many streams";
+  if (GetCount() >= get_max_streams_()) return "too many streams";
   return link_.policy.Allows(remote.host) ? nullptr : "not an allowed address";
 }
 

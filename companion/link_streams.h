@@ -20,12 +20,13 @@ namespace vantrel {
 // The TCP streams of one link, and what the device said about their owners.
 class LinkStreams final : public RemoteStream::Owner {
  public:
-  // At most |max_streams| at the same time, those included that only deliver
-  // their rest. All writes that wait for remotes have at most |max_held_bytes|;
-  // |on_excess| is called when they have more. |on_idle| is called when the
-  // last stream is gone.
-  LinkStreams(const LinkParts& link, size_t max_streams, size_t max_held_bytes,
-              std::function<void()> on_excess, std::function<void()> on_idle);
+  // |get_max_streams| says how many there may be when one more is asked for,
+  // those included that only deliver their rest. All writes that wait for
+  // remotes have at most |max_held_bytes|; |on_excess| is called when they have
+  // more. |on_idle| is called when the last stream is gone.
+  LinkStreams(const LinkParts& link, std::function<size_t()> get_max_streams,
+              size_t max_held_bytes, std::function<void()> on_excess,
+              std::function<void()> on_idle);
   LinkStreams(const LinkStreams&) = delete;
   LinkStreams& operator=(const LinkStreams&) = delete;
   ~LinkStreams() override;
@@ -65,7 +66,7 @@ class LinkStreams final : public RemoteStream::Owner {
   void ReportIdle();
 
   const LinkParts& link_;
-  const size_t max_streams_;
+  const std::function<size_t()> get_max_streams_;
   ByteBudget held_;
   const std::function<void()> on_excess_;
   const std::function<void()> on_idle_;
