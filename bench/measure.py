@@ -4,7 +4,8 @@
 The end-to-end measurements, and the micro benchmarks after them. Makes an internet
 and devices in namespaces of its own, which needs root. Every measurement goes over
 all roads (roads.py) before it is repeated, so that what else the machine does falls
-on all of them. Writes all values to OUT.json, which report.py turns into tables and
+on all of them. One that fails is said and left out, and makes the exit status 1.
+Writes all values to OUT.json, which report.py turns into tables and
 plots. With --base the programs in DIR are measured beside ours; --only takes the
 measurements whose names have one of the words in them.
 """
@@ -41,7 +42,7 @@ DELAYS_MS = [1, 2, 5, 10, 20, 50, 100]
 # 20 times what a stream has in flight, so that the last answer hardly counts.
 WINDOWS = 20 * 8 * 4096
 MODES = {"quick": {"seconds": 0.3, "repeats": 1, "micro_seconds": 0.02},
-         "full": {"seconds": 1.5, "repeats": 3, "micro_seconds": 0.2}}
+         "full": {"seconds": 1, "repeats": 3, "micro_seconds": 0.1}}
 
 
 class Results:
@@ -49,10 +50,20 @@ class Results:
 
     def __init__(self):
         self.values = {}
+        self.has_failed = False
 
     def add(self, measure, road, figures):
         for figure, value in figures.items():
             self.values.setdefault((measure, road, figure), []).append(value)
+
+    def take(self, measure, road, action, *args):
+        """Adds what |action| returns for the road."""
+        progress(f"{measure}: {road.name}")
+        try:
+            self.add(measure, road.name, action(road, *args))
+        except (AssertionError, OSError, subprocess.SubprocessError) as fault:
+            self.has_failed = True
+            print(f"\nfailed: {measure}: {road.name}: {fault}", file=sys.stderr)
 
     def as_list(self):
         return [{"measure": measure, "road": road, "figure": figure, "values": values}
@@ -232,8 +243,7 @@ def measure_roads(options, mode, directory, results):
                 continue
             for _ in range(1 if measure in ONCE else mode["repeats"]):
                 for road in filter(lambda road: is_possible(measure, road), made):
-                    progress(f"{measure}: {road.name}")
-                    results.add(measure, road.name, action(road, mode["seconds"]))
+                    results.take(measure, road, action, mode["seconds"])
     return [road.name for road in made]
 
 
@@ -265,10 +275,9 @@ def measure_slow_links(options, directory, results):
     for number, (measure, shape, action) in enumerate(wanted):
         if not is_wanted(options, measure):
             continue
-        progress(measure)
         road = roads.VantrelRoad("vantrel 20", directory / f"slow{number}", "20", shape=shape)
         try:
-            results.add(measure, road.name, action(road))
+            results.take(measure, road, action)
         finally:
             road.close()
 
@@ -332,7 +341,8 @@ def main():
     measure_micro(options, mode, results)
     progress("")
     options.out.write_text(json.dumps({**about, "results": results.as_list()}, indent=1))
+    return 1 if results.has_failed else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

@@ -72,6 +72,18 @@ def table(rows, roads):
     return lines if len(lines) > 1 else None
 
 
+def compare_table(results):
+    """Ours beside the other commit's, and the ratio of the two."""
+    base = f" at {results.about['base']}"
+    lines = [["", "", "ours", base.strip(), "ratio"]]
+    for (measure, road, figure), value in results.medians.items():
+        other = results.medians.get((measure, road + base, figure))
+        if other:
+            lines.append([f"{road}: {measure}", figure, number(value), number(other),
+                          f"{value / other:.2f}"])
+    return lines
+
+
 def micro_table(results):
     rows = [(name, figure, f"{number(value)}") for (measure, name, figure), value
             in results.medians.items() if measure.startswith("micro ")]
@@ -86,6 +98,7 @@ def tables(results):
     made = {name: table(results.rows(measures, figures), results.about["roads"])
             for name, measures, figures in TABLES}
     made["delay rates"] = delay_table(results)
+    made["compare"] = compare_table(results)
     made["micro"] = micro_table(results)
     made["about"] = [["", ""], *([key, str(results.about[key])] for key in (
         "when", "commit", "processors", "processor", "kernel", "load before"))]

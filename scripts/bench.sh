@@ -40,7 +40,9 @@ if [ -n "$base" ]; then
   compare=(--base "$name" --base-bin "$tree/$name/build/release/bin")
 fi
 
+status=0
 VANTREL_BIN_DIR=$PWD/build/release/bin bench/measure.py --mode "$mode" \
-  "${compare[@]}" "${only[@]}" "$out/$mode.json"
+  "${compare[@]}" "${only[@]}" "$out/$mode.json" || status=$?
 bench/report.py "$out/$mode.json" --plots "$out"
 echo "bench: $out/$mode.json, plots in $out" >&2
+exit "$status"
