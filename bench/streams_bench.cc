@@ -69,8 +69,8 @@ class LinkWithStreams {
   void Upload(size_t busy, int chunks) {
     for (size_t i = streams_.size() - busy; i < streams_.size(); ++i) {
       streams_[i]->waiting = chunks;
+      link_->OnTcpDataAvailable(streams_[i]->GetId());
     }
-    link_->OnTcpDataAvailable();
     while (LastStream().waiting > 0) Flush();
     Flush();  // what was queued when the stream ran dry
   }
@@ -83,7 +83,7 @@ class LinkWithStreams {
   std::string MakeMessages(int chunks) {
     std::string messages;
     for (LastStream().waiting = chunks; LastStream().waiting > 0;) {
-      link_->OnTcpDataAvailable();
+      link_->OnTcpDataAvailable(LastStream().GetId());
       link_->OnWriteReady();
       messages += ReadAll(*peer_);
     }

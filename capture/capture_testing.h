@@ -15,7 +15,7 @@ class FakeLink : public ProxySocket {
   void RegisterTcpStream(TcpConduitDelegate* conduit) override {
     streams.push_back(conduit);
   }
-  void OnTcpDataAvailable() override { ++data_available; }
+  void OnTcpDataAvailable(uint32_t) override { ++data_available; }
   void SendDatagram(const HostAndPort&, const HostAndPort&,
                     const std::string&) override {
     ++datagrams;

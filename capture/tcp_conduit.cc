@@ -117,7 +117,7 @@ void TcpConduit::QueueChunks(const char* bytes, size_t count) {
   rx_bytes_ += static_cast<uint32_t>(count);
   for (size_t done = 0; done < count; done += kChunkBytes) {
     read_queue_.emplace_back(bytes + done, std::min(kChunkBytes, count - done));
-    link_.OnTcpDataAvailable();
+    link_.OnTcpDataAvailable(id_);
   }
 }
 
@@ -144,7 +144,7 @@ void TcpConduit::SetClosed() {
   closed_ = true;
   reactor_.Unregister(*this, Reactor::kRead);
   reactor_.Unregister(*this, Reactor::kWrite);
-  link_.OnTcpDataAvailable();
+  link_.OnTcpDataAvailable(id_);
 }
 
 void TcpConduit::HandleWriteAck() { ++send_credit_; }

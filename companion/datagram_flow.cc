@@ -80,7 +80,7 @@ void DatagramFlow::OnReadable() {
   for (int turn = 0; turn < kMaxReceivesPerTurn && ReceiveOne(); ++turn) {
   }
   socket_->WaitReadable();
-  link_.on_waiting();
+  link_.on_waiting();  // may destroy this
 }
 
 bool DatagramFlow::ReceiveOne() {
@@ -141,17 +141,18 @@ void DatagramFlow::ReportError(const sock_extended_err& error,
     return;
   }
   LogDetail("", strerror(static_cast<int>(error.ee_errno)));
+  // Of an older request than the last only what the network quoted of it.
   const bool is_last = last_request_.compare(0, quoted.size(), quoted) == 0;
   QueueFailure(is_last ? last_request_ : quoted);
 }
 
-// Of an older request than the last only what the network quoted of it.
+// Does not start to send: the link may end by that, and this object with it.
+// What called will do so as its last act.
 void DatagramFlow::QueueFailure(const std::string& request) {
   if (request.size() > link_.protocol.GetMaxDatagramBytes()) return;
   std::string message;
   link_.protocol.PutUdpFailure(&message, local_, remote_, request);
   link_.scheduler.Queue(this, std::move(message));
-  link_.on_waiting();
 }
 
 void DatagramFlow::LogDetail(const char* what, const char* more) {

@@ -38,7 +38,8 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort& GetLocal() const { return local_; }
   const HostAndPort& GetRemote() const { return remote_; }
 
-  // Sends one datagram of the application.
+  // Sends one datagram of the application. A failure waits in the scheduler
+  // afterwards.
   void Send(const std::string& payload);
 
  private:

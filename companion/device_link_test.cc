@@ -272,6 +272,15 @@ TEST_F(DeviceLinkTest, GivesUpADeviceThatSaysNothing) {
   EXPECT_TRUE(Logs("link down: the device said nothing for 10 s"));
 }
 
+// The failure is what shows that the device has gone.
+TEST_F(DeviceLinkTest, EndsWhileAFlowReportsAFailure) {
+  Start();
+  const HostAndPort remote = Server().endpoint;  // nobody there any more
+  link_->OnDatagram(remote, remote, "x");
+  device_.reset();
+  EXPECT_TRUE(Until([&] { return link_->IsOver(); }));
+}
+
 TEST_F(DeviceLinkTest, ForgetsTheFlowThatWasSilentLongest) {
   Start();
   const HostAndPort remote = Server().endpoint;  // nobody there any more

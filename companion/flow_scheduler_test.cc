@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <string>
 
 #include "companion/pace_meter.h"
@@ -27,6 +28,10 @@ class Source : public FlowScheduler::Flow {
   const char letter_;
   size_t left_;
 };
+
+double Count(const std::string& text, char letter) {
+  return static_cast<double>(std::count(text.begin(), text.end(), letter));
+}
 
 class FlowSchedulerTest : public ::testing::Test {
  protected:
@@ -54,8 +59,7 @@ TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
   std::string sent;
   while (sent.size() < 800) ASSERT_TRUE(scheduler_.Take(&sent));
   for (const char letter : {'a', 'b', 's', 'l'}) {
-    const auto count = std::count(sent.begin(), sent.end(), letter);
-    EXPECT_NEAR(200, static_cast<double>(count), 25) << letter;
+    EXPECT_NEAR(200, Count(sent, letter), 25) << letter;
   }
   scheduler_.Remove(&small);
   scheduler_.Remove(&large);
@@ -75,8 +79,7 @@ TEST_F(FlowSchedulerTest, ServesSparseFlowsFirstButNotForEver) {
   sparse.Add(1000);
   scheduler_.Activate(&sparse);
   const std::string sent = Take(12);
-  const auto count = std::count(sent.begin(), sent.end(), 's');
-  EXPECT_NEAR(40, static_cast<double>(count), 10);
+  EXPECT_NEAR(40, Count(sent, 's'), 10);
 
   *scheduler_.GetControl() += "control";
   EXPECT_EQ("control", Take(1));
@@ -134,10 +137,8 @@ TEST(PaceMeterTest, FollowsTheLinkAndBoundsInTime) {
   };
   run(1000, 2500);
   EXPECT_NEAR(250e3, meter.GetPace(), 5e3);
-  EXPECT_NEAR(
-      10000,
-      static_cast<double>(meter.GetBytesIn(milliseconds(40), 1024, 65536)),
-      200);
+  const size_t hold = meter.GetBytesIn(milliseconds(40), 1024, 65536);
+  EXPECT_NEAR(10000, static_cast<double>(hold), 200);
   run(1000, 250);
   EXPECT_NEAR(25e3, meter.GetPace(), 5e3);
   EXPECT_EQ(2048u, meter.GetBytesIn(milliseconds(40), 2048, 65536));

@@ -17,8 +17,9 @@ struct LinkParts {
   FlowScheduler& scheduler;
   CompanionLog& log;
   const DestinationPolicy& policy;
-  // To be called when something new waits in the scheduler. Does nothing once
-  // the link is closing.
+  // To be called when something new waits in the scheduler, from the handlers
+  // of streams and flows; not needed while the device's messages are handled.
+  // The link may end by it: a flow is then destroyed, a stream finishes.
   std::function<void()> on_waiting;
 };
 

@@ -15,11 +15,19 @@ struct request_t {
   uint32_t address;  // network byte order
 };
 
-request_t MakeRequest(const IpAddress& address) {
+// The front of an answer; an error, which is larger, has its number in place of
+// the route.
+struct answer_t {
+  nlmsghdr header;
+  rtmsg route;
+};
+
+request_t MakeRequest(const IpAddress& address, uint32_t sequence) {
   request_t request = {};
   request.header.nlmsg_len = sizeof(request);
   request.header.nlmsg_type = RTM_GETROUTE;
   request.header.nlmsg_flags = NLM_F_REQUEST;
+  request.header.nlmsg_seq = sequence;
   request.route.rtm_family = AF_INET;
   request.route.rtm_dst_len = 32;
   request.attribute.rta_type = RTA_DST;
@@ -38,23 +46,23 @@ LocalRoutes::~LocalRoutes() {
 }
 
 std::optional<bool> LocalRoutes::IsLocal(const IpAddress& address) {
-  const request_t request = MakeRequest(address);
+  const request_t request = MakeRequest(address, ++sequence_);
   if (send(fd_, &request, sizeof(request), 0) == -1) return std::nullopt;
-  // The answer is there when the question was taken.
-  alignas(nlmsghdr) char answer[4096];
-  const ssize_t length = recv(fd_, answer, sizeof(answer), MSG_DONTWAIT);
-  if (length < static_cast<ssize_t>(sizeof(nlmsghdr))) return std::nullopt;
-  nlmsghdr header;
-  memcpy(&header, answer, sizeof(header));
-  // An address without a route is nobody's.
-  if (header.nlmsg_type == NLMSG_ERROR) return false;
-  rtmsg route;
-  if (length < static_cast<ssize_t>(NLMSG_HDRLEN + sizeof(route))) {
-    return std::nullopt;
+  // The answer is there when the question was taken. One to an earlier question
+  // may be in front of it, if that could not be read.
+  while (true) {
+    alignas(nlmsghdr) char bytes[4096];
+    const ssize_t length = recv(fd_, bytes, sizeof(bytes), MSG_DONTWAIT);
+    answer_t answer;
+    if (length < static_cast<ssize_t>(sizeof(answer))) return std::nullopt;
+    memcpy(&answer, bytes, sizeof(answer));
+    if (answer.header.nlmsg_seq != sequence_) continue;
+    // An address without a route is nobody's.
+    if (answer.header.nlmsg_type == NLMSG_ERROR) return false;
+    const unsigned char type = answer.route.rtm_type;
+    return type == RTN_LOCAL || type == RTN_BROADCAST || type == RTN_ANYCAST ||
+           type == RTN_MULTICAST;
   }
-  memcpy(&route, answer + NLMSG_HDRLEN, sizeof(route));
-  return route.rtm_type == RTN_LOCAL || route.rtm_type == RTN_BROADCAST ||
-         route.rtm_type == RTN_ANYCAST || route.rtm_type == RTN_MULTICAST;
 }
 
 }  // namespace vantrel

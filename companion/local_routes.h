@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdint.h>
+
 #include <optional>
 
 #include "common/ip_address.h"
@@ -19,7 +21,8 @@ class LocalRoutes {
   std::optional<bool> IsLocal(const IpAddress& address);
 
  private:
-  const int fd_;  // -1: it could not be opened
+  const int fd_;           // -1: it could not be opened
+  uint32_t sequence_ = 0;  // of the last question
 };
 
 }  // namespace vantrel

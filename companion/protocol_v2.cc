@@ -174,9 +174,14 @@ void ProtocolV2::PutClose(std::string* out, uint32_t stream_id) {
 }
 
 void ProtocolV2::PutWriteAck(std::string* out, uint32_t stream_id) {
-  messages::Header header = MakeHeader(messages::TCP_WRITE_ACK);
-  header.mutable_tcp_write_ack()->set_stream_id(stream_id);
-  PutFrame(out, header, "");
+  if (write_ack_.empty() || stream_id != write_ack_stream_id_) {
+    messages::Header header = MakeHeader(messages::TCP_WRITE_ACK);
+    header.mutable_tcp_write_ack()->set_stream_id(stream_id);
+    write_ack_.clear();
+    PutFrame(&write_ack_, header, "");
+    write_ack_stream_id_ = stream_id;
+  }
+  out->append(write_ack_);
 }
 
 void ProtocolV2::PutDatagram(std::string* out, const HostAndPort& local,

@@ -58,6 +58,9 @@ class ProtocolV2 final : public LinkProtocol {
   State state_ = State::kNotStarted;
   std::optional<uint8_t> first_byte_;
   std::string device_build_info_;
+  // The last acknowledgement: most often the next one is the same.
+  std::string write_ack_;
+  uint32_t write_ack_stream_id_ = 0;
   MessageDecoder decoder_;
   MessageDecoder::Message message_;
 };

@@ -49,7 +49,7 @@ class BluetoothSocket : public ProxySocket {
 
   [[nodiscard]] bool Connect(int fd) override;
   void RegisterTcpStream(TcpConduitDelegate* conduit) override;
-  void OnTcpDataAvailable() override;
+  void OnTcpDataAvailable(uint32_t stream_id) override;
   void SendDatagram(const HostAndPort& local, const HostAndPort& remote,
                     const std::string& payload) override;
   void Dump(std::stringstream& out) const override;

@@ -42,7 +42,8 @@ void BluetoothSocket::MaybeSendPackageName(const TcpConduitDelegate& conduit,
   package_names_.emplace(uid, name);
 }
 
-void BluetoothSocket::OnTcpDataAvailable() {
+void BluetoothSocket::OnTcpDataAvailable(uint32_t stream_id) {
+  streams_.MarkReady(stream_id);
   reactor_.Register(*this, Reactor::kWrite);
 }
 

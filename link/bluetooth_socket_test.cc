@@ -228,6 +228,7 @@ TEST_F(BluetoothSocketTest, StreamsOnTheWireAndWhoIsCharged) {
   browser.chunks = {"a1", "a2"};
   root.chunks = {"c1"};
   again.ended = true;
+  for (const unsigned int id : {1, 2, 3}) link_->OnTcpDataAvailable(id);
   EXPECT_EQ(Bytes("03 00000001 0002 6131 02 00000002 03 00000003 0002 6331"
                   "03 00000001 0002 6132"),
             Flush());
@@ -241,6 +242,7 @@ TEST_F(BluetoothSocketTest, FullQueueLeavesStreamsAloneAndKeepsWriting) {
   link_->RegisterTcpStream(&stream);
   Flush();
   stream.chunks = {"x"};
+  link_->OnTcpDataAvailable(1);
   for (int i = 0; i < 16; ++i) link_->Ping();
   EXPECT_EQ(16u * 5, Flush().size());
   EXPECT_TRUE(reactor_.IsRegistered(*link_, Reactor::kWrite));

@@ -69,9 +69,9 @@ class ProxySocket : public Socket {
   [[nodiscard]] virtual bool Connect(int fd) = 0;
   // Announces a new stream to the companion and relays it from now on.
   virtual void RegisterTcpStream(TcpConduitDelegate* conduit) = 0;
-  // Some conduit has new bytes or has ended: the link comes for them when its
-  // socket is writable.
-  virtual void OnTcpDataAvailable() = 0;
+  // The conduit of that stream has new bytes or has ended: the link comes for
+  // them when its socket is writable.
+  virtual void OnTcpDataAvailable(uint32_t stream_id) = 0;
   // Sends one captured datagram; |source| is the local application's endpoint.
   virtual void SendDatagram(const HostAndPort& source,
                             const HostAndPort& destination,

@@ -20,11 +20,17 @@ ProxySocket::TcpConduitDelegate* StreamTable::Find(uint32_t id) const {
   return found == streams_.end() ? nullptr : found->second;
 }
 
+void StreamTable::MarkReady(uint32_t id) {
+  ProxySocket::TcpConduitDelegate* const conduit = Find(id);
+  if (conduit != nullptr) ready_.emplace(id, conduit);
+}
+
 bool StreamTable::Close(uint32_t id) {
   ProxySocket::TcpConduitDelegate* const conduit = Find(id);
   if (conduit == nullptr) return false;
   conduit->Close();
   streams_.erase(id);
+  ready_.erase(id);
   return true;
 }
 
@@ -32,6 +38,7 @@ bool StreamTable::Acknowledge(uint32_t id) {
   ProxySocket::TcpConduitDelegate* const conduit = Find(id);
   if (conduit == nullptr) return false;
   conduit->HandleWriteAck();
+  ready_.emplace(id, conduit);
   return true;
 }
 

@@ -25,21 +25,30 @@ class StreamTable {
   // Hands on that one write was acknowledged. False as above.
   [[nodiscard]] bool Acknowledge(uint32_t id);
 
-  // Asks each stream, in ascending order of ids, for one chunk. Calls
-  // |handle|(conduit, chunk) for those that have something, with a null |chunk|
-  // where the application's side has ended; |handle| may close that stream.
-  // Returns whether there were any. As every stream gives one chunk at most,
-  // busy streams share the link in turns.
+  // The stream may have something now; does nothing for an unknown id. Only
+  // streams marked so are asked, so that a link with many idle ones does not
+  // walk over all of them for each message.
+  void MarkReady(uint32_t id);
+
+  // Asks each stream that may have something, in ascending order of ids, for
+  // one chunk. Calls |handle|(conduit, chunk) for those that have, with a null
+  // |chunk| where the application's side has ended; |handle| may close that
+  // stream. Returns whether there were any. As every stream gives one chunk at
+  // most, busy streams share the link in turns.
   template <typename Handle>
   bool TakeTurns(Handle handle) {
     bool handled = false;
-    for (auto next = streams_.begin(); next != streams_.end();) {
-      // Step first: closing the stream removes its entry.
-      ProxySocket::TcpConduitDelegate& conduit = *(next++)->second;
-      if (!conduit.HasBuffer()) continue;
+    for (auto next = ready_.begin(); next != ready_.end();) {
+      const auto [id, conduit] = *next;
+      if (!conduit->HasBuffer()) {
+        next = ready_.erase(next);
+        continue;
+      }
       handled = true;
       std::string chunk;
-      handle(conduit, conduit.GetNextBuffer(&chunk) ? &chunk : nullptr);
+      handle(*conduit, conduit->GetNextBuffer(&chunk) ? &chunk : nullptr);
+      // Closing the stream has removed its entry.
+      next = ready_.upper_bound(id);
     }
     return handled;
   }
@@ -48,7 +57,10 @@ class StreamTable {
   void Dump(std::stringstream& out) const;
 
  private:
-  std::map<uint32_t, ProxySocket::TcpConduitDelegate*> streams_;
+  using Conduits = std::map<uint32_t, ProxySocket::TcpConduitDelegate*>;
+
+  Conduits streams_;
+  Conduits ready_;  // those of |streams_| that may have something
 };
 
 }  // namespace vantrel

@@ -42,36 +42,93 @@ constexpr Tables MakeTables() {
 constexpr Tables kTables = MakeTables();
 
 #if defined(__x86_64__)
+#define VANTREL_CRC32C_TARGET __attribute__((target("sse4.2")))
 
-__attribute__((target("sse4.2"))) uint32_t UpdateByInstruction(
-    uint32_t crc, const uint8_t* data, size_t length) {
-  uint64_t wide = crc;
-  for (; length >= kStep; data += kStep, length -= kStep) {
-    uint64_t word;
-    memcpy(&word, data, sizeof(word));
-    wide = _mm_crc32_u64(wide, word);
-  }
-  crc = static_cast<uint32_t>(wide);
-  for (; length > 0; ++data, --length) crc = _mm_crc32_u8(crc, *data);
-  return crc;
+VANTREL_CRC32C_TARGET inline uint32_t TakeByte(uint32_t crc, uint8_t byte) {
+  return _mm_crc32_u8(crc, byte);
 }
-
+VANTREL_CRC32C_TARGET inline uint32_t TakeWord(uint32_t crc, uint64_t word) {
+  return static_cast<uint32_t>(_mm_crc32_u64(crc, word));
+}
 bool HasInstruction() { return __builtin_cpu_supports("sse4.2") != 0; }
 
 #elif defined(__aarch64__)
+#define VANTREL_CRC32C_TARGET __attribute__((target("+crc")))
 
-__attribute__((target("+crc"))) uint32_t UpdateByInstruction(
-    uint32_t crc, const uint8_t* data, size_t length) {
-  for (; length >= kStep; data += kStep, length -= kStep) {
-    uint64_t word;
-    memcpy(&word, data, sizeof(word));
-    crc = __crc32cd(crc, word);
+VANTREL_CRC32C_TARGET inline uint32_t TakeByte(uint32_t crc, uint8_t byte) {
+  return __crc32cb(crc, byte);
+}
+VANTREL_CRC32C_TARGET inline uint32_t TakeWord(uint32_t crc, uint64_t word) {
+  return __crc32cd(crc, word);
+}
+bool HasInstruction() { return (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0; }
+
+#endif
+
+#ifdef VANTREL_CRC32C_TARGET
+
+// The instruction takes three cycles, but the next one can begin after one. So
+// three runs of bytes are taken at the same time.
+constexpr size_t kRunBytes = 256;
+
+// The effect of |kRunBytes| zero bytes on a running value, by its bytes.
+using ShiftTables = std::array<std::array<uint32_t, 256>, 4>;
+
+constexpr ShiftTables MakeShiftTables() {
+  std::array<uint32_t, 32> by_bit = {};
+  for (size_t bit = 0; bit < by_bit.size(); ++bit) {
+    uint32_t crc = uint32_t{1} << bit;
+    for (size_t i = 0; i < kRunBytes; ++i) {
+      crc = (crc >> 8) ^ kTables[0][crc & 0xFF];
+    }
+    by_bit[bit] = crc;
   }
-  for (; length > 0; ++data, --length) crc = __crc32cb(crc, *data);
-  return crc;
+  ShiftTables tables = {};
+  for (size_t byte = 0; byte < tables.size(); ++byte) {
+    for (size_t value = 0; value < 256; ++value) {
+      for (size_t bit = 0; bit < 8; ++bit) {
+        if ((value >> bit & 1) != 0) {
+          tables[byte][value] ^= by_bit[8 * byte + bit];
+        }
+      }
+    }
+  }
+  return tables;
 }
 
-bool HasInstruction() { return (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0; }
+constexpr ShiftTables kShiftTables = MakeShiftTables();
+
+uint32_t ShiftByRun(uint32_t crc) {
+  return kShiftTables[0][crc & 0xFF] ^ kShiftTables[1][(crc >> 8) & 0xFF] ^
+         kShiftTables[2][(crc >> 16) & 0xFF] ^ kShiftTables[3][crc >> 24];
+}
+
+uint64_t LoadWord(const uint8_t* data) {
+  uint64_t word;
+  memcpy(&word, data, sizeof(word));
+  return word;
+}
+
+VANTREL_CRC32C_TARGET uint32_t UpdateByInstruction(uint32_t crc,
+                                                   const uint8_t* data,
+                                                   size_t length) {
+  for (; length >= 3 * kRunBytes; length -= 3 * kRunBytes) {
+    uint32_t second = 0;
+    uint32_t third = 0;
+    for (size_t i = 0; i < kRunBytes; i += kStep, data += kStep) {
+      crc = TakeWord(crc, LoadWord(data));
+      second = TakeWord(second, LoadWord(data + kRunBytes));
+      third = TakeWord(third, LoadWord(data + 2 * kRunBytes));
+    }
+    data += 2 * kRunBytes;
+    crc = ShiftByRun(ShiftByRun(crc) ^ second) ^ third;
+  }
+  for (; length >= kStep; data += kStep, length -= kStep) {
+    crc = TakeWord(crc, LoadWord(data));
+  }
+  for (; length > 0; ++data, --length) crc = TakeByte(crc, *data);
+  return crc;
+}
 
 #else
 

@@ -37,7 +37,7 @@ class ProxySocketV2 : public ProxySocket {
 
   [[nodiscard]] bool Connect(int fd) override;
   void RegisterTcpStream(TcpConduitDelegate* conduit) override;
-  void OnTcpDataAvailable() override;
+  void OnTcpDataAvailable(uint32_t stream_id) override;
   void SendDatagram(const HostAndPort& source, const HostAndPort& destination,
                     const std::string& payload) override;
   void Dump(std::stringstream& out) const override;

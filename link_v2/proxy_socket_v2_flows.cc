@@ -17,7 +17,8 @@ void ProxySocketV2::RegisterTcpStream(TcpConduitDelegate* conduit) {
   MaybeSendPackageName(conduit->GetUid(), conduit->GetPackageName());
 }
 
-void ProxySocketV2::OnTcpDataAvailable() {
+void ProxySocketV2::OnTcpDataAvailable(uint32_t stream_id) {
+  streams_.MarkReady(stream_id);
   reactor_.Register(*this, Reactor::kWrite);
 }
 

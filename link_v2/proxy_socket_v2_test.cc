@@ -150,6 +150,7 @@ TEST_F(LinkTest, StreamsTakeTurnsAndEndInTheirTurn) {
   last.chunks = {"a", "b"};
   first.chunks = {"c", "d", "e"};
   ended.ended = true;
+  for (const unsigned int id : {2, 5, 9}) link_.OnTcpDataAvailable(id);
   EXPECT_EQ(TcpWrite('2', "c") + TcpClose('5') + TcpWrite('9', "a") +
                 TcpWrite('2', "d") + TcpWrite('9', "b") + TcpWrite('2', "e"),
             Sent());
@@ -157,7 +158,7 @@ TEST_F(LinkTest, StreamsTakeTurnsAndEndInTheirTurn) {
   EXPECT_TRUE(WantsToWrite()) << "there may be more after a productive turn";
   EXPECT_EQ("", Sent());
   EXPECT_FALSE(WantsToWrite());
-  link_.OnTcpDataAvailable();
+  link_.OnTcpDataAvailable(2);
   EXPECT_TRUE(WantsToWrite());
 }
 
@@ -169,7 +170,10 @@ TEST_F(LinkTest, StopsAskingAtSixteenQueuedFrames) {
        {16, 16, 18, 16, 20, 18, 21, 16, 18, 20, 22, 24, 26, 28, 30, 16, 17}) {
     link_.RegisterTcpStream(&conduits.emplace_back(conduits.size(), 1, ""));
     Sent();
-    for (FakeConduit& conduit : conduits) conduit.chunks.assign(16, "x");
+    for (FakeConduit& conduit : conduits) {
+      conduit.chunks.assign(16, "x");
+      link_.OnTcpDataAvailable(conduit.GetId());
+    }
     Sent();
     size_t left = 0;
     for (FakeConduit& conduit : conduits) {
@@ -188,7 +192,7 @@ TEST_F(LinkTest, AFullQueueDoesNotForgetAStream) {
     link_.RegisterTcpStream(&conduits.emplace_back(id, 1, ""));
   }
   conduits[3].chunks = {"x"};
-  link_.OnTcpDataAvailable();
+  link_.OnTcpDataAvailable(3);
   EXPECT_THAT(Sent(), ::testing::Not(HasSubstr(TcpWrite('3', "x"))));
   EXPECT_TRUE(WantsToWrite());
   EXPECT_EQ(TcpWrite('3', "x"), Sent());

@@ -29,9 +29,6 @@ constexpr size_t kMaxQueueBytes = 104 * 1024;
 // The queues are set again when the pace has changed by so much.
 constexpr double kPaceStep = 1.5;
 
-// How many times a direction reads and writes before others get their turn.
-constexpr int kMaxRounds = 8;
-
 // What is on its way through a shaped link, and what waits to enter it.
 size_t GetCapacity(const shape_t& shape) {
   if (!shape.IsNeeded()) return kMaxHeldBytes;
@@ -80,19 +77,22 @@ void RelayDirection::Stop() {
 
 void RelayDirection::Work() {
   const SteadyTime now = Now();
-  bool has_moved = true;
-  for (int round = 0; has_moved && round < kMaxRounds; ++round) {
-    has_moved = Read(now);
-    has_moved |= Write(now);
-  }
+  const bool has_read = Read(now);
+  const bool has_written = Write(now);
   if (is_stopped_ || IsOver()) return;
-  if (has_moved) {
-    asio::post(timer_.get_executor(), [this] {
-      if (!is_stopped_) Work();
-    });
-    return;
+  if (has_read || has_written) {
+    WorkLater();
+  } else if (shaper_) {
+    AwaitTime(now);
   }
-  if (shaper_) AwaitTime(now);
+}
+
+void RelayDirection::WorkLater() {
+  if (std::exchange(is_working_later_, true)) return;
+  asio::post(timer_.get_executor(), [this] {
+    is_working_later_ = false;
+    if (!is_stopped_) Work();
+  });
 }
 
 bool RelayDirection::Read(SteadyTime now) {

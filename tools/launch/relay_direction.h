@@ -21,9 +21,8 @@ namespace vantrel {
 //
 // What waits here is bounded by time: a few milliseconds of the pace at which
 // the destination takes bytes, or, with a shape, of the shape's rate; at most
-// 64 KiB and at least one message. The same bound is set
-// for what the kernel keeps in front of the destination, and between the
-// source's writer and us.
+// 64 KiB and at least one message. The same bound is set for what the kernel
+// keeps in front of the destination, and between the source's writer and us.
 class RelayDirection {
  public:
   // Called with bytes that crossed the link, in order.
@@ -61,6 +60,8 @@ class RelayDirection {
 
  private:
   void Work();
+  // Once others had their turn, in which more bytes come together.
+  void WorkLater();
   bool Read(SteadyTime now);
   bool Write(SteadyTime now);
   void AwaitRead();
@@ -83,6 +84,7 @@ class RelayDirection {
   asio::steady_timer timer_;
   PaceMeter pace_;
   double limited_pace_ = 0;  // by which the queues are set
+  bool is_working_later_ = false;
   bool awaits_read_ = false;
   bool awaits_write_ = false;
   bool is_stopped_ = false;
