@@ -101,7 +101,8 @@ def tables(results):
     made["compare"] = compare_table(results)
     made["micro"] = micro_table(results)
     made["about"] = [["", ""], *([key, str(results.about[key])] for key in (
-        "when", "commit", "processors", "processor", "kernel", "load before"))]
+        "when", "commit", "processors", "processor", "kernel", "load before", "seconds",
+        "repeats"))]
     return {name: lines for name, lines in made.items() if lines and len(lines) > 1}
 
 
