@@ -286,11 +286,9 @@ def measure_slow_links(options, directory, results):
     for number, (measure, shape, action) in enumerate(wanted):
         if not is_wanted(options, measure):
             continue
-        road = roads.VantrelRoad("vantrel 20", directory / f"slow{number}", "20", shape=shape)
-        try:
-            results.take(measure, road, action)
-        finally:
-            road.close()
+        with results.step(measure), contextlib.closing(roads.VantrelRoad(
+                "vantrel 20", directory / f"slow{number}", "20", shape=shape)) as road:
+            results.add(measure, road.name, action(road))
 
 
 def measure_micro(options, mode, results):
