@@ -4,7 +4,8 @@
 The end-to-end measurements, and the micro benchmarks after them. Makes an internet
 and devices in namespaces of its own, which needs root. Every measurement goes over
 all roads (roads.py) before it is repeated, so that what else the machine does falls
-on all of them. Writes all values to OUT.json, which report.py turns into tables and
+on all of them. One that fails is said and left out, and makes the exit status 1.
+Writes all values to OUT.json, which report.py turns into tables and
 plots. With --base the programs in DIR are measured beside ours; --only takes the
 measurements whose names have one of the words in them.
 """
@@ -41,22 +42,43 @@ DELAYS_MS = [1, 2, 5, 10, 20, 50, 100]
 # 20 times what a stream has in flight, so that the last answer hardly counts.
 WINDOWS = 20 * 8 * 4096
 MODES = {"quick": {"seconds": 0.3, "repeats": 1, "micro_seconds": 0.02},
-         "full": {"seconds": 1.5, "repeats": 3, "micro_seconds": 0.2}}
+         "full": {"seconds": 1, "repeats": 3, "micro_seconds": 0.1}}
 
 
 class Results:
     """{(measure, road, figure): all its values}; a figure's name ends in its unit."""
 
-    def __init__(self):
+    def __init__(self, path, about):
         self.values = {}
+        self.has_failed = False
+        self._path = path
+        self._about = about
+
+    def save(self):
+        """After every step, so that no later one can lose what is measured."""
+        results = [{"measure": measure, "road": road, "figure": figure, "values": values}
+                   for (measure, road, figure), values in self.values.items()]
+        self._path.write_text(json.dumps({**self._about, "results": results}, indent=1))
 
     def add(self, measure, road, figures):
         for figure, value in figures.items():
             self.values.setdefault((measure, road, figure), []).append(value)
 
-    def as_list(self):
-        return [{"measure": measure, "road": road, "figure": figure, "values": values}
-                for (measure, road, figure), values in self.values.items()]
+    def take(self, measure, road, action, *args):
+        """Adds what |action| returns for the road."""
+        with self.step(f"{measure}: {road.name}"):
+            self.add(measure, road.name, action(road, *args))
+
+    @contextlib.contextmanager
+    def step(self, name):
+        """One that fails is said and left out."""
+        progress(name)
+        try:
+            yield
+        except (AssertionError, OSError, subprocess.SubprocessError) as fault:
+            self.has_failed = True
+            print(f"\nfailed: {name}: {fault}", file=sys.stderr)
+        self.save()
 
 
 def progress(text):
@@ -204,7 +226,7 @@ MEASURES = {
     "256 connections at once": burst,
     "overhead on the link": link_bytes,
 }
-ONCE = ["at rest", "256 connections at once", "overhead on the link"]
+ONCE = ["at rest", f"requests beside {IDLE_CONNECTIONS} idle", "256 connections at once", "overhead on the link"]
 FULL_ONLY = ["256 connections at once"]
 
 
@@ -214,7 +236,7 @@ def is_possible(measure, road):
     return measure != "overhead on the link" or isinstance(road, roads.VantrelRoad)
 
 
-def measure_roads(options, mode, directory, results):
+def measure_roads(options, mode, directory, results, names):
     made = []
     with contextlib.ExitStack() as stack:
         for name, make in road_makers(options):
@@ -226,15 +248,14 @@ def measure_roads(options, mode, directory, results):
             stack.callback(road.close)
             road.device.run(*DEVICE_SETTINGS)
             made.append(road)
+            names.append(name)
         for measure, action in MEASURES.items():
             if not is_wanted(options, measure) or (
                     measure in FULL_ONLY and options.mode == "quick"):
                 continue
             for _ in range(1 if measure in ONCE else mode["repeats"]):
                 for road in filter(lambda road: is_possible(measure, road), made):
-                    progress(f"{measure}: {road.name}")
-                    results.add(measure, road.name, action(road, mode["seconds"]))
-    return [road.name for road in made]
+                    results.take(measure, road, action, mode["seconds"])
 
 
 def road_makers(options):
@@ -265,28 +286,26 @@ def measure_slow_links(options, directory, results):
     for number, (measure, shape, action) in enumerate(wanted):
         if not is_wanted(options, measure):
             continue
-        progress(measure)
-        road = roads.VantrelRoad("vantrel 20", directory / f"slow{number}", "20", shape=shape)
-        try:
+        with results.step(measure), contextlib.closing(roads.VantrelRoad(
+                "vantrel 20", directory / f"slow{number}", "20", shape=shape)) as road:
             results.add(measure, road.name, action(road))
-        finally:
-            road.close()
 
 
 def measure_micro(options, mode, results):
     for program in sorted(Load.PROGRAM.parent.glob("*_bench")):
         if not is_wanted(options, "micro " + program.name):
             continue
-        progress(program.name)
-        out = subprocess.run(
-            [program, f"--benchmark_min_time={mode['micro_seconds']}", "--benchmark_format=json"],
-            check=True, capture_output=True, text=True, timeout=300).stdout
-        for run in json.loads(out)["benchmarks"]:
-            assert not run.get("error_occurred"), run
-            figures = {"ns": run["cpu_time"]}
-            if "bytes_per_second" in run:
-                figures["MB/s"] = run["bytes_per_second"] / 1e6
-            results.add(f"micro {program.name.removesuffix('_bench')}", run["name"], figures)
+        with results.step(program.name):
+            out = subprocess.run(
+                [program, f"--benchmark_min_time={mode['micro_seconds']}",
+                 "--benchmark_format=json"],
+                check=True, capture_output=True, text=True, timeout=300).stdout
+            for run in json.loads(out)["benchmarks"]:
+                assert not run.get("error_occurred"), run
+                figures = {"ns": run["cpu_time"]}
+                if "bytes_per_second" in run:
+                    figures["MB/s"] = run["bytes_per_second"] / 1e6
+                results.add(f"micro {program.name.removesuffix('_bench')}", run["name"], figures)
 
 
 def is_wanted(options, measure):
@@ -307,6 +326,8 @@ def about_machine():
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[1])
     parser.add_argument("--mode", choices=MODES, default="quick")
+    parser.add_argument("--seconds", type=float, help="of each load, other than the mode's")
+    parser.add_argument("--repeats", type=int, help="of each measurement, likewise")
     parser.add_argument("--only", action="append", metavar="WORD")
     parser.add_argument("--base-bin", type=pathlib.Path, metavar="DIR")
     parser.add_argument("--base", metavar="NAME")
@@ -319,20 +340,22 @@ def main():
     for command in INTERNET:
         subprocess.run(command.split(), check=True)
     mode = MODES[options.mode]
-    results = Results()
-    about = {**about_machine(), "mode": options.mode, "base": options.base}
+    mode.update({name: value for name in ("seconds", "repeats")
+                 if (value := getattr(options, name)) is not None})
+    about = {**about_machine(), "mode": options.mode, **mode, "base": options.base, "roads": []}
+    results = Results(options.out, about)
     server = roads.start_server()
     try:
         with tempfile.TemporaryDirectory() as name:
-            about["roads"] = measure_roads(options, mode, pathlib.Path(name), results)
+            measure_roads(options, mode, pathlib.Path(name), results, about["roads"])
             measure_slow_links(options, pathlib.Path(name), results)
     finally:
         bench.end_process(server)
         server.stdout.close()
     measure_micro(options, mode, results)
     progress("")
-    options.out.write_text(json.dumps({**about, "results": results.as_list()}, indent=1))
+    return 1 if results.has_failed else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

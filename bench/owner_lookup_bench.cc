@@ -89,7 +89,10 @@ void TcpOwnerInFile(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
+// Each look-up of a datagram keeps its table open, as the daemon's do: so there
+// are few, and what they leave is closed afterwards.
 void DatagramOwnerInFile(benchmark::State& state) {
+  const auto first = static_cast<unsigned int>(dup(STDIN_FILENO));
   const TableFiles tables(state.range(0), STDIN_FILENO);
   const HostAndPort local = Endpoint("C0A8A7EF", 40000);
   const HostAndPort remote = Endpoint("C6336435", 53);
@@ -99,6 +102,7 @@ void DatagramOwnerInFile(benchmark::State& state) {
       break;
     }
   }
+  close_range(first, ~0U, 0);
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
@@ -187,7 +191,12 @@ void TcpTableAlone(benchmark::State& state) {
 }
 
 BENCHMARK(TcpOwnerInFile)->ArgName("rows")->Arg(10)->Arg(200)->Arg(2000);
-BENCHMARK(DatagramOwnerInFile)->ArgName("rows")->Arg(10)->Arg(200)->Arg(2000);
+BENCHMARK(DatagramOwnerInFile)
+    ->ArgName("rows")
+    ->Arg(10)
+    ->Arg(200)
+    ->Arg(2000)
+    ->Iterations(200);
 BENCHMARK(TcpOwnerInKernel)->ArgName("rows")->Arg(10)->Arg(200)->Arg(2000);
 BENCHMARK(TcpTableAlone)->ArgName("rows")->Arg(10)->Arg(200)->Arg(2000);
 

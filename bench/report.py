@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""report.py RESULTS.json [--plots DIR] [--document FILE.md]
+"""report.py RESULTS.json... [--plots DIR] [--document FILE.md]
 
 Tables of what measure.py has written. In them every value is the median of its runs
 and stands before its ratio to the road of the first column. --plots draws SVG files
@@ -32,10 +32,15 @@ PLOTTED_ROADS = ["direct", "vantrel 5", "vantrel 20", "transparent proxy", "ssh 
 
 
 class Results:
-    def __init__(self, path):
-        self.about = json.loads(path.read_text())
-        self.medians = {(run["measure"], run["road"], run["figure"]):
-                        statistics.median(run["values"]) for run in self.about["results"]}
+    """Of several runs; each measure is that of the first run which has it, and so is
+    what is told about the runs."""
+
+    def __init__(self, paths):
+        runs = [json.loads(path.read_text()) for path in paths]
+        self.about = runs[0]
+        self.medians = {(result["measure"], result["road"], result["figure"]):
+                        statistics.median(result["values"])
+                        for run in reversed(runs) for result in run["results"]}
 
     def rows(self, measures, figures):
         """{(measure, figure): {road: value}} of those that match."""
@@ -72,6 +77,18 @@ def table(rows, roads):
     return lines if len(lines) > 1 else None
 
 
+def compare_table(results):
+    """Ours beside the other commit's, and the ratio of the two."""
+    base = f" at {results.about['base']}"
+    lines = [["", "", "ours", base.strip(), "ratio"]]
+    for (measure, road, figure), value in results.medians.items():
+        other = results.medians.get((measure, road + base, figure))
+        if other:
+            lines.append([f"{road}: {measure}", figure, number(value), number(other),
+                          f"{value / other:.2f}"])
+    return lines
+
+
 def micro_table(results):
     rows = [(name, figure, f"{number(value)}") for (measure, name, figure), value
             in results.medians.items() if measure.startswith("micro ")]
@@ -86,9 +103,11 @@ def tables(results):
     made = {name: table(results.rows(measures, figures), results.about["roads"])
             for name, measures, figures in TABLES}
     made["delay rates"] = delay_table(results)
+    made["compare"] = compare_table(results)
     made["micro"] = micro_table(results)
     made["about"] = [["", ""], *([key, str(results.about[key])] for key in (
-        "when", "commit", "processors", "processor", "kernel", "load before"))]
+        "when", "commit", "processors", "processor", "kernel", "load before", "seconds",
+        "repeats"))]
     return {name: lines for name, lines in made.items() if lines and len(lines) > 1}
 
 
@@ -196,7 +215,7 @@ plot {plots}, 32768 / (2 * x) with lines dashtype 2 title "8 chunks in flight\""
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[1])
-    parser.add_argument("results", type=pathlib.Path)
+    parser.add_argument("results", type=pathlib.Path, nargs="+")
     parser.add_argument("--plots", type=pathlib.Path, metavar="DIR")
     parser.add_argument("--document", type=pathlib.Path, metavar="FILE.md")
     options = parser.parse_args()

@@ -98,11 +98,13 @@ class Road:
         self.device.close()
 
 
-def may_reach_internet(bin_dir):
-    """The companion's option that opens the test network to devices, where it has it."""
+def companion_options(bin_dir):
+    """What opens the test network to devices and gives one link all descriptors, where
+    a companion, which may be an older one, has options for that."""
     usage = subprocess.run([bin_dir / "vantrel-companion", "--help"], capture_output=True,
                            text=True, check=True).stdout
-    return ["--allow", "198.51.100.0/24"] if "--allow " in usage else []
+    wanted = {"--allow": "198.51.100.0/24", "--max-links": "1"}
+    return [word for option in wanted.items() if option[0] + " " in usage for word in option]
 
 
 class VantrelRoad(Road):
@@ -119,7 +121,7 @@ class VantrelRoad(Road):
         environment = {**os.environ, "VANTREL_LOG_FILE": str(directory / "daemon.log")}
         self.start("companion", [
             bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", f"unix:{link}",
-            *([] if relayed else ["--header"]), *may_reach_internet(bin_dir)])
+            *([] if relayed else ["--header"]), *companion_options(bin_dir)])
         bench.wait_until(link.exists, "the companion")
         options = ["--shape", shape] if shape else [] if relayed else ["--direct"]
         self._launcher = self.start("launcher", self.device.command([

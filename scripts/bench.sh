@@ -3,11 +3,12 @@
 # beside a plain connection and, where they are installed, a transparent proxy
 # (haproxy) and an ssh tunnel. Needs root. Prints tables with ratios to the first
 # column, and leaves build/bench/MODE.json and plots beside it. quick takes under 3
-# minutes, full about 20. With --compare the commit BASE is built, too, and measured
+# minutes, full about 15. With --compare the commit BASE is built, too, and measured
 # in the same run. --only takes the measurements with one of the words in their name.
+# VANTREL_PRESET names another preset to build than release.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-mode=quick base='' only=()
+mode=quick base='' only=() preset=${VANTREL_PRESET:-release}
 while [ $# -gt 0 ]; do
   case $1 in
     quick | full) mode=$1 ;;
@@ -25,7 +26,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 scripts/setup.sh bench
-scripts/build.sh release >&2
+scripts/build.sh "$preset" >&2
 out=build/bench
 mkdir -p "$out"
 
@@ -40,7 +41,9 @@ if [ -n "$base" ]; then
   compare=(--base "$name" --base-bin "$tree/$name/build/release/bin")
 fi
 
-VANTREL_BIN_DIR=$PWD/build/release/bin bench/measure.py --mode "$mode" \
-  "${compare[@]}" "${only[@]}" "$out/$mode.json"
+status=0
+VANTREL_BIN_DIR=$PWD/build/$preset/bin bench/measure.py --mode "$mode" \
+  "${compare[@]}" "${only[@]}" "$out/$mode.json" || status=$?
 bench/report.py "$out/$mode.json" --plots "$out"
 echo "bench: $out/$mode.json, plots in $out" >&2
+exit "$status"

@@ -1,8 +1,8 @@
 #!/bin/bash
-# scripts/setup.sh build|test|bench|all: installs what is missing to build the programs
-# and their unit tests (build), to run all tests too (test), to measure (bench), to
-# run every check and make the package too (all). Asks no question; says nothing when nothing is
-# missing.
+# scripts/setup.sh build|test|bench|all: installs what is missing to build the
+# programs and their unit tests (build), to run all tests too (test), to measure too
+# (bench), to run every check and make the package too (all). Asks no question; says
+# nothing when nothing is missing.
 set -euo pipefail
 
 build=(
