@@ -32,14 +32,21 @@ def run(command, working_dir):
     """The terminal's Ctrl-C reaches |command| itself; the rest is passed on."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     os.chdir(working_dir if os.path.isdir(working_dir) else "/")
+    # A signal that comes while |command| starts waits until it can be passed on.
+    signal.pthread_sigmask(signal.SIG_BLOCK, FORWARDED)
+
+    def be_ordinary():
+        signal.signal(signal.SIGINT, signal.SIG_DFL)
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, FORWARDED)
+
     try:
-        child = subprocess.Popen(
-            command, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+        child = subprocess.Popen(command, preexec_fn=be_ordinary)
     except OSError as error:
         print(f"sandbox: {command[0]}: {error.strerror}", file=sys.stderr)
         return 127
     for signum in FORWARDED:
         signal.signal(signum, lambda number, _: child.send_signal(number))
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, FORWARDED)
     status = child.wait()
     return status if status >= 0 else 128 - status
 
