@@ -3,7 +3,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <deque>
+#include <list>
 #include <sstream>
 #include <string>
 
@@ -77,12 +77,12 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   Reactor& reactor_;
   ProxySocket& link_;
   OpenConduits& open_conduits_;
-  std::deque<std::string> read_queue_;  // for the link, oldest first
-  WriteBuffer write_buffer_;            // for the application
-  uint32_t rx_bytes_ = 0;               // read from the application
-  uint32_t send_credit_;                // chunks
-  bool closed_ = false;                 // the application's side has ended
-  bool close_pending_ = false;  // the link is done, data is still queued
+  std::list<std::string> read_queue_;  // for the link, oldest first
+  WriteBuffer write_buffer_;           // for the application
+  uint32_t rx_bytes_ = 0;              // read from the application
+  uint32_t send_credit_;               // chunks
+  bool closed_ = false;                // the application's side has ended
+  bool close_pending_ = false;         // the link is done, data is still queued
 };
 
 }  // namespace vantrel

@@ -92,7 +92,7 @@ class ProxySocketV2 : public ProxySocket {
   MessageDecoder decoder_;
   size_t rx_bytes_ = 0;  // read from the Bluetooth socket
   LinkOutput output_;
-  static constexpr uint32_t protocol_version_ = kHandshakeVersionV2;
+  const uint32_t protocol_version_ = kHandshakeVersionV2;
   LruCache<uint32_t, std::string> package_names_;  // last sent, by UID
   StreamTable streams_;
   UdpConduitTable udp_conduits_;

@@ -39,10 +39,11 @@ int WriteBuffer::WriteSome(const Socket& socket) const {
   const char* const front = queue_.front().data() + front_offset_;
   if (max_write_size_ != 0) return socket.Write(front, NextChunkSize());
   std::array<iovec, kMaxStringsPerWrite> pieces;
-  const size_t count = std::min(queue_.size(), pieces.size());
-  for (size_t i = 0; i < count; ++i) {
+  size_t count = 0;
+  for (auto next = queue_.begin();
+       next != queue_.end() && count < pieces.size(); ++next, ++count) {
     // What is only written from is not const in this structure.
-    pieces[i] = {const_cast<char*>(queue_[i].data()), queue_[i].size()};
+    pieces[count] = {const_cast<char*>(next->data()), next->size()};
   }
   pieces[0] = {const_cast<char*>(front), queue_.front().size() - front_offset_};
   return socket.WriteAll(pieces.data(), static_cast<int>(count));

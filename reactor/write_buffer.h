@@ -3,7 +3,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <deque>
+#include <list>
 #include <string>
 
 #include "reactor/socket.h"
@@ -42,8 +42,10 @@ class WriteBuffer {
   void RemoveWritten(uint32_t bytes);
 
   uint16_t max_write_size_ = 0;
-  std::deque<std::string> queue_;  // oldest first
-  uint32_t front_offset_ = 0;      // bytes of the oldest string written already
+  // Oldest first. A list takes no memory while it is empty, and most are: there
+  // is one for every connection.
+  std::list<std::string> queue_;
+  uint32_t front_offset_ = 0;  // bytes of the oldest string written already
   uint32_t written_byte_count_ = 0;
   uint32_t queued_byte_count_ = 0;
 };
