@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,25 +24,23 @@ constexpr size_t kOwnDescriptors = 64;
 
 // Each stream and each flow is a descriptor. A link gets its share of them, so
 // that it can take none away from another.
-size_t GetStreamsPerLink(const Options& options) {
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
+size_t GetStreamsPerLink(const Options& options, size_t max_descriptors) {
   const size_t links = options.fd ? 1 : options.max_links;
-  const size_t share = static_cast<size_t>(limit.rlim_cur) / links;
+  const size_t share = max_descriptors / links;
   const size_t others = DatagramFlows::kMaxFlows + kOwnDescriptors;
   return std::clamp(share, kMinStreams + others, kMaxStreams + others) - others;
 }
 
 }  // namespace
 
-Companion::Companion(const Options& options)
+Companion::Companion(const Options& options, size_t max_descriptors)
     : options_(options),
       loop_(1),
       policy_(options.destination_rules,
               [this](const IpAddress& address) {
                 return routes_.IsLocal(address);
               }),
-      max_streams_(GetStreamsPerLink(options)),
+      max_streams_(GetStreamsPerLink(options, max_descriptors)),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
       ticker_(loop_),
       watchdog_(loop_),
@@ -69,7 +66,7 @@ int Companion::Run() {
 bool Companion::OpenListeners() {
   const LinkListener::settings_t settings = {options_.allows_remote_links,
                                              options_.security};
-  for (const LinkAddress& address : options_.listen) {
+  for (const link_address_t& address : options_.listen) {
     listeners_.emplace_back(
         loop_, [this](int fd, const std::string& peer) { TakeLink(fd, peer); });
     if (!listeners_.back().Open(address, settings)) return false;

@@ -6,6 +6,7 @@
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link/connection_header.h"
+#include "programs/peer_socket.h"
 
 namespace vantrel {
 namespace {
@@ -251,7 +252,7 @@ void DeviceLink::OnTick(SteadyTime now) {
   streams_.OnTick();
   flows_.OnTick();
   if (!IsUp()) return;
-  if (socket_->IsHungUp()) socket_->WaitReadable();
+  if (HasHungUp(socket_->GetFd())) socket_->WaitReadable();
   if (const char* const excess = deadlines_.GetExcess(now)) {
     End(!is_closing_, excess);
   }

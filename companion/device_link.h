@@ -19,8 +19,8 @@
 #include "companion/link_socket.h"
 #include "companion/link_streams.h"
 #include "companion/options.h"
-#include "companion/pace_meter.h"
-#include "companion/steady_time.h"
+#include "programs/pace_meter.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 
