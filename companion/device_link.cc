@@ -96,10 +96,8 @@ bool DeviceLink::ReadOnce() {
     case LinkSocket::Result::kWait:
       return false;
     case LinkSocket::Result::kEnded:
-      End(false, "closed by the device");
-      return false;
     case LinkSocket::Result::kFailed:
-      End(true, socket_->GetReason());
+      EndByPeer();
       return false;
   }
   return false;
@@ -152,10 +150,8 @@ bool DeviceLink::WriteNext() {
       Block();
       return false;
     case LinkSocket::Result::kEnded:
-      End(false, "closed by the device");
-      return false;
     case LinkSocket::Result::kFailed:
-      End(true, socket_->GetReason());
+      EndByPeer();
       return false;
   }
   return false;
@@ -237,6 +233,11 @@ void DeviceLink::StopFlows() {
 void DeviceLink::DropTransfers() {
   for (const auto& transfer : transfers_) scheduler_.Remove(transfer.get());
   transfers_.clear();
+}
+
+void DeviceLink::EndByPeer() {
+  const std::string reason = socket_->GetReason();
+  End(!reason.empty(), reason.empty() ? "closed by the device" : reason);
 }
 
 void DeviceLink::End(bool by_error, const std::string& why) {

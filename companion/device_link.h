@@ -98,6 +98,8 @@ class DeviceLink final : public DeviceMessages {
   void BeginClosing(const std::string& reason);
   void StopFlows();
   void DropTransfers();
+  // The socket has ended, or failed.
+  void EndByPeer();
   void End(bool by_error, const std::string& why);
 
   const Options& options_;
