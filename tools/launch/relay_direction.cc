@@ -18,6 +18,12 @@ namespace {
 // the destination. With the companion's part that makes about 40 ms.
 constexpr std::chrono::milliseconds kShare{8};
 
+// What is kept ready in front of a shaped link, and in which pieces it is read.
+// It takes the place of two of the shares: we may come late by that much before
+// the link runs dry.
+constexpr std::chrono::milliseconds kLead{16};
+constexpr std::chrono::milliseconds kPiece{4};
+
 // One message of the size that a Bluetooth link has.
 constexpr size_t kMinHeldBytes = 1024;
 constexpr size_t kMaxHeldBytes = 64 * 1024;
@@ -62,7 +68,9 @@ void RelayDirection::Work() {
   const SteadyTime now = GetSteadyTime();
   const bool has_read = Read(now);
   const bool has_written = Write(now);
-  if (is_stopped_ || IsOver()) return;
+  const bool can_only_wait =
+      awaits_read_ && (awaits_write_ || buffer_.GetByteCount() == 0);
+  if (is_stopped_ || IsOver() || can_only_wait) return;
   if (has_read || has_written) {
     WorkLater();
   } else if (shaper_) {
@@ -158,7 +166,7 @@ void RelayDirection::AwaitTime(SteadyTime now) {
   std::optional<SteadyTime> next;
   if (GetDueBytes(now) == 0) next = shaper_->GetNextTime();
   if (state_ == kFlowing && !awaits_read_ && GetRoom(now) == 0) {
-    const SteadyTime has_room = shaper_->GetBusyUntil() - kShare / 2;
+    const SteadyTime has_room = shaper_->GetBusyUntil() - kLead;
     if (has_room > now && (!next || has_room < *next)) next = has_room;
   }
   if (!next) return;
@@ -176,11 +184,11 @@ size_t RelayDirection::GetRoom(SteadyTime now) const {
     // Not in small pieces: reads again once half of it has gone.
     return held <= limit / 2 ? std::min(limit - held, free) : 0;
   }
-  if (shaper_->GetBusyUntil() - now > kShare / 2) return 0;
+  if (shaper_->GetBusyUntil() - now > kLead) return 0;
   const uint64_t rate = options_.shape.bits_per_second / 8;
   if (rate == 0) return free;
   const size_t piece =
-      std::clamp<size_t>(rate * static_cast<uint64_t>(kShare.count()) / 2000,
+      std::clamp<size_t>(rate * static_cast<uint64_t>(kPiece.count()) / 1000,
                          kMinHeldBytes / 2, kMaxHeldBytes);
   return std::min(piece, free);
 }
