@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,27 +22,24 @@ constexpr size_t kStreamsForSure = 64;
 // What the program needs besides links.
 constexpr size_t kOwnDescriptors = 64;
 
-// How many descriptors streams and flows may take beyond what each link has for
-// sure.
-size_t GetSharedDescriptors(const Options& options) {
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
+// How many of |max_descriptors| streams and flows may take beyond what each link
+// has for sure.
+size_t GetSharedDescriptors(const Options& options, size_t max_descriptors) {
   const size_t links = options.fd ? 1 : options.max_links;
   const size_t taken = kOwnDescriptors + links * kStreamsForSure;
-  const auto all = static_cast<size_t>(limit.rlim_cur);
-  return all > taken ? all - taken : 0;
+  return max_descriptors > taken ? max_descriptors - taken : 0;
 }
 
 }  // namespace
 
-Companion::Companion(const Options& options)
+Companion::Companion(const Options& options, size_t max_descriptors)
     : options_(options),
       loop_(1),
       policy_(options.destination_rules,
               [this](const IpAddress& address) {
                 return routes_.IsLocal(address);
               }),
-      shared_descriptors_(GetSharedDescriptors(options)),
+      shared_descriptors_(GetSharedDescriptors(options, max_descriptors)),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
       ticker_(loop_),
       watchdog_(loop_),
@@ -69,7 +65,7 @@ int Companion::Run() {
 bool Companion::OpenListeners() {
   const LinkListener::settings_t settings = {options_.allows_remote_links,
                                              options_.security};
-  for (const LinkAddress& address : options_.listen) {
+  for (const link_address_t& address : options_.listen) {
     listeners_.emplace_back(
         loop_, [this](int fd, const std::string& peer) { TakeLink(fd, peer); });
     if (!listeners_.back().Open(address, settings)) return false;

@@ -15,7 +15,7 @@
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
 #include "companion/options.h"
-#include "companion/service_manager.h"
+#include "programs/service_manager.h"
 
 namespace vantrel {
 
@@ -23,8 +23,8 @@ namespace vantrel {
 // a second, and what the service manager wants to know.
 class Companion {
  public:
-  // |options| outlive it.
-  explicit Companion(const Options& options);
+  // |options| outlive it. |max_descriptors| is what the process may open.
+  Companion(const Options& options, size_t max_descriptors);
   Companion(const Companion&) = delete;
   Companion& operator=(const Companion&) = delete;
   ~Companion();

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "companion/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 

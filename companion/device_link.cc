@@ -6,6 +6,7 @@
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link/connection_header.h"
+#include "programs/peer_socket.h"
 
 namespace vantrel {
 namespace {
@@ -95,10 +96,8 @@ bool DeviceLink::ReadOnce() {
     case LinkSocket::Result::kWait:
       return false;
     case LinkSocket::Result::kEnded:
-      End(false, "closed by the device");
-      return false;
     case LinkSocket::Result::kFailed:
-      End(true, socket_->GetReason());
+      EndByPeer();
       return false;
   }
   return false;
@@ -151,10 +150,8 @@ bool DeviceLink::WriteNext() {
       Block();
       return false;
     case LinkSocket::Result::kEnded:
-      End(false, "closed by the device");
-      return false;
     case LinkSocket::Result::kFailed:
-      End(true, socket_->GetReason());
+      EndByPeer();
       return false;
   }
   return false;
@@ -238,6 +235,11 @@ void DeviceLink::DropTransfers() {
   transfers_.clear();
 }
 
+void DeviceLink::EndByPeer() {
+  const std::string reason = socket_->GetReason();
+  End(!reason.empty(), reason.empty() ? "closed by the device" : reason);
+}
+
 void DeviceLink::End(bool by_error, const std::string& why) {
   log_.Write(LogLevel::kInfo, LogKind::kLink, "link down: %s", why.c_str());
   has_failed_ = has_failed_ || by_error;
@@ -251,7 +253,7 @@ void DeviceLink::OnTick(SteadyTime now) {
   streams_.OnTick();
   flows_.OnTick();
   if (!IsUp()) return;
-  if (socket_->IsHungUp()) socket_->WaitReadable();
+  if (HasHungUp(socket_->GetFd())) socket_->WaitReadable();
   if (const char* const excess = deadlines_.GetExcess(now)) {
     End(!is_closing_, excess);
   }

@@ -19,8 +19,8 @@
 #include "companion/link_socket.h"
 #include "companion/link_streams.h"
 #include "companion/options.h"
-#include "companion/pace_meter.h"
-#include "companion/steady_time.h"
+#include "programs/pace_meter.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 
@@ -103,6 +103,8 @@ class DeviceLink final : public DeviceMessages {
   void BeginClosing(const std::string& reason);
   void StopFlows();
   void DropTransfers();
+  // The socket has ended, or failed.
+  void EndByPeer();
   void End(bool by_error, const std::string& why);
 
   const Options& options_;

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <optional>
 
-#include "companion/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 

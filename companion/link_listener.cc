@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,27 +33,17 @@ bool Fail(const std::string& where, const char* why) {
   return false;
 }
 
-bool FailAndClose(int fd, const std::string& where) {
-  const int error = errno;
-  if (fd != -1) close(fd);
-  return Fail(where, strerror(error));
-}
+// The reason is in errno.
+bool Fail(const std::string& where) { return Fail(where, strerror(errno)); }
 
-// Whether |address| is a socket file that was left behind: nobody answers. A
+// Whether |path| is a socket file that was left behind: nobody answers. A
 // listener whose queue is full answers, too.
-bool IsStale(const sockaddr_un& address) {
+bool IsStale(const char* path, const sockaddr* address, socklen_t length) {
   struct stat file;
-  if (lstat(address.sun_path, &file) == -1 || !S_ISSOCK(file.st_mode)) {
-    return false;
-  }
-  const int probe =
-      socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  const bool is_refused =
-      connect(probe, reinterpret_cast<const sockaddr*>(&address),
-              sizeof(address)) == -1 &&
-      errno == ECONNREFUSED;
-  close(probe);
-  return is_refused;
+  if (lstat(path, &file) == -1 || !S_ISSOCK(file.st_mode)) return false;
+  const UniqueFd probe(
+      socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  return connect(probe.Get(), address, length) == -1 && errno == ECONNREFUSED;
 }
 
 std::string DescribeTcp(const sockaddr_storage& address, socklen_t length) {
@@ -74,17 +65,21 @@ std::string DescribeRfcomm(const sockaddr_storage& address) {
   return std::string("rfcomm:") + text;
 }
 
-std::string DescribeUnix(int fd) {
+ucred GetUnixPeer(int fd) {
   ucred peer = {};
   socklen_t length = sizeof(peer);
   getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+  return peer;
+}
+
+std::string DescribeUnix(const ucred& peer) {
   return "unix: process " + std::to_string(peer.pid) + " of user " +
          std::to_string(peer.uid);
 }
 
 std::string DescribePeer(int fd, const sockaddr_storage& address,
                          socklen_t length) {
-  if (address.ss_family == AF_UNIX) return DescribeUnix(fd);
+  if (address.ss_family == AF_UNIX) return DescribeUnix(GetUnixPeer(fd));
   return address.ss_family == AF_BLUETOOTH ? DescribeRfcomm(address)
                                            : DescribeTcp(address, length);
 }
@@ -101,14 +96,6 @@ bool IsLoopback(const sockaddr& address) {
          ntohl(v4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
 }
 
-bt_security MakeSecurity(LinkSecurity security) {
-  bt_security option = {};
-  option.level = security == LinkSecurity::kLow      ? BT_SECURITY_LOW
-                 : security == LinkSecurity::kMedium ? BT_SECURITY_MEDIUM
-                                                     : BT_SECURITY_HIGH;
-  return option;
-}
-
 }  // namespace
 
 LinkListener::LinkListener(asio::io_context& loop, OnLink on_link)
@@ -122,123 +109,131 @@ LinkListener::~LinkListener() {
   }
 }
 
-bool LinkListener::Open(const LinkAddress& address,
+bool LinkListener::Open(const link_address_t& address,
                         const settings_t& settings) {
   switch (address.kind) {
-    case LinkAddress::Kind::kUnix:
-      return OpenUnix(address.path_or_host);
-    case LinkAddress::Kind::kTcp:
+    case link_address_t::kUnix:
+      return OpenUnix(address);
+    case link_address_t::kTcp:
       return OpenTcp(address, settings.allows_remote_links);
-    case LinkAddress::Kind::kRfcomm:
-      return OpenRfcomm(address.channel, settings.security);
+    case link_address_t::kRfcomm:
+      return OpenRfcomm(address, settings.security);
+    case link_address_t::kFd:
+      break;
   }
-  return false;
+  return Fail(address.text, "nobody can listen there");
 }
 
-bool LinkListener::OpenUnix(const std::string& path) {
-  const std::string where = "unix:" + path;
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) {
-    return Fail(where, "path too long");
-  }
-  memcpy(address.sun_path, path.data(), path.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  int result = bind(fd, generic, sizeof(address));
-  if (result == -1 && errno == EADDRINUSE) {
-    if (IsStale(address)) {
-      unlink(address.sun_path);
-      result = bind(fd, generic, sizeof(address));
+bool LinkListener::OpenUnix(const link_address_t& address) {
+  sockaddr_un name;
+  const socklen_t length = ToSocketAddress(address.path, &name);
+  const auto* const generic = reinterpret_cast<const sockaddr*>(&name);
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  is_abstract_ = name.sun_path[0] == '\0';
+  int result = bind(fd.Get(), generic, length);
+  if (result == -1 && errno == EADDRINUSE && !is_abstract_) {
+    if (IsStale(name.sun_path, generic, length)) {
+      unlink(name.sun_path);
+      result = bind(fd.Get(), generic, length);
     } else {
       errno = EADDRINUSE;  // the look at it has set another
     }
   }
+  if (result == -1 || !(is_abstract_ || OwnFile(address.path))) {
+    return Fail(address.text);
+  }
+  return Listen(std::move(fd), address.text);
+}
+
+// Nobody can connect before there is somebody who listens.
+bool LinkListener::OwnFile(const std::string& path) {
   struct stat file = {};
-  // Nobody can connect before there is somebody who listens.
-  if (result == -1 || chmod(address.sun_path, 0600) == -1 ||
-      lstat(address.sun_path, &file) == -1) {
-    return FailAndClose(fd, where);
+  if (chmod(path.c_str(), 0600) == -1 || lstat(path.c_str(), &file) == -1) {
+    return false;
   }
   path_ = path;
   device_ = file.st_dev;
   inode_ = file.st_ino;
-  return Listen(fd, where);
+  return true;
 }
 
-bool LinkListener::OpenTcp(const LinkAddress& address,
+bool LinkListener::OpenTcp(const link_address_t& address,
                            bool allows_remote_links) {
-  const std::string where = "tcp:" + address.path_or_host + ":" + address.port;
   addrinfo hints = {};
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  const int error = getaddrinfo(address.path_or_host.c_str(),
-                                address.port.c_str(), &hints, &found);
-  if (error != 0) return Fail(where, gai_strerror(error));
+  const int error =
+      getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
+  if (error != 0) return Fail(address.text, gai_strerror(error));
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found,
                                                                  freeaddrinfo);
   if (!IsLoopback(*found->ai_addr)) {
     if (!allows_remote_links) {
-      return Fail(where, "other machines reach it; see --allow-remote-links");
+      return Fail(address.text,
+                  "other machines reach it; see --allow-remote-links");
     }
     ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                        "whoever reaches %s can use this machine's network and "
                        "read along: put a tunnel in front of it",
-                       where.c_str());
+                       address.text.c_str());
   }
-  const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   sockaddr_storage bound = {};
   socklen_t length = sizeof(bound);
-  if (bind(fd, found->ai_addr, found->ai_addrlen) == -1 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) == -1) {
-    return FailAndClose(fd, where);
-  }
-  return Listen(fd, DescribeTcp(bound, length));
-}
-
-bool LinkListener::OpenRfcomm(int channel, LinkSecurity security) {
-  const std::string where = "rfcomm:" + std::to_string(channel);
-  const int fd =
-      socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_CLOEXEC, BTPROTO_RFCOMM);
-  if (fd == -1) {
-    const bool missing = errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT;
-    return Fail(where, missing ? "this kernel has no Bluetooth sockets"
-                               : strerror(errno));
-  }
-  const bt_security option = MakeSecurity(security);
-  sockaddr_rc address = {};  // any adapter
-  address.rc_family = AF_BLUETOOTH;
-  address.rc_channel = static_cast<uint8_t>(channel);
-  if (setsockopt(fd, SOL_BLUETOOTH, BT_SECURITY, &option, sizeof(option)) ==
-          -1 ||
-      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+  if (bind(fd.Get(), found->ai_addr, found->ai_addrlen) == -1 ||
+      getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&bound), &length) ==
           -1) {
-    return FailAndClose(fd, where);
+    return Fail(address.text);
   }
-  return Listen(fd, where);
+  return Listen(std::move(fd), DescribeTcp(bound, length));
 }
 
-bool LinkListener::Listen(int fd, const std::string& where) {
-  if (listen(fd, kBacklog) == -1) return FailAndClose(fd, where);
+bool LinkListener::OpenRfcomm(const link_address_t& address,
+                              LinkSecurity security) {
+  UniqueFd fd = OpenRfcommSocket(security);
+  if (fd.Get() < 0) return Fail(address.text, DescribeRfcommFailure(errno));
+  sockaddr_rc name = {};  // any adapter
+  name.rc_family = AF_BLUETOOTH;
+  name.rc_channel = static_cast<uint8_t>(address.channel);
+  if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)) ==
+      -1) {
+    return Fail(address.text);
+  }
+  return Listen(std::move(fd), address.text);
+}
+
+bool LinkListener::Listen(UniqueFd fd, const std::string& where) {
+  if (listen(fd.Get(), kBacklog) == -1) return Fail(where);
   socket_ = std::make_unique<Descriptor>(
-      loop_, fd, [this] { OnReadable(); }, [] {});
+      loop_, fd.Release(), [this] { OnReadable(); }, [] {});
   socket_->WaitReadable();
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "listening on %s",
                      where.c_str());
   return true;
 }
 
+// An abstract name has no mode that keeps other users out.
+bool LinkListener::MayConnect(int fd) const {
+  const uid_t user = is_abstract_ ? GetUnixPeer(fd).uid : 0;
+  return user == 0 || user == geteuid();
+}
+
 void LinkListener::OnReadable() {
   sockaddr_storage address = {};
   socklen_t length = sizeof(address);
-  const int fd =
-      accept4(socket_->GetFd(), reinterpret_cast<sockaddr*>(&address), &length,
-              SOCK_CLOEXEC);
-  if (fd != -1) {
-    on_link_(fd, DescribePeer(fd, address, length));
+  UniqueFd fd(accept4(socket_->GetFd(), reinterpret_cast<sockaddr*>(&address),
+                      &length, SOCK_CLOEXEC));
+  if (fd.Get() != -1) {
+    const std::string peer = DescribePeer(fd.Get(), address, length);
+    if (MayConnect(fd.Get())) {
+      on_link_(fd.Release(), peer);
+    } else {
+      ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
+                         "link of %s refused: another user", peer.c_str());
+    }
     return socket_->WaitReadable();
   }
   // The device may have gone again; the next one is waited for.

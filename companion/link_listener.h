@@ -8,13 +8,12 @@
 #include <memory>
 #include <string>
 
+#include "common/link_address.h"
 #include "companion/descriptor.h"
-#include "companion/link_address.h"
+#include "programs/peer_socket.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
-
-// How well a Bluetooth link must be protected before it is accepted.
-enum class LinkSecurity { kLow, kMedium, kHigh };
 
 // Waits for devices at one address.
 class LinkListener {
@@ -35,22 +34,26 @@ class LinkListener {
 
   // Begins to listen and to accept. False after a failure, which is logged. A
   // socket file on which nobody listens any more is replaced.
-  [[nodiscard]] bool Open(const LinkAddress& address,
+  [[nodiscard]] bool Open(const link_address_t& address,
                           const settings_t& settings);
 
  private:
   // Each logs its failure.
-  bool OpenUnix(const std::string& path);
-  bool OpenTcp(const LinkAddress& address, bool allows_remote_links);
-  bool OpenRfcomm(int channel, LinkSecurity security);
-  // Takes ownership of |fd|.
-  bool Listen(int fd, const std::string& where);
+  bool OpenUnix(const link_address_t& address);
+  bool OpenTcp(const link_address_t& address, bool allows_remote_links);
+  bool OpenRfcomm(const link_address_t& address, LinkSecurity security);
+  bool Listen(UniqueFd fd, const std::string& where);
+  // Keeps others out of the socket file at |path|, and remembers which it is.
+  // The reason of a failure is in errno.
+  bool OwnFile(const std::string& path);
+  bool MayConnect(int fd) const;
   void OnReadable();
 
   asio::io_context& loop_;
   const OnLink on_link_;
   asio::steady_timer retry_;
   std::unique_ptr<Descriptor> socket_;
+  bool is_abstract_ = false;  // its name is no file
   // Our socket file and what it was when we made it.
   std::string path_;
   dev_t device_ = 0;

@@ -29,9 +29,7 @@ class LinkSocket {
   Result Write(const char* data, size_t size, size_t* count);
   // Whether the kernel holds so little that more should be written.
   bool HasRoom() const;
-  // Whether the peer has gone, for kinds of socket that tell it by a hang-up
-  // alone and read as if nothing had come.
-  bool IsHungUp() const;
+  int GetFd() const { return descriptor_.GetFd(); }
   void EndWriting();
   // About how many bytes the kernel holds before HasRoom() says no.
   void SetHold(size_t bytes);
@@ -44,7 +42,6 @@ class LinkSocket {
   Result Fail(int error);
 
   Descriptor descriptor_;
-  int domain_ = 0;
   size_t hold_ = 0;
   std::string reason_;
 };

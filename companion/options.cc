@@ -174,9 +174,10 @@ void DefineLog(CLI::App* app, Options* options) {
 
 void ReadListen(const CLI::App& app, Options* options) {
   for (const std::string& text : app.get_option("--listen")->results()) {
-    LinkAddress address;
-    if (!LinkAddress::Parse(text, &address)) throw Unusable("--listen", text);
-    options->listen.push_back(address);
+    std::string reason;
+    const auto address = ParseLinkAddress(text, LinkSide::kListen, &reason);
+    if (!address) throw CLI::ValidationError("--listen " + text, reason);
+    options->listen.push_back(*address);
   }
 }
 

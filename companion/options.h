@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "common/host_and_port.h"
+#include "common/link_address.h"
 #include "companion/companion_log.h"
 #include "companion/destination_policy.h"
-#include "companion/link_address.h"
 #include "companion/link_listener.h"
 
 namespace vantrel {
@@ -26,7 +26,7 @@ struct ActiveNetwork {
 struct Options {
   int protocol = 20;
   // Either of these two.
-  std::vector<LinkAddress> listen;
+  std::vector<link_address_t> listen;
   std::optional<int> fd;
   size_t max_links = 64;
   bool allows_remote_links = false;

@@ -116,6 +116,11 @@ def run_servers():
 
 # The companion and a device on its link.
 
+def processor_seconds(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")")[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 class Companion:
     def __init__(self, program, directory, protocol):
         self.path = f"{directory}/link"
@@ -129,10 +134,6 @@ class Companion:
                 [program, "--protocol", protocol, "--listen", f"unix:{self.path}", *options],
                 stdout=log, stderr=log)
         bench.wait_until(lambda: "listening on" in self.log.read_text(), "the companion")
-
-    def processor_seconds(self):
-        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")")[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def resident_megabytes(self):
         pages = pathlib.Path(f"/proc/{self.process.pid}/statm").read_text().split()[1]
@@ -157,7 +158,9 @@ def tunnel(options, protocol, *shape):
                 env={**os.environ, "VANTREL_LOG_FILE": str(directory / "daemon.log")})
         try:
             bench.wait_until(lambda: "started" in status.read_text(), "the daemon")
-            yield device, companion
+            children = pathlib.Path(f"/proc/{launcher.pid}/task/{launcher.pid}/children")
+            yield device, {"companion": companion.process.pid, "launcher": launcher.pid,
+                           "daemon": int(children.read_text().split()[0])}
         finally:
             bench.end_process(launcher)
             companion.close()
@@ -291,22 +294,24 @@ def measure_flood(options, protocol):
 
 def measure_speed(options, protocol):
     for name, port in ("download", SOURCE), ("upload", SINK):
-        with tunnel(options, protocol) as (device, companion):
+        with tunnel(options, protocol) as (device, pids):
+            def used():
+                return {role: processor_seconds(pid) for role, pid in pids.items()}
             load = Load(device, port, 1)
             time.sleep(1)
-            before, cpu, begin = load.moved, companion.processor_seconds(), time.monotonic()
+            moved, before, begin = load.moved, used(), time.monotonic()
             time.sleep(options.seconds)
-            moved, seconds = load.moved - before, time.monotonic() - begin
-            cpu = companion.processor_seconds() - cpu
+            moved, after, seconds = load.moved - moved, used(), time.monotonic() - begin
             load.close()
             time.sleep(.5)
-            idle = companion.processor_seconds()
+            idle = sum(used().values())
             time.sleep(2)
-            idle = companion.processor_seconds() - idle
+            idle = sum(used().values()) - idle
         yield (f"{name}, link without limit", f"{moved / seconds / 1e6:.0f} MB/s",
                "compare", True)
-        yield (f"{name}, companion's processor time",
-               f"{cpu / (moved / 1e9):.2f} s/GB", "compare", True)
+        for role in pids:
+            yield (f"{name}, processor time of the {role}",
+                   f"{(after[role] - before[role]) / (moved / 1e9):.2f} s/GB", "compare", True)
         yield below(f"processor time while nothing moves, after the {name}",
                     idle / 2 * 1e3, 10, "ms/s")
 

@@ -7,6 +7,7 @@ import socket
 import stat
 import struct
 import subprocess
+import sys
 
 import pytest
 
@@ -190,6 +191,21 @@ def test_who_may_listen(companion, tmp_path, link):
         other = companion("--listen", "tcp:0.0.0.0:0", *options)
         assert words in other.log()
         bench.end_process(other)
+
+
+def test_an_abstract_name_is_for_its_own_user(companion):
+    name = f"vantrel-test-{os.getpid()}"
+    process = companion("--listen", f"unix:@{name}")
+    stranger = ("import socket; s = socket.socket(socket.AF_UNIX); "
+                f"s.connect('\\0{name}'); print(s.recv(1))")
+    run = subprocess.run([sys.executable, "-c", stranger], user=bench.MAIL_UID, check=True,
+                         capture_output=True, timeout=10)
+    assert run.stdout == b"b''\n"
+    assert "refused: another user" in process.log()
+    with socket.socket(socket.AF_UNIX) as own:
+        own.settimeout(10)
+        own.connect(f"\0{name}")
+        ping(own)
 
 
 def test_signals_log_and_service_manager(companion, link, tmp_path, monkeypatch):

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tools/unique_fd.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 

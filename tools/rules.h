@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/unique_fd.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tools/unique_fd.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 

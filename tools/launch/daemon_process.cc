@@ -6,24 +6,17 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <utility>
 
+#include "programs/open_file_limit.h"
 #include "tools/process_group.h"
 #include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {
-
-void RaiseOpenFileLimit() {
-  rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 void ResetSignals() {
   for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
@@ -48,7 +41,7 @@ void MoveTo(int fd, int place) {
   ResetSignals();
   setpgid(0, 0);
   if (start.is_ended_with_us) prctl(PR_SET_PDEATHSIG, SIGTERM);
-  RaiseOpenFileLimit();
+  static_cast<void>(RaiseOpenFileLimit());
   MoveTo(start.link.Get(), STDIN_FILENO);
   MoveTo(start.status.Get(), STDOUT_FILENO);
   execlp(start.program.c_str(), start.program.c_str(), start.protocol.c_str(),

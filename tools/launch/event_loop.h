@@ -5,7 +5,7 @@
 #include <asio/signal_set.hpp>
 #include <functional>
 
-#include "tools/launch/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 

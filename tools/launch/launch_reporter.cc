@@ -36,9 +36,11 @@ void LaunchReporter::Record(const status_record_t& record) {
   if (record.kind == status_record_t::kStarted) {
     metrics_.CountStart();
     metrics_.SetRunning(true);
-    notifier_.Ready("running over " + options_.link.text);
+    service_manager_.Notify("READY=1\nSTATUS=running over " +
+                            options_.link.text);
   } else if (record.kind == status_record_t::kNetworkState) {
-    notifier_.Status("running over " + options_.link.text + ", " + text);
+    service_manager_.Notify("STATUS=running over " + options_.link.text + ", " +
+                            text);
   }
   metrics_.Update(record);
   WriteMetrics(names);
@@ -48,12 +50,12 @@ void LaunchReporter::DaemonEnded(int wait_status) {
   metrics_.SetRunning(false);
   WriteMetrics(PackageNames::Load());
   const std::string text = DaemonEndToText(wait_status);
-  notifier_.Status(text);
+  service_manager_.Notify("STATUS=" + text);
   records_.Write(options_.is_json ? DaemonEndToJson(wait_status) : text);
 }
 
 void LaunchReporter::Connecting() {
-  notifier_.Status("connecting " + options_.link.text);
+  service_manager_.Notify("STATUS=connecting " + options_.link.text);
 }
 
 void LaunchReporter::Say(const std::string& message) {

@@ -5,10 +5,10 @@
 #include <array>
 #include <string>
 
+#include "programs/service_manager.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/line_writer.h"
 #include "tools/launch/metrics.h"
-#include "tools/launch/service_notifier.h"
 #include "tools/launch/status_reader.h"
 
 namespace vantrel {
@@ -22,7 +22,7 @@ class LaunchReporter {
 
   void Record(const status_record_t& record);
   void DaemonEnded(int wait_status);
-  void Stopping() { notifier_.Stopping(); }
+  void Stopping() { service_manager_.Notify("STOPPING=1\nSTATUS=stopping"); }
   void Connecting();
   void AddLinkBytes(uint64_t received, uint64_t sent) {
     metrics_.AddLinkBytes(received, sent);
@@ -44,7 +44,7 @@ class LaunchReporter {
   LineWriter records_;
   LineWriter talk_;
   Metrics metrics_;
-  ServiceNotifier notifier_;
+  ServiceManager service_manager_;
   bool has_metrics_file_;
 };
 

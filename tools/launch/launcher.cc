@@ -50,7 +50,7 @@ int Launcher::Run() {
     if (attempt.has_started) pause = kFirstPause;
     reporter_.Say("connecting again in " + std::to_string(pause.count()) +
                   " s");
-    loop_.WaitFor(-1, EventLoop::Readiness::wait_read, Now() + pause);
+    loop_.WaitFor(-1, EventLoop::Readiness::wait_read, GetSteadyTime() + pause);
     if (loop_.GetStopSignal() != 0) return End(128 + loop_.GetStopSignal());
     pause = std::min(2 * pause, kLongestPause);
   }
@@ -127,7 +127,7 @@ std::vector<std::string> Launcher::RunRules(RulesTask::Kind kind) {
         is_over = task.Advance();
         break;
       case EventLoop::Wake::kSignal:
-        end = std::min(end, Now() + kHurriedRulesTime);
+        end = std::min(end, GetSteadyTime() + kHurriedRulesTime);
         break;
       case EventLoop::Wake::kTimeout:
         throw RulesToolHangs(

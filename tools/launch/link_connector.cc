@@ -6,7 +6,6 @@
 #include <bluetooth/rfcomm.h>
 #include <fcntl.h>
 #include <netdb.h>
-#include <netinet/tcp.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,11 +18,6 @@
 
 namespace vantrel {
 namespace {
-
-// A TCP peer that vanished without a word is given up after this long, whether
-// something waits for its acknowledgement or not.
-constexpr std::chrono::seconds kPeerTimeout{30};
-constexpr int kKeepaliveProbes = 4;
 
 // The longest that an address of a host name keeps the next one waiting.
 constexpr std::chrono::milliseconds kAddressTimeout{3000};
@@ -47,7 +41,7 @@ UniqueFd OpenSocket(int family, int type, int protocol) {
 
 void WaitConnected(int fd, const patience_t& patience) {
   switch (patience.loop->WaitFor(fd, EventLoop::Readiness::wait_write,
-                                 Now() + patience.timeout)) {
+                                 GetSteadyTime() + patience.timeout)) {
     case EventLoop::Wake::kReady:
       break;
     case EventLoop::Wake::kSignal:
@@ -91,35 +85,18 @@ AddressList LookUp(const link_address_t& link) {
   return AddressList(found, freeaddrinfo);
 }
 
-void SetOption(int fd, int level, int option, int value) {
-  setsockopt(fd, level, option, &value, sizeof(value));
-}
-
-// A link carries many small messages that must not wait for each other, and a
-// companion that vanished without a word must be noticed.
-void SetTcpOptions(int fd) {
-  constexpr int kInterval = kPeerTimeout.count() / (kKeepaliveProbes + 1);
-  constexpr std::chrono::milliseconds kUnacknowledged = kPeerTimeout;
-  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
-  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, kInterval);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, kInterval);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, kKeepaliveProbes);
-  SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT,
-            static_cast<int>(kUnacknowledged.count()));
-}
-
 UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
   const AddressList addresses = LookUp(link);
-  const auto end = Now() + patience.timeout;
+  const auto end = GetSteadyTime() + patience.timeout;
   for (const addrinfo* a = addresses.get();; a = a->ai_next) {
     const bool is_last = a->ai_next == nullptr;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Now());
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - GetSteadyTime());
     patience.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
     try {
       UniqueFd fd = OpenSocket(a->ai_family, SOCK_STREAM, a->ai_protocol);
       ConnectSocket(fd.Get(), a->ai_addr, a->ai_addrlen, patience);
-      SetTcpOptions(fd.Get());
+      TuneTcpLink(fd.Get());
       return fd;
     } catch (const std::system_error&) {
       if (is_last) throw;
@@ -127,35 +104,10 @@ UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
   }
 }
 
-uint8_t GetSecurityLevel(LinkSecurity security) {
-  switch (security) {
-    case LinkSecurity::kLow:
-      return BT_SECURITY_LOW;
-    case LinkSecurity::kMedium:
-      return BT_SECURITY_MEDIUM;
-    case LinkSecurity::kHigh:
-      return BT_SECURITY_HIGH;
-  }
-  return BT_SECURITY_HIGH;
-}
-
 UniqueFd ConnectRfcomm(const link_address_t& link, LinkSecurity security,
                        const patience_t& patience) {
-  UniqueFd fd(socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                     BTPROTO_RFCOMM));
-  if (fd.Get() < 0) {
-    if (errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT) {
-      throw std::runtime_error("this kernel has no Bluetooth sockets");
-    }
-    throw SystemFailure(errno);
-  }
-  bt_security wanted = {};
-  wanted.level = GetSecurityLevel(security);
-  // A link that is less safe than was asked for is none.
-  if (setsockopt(fd.Get(), SOL_BLUETOOTH, BT_SECURITY, &wanted,
-                 sizeof(wanted)) != 0) {
-    throw SystemFailure(errno);
-  }
+  UniqueFd fd = OpenRfcommSocket(security);
+  if (fd.Get() < 0) throw std::runtime_error(DescribeRfcommFailure(errno));
   sockaddr_rc address = {};
   address.rc_family = AF_BLUETOOTH;
   address.rc_channel = static_cast<uint8_t>(link.channel);

@@ -5,8 +5,9 @@
 
 #include "common/link_address.h"
 #include "link/connection_header.h"
+#include "programs/peer_socket.h"
+#include "programs/unique_fd.h"
 #include "tools/launch/event_loop.h"
-#include "tools/unique_fd.h"
 
 namespace vantrel {
 
@@ -14,13 +15,6 @@ namespace vantrel {
 struct connected_link_t {
   UniqueFd fd;  // non-blocking
   connection_header_t header;
-};
-
-// What a Bluetooth link must have before it stands.
-enum class LinkSecurity {
-  kLow,     // nothing
-  kMedium,  // encryption
-  kHigh,    // encryption, and pairing that nobody can have stood between
 };
 
 // Connects to |address|; of "fd:N" takes ownership. Of a host name tries every

@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "programs/unique_fd.h"
 #include "tools/system_failure.h"
-#include "tools/unique_fd.h"
 
 namespace vantrel {
 namespace {

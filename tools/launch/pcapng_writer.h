@@ -12,7 +12,7 @@
 #include <chrono>
 #include <string>
 
-#include "tools/unique_fd.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 

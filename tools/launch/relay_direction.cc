@@ -1,15 +1,14 @@
 #include "tools/launch/relay_direction.h"
 
 #include <errno.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <asio/post.hpp>
 #include <system_error>
 #include <utility>
+
+#include "programs/peer_socket.h"
 
 namespace vantrel {
 namespace {
@@ -18,6 +17,12 @@ namespace {
 // between the source's writer and us, the buffer here, the queue in front of
 // the destination. With the companion's part that makes about 40 ms.
 constexpr std::chrono::milliseconds kShare{8};
+
+// What is kept ready in front of a shaped link, and in which pieces it is read.
+// It takes the place of two of the shares: we may come late by that much before
+// the link runs dry.
+constexpr std::chrono::milliseconds kLead{16};
+constexpr std::chrono::milliseconds kPiece{4};
 
 // One message of the size that a Bluetooth link has.
 constexpr size_t kMinHeldBytes = 1024;
@@ -40,22 +45,6 @@ size_t GetCapacity(const shape_t& shape) {
          static_cast<size_t>(std::min(on_its_way, 64e6));
 }
 
-void LimitQueue(int socket, size_t bytes) {
-  const int limit = static_cast<int>(bytes);
-  // A TCP socket may have as much on its way as the network carries; what is
-  // bounded is what it has not sent yet. Any other refuses this.
-  if (setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limit,
-                 sizeof(limit)) != 0) {
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &limit, sizeof(limit));
-  }
-}
-
-// A Bluetooth socket tells its end so, and may not be readable.
-bool HasHungUp(int fd) {
-  pollfd wait = {fd, 0, 0};
-  return poll(&wait, 1, 0) > 0 && (wait.revents & (POLLERR | POLLHUP)) != 0;
-}
-
 }  // namespace
 
 RelayDirection::RelayDirection(asio::posix::stream_descriptor& from,
@@ -76,10 +65,12 @@ void RelayDirection::Stop() {
 }
 
 void RelayDirection::Work() {
-  const SteadyTime now = Now();
+  const SteadyTime now = GetSteadyTime();
   const bool has_read = Read(now);
   const bool has_written = Write(now);
-  if (is_stopped_ || IsOver()) return;
+  const bool can_only_wait =
+      awaits_read_ && (awaits_write_ || buffer_.GetByteCount() == 0);
+  if (is_stopped_ || IsOver() || can_only_wait) return;
   if (has_read || has_written) {
     WorkLater();
   } else if (shaper_) {
@@ -128,7 +119,7 @@ bool RelayDirection::Write(SteadyTime now) {
     return false;
   }
   if (count > 0) {
-    pace_.OnWritten(seen.size());
+    pace_.OnWritten(seen.size(), now);
     moved_byte_count_ += seen.size();
     if (shaper_) shaper_->Leave(seen.size());
     if (options_.on_written) options_.on_written(seen);
@@ -137,7 +128,7 @@ bool RelayDirection::Write(SteadyTime now) {
     pace_.OnBlocked(now);
     AwaitWrite();
   } else if (buffer_.GetByteCount() == 0) {
-    pace_.OnIdle(now);
+    pace_.OnIdle();
   }
   LimitQueues();
   EndDestination();
@@ -175,7 +166,7 @@ void RelayDirection::AwaitTime(SteadyTime now) {
   std::optional<SteadyTime> next;
   if (GetDueBytes(now) == 0) next = shaper_->GetNextTime();
   if (state_ == kFlowing && !awaits_read_ && GetRoom(now) == 0) {
-    const SteadyTime has_room = shaper_->GetBusyUntil() - kShare / 2;
+    const SteadyTime has_room = shaper_->GetBusyUntil() - kLead;
     if (has_room > now && (!next || has_room < *next)) next = has_room;
   }
   if (!next) return;
@@ -188,17 +179,16 @@ void RelayDirection::AwaitTime(SteadyTime now) {
 size_t RelayDirection::GetRoom(SteadyTime now) const {
   const size_t free = buffer_.GetFreeCount();
   if (!shaper_) {
-    const size_t limit =
-        std::clamp(pace_.GetBytesIn(kShare), kMinHeldBytes, kMaxHeldBytes);
+    const size_t limit = pace_.GetBytesIn(kShare, kMinHeldBytes, kMaxHeldBytes);
     const size_t held = buffer_.GetByteCount();
     // Not in small pieces: reads again once half of it has gone.
     return held <= limit / 2 ? std::min(limit - held, free) : 0;
   }
-  if (shaper_->GetBusyUntil() - now > kShare / 2) return 0;
+  if (shaper_->GetBusyUntil() - now > kLead) return 0;
   const uint64_t rate = options_.shape.bits_per_second / 8;
   if (rate == 0) return free;
   const size_t piece =
-      std::clamp<size_t>(rate * static_cast<uint64_t>(kShare.count()) / 2000,
+      std::clamp<size_t>(rate * static_cast<uint64_t>(kPiece.count()) / 1000,
                          kMinHeldBytes / 2, kMaxHeldBytes);
   return std::min(piece, free);
 }
@@ -228,7 +218,7 @@ void RelayDirection::LimitQueues() {
   const double pace =
       options_.shape.bits_per_second > 0
           ? static_cast<double>(options_.shape.bits_per_second) / 8
-          : pace_.GetBytesPerSecond();
+          : pace_.GetPace();
   if (limited_pace_ > 0 && pace < limited_pace_ * kPaceStep &&
       pace > limited_pace_ / kPaceStep) {
     return;
@@ -238,8 +228,8 @@ void RelayDirection::LimitQueues() {
   const size_t limit = std::clamp(
       static_cast<size_t>(std::min(bytes, static_cast<double>(kMaxQueueBytes))),
       kMinHeldBytes, kMaxQueueBytes);
-  LimitQueue(to_.native_handle(), limit);
-  if (options_.feeder >= 0) LimitQueue(options_.feeder, limit);
+  LimitUnsent(to_.native_handle(), limit);
+  if (options_.feeder >= 0) LimitUnsent(options_.feeder, limit);
 }
 
 }  // namespace vantrel

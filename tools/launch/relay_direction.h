@@ -9,7 +9,7 @@
 #include <optional>
 #include <string_view>
 
-#include "tools/launch/pace_meter.h"
+#include "programs/pace_meter.h"
 #include "tools/launch/relay_buffer.h"
 #include "tools/launch/shaper.h"
 

@@ -5,8 +5,8 @@
 #include <asio/io_context.hpp>
 #include <string>
 
+#include "programs/unique_fd.h"
 #include "tools/launch/relay_direction.h"
-#include "tools/unique_fd.h"
 
 namespace vantrel {
 namespace {
@@ -118,27 +118,6 @@ TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
     EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
     EXPECT_EQ(options.on_read || options.on_written ? sent : "", seen);
   }
-}
-
-TEST(PaceMeter, FollowsWhatAFullSocketTakesAndNeverBelievesAnIdleOneToBeSlow) {
-  PaceMeter pace;
-  SteadyTime now{};
-  const auto run = [&](int stretches, size_t bytes, bool is_full) {
-    for (int i = 0; i < stretches; ++i) {
-      pace.OnWritten(bytes);
-      now += milliseconds(50);
-      is_full ? pace.OnBlocked(now) : pace.OnIdle(now);
-    }
-  };
-  pace.OnBlocked(now);
-  run(1, 50000, true);
-  EXPECT_EQ(8000u, pace.GetBytesIn(milliseconds(8)));
-  run(100, 10, false);
-  EXPECT_EQ(8000u, pace.GetBytesIn(milliseconds(8)));
-  run(8, 500000, false);  // more than it had
-  EXPECT_EQ(80000u, pace.GetBytesIn(milliseconds(8)));
-  run(40, 5000, true);
-  EXPECT_NEAR(800, static_cast<double>(pace.GetBytesIn(milliseconds(8))), 10);
 }
 
 }  // namespace

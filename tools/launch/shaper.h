@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/launch/steady_time.h"
+#include "programs/steady_time.h"
 
 namespace vantrel {
 

@@ -1,4 +1,4 @@
-#include "companion/pace_meter.h"
+#include "programs/pace_meter.h"
 
 #include <algorithm>
 

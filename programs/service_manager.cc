@@ -1,39 +1,32 @@
-#include "companion/service_manager.h"
+#include "programs/service_manager.h"
 
-#include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <charconv>
+
+#include "common/link_address.h"
 
 namespace vantrel {
 
 ServiceManager::ServiceManager() {
   const char* const name = getenv("NOTIFY_SOCKET");
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (name == nullptr || strlen(name) >= sizeof(address.sun_path)) return;
-  memcpy(address.sun_path, name, strlen(name));
-  if (name[0] == '@') address.sun_path[0] = '\0';
-  fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (name == nullptr || strlen(name) >= sizeof(sockaddr_un::sun_path)) return;
+  sockaddr_un address;
+  const socklen_t length = ToSocketAddress(name, &address);
+  socket_.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   // Without it every Notify() is refused, and nobody misses one.
   static_cast<void>(connect(
-      fd_, reinterpret_cast<const sockaddr*>(&address),
-      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(name))));
-}
-
-ServiceManager::~ServiceManager() {
-  if (fd_ != -1) close(fd_);
+      socket_.Get(), reinterpret_cast<const sockaddr*>(&address), length));
 }
 
 void ServiceManager::Notify(const std::string& state) {
-  if (fd_ == -1) return;
-  static_cast<void>(
-      send(fd_, state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
+  if (socket_.Get() < 0) return;
+  static_cast<void>(send(socket_.Get(), state.data(), state.size(),
+                         MSG_NOSIGNAL | MSG_DONTWAIT));
 }
 
 std::optional<std::chrono::microseconds> ServiceManager::GetWatchdogTime() {

@@ -4,24 +4,24 @@
 #include <optional>
 #include <string>
 
+#include "programs/unique_fd.h"
+
 namespace vantrel {
 
 // Tells systemd what state the program is in, where that has started it as a
-// service of the type "notify"; otherwise does nothing. Never waits.
+// service of the type "notify"; otherwise does nothing. Never waits, and
+// whether anybody listens is not our concern.
 class ServiceManager {
  public:
   ServiceManager();
-  ServiceManager(const ServiceManager&) = delete;
-  ServiceManager& operator=(const ServiceManager&) = delete;
-  ~ServiceManager();
 
-  // |state| is an assignment of sd_notify(3).
+  // |state| has assignments of sd_notify(3), one a line.
   void Notify(const std::string& state);
   // How often it wants to hear WATCHDOG=1 at least; none when it does not.
   static std::optional<std::chrono::microseconds> GetWatchdogTime();
 
  private:
-  int fd_ = -1;
+  UniqueFd socket_;
 };
 
 }  // namespace vantrel
