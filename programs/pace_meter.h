@@ -19,8 +19,9 @@ class PaceMeter {
   void OnWritten(size_t bytes, SteadyTime now);
   // The socket is full.
   void OnBlocked(SteadyTime now);
-  // There is nothing more to send.
-  void OnIdle() { was_idle_ = true; }
+  // There is nothing more to send: until the socket is full again, what it
+  // takes says nothing of what the link could carry.
+  void OnIdle() { blocked_.reset(); }
 
   // Bytes per second; a guess until something was measured.
   double GetPace() const { return pace_; }
@@ -33,16 +34,14 @@ class PaceMeter {
   // is known after a few milliseconds.
   static constexpr double kFirstGuess = 250e3;
 
-  void Begin(SteadyTime now, bool is_idle);
-  // What was written since |began_|, in bytes per second, if |min| has passed.
-  std::optional<double> GetPaceSince(SteadyTime now,
-                                     std::chrono::milliseconds min) const;
-
   double pace_ = kFirstGuess;
   bool is_measured_ = false;
+  // What the link carries at least, idle or not.
   std::optional<SteadyTime> began_;
-  bool was_idle_ = false;       // since |began_|
-  uint64_t written_bytes_ = 0;  // since |began_|
+  uint64_t bytes_since_began_ = 0;
+  // Since the socket was full, with something to send ever since.
+  std::optional<SteadyTime> blocked_;
+  uint64_t bytes_since_blocked_ = 0;
 };
 
 }  // namespace vantrel

@@ -35,6 +35,16 @@ TEST(PaceMeterTest, FollowsTheLinkAndBoundsInTime) {
   }
   EXPECT_NEAR(10e6, meter.GetPace(), 1e6);
   EXPECT_EQ(65536u, meter.GetBytesIn(milliseconds(40), 2048, 65536));
+  // Full and idle in turns, as with a small queue before a fast reader: the
+  // first guess must not stay, for it made the queue so small.
+  PaceMeter turns;
+  for (int i = 0; i < 100; ++i) {
+    turns.OnBlocked(now);
+    turns.OnWritten(100000, now);
+    turns.OnIdle();
+    now += milliseconds(10);
+  }
+  EXPECT_NEAR(10e6, turns.GetPace(), 1e6);
 }
 
 }  // namespace
