@@ -22,8 +22,8 @@ constexpr size_t kStreamsForSure = 64;
 // What the program needs besides links.
 constexpr size_t kOwnDescriptors = 64;
 
-// How many of |max_descriptors| streams and flows may take beyond what each link
-// has for sure.
+// How many of |max_descriptors| streams and flows may take beyond what each
+// link has for sure.
 size_t GetSharedDescriptors(const Options& options, size_t max_descriptors) {
   const size_t links = options.fd ? 1 : options.max_links;
   const size_t taken = kOwnDescriptors + links * kStreamsForSure;
