@@ -194,8 +194,7 @@ void LogResult(const dns_header_t& header, const std::string& packet) {
 }  // namespace
 
 std::string ExtractName(const std::string& packet, unsigned int& offset) {
-  const std::string name =
-      DecodeName(packet, offset, kMaxPointers, kMaxNameBytes);
+  std::string name = DecodeName(packet, offset, kMaxPointers, kMaxNameBytes);
   offset = SkipName(packet, offset);
   return name;
 }
