@@ -17,12 +17,12 @@ constexpr size_t kReadBytes = 64 * 1024;
 constexpr size_t kMaxControlBytes = 64 * 1024;
 // Reads and writes before other links have their turn.
 constexpr int kMaxReadsPerTurn = 4;
-constexpr int kMaxWritesPerTurn = 16;
+constexpr int kMaxWritesPerTurn = 8;
 constexpr size_t kMaxTransfers = 64;
 
 // Of the 40 ms that a message may wait in all on its way to the device: one
-// turn of a flow, what the kernel holds, what waits of datagrams. Above
-// kMaxHold everything is fast enough.
+// write, which is one turn of a flow or several short ones, what the kernel
+// holds, what waits of datagrams. Above kMaxHold everything is fast enough.
 constexpr std::chrono::milliseconds kTurnTime{8};
 constexpr std::chrono::milliseconds kKernelTime{12};
 constexpr std::chrono::milliseconds kQueueTime{20};
@@ -109,6 +109,7 @@ void DeviceLink::HandleBytes(const char* bytes, size_t length) {
   protocol_->Feed(bytes, length);
   while (!is_closing_ && protocol_->HandleNext(*this)) {
   }
+  streams_.Flush();
   is_handling_ = false;
 }
 
@@ -167,7 +168,7 @@ bool DeviceLink::Fill() {
     Block();
     return false;
   }
-  while (out_.size() < quantum_ && scheduler_.Take(&out_)) {
+  while (out_.size() < write_size_ && scheduler_.Take(&out_)) {
   }
   if (!out_.empty()) return true;
   pace_.OnIdle();
@@ -188,6 +189,7 @@ void DeviceLink::Block() {
 void DeviceLink::AdaptToPace() {
   quantum_ =
       pace_.GetBytesIn(kTurnTime, kMinTurn, LinkProtocol::kMaxStreamChunkBytes);
+  write_size_ = pace_.GetBytesIn(kTurnTime, kMinTurn, kMaxHold);
   scheduler_.SetQuantum(quantum_);
   scheduler_.SetQueueLimit(pace_.GetBytesIn(kQueueTime, kMinHold, kMaxHold));
   socket_->SetHold(pace_.GetBytesIn(kKernelTime, kMinHold, kMaxHold));

@@ -123,6 +123,7 @@ class DeviceLink final : public DeviceMessages {
       out_;  // taken from the scheduler, from |out_offset_| on unwritten
   size_t out_offset_ = 0;
   size_t quantum_ = 0;
+  size_t write_size_ = 0;  // bytes after which a write is full
   bool is_ready_ = false;
   bool is_handling_ = false;  // the device's messages
   bool is_pumping_ = false;

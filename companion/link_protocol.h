@@ -44,8 +44,9 @@ class DeviceMessages {
 // what the device is to be told into bytes. Does no I/O.
 class LinkProtocol {
  public:
-  // Streams are cut into messages of at most this many bytes.
-  static constexpr size_t kMaxStreamChunkBytes = 16384;
+  // Streams are cut into messages of at most this many bytes: with its header
+  // one fills what the device takes of version 2 in two reads, and no third.
+  static constexpr size_t kMaxStreamChunkBytes = 16384 - 64;
 
   // |control| receives the answers to messages, whole; it outlives this.
   explicit LinkProtocol(std::string* control) : control_(control) {}

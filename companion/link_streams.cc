@@ -61,6 +61,8 @@ void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
                     "stream %u: data for no such stream", id);
     return;
   }
+  // Where an earlier write waits already, the socket is full.
+  if (stream->IsDelivered()) unflushed_.push_back(id);
   if (!stream->Write(bytes, length)) {
     link_.log.Write(LogLevel::kWarning, LogKind::kStream,
                     "stream %u: closed: the device sent more than its credit "
@@ -68,6 +70,13 @@ void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
                     id);
     return Drop(stream);
   }
+}
+
+void LinkStreams::Flush() {
+  for (const uint32_t id : unflushed_) {
+    if (RemoteStream* const stream = Find(id)) stream->Flush();
+  }
+  unflushed_.clear();
   if (held_.IsExceeded()) on_excess_();
 }
 

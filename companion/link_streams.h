@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/host_and_port.h"
 #include "common/lru_cache.h"
@@ -32,7 +33,9 @@ class LinkStreams final : public RemoteStream::Owner {
   ~LinkStreams() override;
 
   void Connect(uint32_t id, const HostAndPort& remote, uint32_t uid);
+  // Takes one write; Flush() hands those on that came since its last call.
   void Write(uint32_t id, const char* bytes, size_t length);
+  void Flush();
   void Close(uint32_t id);
   // What is too long for a name is cut off.
   void SetPackageName(uint32_t uid, std::string name);
@@ -71,6 +74,8 @@ class LinkStreams final : public RemoteStream::Owner {
   const std::function<void()> on_excess_;
   const std::function<void()> on_idle_;
   std::map<uint32_t, std::unique_ptr<RemoteStream>> streams_;
+  // The ids of those that were given a write since Flush(). Some may be gone.
+  std::vector<uint32_t> unflushed_;
   // No longer known to the device, which may use their ids again.
   std::list<std::unique_ptr<RemoteStream>> finishing_;
   LruCache<uint32_t, std::string> package_names_;  // by UID

@@ -5,9 +5,11 @@
 #include <netinet/tcp.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace vantrel {
@@ -88,46 +90,44 @@ void RemoteStream::LogConnectFailure(int error) {
 bool RemoteStream::Write(const char* bytes, size_t length) {
   if (queue_.size() >= kMaxUnacknowledgedWrites) return false;
   if (has_write_failed_) return true;
-  size_t count = 0;
-  if (is_connected_ && queue_.empty()) {
-    if (!WriteSome(bytes, length, &count)) {
-      has_write_failed_ = true;
-      return true;
-    }
-    if (count == length) {
-      owner_.OnWritesDelivered(*this, 1);
-      return true;
-    }
-  }
-  queue_.emplace_back(bytes + count, length - count);
-  held_.Add(length - count);
-  socket_->WaitWritable();
+  queue_.emplace_back(bytes, length);
+  held_.Add(length);
   return true;
 }
 
-bool RemoteStream::WriteSome(const char* bytes, size_t length, size_t* count) {
-  *count = 0;
-  if (length == 0) return true;
+void RemoteStream::Flush() {
+  if (!is_connected_) return;
+  size_t delivered;
+  if (!WriteQueued(&delivered)) return OnWriteFailure();
+  if (!queue_.empty()) socket_->WaitWritable();
+  if (delivered > 0) owner_.OnWritesDelivered(*this, delivered);
+}
+
+bool RemoteStream::WriteSome(size_t* count) {
+  std::array<iovec, kMaxUnacknowledgedWrites> pieces;
+  size_t used = 0;
+  for (std::string& bytes : queue_) pieces[used++] = {&bytes[0], bytes.size()};
+  pieces[0] = {&queue_.front()[front_offset_],
+               queue_.front().size() - front_offset_};
+  msghdr message = {};
+  message.msg_iov = pieces.data();
+  message.msg_iovlen = used;
   const ssize_t result =
-      send(socket_->GetFd(), bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (result >= 0) *count = static_cast<size_t>(result);
+      sendmsg(socket_->GetFd(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  *count = result > 0 ? static_cast<size_t>(result) : 0;
   return result >= 0 || errno == EAGAIN || errno == EINTR;
 }
 
 bool RemoteStream::WriteQueued(size_t* count) {
   *count = 0;
-  while (!queue_.empty()) {
-    const std::string& front = queue_.front();
-    size_t written;
-    if (!WriteSome(front.data() + front_offset_, front.size() - front_offset_,
-                   &written)) {
-      return false;
-    }
-    held_.Release(written);
-    front_offset_ += written;
-    if (front_offset_ < front.size()) return true;
+  if (queue_.empty()) return true;
+  size_t written;
+  if (!WriteSome(&written)) return false;
+  held_.Release(written);
+  front_offset_ += written;
+  while (!queue_.empty() && front_offset_ >= queue_.front().size()) {
+    front_offset_ -= queue_.front().size();
     queue_.pop_front();
-    front_offset_ = 0;
     ++*count;
   }
   return true;

@@ -53,9 +53,14 @@ class RemoteStream final : public FlowScheduler::Flow {
   uint32_t GetId() const { return id_; }
   bool IsFinishing() const { return is_finishing_; }
 
-  // Takes one write of the device. False when the device had no credit for it;
-  // nothing is taken then.
+  // Whether no write of the device waits for the remote.
+  bool IsDelivered() const { return queue_.empty(); }
+  // Takes one write of the device; Flush() hands it on. False when the device
+  // had no credit for it; nothing is taken then.
   [[nodiscard]] bool Write(const char* bytes, size_t length);
+  // Hands to the kernel what it takes of the writes that wait, all in one call.
+  // What it does not take follows when it does.
+  void Flush();
   bool TakeMessage(size_t max_payload, std::string* out) override;
   // Delivers what is held, tells the remote that nothing follows and waits for
   // its end, so that no byte is lost to a reset. Over when that is done, when a
@@ -71,9 +76,9 @@ class RemoteStream final : public FlowScheduler::Flow {
   // False when the connection failed; the reason is logged.
   bool CompleteConnect();
   void LogConnectFailure(int error);
-  // As many bytes as the socket takes now. False when the remote takes no more
-  // for good.
-  bool WriteSome(const char* bytes, size_t length, size_t* count);
+  // As many bytes of the queue as the socket takes now. False when the remote
+  // takes no more for good.
+  bool WriteSome(size_t* count);
   // How many writes were completed. False as above.
   bool WriteQueued(size_t* count);
   void DropQueued();
