@@ -7,6 +7,7 @@
 
 #include <cutils/properties.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -59,6 +60,15 @@ void DetachStandardStreams() {
   static_cast<void>(!freopen("/dev/null", "w", stderr));
 }
 
+// What traffic queues comes and goes with every turn of the loop. Up to so much
+// free memory stays with the process, where the C library can be told: to give
+// it back and to ask for it anew is a fifth of what a download costs.
+void KeepFreedMemory() {
+#ifdef M_TRIM_THRESHOLD
+  mallopt(M_TRIM_THRESHOLD, 1 << 20);
+#endif
+}
+
 // Null for an unknown version.
 std::unique_ptr<ProxySocket> MakeLink(int version,
                                       ProxySocket::Delegate* delegate,
@@ -103,6 +113,7 @@ int Main(int argc, char** argv) {
   const int link_fd = Duplicate(stdin);
   const int status_fd = Duplicate(stdout);
   DetachStandardStreams();
+  KeepFreedMemory();
 
   if (argc != 2) Abort(status_fd, kBadArgumentCount);
   const int version = atoi(argv[1]);

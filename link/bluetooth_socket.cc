@@ -84,7 +84,10 @@ size_t BluetoothSocket::HandleHandshakeAck(const char* data, size_t length) {
 }
 
 void BluetoothSocket::OnReadReady() {
-  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
+  size_t received = 0;
+  for (int reads = 0;
+       reads < Reactor::kMaxReads && received < Reactor::kMaxReadBytes;
+       ++reads) {
     // One byte less than the buffer holds. A message that can never complete
     // fills it; the read is then of 0 bytes and looks like the end of the
     // stream, which ends the link.
@@ -100,6 +103,7 @@ void BluetoothSocket::OnReadReady() {
       reactor_.Stop();
       return;
     }
+    received += static_cast<size_t>(count);
     rx_bytes_ += static_cast<uint32_t>(count);
     receive_fill_ += static_cast<size_t>(count);
     ProcessReceived();

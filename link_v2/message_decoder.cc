@@ -20,14 +20,25 @@ void MessageDecoder::BufferData(const void* data, unsigned int length,
   skip_ -= skipped;
   const size_t kept =
       std::min<size_t>(length - skipped, buffer_.size() - held_);
-  if (begin_ + held_ + kept > buffer_.size()) {
+  memcpy(GetRoom(kept), static_cast<const char*>(data) + skipped, kept);
+  held_ += kept;
+  *consumed = skipped + static_cast<unsigned int>(kept);
+}
+
+char* MessageDecoder::GetRoom(size_t size) {
+  if (begin_ + held_ + size > buffer_.size()) {
     memmove(buffer_.data(), Front(), held_);
     begin_ = 0;
   }
-  memcpy(buffer_.data() + begin_ + held_,
-         static_cast<const char*>(data) + skipped, kept);
-  held_ += kept;
-  *consumed = skipped + static_cast<unsigned int>(kept);
+  return buffer_.data() + begin_ + held_;
+}
+
+void MessageDecoder::OnFilled(size_t count) {
+  const auto skipped =
+      static_cast<unsigned int>(std::min<size_t>(skip_, count));
+  skip_ -= skipped;
+  held_ += count;
+  DiscardFront(skipped);
 }
 
 bool MessageDecoder::GetAndClearMessage(Message* out) {

@@ -16,6 +16,8 @@ namespace vantrel {
 //   read at most GetAvailableBufferSpace() bytes; BufferData(...);
 //   while (decoder.GetAndClearMessage(&message)) ...
 //
+// or, without a copy, reads them into GetRoom() and tells OnFilled().
+//
 // A damaged frame is logged and skipped by the sizes it announced. A wrong
 // magic means that the place of the next frame is lost: the decoder then
 // yields no message ever again, on purpose, and its buffer fills up until
@@ -33,6 +35,11 @@ class MessageDecoder {
   // skipped or buffered, which is all of them within the space available.
   void BufferData(const void* data, unsigned int length,
                   unsigned int* consumed);
+  // Where the next |size| bytes of the stream are to be put, as many as there
+  // is space for and the buffer has; the place is good until the next call.
+  char* GetRoom(size_t size);
+  // |count| bytes were put there.
+  void OnFilled(size_t count);
   // Moves the next whole message into |out|, whatever that held. False while
   // more bytes are needed.
   [[nodiscard]] bool GetAndClearMessage(Message* out);
@@ -59,7 +66,7 @@ class MessageDecoder {
   uint16_t payload_size_ = 0;
   uint16_t header_checksum_ = 0;
   messages::Header header_;
-  // Bytes of a rejected frame that are still to come.
+  // Bytes of a rejected frame that are still to come; none is held then.
   unsigned int skip_ = 0;
   // Bytes move to the front of the buffer only when the room behind them is
   // used up.

@@ -13,6 +13,7 @@
 namespace vantrel {
 namespace {
 
+constexpr size_t kMaxReadSize = 8192;
 constexpr uint32_t kMaxPackageNames = 256;
 constexpr uint32_t kMaxUdpConduits = 64;
 
@@ -62,12 +63,15 @@ void ProxySocketV2::StartHandshake() {
 }
 
 void ProxySocketV2::OnReadReady() {
-  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
+  size_t received = 0;
+  for (int reads = 0;
+       reads < Reactor::kMaxReads && received < Reactor::kMaxReadBytes;
+       ++reads) {
     // Without space the read is of 0 bytes and looks like the end of the
     // stream. That is how a link whose framing is lost comes to its end.
     const size_t space =
-        std::min(decoder_.GetAvailableBufferSpace(), read_buffer_.size());
-    const int count = Read(read_buffer_.data(), space);
+        std::min(decoder_.GetAvailableBufferSpace(), kMaxReadSize);
+    const int count = Read(decoder_.GetRoom(space), space);
     if (count == 0) {
       reactor_.Stop();
       return;
@@ -78,10 +82,9 @@ void ProxySocketV2::OnReadReady() {
       reactor_.Stop();
       return;
     }
+    received += static_cast<size_t>(count);
     rx_bytes_ += static_cast<size_t>(count);
-    unsigned int consumed;
-    decoder_.BufferData(read_buffer_.data(), static_cast<unsigned int>(count),
-                        &consumed);
+    decoder_.OnFilled(static_cast<size_t>(count));
     DecodeAndProcessMessages();
   }
 }

@@ -2,7 +2,6 @@
 
 #include <stdint.h>
 
-#include <array>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -88,7 +87,6 @@ class ProxySocketV2 : public ProxySocket {
   ProxySocket::Delegate* const delegate_;
   Reactor& reactor_;
   State state_ = State::kNotStarted;
-  std::array<char, 8192> read_buffer_;
   MessageDecoder decoder_;
   size_t rx_bytes_ = 0;  // read from the Bluetooth socket
   LinkOutput output_;

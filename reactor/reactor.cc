@@ -27,7 +27,7 @@ short ToPollBit(Reactor::EventType type) {
 
 void MakeNonBlocking(int fd) {
   const int flags = fcntl(fd, F_GETFL);
-  if (flags == -1) return;
+  if (flags == -1 || (flags & O_NONBLOCK) != 0) return;
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
@@ -92,6 +92,7 @@ bool Reactor::IsRegistered(const Reactable& r, EventType type) const {
 size_t Reactor::Find(const Reactable& r) const {
   // Our own bug, not a peer's: an object would get another one's events.
   assert(descriptors_.size() == reactables_.size());
+  if (!r.is_registered_) return 0;
   for (size_t i = 1; i < reactables_.size(); ++i) {
     if (reactables_[i] == &r) return i;
   }

@@ -25,6 +25,9 @@ class Reactor {
   // others must have their turn, and a signal its effect, while somebody sends
   // faster than the handler reads. Polling reports the rest again.
   static constexpr int kMaxReads = 64;
+  // The same for bytes that are queued for others: more than this does not stay
+  // in the processor's caches until it is written.
+  static constexpr size_t kMaxReadBytes = 128 * 1024;
 
   Reactor();
   ~Reactor();
