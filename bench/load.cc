@@ -253,10 +253,18 @@ std::vector<std::unique_ptr<Descriptor>> Connect(const options_t& options) {
   return connections;
 }
 
+// Says that all is ready and waits for a line of input, or for its end.
+void WaitForStart() {
+  std::cout << "ready" << std::endl;
+  std::string line;
+  std::getline(std::cin, line);
+}
+
 // Puts all clients to work at the same time, on |connections|, and prints what
 // they have seen.
 void Run(const options_t& options, Action action,
          const std::vector<std::unique_ptr<Descriptor>>& connections) {
+  WaitForStart();
   const auto begin = Clock::now();
   const auto end = begin + std::chrono::duration_cast<Clock::duration>(
                                std::chrono::duration<double>(options.seconds));
@@ -300,11 +308,10 @@ std::vector<std::unique_ptr<Descriptor>> MakeClosed(const options_t& options) {
   return connections;
 }
 
-// Holds idle connections until its standard input ends.
+// Holds idle connections until a line of input, or its end.
 void Hold(const options_t& options) {
   const auto connections = Connect(options);
-  std::cout << "ready" << std::endl;
-  std::cin.get();
+  WaitForStart();
 }
 
 }  // namespace
@@ -330,7 +337,7 @@ int main(int argc, char** argv) try {
       ->callback([&] { Run(options, Exchange, MakeClosed(options)); });
   app.add_subcommand("query", "Datagrams, each answered by the same")
       ->callback([&] { Run(options, Query, MakeClosed(options)); });
-  app.add_subcommand("hold", "Idle connections until end of input")
+  app.add_subcommand("hold", "Idle connections until there is a line of input")
       ->callback([&] { Hold(options); });
   // Thousands of connections on both ends.
   rlimit limit = {};

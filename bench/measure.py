@@ -31,6 +31,9 @@ INTERNET = [
     "ip address add 198.51.100.1/24 dev lo",
     # A new connection for each request uses up ports and waits for none.
     "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
+    # The devices' kernels have a table of connections as a small machine has it. To
+    # list its entries, which finds a connection's owner, walks the whole table.
+    "sysctl -eqw net.ipv4.tcp_child_ehash_entries=8192",
 ]
 # Without these the second run of new connections waits for ports of the first.
 DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
@@ -89,23 +92,28 @@ def progress(text):
 # What one road is asked to do. Each returns {figure: value}.
 
 def run_load(road, kind, seconds, **options):
+    return run_load_and_count(road, kind, seconds, **options)[0]
+
+
+def run_load_and_count(road, kind, seconds, **options):
+    """Its result, and {role: the processor seconds that it cost}."""
     load = Load(road, kind, seconds=seconds, **options)
     try:
-        return json.loads(load.result(seconds + 60))
+        before = road.used_seconds()
+        load.start()
+        result = json.loads(load.result(seconds + 60))
     finally:
         load.close()
+    roads.wait_for_rest(road)
+    return result, {role: used - before[role] for role, used in road.used_seconds().items()}
 
 
 def bulk(road, seconds, direction, streams):
     unit = max(2 ** 26 // streams, 2 ** 18)
     sizes = {"up": 0, "down": 1, direction: unit}
-    before = road.used_seconds()
-    result = run_load(road, "run", seconds, clients=streams, **sizes)
-    roads.wait_for_rest(road)
-    used = road.used_seconds()
+    result, used = run_load_and_count(road, "run", seconds, clients=streams, **sizes)
     moved = result["exchanges"] * unit
-    figures = {f"{role} s/GB": (used[role] - before[role]) / moved * 1e9
-               for role in used} if moved else {}
+    figures = {f"{role} s/GB": used[role] / moved * 1e9 for role in used} if moved else {}
     return {"MB/s": moved / result["seconds"] / 1e6, "failures": result["failures"], **figures}
 
 
@@ -120,6 +128,7 @@ def requests(road, seconds, clients=1, **options):
 def requests_beside_bulk(road, seconds):
     load = Load(road, "run", seconds=seconds + 1, up=0, down=2 ** 20)
     try:
+        load.start()
         figures = requests(road, seconds)
         result = json.loads(load.result(90))
     finally:
@@ -133,7 +142,6 @@ def requests_beside_idle(road, seconds):
     resident = {role: roads.resident_bytes(pids) for role, pids in road.pids().items()}
     idle = Load(road, "hold", clients=IDLE_CONNECTIONS, **REQUEST)
     try:
-        idle.wait_ready()
         memory = {f"{role} B/connection":
                   (roads.resident_bytes(pids) - resident[role]) / IDLE_CONNECTIONS
                   for role, pids in road.pids().items()}
@@ -148,13 +156,10 @@ def requests_beside_idle(road, seconds):
 
 
 def datagrams(road, seconds, clients):
-    before = road.used_seconds()
-    result = run_load(road, "query", seconds, clients=clients, up=64)
-    used = road.used_seconds()
+    result, used = run_load_and_count(road, "query", seconds, clients=clients, up=64)
     return {"queries/s": result["exchanges"] / result["seconds"],
             "median us": result["median_us"], "failures": result["failures"],
-            **{f"{role} us/query": (used[role] - before[role]) / result["exchanges"] * 1e6
-               for role in used}}
+            **{f"{role} us/query": used[role] / result["exchanges"] * 1e6 for role in used}}
 
 
 def burst(road, _seconds):
@@ -183,7 +188,6 @@ def link_bytes(road, _seconds):
                                 ("datagrams of 64", "query", {"up": 64, "down": 64})]:
         before = road.link_bytes()
         result = run_load(road, kind, 0, **options)
-        roads.wait_for_rest(road)
         payload = (options["up"] + options["down"] + 16 * (kind == "open")) * result["exchanges"]
         figures[name + ", %"] = ((road.link_bytes() - before) / payload - 1) * 100
     return figures
@@ -195,6 +199,7 @@ def slow_link(road, direction):
     sizes = {"up": 0, "down": 1, direction: 2 ** 15}
     load = Load(road, "run", seconds=6, **sizes)
     try:
+        load.start()
         beside = requests(road, 4)
         result = json.loads(load.result(90))
     finally:

@@ -235,7 +235,8 @@ class SshRoad(CableRoad):
 
 
 class Load:
-    """What |road|'s device asks of the server, see load.cc."""
+    """What |road|'s device asks of the server, see load.cc. Its connections stand
+    when it is made, unless to make them is part of the measurement."""
 
     PROGRAM = bench.BIN_DIR.parent / "bench-bin/load"
 
@@ -247,9 +248,15 @@ class Load:
             road.device.command(args), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True)
 
-    def wait_ready(self):
-        line = self.process.stdout.readline()
-        assert line == "ready\n", self.process.stderr.read()
+        if self.process.stdout.readline() != "ready\n":
+            errors = self.process.stderr.read()
+            self.close()
+            raise AssertionError(errors)
+
+    def start(self):
+        """From now on it works; what comes before is no part of a measurement."""
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
 
     def result(self, seconds):
         """What it prints at its end; ends it after |seconds|."""
