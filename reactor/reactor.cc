@@ -62,6 +62,7 @@ void Reactor::Stop() { raise(SIGTERM); }
 void Reactor::Register(Reactable& r, EventType type) {
   const short bit = ToPollBit(type);
   const size_t index = Find(r);
+  has_new_writer_ = has_new_writer_ || type == kWrite;
   if (index != 0) {
     descriptors_[index].events |= bit;
     return;
@@ -101,7 +102,11 @@ size_t Reactor::Find(const Reactable& r) const {
 
 void Reactor::Poll() {
   while (true) {
-    const int ready = poll(descriptors_.data(), descriptors_.size(), -1);
+    // Who has just asked for writing may write at once, as a rule. With many
+    // descriptors a look costs a quarter of what it costs to prepare for sleep.
+    const int timeout = has_new_writer_ ? 0 : -1;
+    has_new_writer_ = false;
+    const int ready = poll(descriptors_.data(), descriptors_.size(), timeout);
     if (ready == -1) {
       if (errno == EINTR) continue;
       LOGE("Error polling for sockets: %s", strerror(errno));

@@ -59,6 +59,8 @@ class Reactor {
   void Dispatch(int ready);
   void ForgetAll();
 
+  // Whether a handler has asked for writing since the last poll.
+  bool has_new_writer_ = false;
   // Always of the same length. Entry 0 is the signal descriptor and null.
   std::vector<pollfd> descriptors_;
   std::vector<Reactable*> reactables_;
