@@ -45,14 +45,14 @@ _vantrel_launch() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
-    --daemon | --capture | --metrics | --lock) _vantrel_file ;;
+    --daemon | --capture | --metrics | --lock | --status-socket) _vantrel_file ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
     --security) _vantrel_words low medium high ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every --lock --security
+          --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security
       else
         _vantrel_link "unix: tcp: rfcomm: fd:"
       fi ;;
