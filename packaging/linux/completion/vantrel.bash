@@ -82,7 +82,7 @@ _vantrelctl() {
   local cur prev words
   _vantrel_begin || return
   case $prev in
-    --log | --lock) _vantrel_file; return ;;
+    --log | --lock | --status-socket) _vantrel_file; return ;;
     --timeout) return ;;
   esac
   case ${words[1]} in
@@ -99,7 +99,8 @@ _vantrelctl() {
         _vantrel_words --log --timeout --help
       fi ;;
     stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
-    *) _vantrel_words stop dump ping pull push stats rules --help --version ;;
+    top) _vantrel_words --status-socket --log --once --json --help ;;
+    *) _vantrel_words stop dump ping pull push stats rules top --help --version ;;
   esac
 }
 
