@@ -162,7 +162,7 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
        {"ready 'protocol 1'", "reply 11000000010000",
         "fatal 'the device speaks protocol 5'"}},
       {20,
-       Bytes("10 00000005 0000 00"),
+       Bytes("10 00000005 0000"),
        {"fatal 'the device speaks protocol 5'"}},
       {20,
        Bytes("01 00000003 c6336450 0050 278b"),
