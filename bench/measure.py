@@ -274,16 +274,21 @@ def road_makers(options):
     return makers
 
 
-def measure_slow_links(options, directory, results):
-    """On links of their own, one after the other: they are made for one figure."""
+def slow_links(mode):
+    """(measure, shape, action) of links that are made for one figure."""
     wanted = [("slow link, " + direction, SLOW, lambda road, d=direction: slow_link(road, d))
               for direction in ("down", "up")]
-    if options.mode == "full":
+    if mode == "full":
         wanted += [(f"rate with delay, {direction}, {rate or 'no limit'}, {delay} ms",
                     f"{rate and f'rate={rate},'}delay={delay}ms",
                     lambda road, d=direction: rate_with_delay(road, d))
                    for rate in ("", "2Mbit") for delay in DELAYS_MS for direction in ("down", "up")]
-    for number, (measure, shape, action) in enumerate(wanted):
+    return wanted
+
+
+def measure_slow_links(options, directory, results):
+    """One after the other."""
+    for number, (measure, shape, action) in enumerate(slow_links(options.mode)):
         if not is_wanted(options, measure):
             continue
         with results.step(measure), contextlib.closing(roads.VantrelRoad(
@@ -291,9 +296,19 @@ def measure_slow_links(options, directory, results):
             results.add(measure, road.name, action(road))
 
 
+def micro_benchmarks():
+    return {"micro " + program.name: program
+            for program in sorted(Load.PROGRAM.parent.glob("*_bench"))}
+
+
+def known_measures(mode):
+    return [*(measure for measure in MEASURES if mode == "full" or measure not in FULL_ONLY),
+            *(measure for measure, _, _ in slow_links(mode)), *micro_benchmarks()]
+
+
 def measure_micro(options, mode, results):
-    for program in sorted(Load.PROGRAM.parent.glob("*_bench")):
-        if not is_wanted(options, "micro " + program.name):
+    for measure, program in micro_benchmarks().items():
+        if not is_wanted(options, measure):
             continue
         with results.step(program.name):
             out = subprocess.run(
@@ -333,6 +348,10 @@ def main():
     parser.add_argument("--base", metavar="NAME")
     parser.add_argument("out", type=pathlib.Path, metavar="OUT.json")
     options = parser.parse_args()
+    for word in options.only or []:
+        if not any(word in measure for measure in known_measures(options.mode)):
+            parser.exit(2, f"bench: no measurement of the mode {options.mode} has {word!r} in its "
+                        f"name; there are: {'; '.join(known_measures(options.mode))}\n")
     if "VANTREL_BENCH" not in os.environ:
         os.environ["VANTREL_BENCH"] = "root"
         os.environ["PATH"] += ":/usr/sbin:/sbin"
