@@ -23,15 +23,6 @@ import time
 import roads
 from roads import Load, bench
 
-NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
-INTERNET = [
-    "mount --make-rprivate /",
-    "mount -t tmpfs run /run",
-    "ip link set lo up",
-    "ip address add 198.51.100.1/24 dev lo",
-    # A new connection for each request uses up ports and waits for none.
-    "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
-]
 # Without these the second run of new connections waits for ports of the first.
 DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
                    "net.ipv4.tcp_max_tw_buckets=1000"]
@@ -352,12 +343,7 @@ def main():
         if not any(word in measure for measure in known_measures(options.mode)):
             parser.exit(2, f"bench: no measurement of the mode {options.mode} has {word!r} in its "
                         f"name; there are: {'; '.join(known_measures(options.mode))}\n")
-    if "VANTREL_BENCH" not in os.environ:
-        os.environ["VANTREL_BENCH"] = "root"
-        os.environ["PATH"] += ":/usr/sbin:/sbin"
-        os.execvp("unshare", ["unshare", *NAMESPACES, sys.executable, *sys.argv])
-    for command in INTERNET:
-        subprocess.run(command.split(), check=True)
+    roads.make_internet()
     mode = MODES[options.mode]
     mode.update({name: value for name in ("seconds", "repeats")
                  if (value := getattr(options, name)) is not None})
