@@ -269,8 +269,7 @@ std::string ExplainEmptiness(const launch_state_t& state) {
     return "no traffic by application: protocol 20 keeps no statistics";
   }
   return state.stats_time_ms == 0
-             ? "no traffic by application: nobody asks for statistics (see "
-               "--log, and --stats-every of vantrel-launch)"
+             ? "traffic by application: only with --log or --stats-every"
              : "no application has moved anything";
 }
 
