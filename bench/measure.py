@@ -23,18 +23,6 @@ import time
 import roads
 from roads import Load, bench
 
-NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
-INTERNET = [
-    "mount --make-rprivate /",
-    "mount -t tmpfs run /run",
-    "ip link set lo up",
-    "ip address add 198.51.100.1/24 dev lo",
-    # A new connection for each request uses up ports and waits for none.
-    "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
-    # The devices' kernels have a table of connections as a small machine has it. To
-    # list its entries, which finds a connection's owner, walks the whole table.
-    "sysctl -eqw net.ipv4.tcp_child_ehash_entries=8192",
-]
 # Without these the second run of new connections waits for ports of the first.
 DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
                    "net.ipv4.tcp_max_tw_buckets=1000"]
@@ -279,16 +267,21 @@ def road_makers(options):
     return makers
 
 
-def measure_slow_links(options, directory, results):
-    """On links of their own, one after the other: they are made for one figure."""
+def slow_links(mode):
+    """(measure, shape, action) of links that are made for one figure."""
     wanted = [("slow link, " + direction, SLOW, lambda road, d=direction: slow_link(road, d))
               for direction in ("down", "up")]
-    if options.mode == "full":
+    if mode == "full":
         wanted += [(f"rate with delay, {direction}, {rate or 'no limit'}, {delay} ms",
                     f"{rate and f'rate={rate},'}delay={delay}ms",
                     lambda road, d=direction: rate_with_delay(road, d))
                    for rate in ("", "2Mbit") for delay in DELAYS_MS for direction in ("down", "up")]
-    for number, (measure, shape, action) in enumerate(wanted):
+    return wanted
+
+
+def measure_slow_links(options, directory, results):
+    """One after the other."""
+    for number, (measure, shape, action) in enumerate(slow_links(options.mode)):
         if not is_wanted(options, measure):
             continue
         with results.step(measure), contextlib.closing(roads.VantrelRoad(
@@ -296,9 +289,19 @@ def measure_slow_links(options, directory, results):
             results.add(measure, road.name, action(road))
 
 
+def micro_benchmarks():
+    return {"micro " + program.name: program
+            for program in sorted(Load.PROGRAM.parent.glob("*_bench"))}
+
+
+def known_measures(mode):
+    return [*(measure for measure in MEASURES if mode == "full" or measure not in FULL_ONLY),
+            *(measure for measure, _, _ in slow_links(mode)), *micro_benchmarks()]
+
+
 def measure_micro(options, mode, results):
-    for program in sorted(Load.PROGRAM.parent.glob("*_bench")):
-        if not is_wanted(options, "micro " + program.name):
+    for measure, program in micro_benchmarks().items():
+        if not is_wanted(options, measure):
             continue
         with results.step(program.name):
             out = subprocess.run(
@@ -338,12 +341,11 @@ def main():
     parser.add_argument("--base", metavar="NAME")
     parser.add_argument("out", type=pathlib.Path, metavar="OUT.json")
     options = parser.parse_args()
-    if "VANTREL_BENCH" not in os.environ:
-        os.environ["VANTREL_BENCH"] = "root"
-        os.environ["PATH"] += ":/usr/sbin:/sbin"
-        os.execvp("unshare", ["unshare", *NAMESPACES, sys.executable, *sys.argv])
-    for command in INTERNET:
-        subprocess.run(command.split(), check=True)
+    for word in options.only or []:
+        if not any(word in measure for measure in known_measures(options.mode)):
+            parser.exit(2, f"bench: no measurement of the mode {options.mode} has {word!r} in its "
+                        f"name; there are: {'; '.join(known_measures(options.mode))}\n")
+    roads.make_internet()
     mode = MODES[options.mode]
     mode.update({name: value for name in ("seconds", "repeats")
                  if (value := getattr(options, name)) is not None})

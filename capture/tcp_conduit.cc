@@ -13,6 +13,7 @@
 #include "capture/uid_helper.h"
 #include "common/interception.h"
 #include "common/log.h"
+#include "common/log_texts.h"
 
 namespace vantrel {
 namespace {
@@ -81,11 +82,11 @@ void TcpConduit::FindOwner() {
     LOGW("[T:%u] Unable to find UID for socket.", id_);
   }
   // The closing parenthesis is missing; kept for compatibility.
-  LOGD(
-      "[T:%u] Establishing a new TCP stream to: %s (uid=%llu) (package=%s) "
-      "(cookie=%llu",
-      id_, remote_.ToString().c_str(), static_cast<unsigned long long>(uid_),
-      package_name_.c_str(), static_cast<unsigned long long>(cookie));
+  LOGD(VANTREL_TEXT_STREAM
+       "%u" VANTREL_TEXT_STREAM_OPENED "%s" VANTREL_TEXT_STREAM_UID
+       "%llu" VANTREL_TEXT_STREAM_PACKAGE "%s) (cookie=%llu",
+       id_, remote_.ToString().c_str(), static_cast<unsigned long long>(uid_),
+       package_name_.c_str(), static_cast<unsigned long long>(cookie));
 }
 
 void TcpConduit::OnReadReady() {
@@ -185,9 +186,9 @@ bool TcpConduit::GetNextBuffer(std::string* out) {
 }
 
 void TcpConduit::Dump(std::stringstream& out) const {
-  out << remote_ << ", rx_bytes: " << rx_bytes_
-      << ", tx_bytes: " << write_buffer_.GetTotalWrittenByteCount()
-      << ", buf_bytes: " << write_buffer_.GetQueuedByteCount()
+  out << remote_ << VANTREL_TEXT_DUMP_STREAM_RX << rx_bytes_
+      << VANTREL_TEXT_DUMP_STREAM_TX << write_buffer_.GetTotalWrittenByteCount()
+      << VANTREL_TEXT_DUMP_STREAM_QUEUED << write_buffer_.GetQueuedByteCount()
       << ", buf_length: " << write_buffer_.GetQueuedItemCount() << std::endl;
 }
 

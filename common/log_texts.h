@@ -20,3 +20,15 @@
 // Followed by the length of the report in bytes.
 #define VANTREL_TEXT_STATS_LENGTH \
   "OnTransferStatsResult, transfer stats length "
+// Of a dump: what waits for the link; each followed by a number.
+#define VANTREL_TEXT_DUMP_QUEUED_BYTES "   buf_bytes: "
+#define VANTREL_TEXT_DUMP_QUEUED_MESSAGES "  buf_length: "
+// Of a dump's stream, behind its id and its remote; each followed by a number.
+#define VANTREL_TEXT_DUMP_STREAM_RX ", rx_bytes: "
+#define VANTREL_TEXT_DUMP_STREAM_TX ", tx_bytes: "
+#define VANTREL_TEXT_DUMP_STREAM_QUEUED ", buf_bytes: "
+// A new stream: its id, its remote, its UID and its package follow one each.
+#define VANTREL_TEXT_STREAM "[T:"
+#define VANTREL_TEXT_STREAM_OPENED "] Establishing a new TCP stream to: "
+#define VANTREL_TEXT_STREAM_UID " (uid="
+#define VANTREL_TEXT_STREAM_PACKAGE ") (package="

@@ -86,21 +86,20 @@ bool DeviceLink::ReadOnce() {
       is_closing_ ? kReadBytes
                   : std::min(kReadBytes, protocol_->GetAvailableSpace());
   size_t count = 0;
-  switch (socket_->Read(buffer, size, &count)) {
-    case LinkSocket::Result::kDone:
-      deadlines_.OnReceived();
-      // What comes after the last message is read and dropped, so that closing
-      // the socket resets nothing that is on its way to the device.
-      if (!is_closing_) HandleBytes(buffer, count);
-      return count == size && !IsControlFull();
-    case LinkSocket::Result::kWait:
-      return false;
-    case LinkSocket::Result::kEnded:
-    case LinkSocket::Result::kFailed:
-      EndByPeer();
-      return false;
+  if (!IsDone(socket_->Read(buffer, size, &count))) return false;
+  deadlines_.OnReceived();
+  // What comes after the last message is read and dropped, so that closing
+  // the socket resets nothing that is on its way to the device.
+  if (!is_closing_) HandleBytes(buffer, count);
+  return count == size && !IsControlFull();
+}
+
+bool DeviceLink::IsDone(LinkSocket::Result result) {
+  if (result == LinkSocket::Result::kEnded ||
+      result == LinkSocket::Result::kFailed) {
+    EndByPeer();
   }
-  return false;
+  return result == LinkSocket::Result::kDone;
 }
 
 void DeviceLink::HandleBytes(const char* bytes, size_t length) {
@@ -139,23 +138,15 @@ void DeviceLink::Pump() {
 bool DeviceLink::WriteNext() {
   if (out_offset_ == out_.size() && !Fill()) return false;
   size_t count = 0;
-  switch (socket_->Write(out_.data() + out_offset_, out_.size() - out_offset_,
-                         &count)) {
-    case LinkSocket::Result::kDone:
-      pace_.OnWritten(count, GetSteadyTime());
-      AdaptToPace();
-      deadlines_.OnWritten();
-      out_offset_ += count;
-      return true;
-    case LinkSocket::Result::kWait:
-      Block();
-      return false;
-    case LinkSocket::Result::kEnded:
-    case LinkSocket::Result::kFailed:
-      EndByPeer();
-      return false;
-  }
-  return false;
+  const LinkSocket::Result result = socket_->Write(
+      out_.data() + out_offset_, out_.size() - out_offset_, &count);
+  if (result == LinkSocket::Result::kWait) Block();
+  if (!IsDone(result)) return false;
+  pace_.OnWritten(count, GetSteadyTime());
+  AdaptToPace();
+  deadlines_.OnWritten();
+  out_offset_ += count;
+  return true;
 }
 
 bool DeviceLink::Fill() {

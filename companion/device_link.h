@@ -86,6 +86,8 @@ class DeviceLink final : public DeviceMessages {
   void OnReadable();
   // True when there may be more to read at once.
   bool ReadOnce();
+  // Of what the socket was asked for. When it has ended, so does the link.
+  bool IsDone(LinkSocket::Result result);
   void HandleBytes(const char* bytes, size_t length);
   // Whether the device must take answers before it may ask for more.
   bool IsControlFull();

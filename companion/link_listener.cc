@@ -10,9 +10,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <utility>
@@ -36,16 +33,6 @@ bool Fail(const std::string& where, const char* why) {
 // The reason is in errno.
 bool Fail(const std::string& where) { return Fail(where, strerror(errno)); }
 
-// Whether |path| is a socket file that was left behind: nobody answers. A
-// listener whose queue is full answers, too.
-bool IsStale(const char* path, const sockaddr* address, socklen_t length) {
-  struct stat file;
-  if (lstat(path, &file) == -1 || !S_ISSOCK(file.st_mode)) return false;
-  const UniqueFd probe(
-      socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  return connect(probe.Get(), address, length) == -1 && errno == ECONNREFUSED;
-}
-
 std::string DescribeTcp(const sockaddr_storage& address, socklen_t length) {
   char host[NI_MAXHOST] = "?";
   char port[NI_MAXSERV] = "?";
@@ -65,21 +52,17 @@ std::string DescribeRfcomm(const sockaddr_storage& address) {
   return std::string("rfcomm:") + text;
 }
 
-ucred GetUnixPeer(int fd) {
+std::string DescribeUnix(int fd) {
   ucred peer = {};
   socklen_t length = sizeof(peer);
   getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
-  return peer;
-}
-
-std::string DescribeUnix(const ucred& peer) {
   return "unix: process " + std::to_string(peer.pid) + " of user " +
          std::to_string(peer.uid);
 }
 
 std::string DescribePeer(int fd, const sockaddr_storage& address,
                          socklen_t length) {
-  if (address.ss_family == AF_UNIX) return DescribeUnix(GetUnixPeer(fd));
+  if (address.ss_family == AF_UNIX) return DescribeUnix(fd);
   return address.ss_family == AF_BLUETOOTH ? DescribeRfcomm(address)
                                            : DescribeTcp(address, length);
 }
@@ -101,14 +84,6 @@ bool IsLoopback(const sockaddr& address) {
 LinkListener::LinkListener(asio::io_context& loop, OnLink on_link)
     : loop_(loop), on_link_(std::move(on_link)), retry_(loop) {}
 
-LinkListener::~LinkListener() {
-  struct stat file;
-  if (!path_.empty() && lstat(path_.c_str(), &file) == 0 &&
-      file.st_dev == device_ && file.st_ino == inode_) {
-    unlink(path_.c_str());
-  }
-}
-
 bool LinkListener::Open(const link_address_t& address,
                         const settings_t& settings) {
   switch (address.kind) {
@@ -125,36 +100,9 @@ bool LinkListener::Open(const link_address_t& address,
 }
 
 bool LinkListener::OpenUnix(const link_address_t& address) {
-  sockaddr_un name;
-  const socklen_t length = ToSocketAddress(address.path, &name);
-  const auto* const generic = reinterpret_cast<const sockaddr*>(&name);
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  is_abstract_ = name.sun_path[0] == '\0';
-  int result = bind(fd.Get(), generic, length);
-  if (result == -1 && errno == EADDRINUSE && !is_abstract_) {
-    if (IsStale(name.sun_path, generic, length)) {
-      unlink(name.sun_path);
-      result = bind(fd.Get(), generic, length);
-    } else {
-      errno = EADDRINUSE;  // the look at it has set another
-    }
-  }
-  if (result == -1 || !(is_abstract_ || OwnFile(address.path))) {
-    return Fail(address.text);
-  }
-  return Listen(std::move(fd), address.text);
-}
-
-// Nobody can connect before there is somebody who listens.
-bool LinkListener::OwnFile(const std::string& path) {
-  struct stat file = {};
-  if (chmod(path.c_str(), 0600) == -1 || lstat(path.c_str(), &file) == -1) {
-    return false;
-  }
-  path_ = path;
-  device_ = file.st_dev;
-  inode_ = file.st_ino;
-  return true;
+  UniqueFd fd = file_.Bind(address.path);
+  return fd.Get() == -1 ? Fail(address.text)
+                        : Listen(std::move(fd), address.text);
 }
 
 bool LinkListener::OpenTcp(const link_address_t& address,
@@ -215,12 +163,6 @@ bool LinkListener::Listen(UniqueFd fd, const std::string& where) {
   return true;
 }
 
-// An abstract name has no mode that keeps other users out.
-bool LinkListener::MayConnect(int fd) const {
-  const uid_t user = is_abstract_ ? GetUnixPeer(fd).uid : 0;
-  return user == 0 || user == geteuid();
-}
-
 void LinkListener::OnReadable() {
   sockaddr_storage address = {};
   socklen_t length = sizeof(address);
@@ -228,7 +170,7 @@ void LinkListener::OnReadable() {
                       &length, SOCK_CLOEXEC));
   if (fd.Get() != -1) {
     const std::string peer = DescribePeer(fd.Get(), address, length);
-    if (MayConnect(fd.Get())) {
+    if (file_.Admits(fd.Get())) {
       on_link_(fd.Release(), peer);
     } else {
       ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,

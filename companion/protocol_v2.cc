@@ -44,18 +44,20 @@ void ProtocolV2::Feed(const char* data, size_t length) {
 
 bool ProtocolV2::HandleNext(DeviceMessages& device) {
   if (state_ == State::kFailed) return false;
+  // No frame begins with a type of protocol 1. Its handshake is shorter than a
+  // frame, and nothing need follow it.
+  if (state_ == State::kNotStarted && first_byte_ &&
+      v1::GetHeaderSize(*first_byte_) != 0) {
+    const bool has_handshake = first_byte_ == TYPE_HANDSHAKE;
+    Fail(device, std::string("the device speaks protocol ") +
+                     (has_handshake ? "5" : "1"));
+    return false;
+  }
   if (decoder_.GetAndClearMessage(&message_)) {
     state_ == State::kNotStarted ? HandleFirst(device) : Handle(device);
     return state_ != State::kFailed;
   }
-  if (!decoder_.HasFailed()) return false;
-  if (state_ == State::kNotStarted && v1::GetHeaderSize(*first_byte_) != 0) {
-    const bool has_handshake = first_byte_ == TYPE_HANDSHAKE;
-    Fail(device, std::string("the device speaks protocol ") +
-                     (has_handshake ? "5" : "1"));
-  } else {
-    FailWithTeardown(device, "bad frame magic");
-  }
+  if (decoder_.HasFailed()) FailWithTeardown(device, "bad frame magic");
   return false;
 }
 

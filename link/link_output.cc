@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/log_texts.h"
 #include "common/monotonic_clock.h"
 
 namespace vantrel {
@@ -62,8 +63,10 @@ void LinkOutput::DrainAndRest(bool keep_writing) {
 void LinkOutput::Dump(std::stringstream& out, size_t rx_bytes) const {
   out << "    rx_bytes: " << rx_bytes << std::endl;
   out << "    tx_bytes: " << buffer_.GetTotalWrittenByteCount() << std::endl;
-  out << "   buf_bytes: " << buffer_.GetQueuedByteCount() << std::endl;
-  out << "  buf_length: " << buffer_.GetQueuedItemCount() << std::endl;
+  out << VANTREL_TEXT_DUMP_QUEUED_BYTES << buffer_.GetQueuedByteCount()
+      << std::endl;
+  out << VANTREL_TEXT_DUMP_QUEUED_MESSAGES << buffer_.GetQueuedItemCount()
+      << std::endl;
   out << "         ["
       << (reactor_.IsRegistered(link_, Reactor::kRead) ? 'R' : ' ')
       << (reactor_.IsRegistered(link_, Reactor::kWrite) ? 'W' : ' ') << "]"

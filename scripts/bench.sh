@@ -25,8 +25,30 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 1
 fi
 
-scripts/setup.sh bench
-scripts/build.sh "$preset" >&2
+child='' tree='' name=''
+# Runs a command as a process group that does not outlive us.
+run() {
+  local status=0
+  setsid "$@" &
+  child=$!
+  wait "$child" || status=$?
+  child=''
+  return "$status"
+}
+clean_up() {
+  # In its namespaces a measurement hears no other signal.
+  [ -z "$child" ] || kill -KILL -- "-$child" 2>/dev/null || true
+  wait 2>/dev/null
+  [ -n "$tree" ] || return 0
+  git worktree remove --force "$tree/$name" 2>/dev/null || true
+  rm -rf "$tree"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
+run scripts/setup.sh bench
+run scripts/build.sh "$preset" >&2
 out=build/bench
 mkdir -p "$out"
 
@@ -34,16 +56,16 @@ compare=()
 if [ -n "$base" ]; then
   name=$(git rev-parse --short --verify "$base^{commit}")
   tree=$(mktemp -d)
-  trap 'git worktree remove --force "$tree/$name"; rm -rf "$tree"' EXIT
   git worktree add --quiet --detach "$tree/$name" "$name"
-  (cd "$tree/$name" && cmake --preset release -DVANTREL_BUILD_TESTS=OFF >/dev/null &&
-    cmake --build --preset release >&2)
+  run env -C "$tree/$name" cmake --preset release -DVANTREL_BUILD_TESTS=OFF >/dev/null
+  run env -C "$tree/$name" cmake --build --preset release >&2
   compare=(--base "$name" --base-bin "$tree/$name/build/release/bin")
 fi
 
 status=0
-VANTREL_BIN_DIR=$PWD/build/$preset/bin bench/measure.py --mode "$mode" \
+VANTREL_BIN_DIR=$PWD/build/$preset/bin run bench/measure.py --mode "$mode" \
   "${compare[@]}" "${only[@]}" "$out/$mode.json" || status=$?
+[ "$status" -ne 2 ] || exit 2 # nothing was measured
 bench/report.py "$out/$mode.json" --plots "$out"
 echo "bench: $out/$mode.json, plots in $out" >&2
 exit "$status"

@@ -10,8 +10,8 @@ build=(
   # wire messages, command lines, JSON records, Bluetooth addresses
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev
-  # the event loop of the programs beside the daemon
-  libasio-dev
+  # the event loop of the programs beside the daemon; what draws on a terminal
+  libasio-dev libncurses-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 test=(
@@ -20,8 +20,8 @@ test=(
   util-linux iproute2 iptables net-tools
   # clients and servers of tests and demonstration
   curl bind9-dnsutils dnsmasq-base apache2-bin
-  # the dissector's test
-  tshark
+  # the dissector's test; a terminal for vantrelctl top
+  tshark tmux
 )
 bench=(
   # plots; two roads to measure beside ours

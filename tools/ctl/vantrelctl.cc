@@ -9,6 +9,7 @@
 
 #include "control/control_packets.h"
 #include "tools/ctl/control_command.h"
+#include "tools/ctl/top_command.h"
 #include "tools/lock_file.h"
 #include "tools/rules.h"
 #include "tools/standard_descriptors.h"
@@ -58,6 +59,7 @@ class CommandLine {
     AddPlain("stats", TYPE_TRANSFER_STATS,
              "Report transfer statistics on the status channel");
     AddRules();
+    AddTop();
   }
   CommandLine(const CommandLine&) = delete;  // the parser points into this
   CommandLine& operator=(const CommandLine&) = delete;
@@ -139,9 +141,26 @@ class CommandLine {
         [this] { run_ = [this] { return TearDownRules(lock_, is_forced_); }; });
   }
 
+  void AddTop() {
+    CLI::App* const top = app_.add_subcommand(
+        "top", "Show what moves, once a second, while vantrel-launch runs");
+    top->add_option("--status-socket", top_.status_socket,
+                    "The socket of vantrel-launch (default " +
+                        std::string(kStatusSocket) + ")")
+        ->check(FindFaultOfSocketPath);
+    top->add_option("--log", top_.log,
+                    "Ask the daemon for statistics and streams, too, and read "
+                    "them in this file, its log");
+    top->add_flag("--once", top_.is_once, "Print one text and exit");
+    top->add_flag("--json", top_.is_json,
+                  "Print JSON objects, one a line, instead");
+    top->callback([this] { run_ = [this] { return RunTop(top_); }; });
+  }
+
   CLI::App app_{"Commands for a running daemon and for its interception rules.",
                 "vantrelctl"};
   control_command_t command_;
+  top_options_t top_;
   std::string lock_ = kLockFile;
   bool is_forced_ = false;
   std::function<int()> run_;

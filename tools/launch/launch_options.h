@@ -16,6 +16,7 @@ struct launch_options_t {
   std::string protocol = "20";  // the daemon's argument, handed on unchanged
   std::string capture;          // pcapng file; empty: none
   std::string metrics;          // Prometheus text file; empty: none
+  std::string status_socket;    // path; empty: none
   std::string lock = kLockFile;
   LinkSecurity security = LinkSecurity::kMedium;
   shape_t shape;

@@ -3,30 +3,48 @@
 #include <stdint.h>
 
 #include <array>
+#include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "programs/service_manager.h"
+#include "programs/steady_time.h"
+#include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/line_writer.h"
 #include "tools/launch/metrics.h"
 #include "tools/launch/status_reader.h"
+#include "tools/launch/status_server.h"
+#include "tools/launch_state.h"
 
 namespace vantrel {
 
 // Tells everybody who listens what happens: records on standard output, talk
 // on standard error, totals in the metrics file, progress to the service
-// manager. None of them is ever waited for.
+// manager, all of it to the readers of the status socket. None of them is ever
+// waited for.
 class LaunchReporter {
  public:
-  explicit LaunchReporter(const launch_options_t& options);
+  // Both outlive this. Throws std::system_error when there is to be a status
+  // socket and cannot be.
+  LaunchReporter(const launch_options_t& options, EventLoop& loop);
 
-  void Record(const status_record_t& record);
-  void DaemonEnded(int wait_status);
-  void Stopping() { service_manager_.Notify("STOPPING=1\nSTATUS=stopping"); }
   void Connecting();
-  void AddLinkBytes(uint64_t received, uint64_t sent) {
-    metrics_.AddLinkBytes(received, sent);
+  void Record(const status_record_t& record);
+  void Stopping();
+  void DaemonEnded(int wait_status);
+  // Before connecting again.
+  void Waiting(std::chrono::seconds time);
+
+  // |count_link_bytes| calls AddLinkBytes() with what is new, whenever the
+  // totals are wanted; empty: there is no relay.
+  void SetLinkCounter(std::function<void()> count_link_bytes) {
+    count_link_bytes_ = std::move(count_link_bytes);
   }
+  void AddLinkBytes(uint64_t received, uint64_t sent);
+
   // One line for a person.
   void Say(const std::string& message);
 
@@ -38,14 +56,23 @@ class LaunchReporter {
   void Finish();
 
  private:
+  void Enter(launch_state_t::Phase phase);
+  std::string GetStateLine();
+  uint64_t GetTimeMs() const;
+  // A record, in both of its forms.
+  void Print(const std::string& text, const std::string& json);
   void WriteMetrics(const PackageNames& names);
 
   const launch_options_t& options_;  // not owned
   LineWriter records_;
   LineWriter talk_;
-  Metrics metrics_;
+  launch_state_t state_;
+  const SteadyTime began_ = GetSteadyTime();
+  uint64_t started_ms_ = 0;  // when the daemon did, if it runs
+  std::function<void()> count_link_bytes_;
   ServiceManager service_manager_;
   bool has_metrics_file_;
+  std::optional<StatusServer> status_server_;
 };
 
 }  // namespace vantrel

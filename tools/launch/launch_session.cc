@@ -57,9 +57,11 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       link_(loop.GetContext()),
       near_end_(loop.GetContext()) {
   StartDaemon(std::move(link));
+  reporter_.SetLinkCounter([this] { CountLinkBytes(); });
 }
 
 LaunchSession::~LaunchSession() {
+  reporter_.SetLinkCounter({});
   loop_.SetSignalHandler({});
   for (RelayDirection* direction :
        {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {

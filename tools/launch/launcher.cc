@@ -34,7 +34,7 @@ bool IsUsageError(int wait_status) {
 }  // namespace
 
 Launcher::Launcher(const launch_options_t& options)
-    : options_(options), lock_(options.lock), reporter_(options) {
+    : options_(options), lock_(options.lock), reporter_(options, loop_) {
   if (!options.capture.empty()) {
     capture_ = std::make_unique<PcapngWriter>(options.capture);
   }
@@ -48,8 +48,7 @@ int Launcher::Run() {
       return End(attempt.exit_status);
     }
     if (attempt.has_started) pause = kFirstPause;
-    reporter_.Say("connecting again in " + std::to_string(pause.count()) +
-                  " s");
+    reporter_.Waiting(pause);
     loop_.WaitFor(-1, EventLoop::Readiness::wait_read, GetSteadyTime() + pause);
     if (loop_.GetStopSignal() != 0) return End(128 + loop_.GetStopSignal());
     pause = std::min(2 * pause, kLongestPause);

@@ -45,8 +45,8 @@ class Launcher {
 
   const launch_options_t& options_;
   const LockFile lock_;
-  LaunchReporter reporter_;
   EventLoop loop_;
+  LaunchReporter reporter_;
   std::unique_ptr<PcapngWriter> capture_;  // null: none
 };
 

@@ -1,42 +1,21 @@
 #pragma once
 
-#include <stdint.h>
-
-#include <map>
 #include <string>
 
 #include "tools/launch/status_reader.h"
+#include "tools/launch_state.h"
 #include "tools/package_names.h"
 
 namespace vantrel {
 
-// Running totals of what the daemon reported, over all its runs: each report
-// has only what is new, and the daemon forgets it.
-class Metrics {
- public:
-  void CountStart() { ++starts_; }
-  void SetRunning(bool is_running) { is_running_ = is_running; }
-  void Update(const status_record_t& record);
-  void AddLinkBytes(uint64_t received, uint64_t sent);
+// Adds what |record| reports to |state|: each report has only what is new, and
+// the daemon forgets it.
+void CountRecord(const status_record_t& record, const PackageNames& names,
+                 launch_state_t* state);
 
-  // The text format that Prometheus collects.
-  std::string Format(const PackageNames& names) const;
-
- private:
-  struct totals_t {
-    uint64_t rx_bytes = 0;
-    uint64_t tx_bytes = 0;
-  };
-  std::string FormatUids(const PackageNames& names) const;
-  std::string FormatNetwork() const;
-
-  std::map<uint32_t, totals_t> by_uid_;
-  totals_t link_;
-  uint64_t starts_ = 0;
-  bool is_running_ = false;
-  bool has_network_ = false;
-  network_state_t network_;
-};
+// The totals of |state| in the text format that Prometheus collects.
+std::string FormatMetrics(const launch_state_t& state,
+                          const PackageNames& names);
 
 // |value| as it stands between the quotes of a label.
 std::string EscapeLabelValue(const std::string& value);

@@ -81,15 +81,15 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
 TEST(Metrics, ReportsAddUpUnderEscapedLabels) {
   std::istringstream list("a\"b\\c 10123\n");
   const PackageNames names(list);
-  Metrics metrics;
+  launch_state_t state;
   status_record_t record;
   record.kind = status_record_t::kTransferStats;
   auto* const usage = record.stats.add_uid_transfer_stats();
   usage->set_uid(10123);
   usage->set_rx_bytes(0xFFFFFFFF);
-  metrics.Update(record);
-  metrics.Update(record);
-  EXPECT_THAT(metrics.Format(names),
+  CountRecord(record, names, &state);
+  CountRecord(record, names, &state);
+  EXPECT_THAT(FormatMetrics(state, names),
               testing::HasSubstr(
                   "\nvantrel_uid_received_bytes_total{uid=\"10123\",package="
                   "\"a\\\"b\\\\c\"} 8589934590\n"));

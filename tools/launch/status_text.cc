@@ -6,12 +6,14 @@
 #include <nlohmann/json.hpp>
 
 #include "control/status_records.h"
+#include "tools/record_fields.h"
 
 namespace vantrel {
 namespace {
 
 using android::corvane::protos::UidTransferStats;
 using json = nlohmann::ordered_json;  // the members as we name them
+using namespace record_fields;
 
 std::string UsageToText(const UidTransferStats& usage,
                         const PackageNames& names) {
@@ -36,29 +38,29 @@ std::string StatsToText(const status_record_t& record,
 json StatsToJson(const status_record_t& record, const PackageNames& names) {
   json uids = json::array();
   for (const UidTransferStats& usage : record.stats.uid_transfer_stats()) {
-    json entry = {{"uid", usage.uid()},
-                  {"rx_bytes", usage.rx_bytes()},
-                  {"tx_bytes", usage.tx_bytes()}};
+    json entry = {{kUid, usage.uid()},
+                  {kRxBytes, usage.rx_bytes()},
+                  {kTxBytes, usage.tx_bytes()}};
     const std::string name = names.Find(usage.uid());
-    if (!name.empty()) entry["name"] = name;
+    if (!name.empty()) entry[kName] = name;
     uids.push_back(std::move(entry));
   }
-  return {{"record", "stats"}, {"uids", uids}};
+  return {{kRecord, "stats"}, {kUids, uids}};
 }
 
 json RecordToJsonObject(const status_record_t& record,
                         const PackageNames& names) {
   switch (record.kind) {
     case status_record_t::kStarted:
-      return {{"record", "started"}};
+      return {{kRecord, "started"}};
     case status_record_t::kExitCode:
-      return {{"record", "exit_code"},
+      return {{kRecord, "exit_code"},
               {"code", record.exit_code},
               {"meaning", DescribeExitCode(record.exit_code)}};
     case status_record_t::kNetworkState:
-      return {{"record", "network"},
-              {"id", record.network.network_id},
-              {"metered", record.network.is_metered}};
+      return {{kRecord, kNetwork},
+              {kNetworkId, record.network.network_id},
+              {kMetered, record.network.is_metered}};
     case status_record_t::kTransferStats:
       return StatsToJson(record, names);
   }
@@ -124,7 +126,7 @@ std::string DaemonEndToText(int wait_status) {
 }
 
 std::string DaemonEndToJson(int wait_status) {
-  json end = {{"record", "daemon_ended"}};
+  json end = {{kRecord, "daemon_ended"}};
   if (WIFSIGNALED(wait_status)) {
     end["signal"] = WTERMSIG(wait_status);
   } else {

@@ -9,6 +9,7 @@
 
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
+#include "tools/launch_state.h"
 #include "tools/standard_descriptors.h"
 
 namespace vantrel {
@@ -77,6 +78,11 @@ void AddReportOptions(CLI::App* app, launch_options_t* options) {
                 "Print records as JSON objects, one a line");
   app->add_option("--metrics", options->metrics,
                   "Keep totals in this file, in Prometheus' text format");
+  app->add_option("--status-socket", options->status_socket,
+                  "Tell whoever connects to this socket what happens, for "
+                  "vantrelctl top")
+      ->check(FindFaultOfSocketPath)
+      ->take_last();  // a service has one of its own
   app->add_option("--stats-every", options->stats_every_seconds,
                   "Ask the daemon for statistics every so many seconds, where "
                   "its control port listens")

@@ -45,14 +45,14 @@ _vantrel_launch() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
-    --daemon | --capture | --metrics | --lock) _vantrel_file ;;
+    --daemon | --capture | --metrics | --lock | --status-socket) _vantrel_file ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
     --security) _vantrel_words low medium high ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every --lock --security
+          --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security
       else
         _vantrel_link "unix: tcp: rfcomm: fd:"
       fi ;;
@@ -82,7 +82,7 @@ _vantrelctl() {
   local cur prev words
   _vantrel_begin || return
   case $prev in
-    --log | --lock) _vantrel_file; return ;;
+    --log | --lock | --status-socket) _vantrel_file; return ;;
     --timeout) return ;;
   esac
   case ${words[1]} in
@@ -99,7 +99,8 @@ _vantrelctl() {
         _vantrel_words --log --timeout --help
       fi ;;
     stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
-    *) _vantrel_words stop dump ping pull push stats rules --help --version ;;
+    top) _vantrel_words --status-socket --log --once --json --help ;;
+    *) _vantrel_words stop dump ping pull push stats rules top --help --version ;;
   esac
 }
 

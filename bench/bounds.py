@@ -1,20 +1,16 @@
 #!/usr/bin/python3
-"""link_bench.py: how good the far side of the link is, in figures.
+"""bounds.py [--bin-dir DIR] [--protocol 1|5|20]... [--seconds N] [--measure NAME]...
 
-usage: link_bench.py [--bin DIR] [--companion PROGRAM] [--protocol 1|5|20]...
-                     [--seconds N] [--measure NAME]...
-
-Makes an internet and a device in namespaces of its own, as the tests do, and
-measures on a link of 2 Mbit (250,000 bytes/s each way) and on one without
-limit. Prints one line a figure: protocol, figure, value, bound, and whether it
-holds; the exit status is 1 when one does not. Needs root. --companion measures
-another build of the companion than the one beside the other programs.
+What has to hold on a slow link, and of a companion whose devices do their worst.
+Measures on a link of 2 Mbit (250,000 bytes/s each way) of an internet and a device
+in namespaces of its own, which needs root. Prints one line a figure: protocol,
+figure, value, bound, and whether it holds; the exit status is 1 when one does not.
+Without --bin-dir VANTREL_BIN_DIR says where the programs are.
 """
 import argparse
 import contextlib
 import os
 import pathlib
-import resource
 import socket
 import statistics
 import struct
@@ -24,27 +20,16 @@ import tempfile
 import threading
 import time
 
-SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_DIR / "tests"))
+import roads
+from roads import bench
 
 RATE = 250000
 SOURCE, SINK, EXCHANGE, UDP_ECHO, FLOOD = 7001, 7002, 7003, 4000, 4001
-ADDRESS, NAME_SERVER, DARK_ADDRESS = "198.51.100.80", "198.51.100.53", "198.51.100.99"
+ADDRESS, NAME_SERVER, DARK_ADDRESS = roads.SERVER_ADDRESS, "198.51.100.53", "198.51.100.99"
 REQUEST, ANSWER = b"q" * 100, b"a" * 1024
 FLOOD_RATE, FLOOD_SIZE = 600000, 1200
 QUERY = (b"\x12\x34\1\0\0\1\0\0\0\0\0\0\3www\7example\4test\0\0\1\0\1")
 FAILURES = (OSError, AssertionError)
-
-
-def enter_namespaces():
-    if "VANTREL_LINK_BENCH" in os.environ:
-        subprocess.run(["mount", "--make-rprivate", "/"], check=True)
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        subprocess.run(["ip", "address", "add", "198.51.100.1/24", "dev", "lo"], check=True)
-        return
-    os.environ["VANTREL_LINK_BENCH"] = "1"
-    os.execvp("unshare", ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child",
-                          "--mount-proc", sys.executable, *sys.argv])
 
 
 # The servers, in a process of their own.
@@ -114,57 +99,32 @@ def run_servers():
     on_datagrams(ADDRESS, FLOOD, flood)
 
 
-# The companion and a device on its link.
-
-def processor_seconds(pid):
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")")[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+@contextlib.contextmanager
+def slow_road(options, protocol):
+    with tempfile.TemporaryDirectory() as name, contextlib.closing(roads.VantrelRoad(
+            "slow", pathlib.Path(name), protocol, shape="rate=2Mbit",
+            bin_dir=options.bin_dir)) as road:
+        yield road
 
 
 class Companion:
-    def __init__(self, program, directory, protocol):
+    """One of protocol 1, without devices."""
+
+    def __init__(self, options, directory):
         self.path = f"{directory}/link"
-        self.log = pathlib.Path(f"{directory}/companion.log")
-        options = ["--allow", "198.51.100.0/24"]
-        if "--allow " not in subprocess.run([program, "--help"], capture_output=True,
-                                            text=True, check=True).stdout:
-            options = []
-        with open(self.log, "wb") as log:
+        log = pathlib.Path(f"{directory}/companion.log")
+        with open(log, "wb") as output:
             self.process = subprocess.Popen(
-                [program, "--protocol", protocol, "--listen", f"unix:{self.path}", *options],
-                stdout=log, stderr=log)
-        bench.wait_until(lambda: "listening on" in self.log.read_text(), "the companion")
+                [options.bin_dir / "vantrel-companion", "--protocol", "1", "--listen",
+                 f"unix:{self.path}", "--allow", "198.51.100.0/24"],
+                stdout=output, stderr=output)
+        bench.wait_until(lambda: "listening on" in log.read_text(), "the companion")
 
     def resident_megabytes(self):
-        pages = pathlib.Path(f"/proc/{self.process.pid}/statm").read_text().split()[1]
-        return int(pages) * resource.getpagesize() / 1e6
+        return roads.resident_bytes([self.process.pid]) / 1e6
 
     def close(self):
         bench.end_process(self.process)
-
-
-@contextlib.contextmanager
-def tunnel(options, protocol, *shape):
-    with tempfile.TemporaryDirectory() as name:
-        directory = pathlib.Path(name)
-        companion = Companion(options.companion, directory, protocol)
-        device = bench.Device(directory / "device")
-        status = directory / "status.txt"
-        with open(status, "wb") as out:
-            launcher = subprocess.Popen(
-                device.command([options.bin / "vantrel-launch", "--protocol", protocol, "--daemon",
-                                options.bin / "vantrel", *shape, f"unix:{companion.path}"]),
-                stdout=out, stderr=subprocess.DEVNULL,
-                env={**os.environ, "VANTREL_LOG_FILE": str(directory / "daemon.log")})
-        try:
-            bench.wait_until(lambda: "started" in status.read_text(), "the daemon")
-            children = pathlib.Path(f"/proc/{launcher.pid}/task/{launcher.pid}/children")
-            yield device, {"companion": companion.process.pid, "launcher": launcher.pid,
-                           "daemon": int(children.read_text().split()[0])}
-        finally:
-            bench.end_process(launcher)
-            companion.close()
-            device.close()
 
 
 class Load:
@@ -250,7 +210,8 @@ def above(name, value, bound):
 
 
 def measure_down(options, protocol):
-    with tunnel(options, protocol, "--shape", "rate=2Mbit") as (device, _):
+    with slow_road(options, protocol) as road:
+        device = road.device
         load = Load(device, SOURCE, 4)
         exchange = exchanger(device)
         time.sleep(2)
@@ -267,7 +228,8 @@ def measure_down(options, protocol):
 
 
 def measure_up(options, protocol):
-    with tunnel(options, protocol, "--shape", "rate=2Mbit") as (device, _):
+    with slow_road(options, protocol) as road:
+        device = road.device
         load = Load(device, SINK, 4)
         exchange = exchanger(device)
         time.sleep(2)
@@ -277,7 +239,8 @@ def measure_up(options, protocol):
 
 
 def measure_flood(options, protocol):
-    with tunnel(options, protocol, "--shape", "rate=2Mbit") as (device, _):
+    with slow_road(options, protocol) as road:
+        device = road.device
         load = Load(device, SOURCE, 4)
         time.sleep(1)
         flooded = device.socket(socket.SOCK_DGRAM)
@@ -292,28 +255,16 @@ def measure_flood(options, protocol):
     yield below("ping (UDP) beside both, p99", percentile(times, .99), 120)
 
 
-def measure_speed(options, protocol):
-    for name, port in ("download", SOURCE), ("upload", SINK):
-        with tunnel(options, protocol) as (device, pids):
-            def used():
-                return {role: processor_seconds(pid) for role, pid in pids.items()}
-            load = Load(device, port, 1)
-            time.sleep(1)
-            moved, before, begin = load.moved, used(), time.monotonic()
-            time.sleep(options.seconds)
-            moved, after, seconds = load.moved - moved, used(), time.monotonic() - begin
-            load.close()
-            time.sleep(.5)
-            idle = sum(used().values())
-            time.sleep(2)
-            idle = sum(used().values()) - idle
-        yield (f"{name}, link without limit", f"{moved / seconds / 1e6:.0f} MB/s",
-               "compare", True)
-        for role in pids:
-            yield (f"{name}, processor time of the {role}",
-                   f"{(after[role] - before[role]) / (moved / 1e9):.2f} s/GB", "compare", True)
-        yield below(f"processor time while nothing moves, after the {name}",
-                    idle / 2 * 1e3, 10, "ms/s")
+def measure_idle(options, protocol):
+    with slow_road(options, protocol) as road:
+        load = Load(road.device, SOURCE, 4)
+        time.sleep(1)
+        load.close()
+        roads.wait_for_rest(road)
+        before = sum(road.used_seconds().values())
+        time.sleep(2)
+        used = sum(road.used_seconds().values()) - before
+    yield below("processor time while nothing moves", used / 2 * 1e3, 10, "ms/s")
 
 
 def v1_connect(stream, port):
@@ -359,7 +310,7 @@ def hostile_link(path):
 
 def measure_many(options, _):
     with tempfile.TemporaryDirectory() as directory:
-        companion = Companion(options.companion, directory, "1")
+        companion = Companion(options, directory)
         results = []
         threads = [threading.Thread(target=hostile_link, args=[companion.path])]
         threads += [threading.Thread(target=honest_link, args=[companion.path, n, results])
@@ -375,12 +326,12 @@ def measure_many(options, _):
     yield below("64 links, one hostile: memory", memory, 64, "MB")
 
 
-def measure_silent(options, protocol):
+def measure_silent(options, _):
     # What is sent there vanishes without a word.
     dark = ["INPUT", "-d", DARK_ADDRESS, "-j", "DROP"]
     subprocess.run(["iptables-legacy", "-w", "-A", *dark], check=True)
     with tempfile.TemporaryDirectory() as directory:
-        companion = Companion(options.companion, directory, "1")
+        companion = Companion(options, directory)
         with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as link:
             link.settimeout(5)
             link.connect(companion.path)
@@ -396,26 +347,24 @@ def measure_silent(options, protocol):
 
 
 SHAPED = {"down": measure_down, "up": measure_up, "flood": measure_flood,
-          "speed": measure_speed}
+          "idle": measure_idle}
 ONCE = {"many": measure_many, "silent": measure_silent}
 
 
 def parse_options():
-    parser = argparse.ArgumentParser(usage=__doc__.split("usage: ")[1].split("\n\n")[0])
-    parser.add_argument("--bin", type=pathlib.Path, default=SOURCE_DIR / "build/release/bin")
-    parser.add_argument("--companion", type=pathlib.Path)
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[1])
+    parser.add_argument("--bin-dir", type=pathlib.Path, default=bench.BIN_DIR)
     parser.add_argument("--protocol", action="append", choices=["1", "5", "20"])
     parser.add_argument("--seconds", type=float, default=8)
     parser.add_argument("--measure", action="append", choices=[*SHAPED, *ONCE])
     options = parser.parse_args()
-    options.bin = options.bin.resolve()
-    options.companion = (options.companion or options.bin / "vantrel-companion").resolve()
+    options.bin_dir = options.bin_dir.resolve()
     return options
 
 
 def main():
     options = parse_options()
-    enter_namespaces()
+    roads.make_internet()
     servers = os.fork()
     if servers == 0:
         run_servers()
@@ -436,6 +385,4 @@ def main():
 
 
 if __name__ == "__main__":
-    os.environ["PATH"] += ":/usr/sbin:/sbin"
-    import bench
     sys.exit(main())

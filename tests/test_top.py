@@ -1,0 +1,126 @@
+"""The launcher's status socket, and what vantrelctl shows of it on a terminal."""
+
+import json
+import os
+import re
+import socket
+import subprocess
+
+from bench import BIN_DIR, BROWSER_UID, wait_until
+from test_tools import Launch, launch  # noqa: F401 the fixture
+
+MIB = 1 << 20
+INTERNET = {"companion_options": ["--allow", "198.51.100.0/24"]}
+
+
+class Screen:
+    """|command| on a terminal of its own."""
+
+    def __init__(self, directory, command, columns=100, lines=24):
+        self._tmux = ["tmux", "-u", "-f", "/dev/null", "-S", directory / "tmux"]
+        self.tell("new-session", "-d", "-x", columns, "-y", lines, *command)
+
+    def tell(self, *words, **kwargs):
+        return subprocess.run([*self._tmux, *map(str, words)], check=True, text=True,
+                              timeout=20, env={**os.environ, "LC_ALL": "C.UTF-8"}, **kwargs)
+
+    def text(self):
+        return self.tell("capture-pane", "-p", stdout=subprocess.PIPE).stdout
+
+    def wait_for(self, pattern):
+        return wait_until(lambda: re.search(pattern, self.text()), pattern, 20)
+
+    def has_ended(self):
+        return subprocess.run([*self._tmux, "has-session"], timeout=20,
+                              stderr=subprocess.DEVNULL).returncode != 0
+
+
+def connect(path):
+    reader = socket.socket(socket.AF_UNIX)
+    reader.settimeout(10)
+    reader.connect(str(path))
+    return reader
+
+
+def test_a_reader_that_does_not_read_is_dropped(launch, tmp_path):  # noqa: F811
+    path = tmp_path / "status"
+    run = launch("--status-socket", path)
+    assert path.stat().st_mode & 0o777 == 0o600
+    lazy, keen = connect(path), connect(path)
+    lines = keen.makefile()
+    first = json.loads(lines.readline())
+    assert first["record"] == "state" and first["state"] in ("connecting", "running")
+    control = run.device.socket(socket.SOCK_DGRAM)
+    asked = heard = 0
+    while "has stopped reading" not in run.err.read_text():
+        assert asked < 5000
+        control.sendto(b"\6", ("127.0.0.1", 2374))
+        asked += 1
+        while json.loads(lines.readline())["record"] != "stats":
+            pass
+        heard += 1
+    while lazy.recv(65536):
+        pass
+    second = Launch(run.device, "--lock", tmp_path / "lock", "--status-socket", path, wait=False)
+    assert second.process.wait(10) == 1 and "Address already in use" in second.err.read_text()
+    assert run.end() == 0
+    *_, last = lines
+    assert json.loads(last)["state"] == "ended" and not path.exists()
+    for sock in lazy, keen, control:
+        sock.close()
+
+
+def test_top(launch, tmp_path, needs_root):  # noqa: F811
+    path = tmp_path / "status"
+    options = "--status-socket", path, "--stats-every", "1"
+    run = launch(*options, **INTERNET)
+    top = [BIN_DIR / "vantrelctl", "top", "--status-socket", path]
+    screen = Screen(tmp_path, run.device.command([*top, "--log", run.log]))
+    screen.wait_for(r"vantrel running over unix:.*protocol 5\n"
+                    r"up 0:00:\d\d, 1 start, network 7, not metered, 0 streams")
+
+    server = socket.create_server(("198.51.100.80", 8000))
+    client = subprocess.Popen(run.device.command(
+        ["bash", "-c", "cat </dev/tcp/198.51.100.80/8000 >/dev/null"], BROWSER_UID))
+    remote, _ = server.accept()
+    remote.sendall(bytes(4 * MIB))
+    screen.wait_for(r" 10123  com\.example\.browser .*4\.[12]\d MB")
+    screen.wait_for(r" 198\.51\.100\.80:8000 +com\.example\.browser ")
+    screen.wait_for("[▁▂▃▄▅▆▇█]")
+    once = json.loads(run.device.run(*top, "--once", "--json", "--log", run.log).stdout)
+    browser = next(row for row in once["applications"] if row["uid"] == BROWSER_UID)
+    assert browser["name"] == "com.example.browser"
+    assert 4 * MIB <= browser["rx_bytes"] < 4.2 * MIB
+    assert once["link_traffic"]["rx_bytes"] >= browser["rx_bytes"]
+    assert once["streams"][0]["remote"] == "198.51.100.80:8000" and "note" not in once
+
+    screen.tell("resize-window", "-x", 50, "-y", 10)
+    wait_until(lambda: "RECEIVED" not in screen.text(), "the narrow form")
+    screen.wait_for("APPLICATION +DOWN +UP\n")
+    screen.tell("send-keys", "p")
+    screen.wait_for(r"running \(paused\)")
+    screen.tell("send-keys", "p")
+
+    run.process.kill()
+    screen.wait_for("the launcher has gone")
+    run.process.wait()
+    again = Launch(run.device, "--protocol", "5", *options)
+    screen.wait_for("vantrel running")
+    screen.tell("send-keys", "q")
+    wait_until(screen.has_ended, "the end of the program")
+    assert again.end() == 0
+    client.kill()
+    client.wait()
+    remote.close()
+    server.close()
+
+
+def test_top_without_a_launcher_or_a_terminal(launch, tmp_path):  # noqa: F811
+    run = launch("--status-socket", tmp_path / "status")
+    for path, words in ((tmp_path / "status", "no terminal; see --once"),
+                        (tmp_path / "none", "no status socket"),
+                        ("x" * 200, "--status-socket: ")):
+        result = run.device.run(BIN_DIR / "vantrelctl", "top", "--status-socket", path,
+                                check=False, stdin=subprocess.DEVNULL)
+        assert result.returncode in (1, 2) and words in result.stderr
+    assert run.end() == 0

@@ -1,0 +1,60 @@
+#include "tools/ctl/status_client.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+#include <stdexcept>
+
+#include "common/link_address.h"
+#include "tools/system_failure.h"
+
+namespace vantrel {
+namespace {
+
+// Longer than a state of some thousand applications.
+constexpr size_t kMaxLineBytes = 1024 * 1024;
+
+}  // namespace
+
+StatusClient::StatusClient(const std::string& path)
+    : path_(path), socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un address;
+  const socklen_t length = ToSocketAddress(path, &address);
+  if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address),
+              length) != 0) {
+    throw SystemFailure("no status socket " + path);
+  }
+}
+
+bool StatusClient::Receive() {
+  char piece[16 * 1024];
+  while (true) {
+    const ssize_t count =
+        recv(socket_.Get(), piece, sizeof(piece), MSG_DONTWAIT);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EAGAIN) return true;
+    if (count <= 0) return false;
+    bytes_.append(piece, static_cast<size_t>(count));
+    if (bytes_.size() > kMaxLineBytes) return true;
+  }
+}
+
+std::optional<launch_state_t> StatusClient::Next() {
+  for (size_t end; (end = bytes_.find('\n')) != std::string::npos;) {
+    const std::string line = bytes_.substr(0, end);
+    bytes_.erase(0, end + 1);
+    try {
+      if (auto state = ParseState(line)) return state;
+    } catch (const std::exception& e) {
+      throw std::runtime_error("what " + path_ +
+                               " says is no launcher's: " + e.what());
+    }
+  }
+  if (bytes_.size() > kMaxLineBytes) {
+    throw std::runtime_error("what " + path_ +
+                             " says is no launcher's: it has no lines");
+  }
+  return std::nullopt;
+}
+
+}  // namespace vantrel

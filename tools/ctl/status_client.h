@@ -1,0 +1,32 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "programs/unique_fd.h"
+#include "tools/launch_state.h"
+
+namespace vantrel {
+
+// Reads the states that a launcher writes to its status socket.
+class StatusClient {
+ public:
+  // |path| fits a socket's address. Throws std::system_error when nobody
+  // listens there.
+  explicit StatusClient(const std::string& path);
+
+  // To wait for until it is readable.
+  int GetFd() const { return socket_.Get(); }
+  // Takes what there is, without waiting. False when the launcher has gone.
+  [[nodiscard]] bool Receive();
+  // The next state that has come whole, or none. Throws std::runtime_error when
+  // it is no launcher that speaks.
+  std::optional<launch_state_t> Next();
+
+ private:
+  const std::string path_;
+  UniqueFd socket_;
+  std::string bytes_;  // received, not taken yet
+};
+
+}  // namespace vantrel

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "tools/ctl/top_model.h"
+
+namespace vantrel {
+
+// What |model| has, as an object on one line without its newline. Rates are
+// whole bytes per second. |note| is what else is to be said, or empty.
+std::string TopToJson(const TopModel& model, TopModel::Sort sort,
+                      const std::string& note);
+
+}  // namespace vantrel

@@ -1,0 +1,124 @@
+#include "tools/launch_state.h"
+
+#include <array>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "common/link_address.h"
+#include "tools/record_fields.h"
+
+namespace vantrel {
+namespace {
+
+using json = nlohmann::ordered_json;  // the members as we name them
+using namespace record_fields;
+
+constexpr char kTime[] = "time_ms";
+constexpr char kStatsTime[] = "stats_time_ms";
+constexpr char kLinkBytes[] = "link_bytes";
+
+constexpr std::array<std::pair<launch_state_t::Phase, const char*>, 5> kPhases{{
+    {launch_state_t::kConnecting, "connecting"},
+    {launch_state_t::kRunning, "running"},
+    {launch_state_t::kStopping, "stopping"},
+    {launch_state_t::kWaiting, "waiting"},
+    {launch_state_t::kEnded, "ended"},
+}};
+
+launch_state_t::Phase ParsePhase(const std::string& name) {
+  for (const auto& [phase, phase_name] : kPhases) {
+    if (name == phase_name) return phase;
+  }
+  throw std::runtime_error("unknown state " + name);
+}
+
+json TrafficToJson(const traffic_t& traffic) {
+  return {{kRxBytes, traffic.rx_bytes}, {kTxBytes, traffic.tx_bytes}};
+}
+
+traffic_t ParseTraffic(const json& fields) {
+  return {fields.at(kRxBytes).get<uint64_t>(),
+          fields.at(kTxBytes).get<uint64_t>()};
+}
+
+json UidsToJson(const launch_state_t& state) {
+  json uids = json::array();
+  for (const auto& [uid, application] : state.by_uid) {
+    json entry = {{kUid, uid}};
+    entry.update(TrafficToJson(application.traffic));
+    if (!application.name.empty()) entry[kName] = application.name;
+    uids.push_back(std::move(entry));
+  }
+  return uids;
+}
+
+launch_state_t ParseFields(const json& fields) {
+  launch_state_t state;
+  state.phase = ParsePhase(fields.at(kState).get<std::string>());
+  fields.at(kLink).get_to(state.link);
+  fields.at(kProtocol).get_to(state.protocol);
+  fields.at(kTime).get_to(state.time_ms);
+  fields.at(kStatsTime).get_to(state.stats_time_ms);
+  fields.at(kUptime).get_to(state.uptime_ms);
+  fields.at(kStarts).get_to(state.starts);
+  if (const auto network = fields.find(kNetwork); network != fields.end()) {
+    state.network =
+        launch_state_t::network_t{network->at(kNetworkId).get<int32_t>(),
+                                  network->at(kMetered).get<bool>()};
+  }
+  if (const auto bytes = fields.find(kLinkBytes); bytes != fields.end()) {
+    state.link_traffic = ParseTraffic(*bytes);
+  }
+  for (const json& entry : fields.at(kUids)) {
+    state.by_uid[entry.at(kUid).get<uint32_t>()] = {
+        entry.value(kName, std::string()), ParseTraffic(entry)};
+  }
+  return state;
+}
+
+}  // namespace
+
+std::string FindFaultOfSocketPath(const std::string& path) {
+  std::string reason;
+  ParseLinkAddress("unix:" + path, LinkSide::kListen, &reason);
+  return reason;
+}
+
+const char* GetPhaseName(launch_state_t::Phase phase) {
+  for (const auto& [named, name] : kPhases) {
+    if (phase == named) return name;
+  }
+  return "";
+}
+
+std::string StateToJson(const launch_state_t& state) {
+  // The kind of the record and the phase have the same name.
+  json fields = {{kRecord, kState},      {kState, GetPhaseName(state.phase)},
+                 {kLink, state.link},    {kProtocol, state.protocol},
+                 {kTime, state.time_ms}, {kUptime, state.uptime_ms},
+                 {kStarts, state.starts}};
+  if (state.network) {
+    fields[kNetwork] = {{kNetworkId, state.network->id},
+                        {kMetered, state.network->is_metered}};
+  }
+  if (state.link_traffic) {
+    fields[kLinkBytes] = TrafficToJson(*state.link_traffic);
+  }
+  fields[kStatsTime] = state.stats_time_ms;
+  fields[kUids] = UidsToJson(state);
+  // A package list is not always valid UTF-8; one odd name must not end us.
+  return fields.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::optional<launch_state_t> ParseState(const std::string& line) {
+  try {
+    const json fields = json::parse(line);
+    if (fields.at(kRecord) != kState) return std::nullopt;
+    return ParseFields(fields);
+  } catch (const json::exception& e) {
+    throw std::runtime_error(e.what());
+  }
+}
+
+}  // namespace vantrel
