@@ -49,8 +49,7 @@ def _endpoint(wire):
 
 def endpoint(remote):
     """An endpoint (host, port) as a sub-message."""
-    family = socket.AF_INET6 if ":" in remote[0] else socket.AF_INET
-    return protobuf.encode((1, socket.inet_pton(family, remote[0])), (2, remote[1]))
+    return protobuf.encode((1, socket.inet_aton(remote[0])), (2, remote[1]))
 
 
 def frame(header, payload=b""):

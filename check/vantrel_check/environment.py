@@ -104,7 +104,9 @@ class Environment:
     def wait(self, condition, what):
         """As Device.wait(), for what happens at the servers."""
         if not self.loop.wait(condition, self.timeout):
-            raise Failed(f"{what}: not within {self.timeout:g} s")
+            has_ended = self.devices and self.devices[-1].link.ended
+            raise Failed(f"{what}: not within {self.timeout:g} s" +
+                         (", and the link has ended" if has_ended else ""))
 
     def accept(self, server, count=1):
         """The |count|th connection to a server."""

@@ -2,6 +2,7 @@
 
 import argparse
 import fnmatch
+import re
 import sys
 
 from . import checks  # noqa: F401 registers them
@@ -12,6 +13,7 @@ from .outcome import Failed
 from .registry import ALL, CHECKS
 from .report import JsonReport, TextReport, write_junit
 from .runner import FAIL, Runner
+from .servers import unused_endpoint
 
 FIGURES = "figures"
 EXIT_FAILED, EXIT_USAGE = 1, 2
@@ -35,7 +37,7 @@ def _parser():
                         help="only these checks; a name may have * in it, and 'figures' is one")
     parser.add_argument("--list", action="store_true", help="print all checks and exit")
     parser.add_argument("--server-address", metavar="ADDRESS", default="127.0.0.1",
-                        help="of this machine, where the companion reaches the servers that this "
+                        help="IPv4 address of this machine, where the companion reaches the servers that this "
                         "program brings; 127.0.0.1 unless given")
     parser.add_argument("--timeout", metavar="SECONDS", type=float, default=10.0,
                         help="how long an answer may take; 10 unless given")
@@ -88,6 +90,9 @@ def _measure(env, protocol, report):
 def _run(options):
     report = JsonReport() if options.json else TextReport()
     chosen, measures = _selected(options.only)
+    if not re.fullmatch(r"\d+(\.\d+){3}", options.server_address):
+        raise LinkError(f"not an IPv4 address: '{options.server_address}'")
+    unused_endpoint(options.server_address)  # an OSError, where no server can stand
     results = []
     for protocol, address in _links(options):
         source = LinkSource(address, options.listen, options.timeout)
@@ -107,8 +112,18 @@ def _run(options):
     return EXIT_FAILED if any(result.outcome == FAIL for result in results) else 0
 
 
-def main():
+def _parse():
     options = _parser().parse_args()
+    # --only takes all words up to the next option, also a link behind them. No
+    # check has a colon in its name, and every link has.
+    words = options.only or []
+    options.links += [word for word in words if ":" in word]
+    options.only = [word for word in words if ":" not in word]
+    return options
+
+
+def main():
+    options = _parse()
     if options.list:
         _print_list()
         return 0

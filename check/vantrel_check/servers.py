@@ -1,4 +1,5 @@
-"""The remotes that a companion connects to, with what each of them does."""
+"""The remotes that a companion connects to, with what each of them does. IPv4 only,
+as the link."""
 
 import socket
 import struct
@@ -18,7 +19,7 @@ class TcpServer:
         self._serve = serve
         self._reading = reading
         self.peers = []
-        self._sock = socket.socket(_family(address))
+        self._sock = socket.socket()
         if receive_buffer:
             self._sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self._sock.bind((address, 0))
@@ -82,13 +83,13 @@ class SilentServer:
     """Never answers a connect: its queue of connections is full."""
 
     def __init__(self, address):
-        self._sock = socket.socket(_family(address))
+        self._sock = socket.socket()
         self._sock.bind((address, 0))
         self._sock.listen(0)
         self.endpoint = self._sock.getsockname()[:2]
         self._fillers = []
         for _ in range(4):
-            filler = socket.socket(_family(address))
+            filler = socket.socket()
             filler.setblocking(False)
             filler.connect_ex(self.endpoint)
             self._fillers.append(filler)
@@ -106,7 +107,7 @@ class UdpServer:
         self._loop = loop
         self._answer = answer
         self.received = []
-        self.sock = socket.socket(_family(address), socket.SOCK_DGRAM)
+        self.sock = socket.socket(type=socket.SOCK_DGRAM)
         self.sock.bind((address, 0))
         self.sock.setblocking(False)
         self.endpoint = self.sock.getsockname()[:2]
@@ -154,10 +155,6 @@ def answer_dns(query):
 
 def unused_endpoint(address, kind=socket.SOCK_STREAM):
     """Where nobody listens: a connect is refused."""
-    with socket.socket(_family(address), kind) as sock:
+    with socket.socket(type=kind) as sock:
         sock.bind((address, 0))
         return sock.getsockname()[:2]
-
-
-def _family(address):
-    return socket.AF_INET6 if ":" in address else socket.AF_INET
