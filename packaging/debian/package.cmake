@@ -44,6 +44,8 @@ set(CPACK_DEBIAN_COMPANION_DESCRIPTION
 Serves the links of devices that have no network of their own: opens the TCP
 connections and sends the datagrams that they ask for, and carries the answers
 back. It needs no privileges; a service for systemd comes with it.")
+# vantrel-check alone needs it.
+set(CPACK_DEBIAN_COMPANION_PACKAGE_RECOMMENDS python3)
 set(CPACK_DEBIAN_COMPANION_PACKAGE_SUGGESTS "bluez, bash-completion")
 set(CPACK_DEBIAN_COMPANION_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/companion/postinst
