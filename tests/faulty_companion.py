@@ -528,7 +528,7 @@ class AnswersInTheFirstForm(V1):
         super().write_datagram(kind, ends, tail)
 
 
-@fault("datagram-failure", "", 5)
+@fault("datagram-failure", "probe", 5)
 class FailsWithAnOwner(V1):
     def write_datagram(self, kind, ends, tail):
         super().write_datagram(kind, ends, b"\xff\xff" + tail if kind == UDP_FAILURE else tail)

@@ -4,6 +4,8 @@ from . import message as m
 from .loop import Channel
 from .outcome import Failed
 
+# How much longer many bytes may take than an answer.
+BULK = 6
 # A device sends at most so many writes of a stream without an acknowledgement,
 # and so many bytes in each.
 CREDIT = 8
@@ -31,7 +33,7 @@ class Stream:
         """In chunks as a device makes them, each when there is credit for it."""
         for start in range(0, len(data), MAX_WRITE):
             self._device.wait(lambda: self.writes - self.acks < CREDIT,
-                              f"an acknowledgement on stream {self.id}")
+                              f"acknowledgement on stream {self.id}")
             self.write(data[start:start + MAX_WRITE])
 
     def wait_acks(self):
@@ -57,7 +59,8 @@ class Device:
         self.faults = []
         self.streams = {}
         self.has_shaken_hands = not self.codec.has_handshake
-        self.link = Channel(env.loop, sock, self._on_data)
+        self.link = Channel(env.loop, sock)
+        self.link.on_data = self._on_data
         self._env = env
         self._probe = None
         self._next_probe = _FIRST_PROBE
@@ -98,14 +101,16 @@ class Device:
 
     # What comes in.
 
-    def wait(self, condition, what):
-        """Until |condition()|. It fails when that takes too long or the link ends."""
-        self._env.loop.wait(lambda: condition() or self.link.ended, self._env.timeout)
+    def wait(self, condition, what, times=1):
+        """Until |condition()|. It fails when the link ends, or when that takes longer
+        than an answer may; |times| as long where many bytes come over a slow link."""
+        seconds = times * self._env.timeout
+        self._env.loop.wait(lambda: condition() or self.link.ended, seconds)
         if condition():
             return
         if self.link.ended:
             raise Failed(f"the link ended ({self.link.ended}) instead of {what}")
-        raise Failed(f"no {what} within {self._env.timeout:g} s")
+        raise Failed(f"no {what} within {seconds:g} s")
 
     def wait_message(self, kind, count=1):
         """The |count|th message of a kind."""
@@ -137,8 +142,8 @@ class Device:
                 raise Failed("the companion neither serves the link nor ends it") from None
         return not self.link.ended
 
-    def _on_data(self, link):
-        for message in self.decoder.feed(link.take()):
+    def _on_data(self):
+        for message in self.decoder.feed(self.link.take()):
             self._env.trace.received(message)
             self._handle(message)
 

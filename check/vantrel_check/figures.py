@@ -5,8 +5,11 @@ bound of the throughput, and not the companion. It leaves out the checksums of
 payloads. Delays include its own.
 """
 
+import fcntl
 import socket
 import statistics
+import sys
+import termios
 import time
 from pathlib import Path
 
@@ -31,8 +34,10 @@ def measure(env):
     yield "throughput from the device", _upload(env) / MIB, "MiB/s"
     yield from _latency("idle", _round_trips(env.device(), env, PINGS))
     yield from _latency("beside a busy stream", _under_load(env, PINGS))
+    queues = []
     name = f"beside a busy stream, link of {SHAPED_PACE} bytes/s"
-    yield from _latency(name, _under_load(env, 10, SHAPED_PACE))
+    yield from _latency(name, _under_load(env, 10, SHAPED_PACE, queues))
+    yield "queue in this link", statistics.median(queues) / SHAPED_PACE * 1000, "ms"
     if before is not None:
         yield "memory before", before / MIB, "MiB"
         yield "memory at most", _memory(env.pid, "VmHWM") / MIB, "MiB"
@@ -84,8 +89,9 @@ def _upload(env):
     return peer.received_bytes / (time.monotonic() - start)
 
 
-def _round_trips(device, env, count):
-    """Milliseconds from a byte of the device to its echo."""
+def _round_trips(device, env, count, queues=None):
+    """Milliseconds from a byte of the device to its echo. |queues| gets how many bytes
+    the companion has written and the device not yet read."""
     stream = device.connect(env.server(echo).endpoint)
     times = []
     for _ in range(count):
@@ -93,10 +99,13 @@ def _round_trips(device, env, count):
         stream.write(b"x")
         device.wait(lambda: len(stream.received) > before, "echo")
         times.append((time.monotonic() - start) * 1000)
+        if queues is not None:
+            unread = fcntl.ioctl(device.link.sock, termios.FIONREAD, bytes(4))
+            queues.append(int.from_bytes(unread, sys.byteorder))
     return times
 
 
-def _under_load(env, count, pace=None):
+def _under_load(env, count, pace=None, queues=None):
     device = env.device()
     device.decoder.checks_payload = False
     bulk = device.connect(env.server(source).endpoint)
@@ -104,7 +113,7 @@ def _under_load(env, count, pace=None):
         _Shaper(env.loop, device.link, pace)
         env.loop.pause(SECONDS)  # what was sent at full speed, and time to learn the pace
     device.wait(lambda: len(bulk.received) > 0, "bulk bytes")
-    times = _round_trips(device, env, count)
+    times = _round_trips(device, env, count, queues)
     device.link.close()
     return times
 

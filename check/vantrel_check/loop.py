@@ -56,22 +56,21 @@ class Loop:
 class Channel:
     """A connected stream socket, in both directions buffered without a bound.
 
-    |received| is emptied by whoever reads it. |ended| is "" while the other end
-    may still send, then the reason. |source|, if there is one, is asked for more
-    bytes whenever all are written.
+    |received| is emptied by whoever reads it; |on_data| is called when it has more.
+    |ended| is "" while the other end may still send, then the reason. |source|, if
+    there is one, is asked for more bytes whenever all are written.
     """
 
-    def __init__(self, loop, sock, on_data=None):
+    def __init__(self, loop, sock):
         self.sock = sock
         self.reading = True
         self.received = bytearray()
         self.received_bytes = self.sent_bytes = 0
         self.ended = ""
-        self.source = None
+        self.source = self.on_data = None
         self._out = bytearray()
         self._ends_writing = False
         self._loop = loop
-        self._on_data = on_data
         sock.setblocking(False)
         if sock.family in (socket.AF_INET, socket.AF_INET6):
             sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -104,8 +103,8 @@ class Channel:
             return 0
         self.received += data
         self.received_bytes += len(data)
-        if self._on_data:
-            self._on_data(self)
+        if self.on_data:
+            self.on_data()
         return len(data)
 
     def take(self):
@@ -118,9 +117,6 @@ class Channel:
         self._out += data
         if self._out:
             self._write()
-
-    def has_sent_all(self):
-        return not self._out
 
     def _write(self):
         if not self._out and self.source:

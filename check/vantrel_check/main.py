@@ -81,8 +81,8 @@ def _measure(env, protocol, report):
     try:
         for name, value, unit in measure(env):
             report.figure(protocol, name, value, unit)
-    except Failed as failure:
-        print(f"vantrel-check: figures of protocol {protocol}: {failure}", file=sys.stderr)
+    except (Failed, OSError) as error:
+        print(f"vantrel-check: figures of protocol {protocol}: {error}", file=sys.stderr)
     finally:
         env.close()
 

@@ -8,11 +8,8 @@ from .loop import READ, Channel
 
 
 class TcpServer:
-    """Accepts connections and hands each one, a Channel, to |serve|.
-
-    |peers| has them in the order in which they came. What |serve| leaves alone
-    is buffered in the peer.
-    """
+    """Accepts connections and hands each one, a Channel, to |serve|. |peers| has them
+    in the order in which they came."""
 
     def __init__(self, loop, address, serve=None, receive_buffer=None, reading=True):
         self._loop = loop
@@ -39,10 +36,10 @@ class TcpServer:
             sock, _ = self._sock.accept()
         except OSError:
             return
-        peer = Channel(self._loop, sock, self._serve if self._serve in ON_DATA else None)
+        peer = Channel(self._loop, sock)
         peer.reading = self._reading
         self.peers.append(peer)
-        if self._serve and self._serve not in ON_DATA:
+        if self._serve:
             self._serve(peer)
 
     def close(self):
@@ -53,11 +50,11 @@ class TcpServer:
 
 
 def echo(peer):
-    peer.send(peer.take())
+    peer.on_data = lambda: peer.send(peer.take())
 
 
 def discard(peer):
-    peer.take()
+    peer.on_data = peer.take
 
 
 def source(peer):
@@ -76,7 +73,6 @@ def greet_and_half_close(peer):
 
 
 SOURCE_BYTES = bytes(range(256)) * 64
-ON_DATA = (echo, discard)  # served whenever bytes come; the others once
 
 
 class SilentServer:

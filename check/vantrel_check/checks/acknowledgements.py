@@ -1,6 +1,6 @@
 """Credit: one acknowledgement for each write, once its bytes have been handed on."""
 
-from ..device import CREDIT, MAX_WRITE
+from ..device import BULK, CREDIT, MAX_WRITE
 from ..outcome import Warned, expect
 from ..registry import check
 from ..servers import echo, source
@@ -68,7 +68,8 @@ def ack_only_delivered(env):
            f"{held} bytes acknowledged of which the server has read nothing")
     expect(not stream.closes, "a stream closed because its remote does not read")
     peer.reading = True
-    device.wait(lambda: len(peer.received) >= stream.writes * MAX_WRITE, "all bytes at the server")
+    device.wait(lambda: len(peer.received) >= stream.writes * MAX_WRITE, "all bytes at the server",
+                BULK)
     expect(peer.received == chunk * stream.writes, "the server has got other bytes")
     stream.wait_acks()
 
@@ -107,7 +108,7 @@ def device_reads_slowly(env):
         device.link.read_once(4000)
         return len(stream.received) >= len(data)
 
-    device.wait(read_a_little, "all bytes at a slow device")
+    device.wait(read_a_little, "all bytes at a slow device", BULK)
     device.link.reading = True
     expect(stream.received == data, differs(data, stream.received))
     device.probe()

@@ -1,7 +1,7 @@
 """Streams: opening them, bytes in both directions, their ids."""
 
 from .. import codec_v2
-from ..device import CREDIT, MAX_WRITE
+from ..device import BULK, CREDIT, MAX_WRITE
 from ..outcome import expect
 from ..registry import check
 from ..servers import echo, source, unused_endpoint
@@ -124,7 +124,8 @@ def stream_sizes(env):
     for size in SIZES:
         expected += pattern(size, size)
         stream.write_all(pattern(size, size))
-        device.wait(lambda: len(stream.received) >= len(expected), f"echo of {size} bytes")
+        device.wait(lambda: len(stream.received) >= len(expected), f"echo of {size} bytes",
+                    BULK)
     expect(stream.received == expected, differs(expected, stream.received))
 
 
