@@ -141,6 +141,6 @@ def test_command_line(tmp_path):
                              (["--only", "nothing", "unix:x"], "no check is called"),
                              (["--server-address", "192.0.2.1", "unix:x"], "Cannot assign"),
                              (["--timeout", "0.2", f"unix:{tmp_path}/none"], "no link over"),
-                             ([], "one LINK")):
+                             (["--timeout", "nan", "unix:x"], "invalid"), ([], "one LINK")):
         run = subprocess.run([CHECK, *arguments], capture_output=True, text=True, timeout=20)
         assert run.returncode == 2 and words in run.stderr and "Traceback" not in run.stderr

@@ -33,7 +33,7 @@ class Stream:
         """In chunks as a device makes them, each when there is credit for it."""
         for start in range(0, len(data), MAX_WRITE):
             self._device.wait(lambda: self.writes - self.acks < CREDIT,
-                              f"acknowledgement on stream {self.id}")
+                              f"an acknowledgement on stream {self.id}")
             self.write(data[start:start + MAX_WRITE])
 
     def wait_acks(self):
@@ -90,7 +90,7 @@ class Device:
 
     def connect(self, endpoint, stream_id=None):
         """Announces a stream; ids begin at 1 and grow unless one is given."""
-        stream = self.adopt(stream_id or 1 + len(self.streams))
+        stream = self.adopt(1 + len(self.streams) if stream_id is None else stream_id)
         self.send(self.codec.connect(stream.id, endpoint))
         return stream
 
@@ -102,19 +102,22 @@ class Device:
     # What comes in.
 
     def wait(self, condition, what, times=1):
-        """Until |condition()|. It fails when the link ends, or when that takes longer
-        than an answer may; |times| as long where many bytes come over a slow link."""
+        """Until |condition()|. It fails when something else is wrong, when the link
+        ends, or when that takes longer than an answer may; |times| as long where many
+        bytes come over a slow link."""
         seconds = times * self._env.timeout
-        self._env.loop.wait(lambda: condition() or self.link.ended, seconds)
+        self._env.loop.wait(lambda: condition() or self.faults or self.link.ended, seconds)
+        if self.faults:
+            raise Failed(self.faults[0])
         if condition():
             return
         if self.link.ended:
-            raise Failed(f"the link ended ({self.link.ended}) instead of {what}")
-        raise Failed(f"no {what} within {seconds:g} s")
+            raise Failed(f"the link ended ({self.link.ended}) before {what}")
+        raise Failed(f"{what}: not within {seconds:g} s")
 
     def wait_message(self, kind, count=1):
         """The |count|th message of a kind."""
-        self.wait(lambda: len(self.of_kind(kind)) >= count, f"{kind} message")
+        self.wait(lambda: len(self.of_kind(kind)) >= count, f"{count} {kind} message(s)")
         return self.of_kind(kind)[count - 1]
 
     def of_kind(self, kind):
@@ -130,7 +133,7 @@ class Device:
             before = len(self._probe.received)
             self._probe.write(b"probe")
             self.wait(lambda: len(self._probe.received) == before + 5 and
-                      self._probe.acks == self._probe.writes, "answer to a probe of the link")
+                      self._probe.acks == self._probe.writes, "the answer to a probe")
 
     def serves_or_ends(self):
         """After input that no device sends: True if the link still serves, False if
@@ -138,6 +141,8 @@ class Device:
         try:
             self.probe()
         except Failed:
+            if self.faults:
+                raise
             if not self.link.ended:
                 raise Failed("the companion neither serves the link nor ends it") from None
         return not self.link.ended

@@ -26,7 +26,7 @@ MIB = 1 << 20
 
 def measure(env):
     """(name, value, unit) one after the other."""
-    before = _memory(env.pid, "VmRSS")
+    before = memory(env.pid)
     yield "throughput to the device, 1 stream", _download(env, 1)[0] / MIB, "MiB/s"
     total, shares = _download(env, FAIR_STREAMS)
     yield f"throughput to the device, {FAIR_STREAMS} streams", total / MIB, "MiB/s"
@@ -40,10 +40,11 @@ def measure(env):
     yield "queue in this link", statistics.median(queues) / SHAPED_PACE * 1000, "ms"
     if before is not None:
         yield "memory before", before / MIB, "MiB"
-        yield "memory at most", _memory(env.pid, "VmHWM") / MIB, "MiB"
+        yield "memory at most", memory(env.pid, "VmHWM") / MIB, "MiB"
 
 
-def _memory(pid, field):
+def memory(pid, field="VmRSS"):
+    """Bytes; None without a process to look at."""
     if pid is None:
         return None
     for line in Path(f"/proc/{pid}/status").read_text().splitlines():

@@ -7,7 +7,7 @@ import sys
 
 from . import checks  # noqa: F401 registers them
 from .environment import Environment, LinkRefused, LinkSource
-from .figures import measure
+from .figures import measure, memory
 from .links import LinkAddress, LinkError
 from .outcome import Failed
 from .registry import ALL, CHECKS
@@ -17,6 +17,13 @@ from .servers import unused_endpoint
 
 FIGURES = "figures"
 EXIT_FAILED, EXIT_USAGE = 1, 2
+
+
+def _seconds(text):
+    seconds = float(text)
+    if not 0 < seconds < 3600:
+        raise ValueError()
+    return seconds
 
 
 def _parser():
@@ -37,9 +44,9 @@ def _parser():
                         help="only these checks; a name may have * in it, and 'figures' is one")
     parser.add_argument("--list", action="store_true", help="print all checks and exit")
     parser.add_argument("--server-address", metavar="ADDRESS", default="127.0.0.1",
-                        help="IPv4 address of this machine, where the companion reaches the servers that this "
-                        "program brings; 127.0.0.1 unless given")
-    parser.add_argument("--timeout", metavar="SECONDS", type=float, default=10.0,
+                        help="IPv4 address of this machine, where the companion reaches the "
+                        "servers that this program brings; 127.0.0.1 unless given")
+    parser.add_argument("--timeout", metavar="SECONDS", type=_seconds, default=10.0,
                         help="how long an answer may take; 10 unless given")
     parser.add_argument("--pid", type=int, help="the companion's process, to measure its memory")
     parser.add_argument("--json", action="store_true", help="print JSON, one object a line")
@@ -92,7 +99,9 @@ def _run(options):
     chosen, measures = _selected(options.only)
     if not re.fullmatch(r"\d+(\.\d+){3}", options.server_address):
         raise LinkError(f"not an IPv4 address: '{options.server_address}'")
-    unused_endpoint(options.server_address)  # an OSError, where no server can stand
+    # An OSError, where no server can stand or no such process is.
+    unused_endpoint(options.server_address)
+    memory(options.pid)
     results = []
     for protocol, address in _links(options):
         source = LinkSource(address, options.listen, options.timeout)
@@ -129,8 +138,11 @@ def main():
         return 0
     try:
         return _run(options)
-    except (LinkError, LinkRefused, OSError) as error:
+    except (LinkError, LinkRefused) as error:
         print(f"vantrel-check: {error}", file=sys.stderr)
-        return EXIT_USAGE
+    except OSError as error:
+        where = f"{error.filename}: " if error.filename else ""
+        print(f"vantrel-check: {where}{error.strerror}", file=sys.stderr)
     except KeyboardInterrupt:
-        return EXIT_USAGE
+        pass
+    return EXIT_USAGE

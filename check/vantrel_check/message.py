@@ -24,11 +24,12 @@ class Message(NamedTuple):
     raw: bytes
 
     def in_words(self):
-        parts = [f"{key} {_in_words(value)}" for key, value in self.fields.items()]
+        parts = [f"{key} {in_words(value)}" for key, value in self.fields.items()]
         if self.payload:
             parts.append(f"{len(self.payload)} bytes")
         return f"{self.name}  {', '.join(parts)}".rstrip()
 
 
-def _in_words(value):
+def in_words(value):
+    """A field as people write it; an endpoint as host:port."""
     return f"{value[0]}:{value[1]}" if isinstance(value, tuple) else repr(value)

@@ -57,9 +57,9 @@ class Runner:
             self._refused_links += 1
             return FAIL, str(refused)
         except Failed as failure:
-            # What was wrong first is often why something else did not come.
+            # What was wrong before is often why something else did not come.
             faults = [fault for device in env.devices for fault in device.faults]
-            return FAIL, "; ".join(dict.fromkeys([str(failure), *faults[:1]]))
+            return FAIL, "; ".join(dict.fromkeys([*faults[:1], str(failure)]))
         except Warned as warning:
             return WARN, str(warning)
         except Skipped as skipped:

@@ -62,11 +62,11 @@ def close_by_reset(env):
         stream = device.connect(server.endpoint)
         stream.write(b"question")
         peer = env.accept(server, count)
-        device.wait(lambda: peer.received, "question at the server")
+        device.wait(lambda: peer.received, "the question at the server")
         peer.reset()
         stream.wait_close()
     other.write(b"still there")
-    device.wait(lambda: other.received == b"still there", "echo on another stream")
+    device.wait(lambda: other.received == b"still there", "the echo on another stream")
 
 
 @check(SECTION, BOTH_DIRECTIONS + " What the device wrote before reaches the remote.")

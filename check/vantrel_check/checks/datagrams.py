@@ -39,9 +39,10 @@ def _check_echo(env, device, server, payload):
     """One datagram there and back; each is asked for alone, so none may be lost."""
     before = len(_answers(device))
     _send(env, device, server.endpoint, payload)
-    got = _wait_answers(device, before + 1)[before]
-    expect(got[:2] == (_local(env), server.endpoint), f"an answer from {got[1]} to {got[0]}")
-    expect(got[2] == payload, f"{len(payload)} bytes sent, others came back ({len(got[2])})")
+    local, remote, got = _wait_answers(device, before + 1)[before]
+    expect((local, remote) == (_local(env), server.endpoint),
+           f"an answer from {m.in_words(remote)} to {m.in_words(local)}")
+    expect(got == payload, f"{len(payload)} bytes sent, others came back ({len(got)})")
 
 
 @check(SECTION, ENDPOINTS)
@@ -92,8 +93,9 @@ def datagram_flows(env):
     for count, (local, remote) in enumerate(flows, 1):
         _send(env, device, remote, b"%d" % count, local)
         got = _wait_answers(device, count)[-1]
+        asked = f"{m.in_words(local)} asked {m.in_words(remote)}"
         expect(got == (_local(env, local), remote, b"%d" % count),
-               f"{local} asked {remote}, and {got[0]} has an answer from {got[1]}")
+               f"{asked}, and {m.in_words(got[0])} has an answer from {m.in_words(got[1])}")
 
 
 @check(SECTION, "An answer may come late, or several, or none.")

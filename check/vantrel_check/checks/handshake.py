@@ -38,7 +38,7 @@ def handshake_early_messages(env):
     device.wait_handshake_ack()
     peer = env.accept(server)
     stream.write(b"question")
-    device.wait(lambda: peer.received == b"question", "question at the server")
+    device.wait(lambda: peer.received == b"question", "the question at the server")
     env.wait(lambda: udp.received, "the early datagram at its server")
 
 

@@ -34,9 +34,9 @@ def stream_open(env):
         peer = env.accept(server)
         stream.write(b"question %d" % stream.id)
         stream.wait_acks()
-        device.wait(lambda: peer.received == b"question %d" % stream.id, "question at its server")
+        device.wait(lambda: peer.received == b"question %d" % stream.id, "the question at the server")
         peer.send(b"answer %d" % stream.id)
-        device.wait(lambda: len(stream.received) >= 8, "answer at the device")
+        device.wait(lambda: len(stream.received) >= 8, "the answer at the device")
         expect(stream.received == b"answer %d" % stream.id, "the answer is another one")
 
 
@@ -45,7 +45,7 @@ def stream_open(env):
 def stream_remote_first(env):
     device = env.device()
     stream = device.connect(env.server(lambda peer: peer.send(b"220 ready\r\n")).endpoint)
-    device.wait(lambda: stream.received == b"220 ready\r\n", "greeting of the server")
+    device.wait(lambda: stream.received == b"220 ready\r\n", "the greeting of the server")
 
 
 @check(SECTION, "Writes may arrive before your connection stands: keep them.")
@@ -58,7 +58,7 @@ def stream_early_data(env):
                 b"".join(env.codec.data(1, chunk) for chunk in chunks))
     peer = env.accept(server)
     stream.wait_acks()
-    device.wait(lambda: len(peer.received) >= MAX_WRITE * CREDIT, "early bytes at the server")
+    device.wait(lambda: len(peer.received) >= MAX_WRITE * CREDIT, "the early bytes at the server")
     expect(peer.received == b"".join(chunks), differs(b"".join(chunks), peer.received))
 
 
@@ -124,7 +124,7 @@ def stream_sizes(env):
     for size in SIZES:
         expected += pattern(size, size)
         stream.write_all(pattern(size, size))
-        device.wait(lambda: len(stream.received) >= len(expected), f"echo of {size} bytes",
+        device.wait(lambda: len(stream.received) >= len(expected), f"the echo of {size} bytes",
                     BULK)
     expect(stream.received == expected, differs(expected, stream.received))
 
@@ -139,16 +139,17 @@ def stream_empty_write(env):
     device.wait(lambda: stream.received == b"behind it", "the bytes behind an empty write")
 
 
-@check(SECTION, "Ids are 32-bit numbers. An id is free again when its stream has ended.")
+@check(SECTION, "Ids are 32-bit numbers; they wrap, so 0 is one, too. An id is free again "
+       "when its stream has ended.")
 def stream_ids(env):
     device, server = env.device(), env.server()
-    for count, stream_id in enumerate((7, 3, 0xFFFFFFFF, 0x80000000, 7, 7, 3), 1):
+    for count, stream_id in enumerate((7, 3, 0xFFFFFFFF, 0, 0x80000000, 7, 7, 3), 1):
         stream = device.connect(server.endpoint, stream_id)
         peer = env.accept(server, count)
         stream.write(b"stream")
         stream.wait_acks()
         peer.send(b"answer")
-        device.wait(lambda: stream.received == b"answer", f"answer on stream {stream_id}")
+        device.wait(lambda: stream.received == b"answer", f"the answer on stream {stream_id}")
         if count % 2:
             stream.close()
             env.wait(lambda: peer.ended, "the end at the remote")
@@ -163,7 +164,7 @@ def stream_unknown(env):
     device = env.device()
     ended = device.connect(env.echo_endpoint)
     ended.write(b"x")
-    device.wait(lambda: ended.received == b"x", "echo")
+    device.wait(lambda: ended.received == b"x", "the echo")
     ended.close()
     device.probe()
     # Answers for the others would be for streams that never were: a fault.
@@ -182,7 +183,8 @@ def stream_many(env):
             stream.write(pattern(50 + turn, stream.id))
     for stream in streams:
         expected = b"".join(pattern(50 + turn, stream.id) for turn in range(3))
-        device.wait(lambda: len(stream.received) >= len(expected), f"echo on stream {stream.id}")
+        device.wait(lambda: len(stream.received) >= len(expected),
+                    f"the echo on stream {stream.id}")
         expect(stream.received == expected, f"stream {stream.id} has got other bytes")
         stream.wait_acks()
     for stream in streams[::2]:
