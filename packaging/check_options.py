@@ -10,14 +10,14 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 PROGRAMS = {"vantrel-launch": "_vantrel_launch", "vantrel-companion": "_vantrel_companion",
-            "vantrelctl": "_vantrelctl"}
+            "vantrelctl": "_vantrelctl", "vantrel-check": "_vantrel_check"}
 
 
 def help_words(program, *command):
     """The options and commands that --help lists, with those of its commands."""
     text = subprocess.run([program, *command, "--help"], check=True, capture_output=True,
                           text=True).stdout
-    words = set(re.findall(r"^ +(?:-\w,)?(--[a-z-]+)", text, re.M))
+    words = set(re.findall(r"^ +(?:-\w, ?)?(--[a-z-]+)", text, re.M))
     commands = re.search(r"^Subcommands:\n((?:  .*\n)+)", text, re.M)
     for name in re.findall(r"^  (\w+)", commands[1], re.M) if commands else []:
         words |= {name} | help_words(program, *command, name)

@@ -43,7 +43,11 @@ set(CPACK_DEBIAN_COMPANION_DESCRIPTION
 "far side of vantrel links: opens the real connections
 Serves the links of devices that have no network of their own: opens the TCP
 connections and sends the datagrams that they ask for, and carries the answers
-back. It needs no privileges; a service for systemd comes with it.")
+back. It needs no privileges; a service for systemd comes with it.
+.
+vantrel-check, which is in the package, too, judges any companion.")
+# vantrel-check alone needs it.
+set(CPACK_DEBIAN_COMPANION_PACKAGE_RECOMMENDS python3)
 set(CPACK_DEBIAN_COMPANION_PACKAGE_SUGGESTS "bluez, bash-completion")
 set(CPACK_DEBIAN_COMPANION_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/companion/postinst

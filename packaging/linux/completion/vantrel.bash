@@ -1,4 +1,5 @@
-# bash completion for vantrel, vantrel-launch, vantrel-companion and vantrelctl
+# bash completion for vantrel, vantrel-launch, vantrel-companion, vantrelctl and
+# vantrel-check
 
 # Completes the word with one of the given ones, and leaves no blank behind one
 # that goes on.
@@ -104,7 +105,26 @@ _vantrelctl() {
   esac
 }
 
+_vantrel_check() {
+  local cur prev words
+  _vantrel_begin || return
+  case $prev in
+    --protocol) _vantrel_words 1 5 20 all ;;
+    --only) _vantrel_words "$("${words[0]}" --list 2>/dev/null | cut -d ' ' -f 1)" ;;
+    --junit) _vantrel_file ;;
+    --server-address | --timeout | --pid) ;;
+    *)
+      if [[ $cur == -* ]]; then
+        _vantrel_words --help --protocol --listen --header --only --list \
+          --server-address --timeout --pid --json --junit
+      else
+        _vantrel_link "unix: tcp: rfcomm:"
+      fi ;;
+  esac
+}
+
 complete -F _vantrel_daemon vantrel
 complete -F _vantrel_launch vantrel-launch
 complete -F _vantrel_companion vantrel-companion
 complete -F _vantrelctl vantrelctl
+complete -F _vantrel_check vantrel-check

@@ -1,0 +1,1 @@
+"""Judges a companion by the protocol documents, over a real link."""

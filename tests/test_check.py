@@ -1,0 +1,146 @@
+"""vantrel-check: companions that speak the protocol pass, each fault is found."""
+
+import json
+import re
+import socket
+import subprocess
+import sys
+import xml.etree.ElementTree
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from threading import Thread
+from types import SimpleNamespace
+
+import pytest
+
+import bench
+from bench import BIN_DIR, wait_until
+from faulty_companion import FAULTS, PLAIN
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "check"))
+from vantrel_check import checks  # noqa: E402, F401 it registers them
+from vantrel_check.environment import LinkSource  # noqa: E402
+from vantrel_check.links import LinkAddress  # noqa: E402
+from vantrel_check.registry import CHECKS, DOCUMENTS  # noqa: E402
+from vantrel_check.runner import Runner  # noqa: E402
+
+CHECK = str(BIN_DIR / "vantrel-check")
+ALL_BUT_FIGURES = "[!f]*"
+OWN = [BIN_DIR / "vantrel-companion", "--allow", "127.0.0.0/8", "--network", "7"]
+
+
+@pytest.fixture
+def serve(tmp_path):
+    """serve(*command) starts a companion and waits for its socket file."""
+    running = []
+
+    def start(path, *command):
+        log = open(f"{path}.log", "wb")
+        running.append(subprocess.Popen(command, stderr=log,
+                                        env=bench.program_environment(tmp_path)))
+        wait_until(path.exists, "the companion")
+        return running[-1]
+
+    yield start
+    for process in running:
+        bench.end_process(process)
+    assert bench.sanitizer_reports(tmp_path) == ""
+
+
+def check(*arguments):
+    """(exit status, {check: record}) of one run."""
+    run = subprocess.run([CHECK, "--json", *map(str, arguments)], capture_output=True, text=True,
+                         timeout=100)
+    records = [json.loads(line) for line in run.stdout.splitlines()]
+    assert run.stderr == ""
+    return run.returncode, {record["check"]: record for record in records if "check" in record}
+
+
+def not_ok(results):
+    return {name: record["reason"] for name, record in results.items()
+            if record["result"] in ("fail", "warn")}
+
+
+@pytest.mark.parametrize("protocol", [1, 5, 20])
+def test_own_companion(serve, tmp_path, protocol):
+    process = serve(tmp_path / "link", *OWN, "--protocol", str(protocol),
+                    "--listen", f"unix:{tmp_path}/link", "--listen", "tcp:127.0.0.1:7700")
+    for link, names in ((f"unix:{tmp_path}/link", "*"), ("tcp:127.0.0.1:7700", ALL_BUT_FIGURES)):
+        status, results = check("--protocol", protocol, "--pid", process.pid, "--only", names,
+                                "--junit", tmp_path / "junit.xml", link)
+        assert (status, not_ok(results)) == (0, {})
+        skipped = [record["reason"] for record in results.values() if record["result"] == "skip"]
+        assert all(reason.startswith("only with protocol") for reason in skipped)
+    suite = xml.etree.ElementTree.parse(tmp_path / "junit.xml").getroot()[0]
+    assert (suite.get("failures"), suite.get("tests")) == ("0", str(len(results)))
+
+
+def test_example_companion(serve, tmp_path):
+    serve(tmp_path / "link", ROOT / "examples/companion.py", f"unix:{tmp_path}/link")
+    status, results = check(f"unix:{tmp_path}/link", "--only", ALL_BUT_FIGURES)
+    assert (status, not_ok(results)) == (0, {})
+
+
+def find(path, name):
+    """What the check that is meant for a fault says to it."""
+    protocol, meant, words, _ = FAULTS[name]
+    options = SimpleNamespace(timeout=3, server_address="127.0.0.1", pid=None, header=False)
+    source = LinkSource(LinkAddress(f"unix:{path}/{name}", False), False, 10)
+    judge = next(one for one in CHECKS if one.name == meant)
+    result = Runner(protocol, source, options).run(judge)
+    is_found = result.outcome in ("FAIL", "warn") and re.search(words, result.reason)
+    return "found" if is_found else f"{result.outcome} {result.reason}"
+
+
+def test_each_fault_is_found(serve, tmp_path):
+    serve(tmp_path / "plain-1", sys.executable, "-B", ROOT / "tests/faulty_companion.py", tmp_path)
+    wait_until((tmp_path / list(FAULTS)[-1]).exists, "all of them")
+    for name in PLAIN:  # which pass: it is the fault that is found
+        status, results = check("--protocol", name[-1], f"unix:{tmp_path}/{name}", "--only",
+                                ALL_BUT_FIGURES)
+        assert (status, not_ok(results)) == (0, {})
+    assert len(FAULTS) >= 30
+    with ThreadPoolExecutor(8) as pool:
+        said = pool.map(lambda name: find(tmp_path, name), FAULTS)
+        assert {name: text for name, text in zip(FAULTS, said) if text != "found"} == {}
+
+
+def test_a_companion_that_connects_by_itself(tmp_path):
+    """And one that sends the connection header."""
+    path, links = tmp_path / "link", []
+
+    def connect_again():
+        wait_until(path.exists, "the checker")
+        while True:
+            with socket.socket(socket.AF_UNIX) as link:
+                try:
+                    link.connect(str(path))
+                except OSError:
+                    return
+                links.append(subprocess.run([*OWN, "--header", "--fd", str(link.fileno())],
+                                            pass_fds=[link.fileno()], capture_output=True))
+
+    companion = Thread(target=connect_again)
+    companion.start()
+    status, results = check("--listen", "--header", f"unix:{path}", "--only", "hand*", "stream-o*")
+    companion.join()
+    assert (status, not_ok(results)) == (0, {}) and len(links) > len(results)
+
+
+def test_documents_have_the_sections():
+    for protocol, name in DOCUMENTS.items():
+        headings = set(re.findall(r"^## (.*)", (ROOT / "docs" / name).read_text(), re.M))
+        used = {one.section[protocol] for one in CHECKS if protocol in one.protocols}
+        assert used <= headings
+
+
+def test_command_line(tmp_path):
+    for arguments, words in ((["nowhere"], "not a link's address"),
+                             (["tcp:127.0.0.1:x"], "not tcp:HOST:PORT"),
+                             (["--only", "nothing", "unix:x"], "no check is called"),
+                             (["--server-address", "192.0.2.1", "unix:x"], "Cannot assign"),
+                             (["--timeout", "0.2", f"unix:{tmp_path}/none"], "no link over"),
+                             (["--timeout", "nan", "unix:x"], "invalid"), ([], "one LINK")):
+        run = subprocess.run([CHECK, *arguments], capture_output=True, text=True, timeout=20)
+        assert run.returncode == 2 and words in run.stderr and "Traceback" not in run.stderr
