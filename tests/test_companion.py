@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import signal
 import socket
 import stat
@@ -216,6 +217,9 @@ def test_signals_log_and_service_manager(companion, link, tmp_path, monkeypatch)
         monkeypatch.setenv("WATCHDOG_USEC", "200000")
         process = companion("--log-format", "json", "--network", "7")
         assert manager.recv(100) == b"READY=1"
+        with open(f"/proc/{process.pid}/status") as status:
+            rights = re.findall(r"(?:Cap...|NoNewPrivs):\s+(\w+)", status.read())
+        assert [int(value, 16) for value in rights] == [0, 0, 0, 0, 0, 1]
         assert manager.recv(100) == b"WATCHDOG=1"
         one = link()
         network = b"\x0b\0\0\0\7\0"
