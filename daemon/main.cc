@@ -30,6 +30,7 @@
 #include "control/status_records.h"
 #include "control/status_socket.h"
 #include "daemon/iptables.h"
+#include "daemon/memory_reserve.h"
 #include "link/bluetooth_socket.h"
 #include "link_v2/proxy_socket_v2.h"
 #include "reactor/reactor.h"
@@ -150,6 +151,7 @@ int Main(int argc, char** argv) {
 
   // A run that was killed may have left its rules. From here on nothing
   // aborts, so the rules are never left behind by a failed start.
+  KeepMemoryReserve();
   TeardownIptables(0, false);
   SetupIptables(tcp_port, udp_port);
   // Not before: the tool may have to load what the rules need of the kernel.
