@@ -240,9 +240,7 @@ void LaunchSession::HandleRecord(const status_record_t& record) {
   if (record.kind != status_record_t::kStarted) return;
   end_.has_started = true;
   warning_timer_.cancel();
-  rules_look_.emplace(RulesTask::kList);
-  rules_output_.assign(rules_look_->GetFd());
-  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
+  LookAtRules();
   if (inbound_ && options_.protocol != "1") {
     After(warning_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
   }
@@ -258,6 +256,19 @@ void LaunchSession::EndStatus() {
     reporter_.Say("the status channel ended in the middle of a " + cut);
   }
   status_.close();
+}
+
+void LaunchSession::LookAtRules() {
+  try {
+    rules_look_.emplace(RulesTask::kList);
+  } catch (const std::exception& e) {
+    // The daemon runs, and there is nobody else to end it in order.
+    reporter_.Say(std::string("warning: cannot look at the rules: ") +
+                  e.what());
+    return;
+  }
+  rules_output_.assign(rules_look_->GetFd());
+  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
 }
 
 void LaunchSession::HandleRulesLook() {
@@ -306,6 +317,8 @@ void LaunchSession::NoteSilence() {
 }
 
 void LaunchSession::AskForStats() {
+  // It sends its last ones anyway, and then nobody listens.
+  if (is_ending_) return;
   try {
     if (!control_port_) control_port_.emplace();
     control_port_->Send(EncodeControlPacket(TYPE_TRANSFER_STATS));

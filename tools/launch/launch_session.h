@@ -58,6 +58,7 @@ class LaunchSession {
   void HandleStatus();
   void HandleRecord(const status_record_t& record);
   void EndStatus();
+  void LookAtRules();
   void HandleRulesLook();
   void WarnOfMissingRules();
   void HandleGraceEnd() { is_grace_over_ = true; }
