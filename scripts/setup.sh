@@ -38,6 +38,8 @@ all=(
   git clang-format clang-tidy shellcheck python3-flake8 lua-check
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
+  # the package's services
+  systemd-container
   android-liblog-dev android-libcutils-dev android-libutils-dev
 )
 
