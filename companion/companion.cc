@@ -1,13 +1,17 @@
 #include "companion/companion.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <asio/post.hpp>
 #include <chrono>
 
+#include "common/capabilities.h"
 #include "companion/companion_log.h"
 #include "companion/datagram_flows.h"
 
@@ -21,6 +25,15 @@ constexpr std::chrono::milliseconds kStopTime{1500};
 constexpr size_t kStreamsForSure = 64;
 // What the program needs besides links.
 constexpr size_t kOwnDescriptors = 64;
+
+// Nothing that it does for devices needs a right.
+void GiveUpRights() {
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && KeepOnlyCapabilities({})) {
+    return;
+  }
+  ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
+                     "cannot give up capabilities: %s", strerror(errno));
+}
 
 // How many of |max_descriptors| streams and flows may take beyond what each
 // link has for sure.
@@ -55,6 +68,8 @@ int Companion::Run() {
   } else if (!OpenListeners()) {
     return EXIT_FAILURE;
   }
+  // Only now: a listener's port may be below 1024.
+  GiveUpRights();
   WaitForSignal();
   StartWatchdog();
   service_manager_.Notify("READY=1");

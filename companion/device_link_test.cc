@@ -110,8 +110,10 @@ class DeviceLinkTest : public ::testing::Test {
     return log_->find(text) != std::string::npos;
   }
 
+  // Each of an application of its own.
   bool Connect(uint32_t id, const Server& server) {
-    return device_->Write(v1::TcpConnect(id, server.endpoint, 10123)) > 0;
+    return device_->Write(v1::TcpConnect(id, server.endpoint,
+                                         static_cast<uint16_t>(id))) > 0;
   }
   bool SendData(uint32_t id, const std::string& data) {
     return device_->Write(v1::TcpData(id, data.size()) + data) > 0;

@@ -34,7 +34,7 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
                     "stream %u: announced twice, ignored", id);
     return;
   }
-  if (const char* const refusal = GetRefusal(remote)) {
+  if (const char* const refusal = GetRefusal(remote, uid)) {
     link_.log.Write(
         LogLevel::kInfo, LogKind::kRefusal, "stream %u: %s (%s) refused: %s",
         id, remote.ToString().c_str(), DescribeOwner(uid).c_str(), refusal);
@@ -43,15 +43,31 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
   link_.log.Write(LogLevel::kInfo, LogKind::kStream,
                   "stream %u: connect to %s (%s)", id,
                   remote.ToString().c_str(), DescribeOwner(uid).c_str());
-  auto stream = std::make_unique<RemoteStream>(link_, *this, held_, id, remote);
+  auto stream =
+      std::make_unique<RemoteStream>(link_, *this, held_, id, remote, uid);
   if (!stream->Connect()) return TellClosed(id);
   streams_.emplace(id, std::move(stream));
 }
 
-const char* LinkStreams::GetRefusal(const HostAndPort& remote) const {
+const char* LinkStreams::GetRefusal(const HostAndPort& remote,
+                                    uint32_t uid) const {
   if (remote.host.GetFamily() != AF_INET) return "not an IPv4 address";
-  if (GetCount() >= get_max_streams_()) return "too many streams";
+  const size_t max_streams = get_max_streams_();
+  if (GetCount() >= max_streams) return "too many streams";
+  // The last quarter is for the others.
+  if (GetCount() >= max_streams - max_streams / 4 && HasMost(uid)) {
+    return "too many streams of one application";
+  }
   return link_.policy.Allows(remote.host) ? nullptr : "not an allowed address";
+}
+
+bool LinkStreams::HasMost(uint32_t uid) const {
+  const auto is_own = [uid](const auto& stream) {
+    return stream->GetUid() == uid;
+  };
+  auto count = std::count_if(finishing_.begin(), finishing_.end(), is_own);
+  for (const auto& entry : streams_) count += is_own(entry.second) ? 1 : 0;
+  return static_cast<size_t>(count) * 2 >= GetCount();
 }
 
 void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {

@@ -35,8 +35,13 @@ void TuneRemote(int fd) {
 
 RemoteStream::RemoteStream(const LinkParts& link, Owner& owner,
                            ByteBudget& held, uint32_t id,
-                           const HostAndPort& remote)
-    : link_(link), owner_(owner), held_(held), id_(id), remote_(remote) {}
+                           const HostAndPort& remote, uint32_t uid)
+    : link_(link),
+      owner_(owner),
+      held_(held),
+      id_(id),
+      remote_(remote),
+      uid_(uid) {}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);

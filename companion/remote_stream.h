@@ -42,15 +42,16 @@ class RemoteStream final : public FlowScheduler::Flow {
   // What a finishing stream reads and drops.
   static constexpr size_t kMaxDiscardedBytes = 1 << 20;
 
-  // |held| counts the bytes that wait for the remote.
+  // |held| counts the bytes that wait for the remote. |uid| is whose it is.
   RemoteStream(const LinkParts& link, Owner& owner, ByteBudget& held,
-               uint32_t id, const HostAndPort& remote);
+               uint32_t id, const HostAndPort& remote, uint32_t uid);
   ~RemoteStream() override;
 
   // Begins to connect. False when that fails at once; the reason is logged.
   [[nodiscard]] bool Connect();
 
   uint32_t GetId() const { return id_; }
+  uint32_t GetUid() const { return uid_; }
   bool IsFinishing() const { return is_finishing_; }
 
   // Whether no write of the device waits for the remote.
@@ -90,6 +91,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   ByteBudget& held_;
   const uint32_t id_;
   const HostAndPort remote_;
+  const uint32_t uid_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
   std::deque<std::string> queue_;
   size_t front_offset_ = 0;  // bytes of the first write that are delivered

@@ -6,12 +6,15 @@
 // or 20.
 
 #include <cutils/properties.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <malloc.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <memory>
@@ -20,6 +23,7 @@
 #include "capture/tcp_server.h"
 #include "capture/udp_conduit.h"
 #include "capture/udp_server.h"
+#include "common/capabilities.h"
 #include "common/log.h"
 #include "common/log_texts.h"
 #include "control/control_server.h"
@@ -27,6 +31,7 @@
 #include "control/status_records.h"
 #include "control/status_socket.h"
 #include "daemon/iptables.h"
+#include "daemon/memory_reserve.h"
 #include "link/bluetooth_socket.h"
 #include "link_v2/proxy_socket_v2.h"
 #include "reactor/reactor.h"
@@ -97,6 +102,16 @@ uint16_t ListenIfDebuggable(ControlServer& server, int status_fd) {
   return port;
 }
 
+// What is left is for the removal of the rules, and for the sockets that answer
+// datagrams: they are bound to addresses of others, and to ports below 1024.
+void GiveUpCapabilities() {
+  if (KeepOnlyCapabilities(
+          {CAP_NET_ADMIN, CAP_NET_RAW, CAP_NET_BIND_SERVICE})) {
+    return;
+  }
+  LOGW("Unable to give up capabilities: %s", strerror(errno));
+}
+
 void ReportTransferStats(ProxySocket& link, StatusSocket& status) {
   LOGD("Sending transfer stats before vantrel shuts down");
   MessageUidTransferStatsInfo stats;
@@ -147,8 +162,11 @@ int Main(int argc, char** argv) {
 
   // A run that was killed may have left its rules. From here on nothing
   // aborts, so the rules are never left behind by a failed start.
+  KeepMemoryReserve();
   TeardownIptables(0, false);
   SetupIptables(tcp_port, udp_port);
+  // Not before: the tool may have to load what the rules need of the kernel.
+  GiveUpCapabilities();
   LOGD("iptables setup complete.");
   status.StartupCompleted();
   LOGD("Vantrel started on ports C:%d, T:%d, U:%d.", control_port, tcp_port,

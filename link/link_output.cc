@@ -29,6 +29,8 @@ bool LinkOutput::HasRoomForDatagram() {
   if (drop_log_.Admit()) {
     LOGW("[B] Dropping datagrams: %zu bytes wait for the link.", waiting);
   }
+  // Where nothing more is queued, nothing else would notice a dead link.
+  EndIfStuck();
   return false;
 }
 
@@ -37,6 +39,10 @@ void LinkOutput::OnAppended(bool was_empty) {
     reactor_.Register(link_, Reactor::kWrite);
     write_started_ = MonotonicNow();
   }
+  EndIfStuck();
+}
+
+void LinkOutput::EndIfStuck() {
   if (write_started_.tv_sec == 0) return;
   if (MonotonicNow().tv_sec - write_started_.tv_sec >= kWriteTimeoutSeconds) {
     LOGE("[B] Terminating vantrel due to write timeout (%ds).",

@@ -27,8 +27,8 @@ class LinkOutput {
   // Queues what |write|, called with the queue, appends to it. False when
   // |write| returns false, which has then appended nothing. Registers the link
   // for writing, and stops the reactor when the socket has taken nothing for 15
-  // seconds. That is looked at only here: a blocked link for which nothing new
-  // is queued does not time out.
+  // seconds. That is looked at only here and in HasRoomForDatagram(): a blocked
+  // link for which nothing new comes does not time out.
   template <typename Write>
   [[nodiscard]] bool AppendWith(Write write) {
     const bool was_empty = buffer_.IsEmpty();
@@ -64,6 +64,8 @@ class LinkOutput {
 
  private:
   void OnAppended(bool was_empty);
+  // Stops the reactor when what is queued has waited for too long.
+  void EndIfStuck();
 
   Socket& link_;
   Reactor& reactor_;

@@ -18,6 +18,8 @@ test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
   util-linux iproute2 iptables net-tools
+  # a clock that jumps
+  libfaketime
   # clients and servers of tests and demonstration
   curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test; a terminal for vantrelctl top
@@ -30,10 +32,14 @@ bench=(
 all=(
   # sanitizers (with readable stacks), fuzz targets
   clang llvm
+  # what the tests leave out
+  gcovr
   # format and linters
   git clang-format clang-tidy shellcheck python3-flake8 lua-check
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
+  # the package's services
+  systemd-container
   android-liblog-dev android-libcutils-dev android-libutils-dev
 )
 

@@ -254,3 +254,56 @@ class Companion:
     def close(self):
         self.link.close()
         end_process(self.process)
+
+
+def listening_companion(device, *options):
+    log = device.dir / "companion.log"
+    with open(log, "wb") as output:
+        companion = subprocess.Popen(
+            [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
+             "--listen", f"unix:{device.dir}/link", *options],
+            stderr=output, env=program_environment(device.dir))
+    # The socket's file is there a moment before anybody listens on it.
+    wait_until(lambda: "listening on" in log.read_text(), "the companion")
+    return companion
+
+
+class Launch:
+    """One run of the launcher on |device|; |link| has a scheme, or is the name of
+    a socket in the device's directory."""
+
+    def __init__(self, device, *options, link="link", wait=True, pass_fds=()):
+        link = link if ":" in link else f"unix:{device.dir}/{link}"
+        self.device = device
+        self.out, self.err = device.dir / "status.txt", device.dir / "talk.txt"
+        self.log = device.dir / "daemon.log"
+        with open(self.out, "wb") as out, open(self.err, "wb") as err:
+            self.process = subprocess.Popen(
+                device.command([BIN_DIR / "vantrel-launch", "--daemon",
+                                BIN_DIR / "vantrel", *options, link]),
+                stdout=out, stderr=err, umask=0o77, pass_fds=pass_fds,
+                env={**program_environment(device.dir), "VANTREL_LOG_FILE": str(self.log)})
+        if wait:
+            self.wait_for(self.out, "started")
+
+    def wait_for(self, path, text, seconds=10):
+        return wait_until(lambda: path.exists() and text in path.read_text(), text, seconds)
+
+    def daemon(self):
+        children = pathlib.Path(
+            f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        return int(wait_until(children.read_text, "the daemon").split()[0])
+
+    def end(self, signum=signal.SIGTERM, seconds=20):
+        self.process.send_signal(signum)
+        return self.process.wait(seconds)
+
+
+def set_wrapper(device, lines):
+    script = f'#!/bin/sh\n{lines}\nexec iptables-legacy "$@"\n'
+    device.run("sh", "-c", 'echo "$1" >/system/bin/new && chmod 755 /system/bin/new && '
+               "mv /system/bin/new /system/bin/iptables-wrapper-1.0", "sh", script)
+
+
+def standing_rules(device):
+    return device.rules("nat") + device.rules("mangle")

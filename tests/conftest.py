@@ -108,3 +108,25 @@ def connected(start):
     daemon.companion.shake_hands()
     daemon.ports()
     return daemon
+
+
+@pytest.fixture
+def launch(make_device):
+    """launch(*options): the launcher on a debuggable device, its companion
+    listening beside the internet's servers. With |wrapper|, lines of shell that
+    the packet-filter tool of the device begins with."""
+    running = []
+
+    def make(*options, wrapper="", companion_options=(), **kwargs):
+        device = make_device(debuggable=True)
+        bench.set_wrapper(device, wrapper)
+        companion = bench.listening_companion(device, *companion_options)
+        running.append(companion)
+        launched = bench.Launch(device, "--protocol", "5", *options, **kwargs)
+        running.append(launched.process)
+        launched.companion = companion
+        return launched
+
+    yield make
+    for process in running:
+        bench.end_process(process)

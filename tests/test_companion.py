@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import signal
 import socket
 import stat
@@ -17,8 +18,8 @@ from bench import BIN_DIR, program_environment, wait_until
 REMOTE = ("198.51.100.80", 7000)
 
 
-def connect(stream, address=REMOTE[0], port=REMOTE[1]):
-    return struct.pack(">BI4sHH", 1, stream, socket.inet_aton(address), port, 10123)
+def connect(stream, address=REMOTE[0], port=REMOTE[1], uid=10123):
+    return struct.pack(">BI4sHH", 1, stream, socket.inet_aton(address), port, uid)
 
 
 def data(stream, payload):
@@ -34,11 +35,12 @@ def companion(tmp_path):
     """companion(*options): one that listens on a socket file."""
     running = []
 
-    def start(*options, protocol="1"):
+    def start(*options, protocol="1", max_descriptors=10000):
         log = tmp_path / f"log{len(running)}"
         with open(log, "wb") as output:
             process = subprocess.Popen(
-                [BIN_DIR / "vantrel-companion", "--protocol", protocol,
+                ["prlimit", f"--nofile={max_descriptors}",
+                 BIN_DIR / "vantrel-companion", "--protocol", protocol,
                  "--listen", f"unix:{tmp_path}/link", *options],
                 stderr=output, env=program_environment(tmp_path))
         process.log = log.read_text
@@ -117,6 +119,40 @@ def test_many_links_and_no_room(companion, link, remote):
     links.append(link())
     ping(links[-1])
     assert refused.recv(1) == b"" or "refused" not in process.log()
+
+
+def test_no_application_takes_all_streams(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", max_descriptors=1000)
+    one = link()
+    one.sendall(b"".join(connect(n) for n in range(1, 61)))
+    for n in range(49, 61):  # a quarter of 64 is for the others
+        assert take(one, 5) == close(n)
+    one.sendall(b"".join(connect(n, uid=10124) for n in range(61, 71)))
+    ping(one)
+    assert process.log().count("too many streams of one application") == 12
+
+
+def test_out_of_descriptors(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", max_descriptors=40)
+    one, two = link(), link()
+    ping(two)
+    one.sendall(b"".join(connect(n, uid=n) for n in range(1, 61)) + b"\5abcd")
+    refused = 0
+    while (kind := take(one, 1)) == b"\2":
+        refused += len(take(one, 4)) // 4
+    assert kind + take(one, 4) == b"\5abcd" and 20 < refused < 60
+    waiting = link()  # finds no descriptor either
+    before = processor_seconds(process)
+    for _ in range(100):
+        ping(two)
+    assert processor_seconds(process) - before < 0.5
+    for n in range(1, 61):
+        one.sendall(close(n))
+    for _ in range(60 - refused):
+        remote.accept()[0].close()
+    ping(waiting)
+    waiting.sendall(connect(1))
+    remote.accept()[0].close()
 
 
 def test_destinations(companion, link, remote):
@@ -216,6 +252,9 @@ def test_signals_log_and_service_manager(companion, link, tmp_path, monkeypatch)
         monkeypatch.setenv("WATCHDOG_USEC", "200000")
         process = companion("--log-format", "json", "--network", "7")
         assert manager.recv(100) == b"READY=1"
+        with open(f"/proc/{process.pid}/status") as status:
+            rights = re.findall(r"(?:Cap...|NoNewPrivs):\s+(\w+)", status.read())
+        assert [int(value, 16) for value in rights] == [0, 0, 0, 0, 0, 1]
         assert manager.recv(100) == b"WATCHDOG=1"
         one = link()
         network = b"\x0b\0\0\0\7\0"

@@ -89,6 +89,10 @@ def test_what_the_daemon_takes_over_and_hands_on(device, start):
             kept[entry.name] = os.readlink(entry.parent.parent / "fd" / entry.name)
     app.close()
     assert kept == {}  # the shells that change the rules get none of them
+    rights = pathlib.Path(f"/proc/{daemon.process.pid}/status").read_text()
+    # 10, 12 and 13: low ports, net_admin, net_raw.
+    assert {int(value, 16) for value in re.findall(r"Cap(?:Prm|Eff|Bnd):\s+(\w+)", rights)} == {
+        1 << 10 | 1 << 12 | 1 << 13}
     assert bench.end_process(daemon.process) == 0
     assert [line for line in daemon.log() if line.startswith("E ")] == []
 

@@ -13,7 +13,8 @@ import pytest
 
 import bench
 import wire
-from bench import BIN_DIR, program_environment, wait_until
+from bench import (BIN_DIR, Launch, program_environment, standing_rules,
+                   wait_until)
 
 
 def test_control_packets(make_device):
@@ -59,81 +60,6 @@ def test_control_packets(make_device):
     daemon.close()
 
 
-def listening_companion(device, *options):
-    log = device.dir / "companion.log"
-    with open(log, "wb") as output:
-        companion = subprocess.Popen(
-            [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
-             "--listen", f"unix:{device.dir}/link", *options],
-            stderr=output, env=program_environment(device.dir))
-    # The socket's file is there a moment before anybody listens on it.
-    wait_until(lambda: "listening on" in log.read_text(), "the companion")
-    return companion
-
-
-class Launch:
-    """One run of the launcher on |device|; |link| has a scheme, or is the name of
-    a socket in the device's directory."""
-
-    def __init__(self, device, *options, link="link", wait=True):
-        link = link if ":" in link else f"unix:{device.dir}/{link}"
-        self.device = device
-        self.out, self.err = device.dir / "status.txt", device.dir / "talk.txt"
-        self.log = device.dir / "daemon.log"
-        with open(self.out, "wb") as out, open(self.err, "wb") as err:
-            self.process = subprocess.Popen(
-                device.command([BIN_DIR / "vantrel-launch", "--daemon",
-                                BIN_DIR / "vantrel", *options, link]),
-                stdout=out, stderr=err, umask=0o77,
-                env={**program_environment(device.dir), "VANTREL_LOG_FILE": str(self.log)})
-        if wait:
-            self.wait_for(self.out, "started")
-
-    def wait_for(self, path, text, seconds=10):
-        return wait_until(lambda: text in path.read_text(), text, seconds)
-
-    def daemon(self):
-        children = pathlib.Path(
-            f"/proc/{self.process.pid}/task/{self.process.pid}/children")
-        return int(wait_until(children.read_text, "the daemon").split()[0])
-
-    def end(self, signum=signal.SIGTERM, seconds=20):
-        self.process.send_signal(signum)
-        return self.process.wait(seconds)
-
-
-@pytest.fixture
-def launch(make_device):
-    """launch(*options): the launcher on a debuggable device, its companion
-    listening beside the internet's servers. With |wrapper|, lines of shell that
-    the packet-filter tool of the device begins with."""
-    running = []
-
-    def make(*options, wrapper="", companion_options=(), **kwargs):
-        device = make_device(debuggable=True)
-        set_wrapper(device, wrapper)
-        companion = listening_companion(device, *companion_options)
-        running.append(companion)
-        launched = Launch(device, "--protocol", "5", *options, **kwargs)
-        running.append(launched.process)
-        launched.companion = companion
-        return launched
-
-    yield make
-    for process in running:
-        bench.end_process(process)
-
-
-def set_wrapper(device, lines):
-    script = f'#!/bin/sh\n{lines}\nexec iptables-legacy "$@"\n'
-    device.run("sh", "-c", 'echo "$1" >/system/bin/new && chmod 755 /system/bin/new && '
-               "mv /system/bin/new /system/bin/iptables-wrapper-1.0", "sh", script)
-
-
-def standing_rules(device):
-    return device.rules("nat") + device.rules("mangle")
-
-
 def test_a_session(launch, tmp_path):
     victim = tmp_path / "victim"
     victim.write_text("precious")
@@ -156,7 +82,7 @@ def test_a_session(launch, tmp_path):
     assert len(rules.splitlines()) == 10
     device.run(BIN_DIR / "vantrelctl", "stats")
     run.wait_for(run.out, "stats: uid 4294967295 (nobody")
-    device.run(BIN_DIR / "vantrelctl", "stop")
+    assert control("stop").stdout == ""
     assert run.process.wait(10) == 0
     lines = run.out.read_text().splitlines()
     assert lines[:2] == ["started", "network 7, not metered"]
@@ -184,71 +110,6 @@ def test_only_the_daemons_own_lines_count(launch):
                            pathlib.Path(f"/proc/{ping.pid}/fdinfo").iterdir()), "the reader")
     run.companion.send_signal(signal.SIGCONT)
     assert re.fullmatch(r"round trip: \d{1,4} ms\n", ping.communicate(timeout=10)[0])
-
-
-def test_no_rules_stay_when_the_daemon_is_killed(launch):
-    run = launch()
-    assert len(standing_rules(run.device)) == 10
-    os.kill(run.daemon(), signal.SIGKILL)
-    assert run.process.wait(10) == 128 + signal.SIGKILL
-    assert run.out.read_text().endswith("daemon ended: killed by signal 9 (Killed)\n")
-    assert standing_rules(run.device) == []
-
-    # Killed together with its launcher: the tool removes what is left.
-    run = launch()
-    daemon = run.daemon()
-    run.process.kill()
-    os.kill(daemon, signal.SIGKILL)
-    run.process.wait()
-    assert standing_rules(run.device)
-    run.device.run(BIN_DIR / "vantrelctl", "rules", "teardown")
-    assert standing_rules(run.device) == []
-
-
-SLOW = "sleep 0.1"
-
-
-def test_no_rules_stay_when_either_is_killed_during_the_start(launch):
-    for is_launcher in True, False:
-        run = launch(wrapper=SLOW, wait=False)
-        wait_until(lambda: standing_rules(run.device), "the first rule")
-        daemon = run.daemon()
-        os.kill(run.process.pid if is_launcher else daemon, signal.SIGKILL)
-        run.process.wait(20)
-        wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the end", 20)
-        assert standing_rules(run.device) == []
-
-
-def test_rules_that_are_missing_or_stay_behind_are_told(launch):
-    run = launch(wrapper='case "$*" in *-A*) exit 1 ;; esac')
-    run.wait_for(run.err, "warning: 2 of 10 interception rules stand")
-    assert run.end() == 0
-
-    # The daemon's own removal fails; it ends a second later.
-    run = launch()
-    set_wrapper(run.device, 'case "$*" in *-[DFX]*) exit 1 ;; esac')
-    run.process.send_signal(signal.SIGTERM)
-    run.wait_for(run.log, "@@@ VANTREL TEARDOWN FAILED")
-    set_wrapper(run.device, "")
-    assert run.process.wait(10) == 0
-    assert "removed 10 interception rules" in run.err.read_text()
-    assert standing_rules(run.device) == []
-
-
-def test_a_packet_filter_tool_that_hangs(launch):
-    run = launch()
-    set_wrapper(run.device, "sleep 1000")
-    look = subprocess.Popen(run.device.command([BIN_DIR / "vantrelctl", "rules", "status"]),
-                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    daemon = run.daemon()
-    os.kill(daemon, signal.SIGKILL)
-    wait_until(lambda: run.daemon() != daemon, "the look at the rules")
-    assert run.end(seconds=5) == 128 + signal.SIGKILL
-    assert "rules may be left" in run.err.read_text()
-    assert "did not end within 10 s" in look.communicate(timeout=15)[1]
-    assert look.returncode == 1
-    assert not run.device.run("pgrep", "-f", "iptables-wrapper-1.0", check=False).stdout
-    set_wrapper(run.device, "")
 
 
 def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
@@ -284,18 +145,6 @@ def test_a_link_without_a_relay(launch):
     run.process.kill()  # the daemon still has its link
     wait_until(lambda: not os.path.exists(f"/proc/{daemon}/exe"), "the daemon's end")
     assert standing_rules(run.device) == []
-
-
-def test_restart_when_the_link_ends(launch):
-    run = launch("--restart")
-    run.companion.kill()  # its socket's file is left behind, and in the next one's way
-    run.companion.wait(10)
-    run.wait_for(run.out, "daemon ended: exit status 0")
-    again = listening_companion(run.device)
-    wait_until(lambda: run.out.read_text().count("started\n") == 2, "the second start", 20)
-    assert run.end() == 0
-    assert run.err.read_text().count("the link ended") == 1
-    bench.end_process(again)
 
 
 def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):

@@ -28,7 +28,7 @@ std::string DescribeHolder(int file) {
 
 LockFile::LockFile(const std::string& path)
     : file_(
-          open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644)) {
+          open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
   if (file_.Get() < 0) throw SystemFailure("no lock file " + path);
   struct flock range = WholeFile();
   if (fcntl(file_.Get(), F_OFD_SETLK, &range) != 0) {

@@ -18,8 +18,11 @@ bool LogFile::Follow(time_t now) {
 }
 
 bool LogFile::Append(const std::string& line) {
-  return write(fd_, line.data(), line.size()) ==
-         static_cast<ssize_t>(line.size());
+  const std::string text = is_cut_ ? '\n' + line : line;
+  const ssize_t written = write(fd_, text.data(), text.size());
+  // The next line must not go on where a full disk has cut this one.
+  if (written > 0) is_cut_ = text[static_cast<size_t>(written) - 1] != '\n';
+  return written == static_cast<ssize_t>(text.size());
 }
 
 bool LogFile::HasName() const {
@@ -35,6 +38,7 @@ void LogFile::Open() {
   if (fd == -1) return;
   if (fd_ != -1) close(fd_);
   fd_ = fd;
+  is_cut_ = false;
   fstat(fd_, &opened_);
 }
 

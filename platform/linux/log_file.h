@@ -28,7 +28,7 @@ class LogFile {
   [[nodiscard]] bool Follow(time_t now);
 
   // Appends |line| with one write(); false when the file did not take all of
-  // it.
+  // it. The line after a cut one begins with a line break.
   [[nodiscard]] bool Append(const std::string& line);
 
  private:
@@ -39,6 +39,7 @@ class LogFile {
   int fd_ = -1;
   struct stat opened_ = {};  // of |fd_|, while that is not -1
   time_t looked_at_ = -1;    // |now| of the last look
+  bool is_cut_ = false;      // what stands last in the file is no whole line
 };
 
 }  // namespace vantrel

@@ -44,6 +44,8 @@ void MoveTo(int fd, int place) {
   static_cast<void>(RaiseOpenFileLimit());
   MoveTo(start.link.Get(), STDIN_FILENO);
   MoveTo(start.status.Get(), STDOUT_FILENO);
+  // What we have inherited from others is not for the daemon.
+  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   execlp(start.program.c_str(), start.program.c_str(), start.protocol.c_str(),
          static_cast<char*>(nullptr));
   const int error = errno;

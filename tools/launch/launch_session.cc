@@ -25,6 +25,10 @@ constexpr std::chrono::seconds kGrace{2};
 // of a slow packet-filter tool, and the second that it waits for its reader.
 constexpr std::chrono::seconds kDaemonEndTimeout{15};
 
+// A daemon that takes longer to start waits for its link, or for the
+// packet-filter tool: somebody may hold the lock on the tables.
+constexpr std::chrono::seconds kSlowStart{10};
+
 // A companion that speaks the daemon's protocol answers the handshake at once.
 // Protocol 1 has none.
 constexpr std::chrono::seconds kSilenceTimeout{8};
@@ -52,7 +56,7 @@ LaunchSession::LaunchSession(const launch_options_t& options,
                       asio::posix::stream_descriptor(loop.GetContext())},
       grace_timer_(loop.GetContext()),
       kill_timer_(loop.GetContext()),
-      silence_timer_(loop.GetContext()),
+      warning_timer_(loop.GetContext()),
       stats_timer_(loop.GetContext()),
       link_(loop.GetContext()),
       near_end_(loop.GetContext()) {
@@ -73,7 +77,7 @@ LaunchSession::~LaunchSession() {
     if (borrowed->is_open()) borrowed->release();
   }
   for (auto* timer :
-       {&grace_timer_, &kill_timer_, &silence_timer_, &stats_timer_}) {
+       {&grace_timer_, &kill_timer_, &warning_timer_, &stats_timer_}) {
     timer->cancel();
   }
   loop_.GetContext().poll();  // the handlers that were just cancelled
@@ -105,6 +109,7 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   daemon_.emplace(std::move(start));
   loop_.SetSignalHandler([this](int signal) { HandleSignal(signal); });
   OnReadable(status_, &LaunchSession::HandleStatus);
+  After(warning_timer_, kSlowStart, &LaunchSession::NoteSlowStart);
 }
 
 void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
@@ -209,7 +214,7 @@ void LaunchSession::HandleSignal(int signal) {
   }
   if (!daemon_->IsRunning() || !daemon_->Reap()) return;
   far_end_.Reset();
-  for (auto* timer : {&kill_timer_, &silence_timer_, &stats_timer_}) {
+  for (auto* timer : {&kill_timer_, &warning_timer_, &stats_timer_}) {
     timer->cancel();
   }
   After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
@@ -236,11 +241,10 @@ void LaunchSession::HandleRecord(const status_record_t& record) {
   reporter_.Record(record);
   if (record.kind != status_record_t::kStarted) return;
   end_.has_started = true;
-  rules_look_.emplace(RulesTask::kList);
-  rules_output_.assign(rules_look_->GetFd());
-  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
+  warning_timer_.cancel();
+  LookAtRules();
   if (inbound_ && options_.protocol != "1") {
-    After(silence_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
+    After(warning_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
   }
   if (options_.stats_every_seconds > 0) {
     After(stats_timer_, std::chrono::seconds(options_.stats_every_seconds),
@@ -254,6 +258,19 @@ void LaunchSession::EndStatus() {
     reporter_.Say("the status channel ended in the middle of a " + cut);
   }
   status_.close();
+}
+
+void LaunchSession::LookAtRules() {
+  try {
+    rules_look_.emplace(RulesTask::kList);
+  } catch (const std::exception& e) {
+    // The daemon runs, and there is nobody else to end it in order.
+    reporter_.Say(std::string("warning: cannot look at the rules: ") +
+                  e.what());
+    return;
+  }
+  rules_output_.assign(rules_look_->GetFd());
+  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
 }
 
 void LaunchSession::HandleRulesLook() {
@@ -287,6 +304,12 @@ void LaunchSession::KillDaemon() {
   daemon_->Kill();
 }
 
+void LaunchSession::NoteSlowStart() {
+  reporter_.Say(
+      "warning: the daemon has not started yet; does the packet-filter tool "
+      "hang, or wait for its lock?");
+}
+
 void LaunchSession::NoteSilence() {
   if (inbound_->GetMovedByteCount() > 0) return;
   reporter_.Say(
@@ -296,6 +319,8 @@ void LaunchSession::NoteSilence() {
 }
 
 void LaunchSession::AskForStats() {
+  // It sends its last ones anyway, and then nobody listens.
+  if (is_ending_) return;
   try {
     if (!control_port_) control_port_.emplace();
     control_port_->Send(EncodeControlPacket(TYPE_TRANSFER_STATS));

@@ -58,11 +58,13 @@ class LaunchSession {
   void HandleStatus();
   void HandleRecord(const status_record_t& record);
   void EndStatus();
+  void LookAtRules();
   void HandleRulesLook();
   void WarnOfMissingRules();
   void HandleGraceEnd() { is_grace_over_ = true; }
   void AskForStats();
   void KillDaemon();
+  void NoteSlowStart();
   void NoteSilence();
   void HandleInboundEnd();
   void HandleOutboundEnd();
@@ -85,7 +87,7 @@ class LaunchSession {
 
   asio::steady_timer grace_timer_;    // from the daemon's end
   asio::steady_timer kill_timer_;     // from when the daemon is to end
-  asio::steady_timer silence_timer_;  // from the start
+  asio::steady_timer warning_timer_;  // of a slow start, then of silence
   asio::steady_timer stats_timer_;
   bool is_grace_over_ = false;
   bool is_ending_ = false;                   // the daemon is to end
