@@ -23,18 +23,6 @@ import time
 import roads
 from roads import Load, bench
 
-NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
-INTERNET = [
-    "mount --make-rprivate /",
-    "mount -t tmpfs run /run",
-    "ip link set lo up",
-    "ip address add 198.51.100.1/24 dev lo",
-    # A new connection for each request uses up ports and waits for none.
-    "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
-]
-# Without these the second run of new connections waits for ports of the first.
-DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
-                   "net.ipv4.tcp_max_tw_buckets=1000"]
 REQUEST = {"up": 100, "down": 1024}
 IDLE_CONNECTIONS = 1000
 SLOW = "rate=2Mbit,delay=30ms"
@@ -246,7 +234,7 @@ def measure_roads(options, mode, directory, results, names):
                 print(f"skipped: {name}: {reason}", file=sys.stderr)
                 continue
             stack.callback(road.close)
-            road.device.run(*DEVICE_SETTINGS)
+            road.device.run(*roads.DEVICE_SETTINGS)
             made.append(road)
             names.append(name)
         for measure, action in MEASURES.items():
@@ -333,12 +321,7 @@ def main():
     parser.add_argument("--base", metavar="NAME")
     parser.add_argument("out", type=pathlib.Path, metavar="OUT.json")
     options = parser.parse_args()
-    if "VANTREL_BENCH" not in os.environ:
-        os.environ["VANTREL_BENCH"] = "root"
-        os.environ["PATH"] += ":/usr/sbin:/sbin"
-        os.execvp("unshare", ["unshare", *NAMESPACES, sys.executable, *sys.argv])
-    for command in INTERNET:
-        subprocess.run(command.split(), check=True)
+    roads.enter_internet()
     mode = MODES[options.mode]
     mode.update({name: value for name in ("seconds", "repeats")
                  if (value := getattr(options, name)) is not None})
