@@ -85,6 +85,16 @@ def resident_bytes(pids):
                for pid in pids) * resource.getpagesize()
 
 
+def descriptors(pids):
+    """What each open descriptor of these processes is, as /proc names it."""
+    names = []
+    for pid in pids:
+        for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+            with contextlib.suppress(OSError):
+                names.append(os.readlink(path))
+    return names
+
+
 class Road:
     """|name| is how tables call it."""
 
@@ -167,7 +177,7 @@ class VantrelRoad(Road):
 
     @staticmethod
     def _is_daemon(pid):
-        with contextlib.suppress(FileNotFoundError):  # it was a short-lived one
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has ended
             return pathlib.Path(f"/proc/{pid}/comm").read_text() == "vantrel\n"
 
     def dump(self):

@@ -18,7 +18,6 @@ import os
 import pathlib
 import random
 import re
-import select
 import shutil
 import signal
 import socket
@@ -82,14 +81,8 @@ class LinkRoad(roads.VantrelRoad):
     def descriptors(self):
         """{role: how many}. Of the daemon sockets only: it keeps what it finds the owners
         of datagrams with."""
-        counts = {}
-        for role in ROLES:
-            names = []
-            for path in pathlib.Path(f"/proc/{self.pid(role)}/fd").iterdir():
-                with contextlib.suppress(OSError):
-                    names.append(os.readlink(path))
-            counts[role] = sum(role != "daemon" or "socket:" in name for name in names)
-        return counts
+        return {role: sum(role != "daemon" or "socket:" in name
+                          for name in roads.descriptors([self.pid(role)])) for role in ROLES}
 
 
 class Run:
