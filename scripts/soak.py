@@ -287,7 +287,7 @@ class Soak:
         rows = [[sample["seconds"] / 60, *list(sample.values())[1:]] for sample in (
             {field: sample[field] for field in self.FIELDS} for sample in self.samples)]
         report.draw(self.out / "soak.svg",
-                    f"set multiplot layout 4,1\nset yrange [0:*]\n{plots}\nunset multiplot",
+                    f"set multiplot layout 4,1\nset lmargin 10\nset yrange [0:*]\n{plots}\nunset multiplot",
                     {"samples": rows}, size="760,900")
 
 

@@ -35,9 +35,10 @@ from roads import bench  # noqa: E402
 
 # (what a launcher is given, bytes that a run moves at most)
 LINKS = [
-    ([], 3 << 20), ([], 3 << 20), (["--direct"], 3 << 20),
-    (["--shape", "rate=20Mbit,delay=3ms"], 1 << 20), (["--shape", "chunk=100"], 1 << 20),
-    (["--shape", "rate=2Mbit,delay=10ms,chunk=990"], 150000)]
+    ("", 3 << 20), ("--direct", 3 << 20), ("--shape chunk=100", 1 << 20),
+    ("--capture {0}/link.pcapng --metrics {0}/metrics --stats-every 1", 3 << 20),
+    ("--shape rate=20Mbit,delay=3ms", 1 << 20),
+    ("--shape rate=2Mbit,delay=10ms,chunk=990", 150000)]
 SIZES = [1, 100, 4095, 4096, 4097, 16384, 16385, 65536, 300000]
 ENDS = ["close", "shutdown", "shutdown", "reset"]
 ROLES = "daemon", "launcher", "companion"
@@ -51,9 +52,9 @@ class LinkRoad(roads.VantrelRoad):
     """Its link can be cut, and is made again then."""
 
     def __init__(self, directory, protocol, options):
-        self.is_direct = "--direct" in options
-        super().__init__("", directory, protocol, relayed=not self.is_direct,
-                         launch_options=[*(["--direct"] if self.is_direct else options), "--restart"])
+        self.is_direct = options == "--direct"
+        super().__init__("", directory, protocol, relayed=not self.is_direct, launch_options=[
+            "--restart", *([] if self.is_direct else options.format(directory).split())])
 
     def pid(self, role):
         return self.pids()[role][0]
@@ -91,13 +92,12 @@ class Run:
         self.protocol = self.rng.choice(["1", "5", "20"])
         if protocol:
             self.protocol = protocol
-        options, self.budget = self.rng.choice(LINKS)
-        self.options = options
+        self.options, self.budget = self.rng.choice(LINKS)
         self.dir = directory
         self.trace = []
         self.paused = None  # (role, until when)
         self.talk = None
-        self.road = LinkRoad(directory, self.protocol, options)
+        self.road = LinkRoad(directory, self.protocol, self.options)
 
     def close(self):
         if self.talk:
@@ -181,9 +181,10 @@ class Run:
     def datagram(self, rng):
         number = rng.randrange(len(self.talk.correspondents))
         # Protocol 1 answers the one that wrote last: each remote has its own there.
-        remote = number if self.protocol == "1" else rng.randrange(len(self.talk.remotes))
+        remotes = [*(self.talk.remotes if self.protocol != "1" else
+                     [self.talk.remotes[number]]), self.talk.nobody]
         size = rng.choice([20, 100, 1472, 4096, 16384])
-        self.talk.correspondents[number].send(self.talk.remotes[remote], rng.randbytes(size))
+        self.talk.correspondents[number].send(rng.choice(remotes), rng.randbytes(size))
 
     def pause(self, rng):
         if not self.paused:
@@ -300,7 +301,7 @@ def run_seed(seed, options):
         if run:
             with contextlib.suppress(*([] if not fault else [AssertionError, OSError])):
                 run.close()
-    what = f"seed {seed}: protocol {run.protocol}, {' '.join(run.options) or 'plain'}" if run else seed
+    what = f"seed {seed}: protocol {run.protocol}, {run.options or 'plain'}" if run else seed
     if not fault:
         shutil.rmtree(directory)
         print(f"{what}: {len(run.talk.streams)} streams, "

@@ -13,6 +13,7 @@ import struct
 import time
 
 STREAM_PORT, SLOW_STREAM_PORT, DATAGRAM_PORT = 7000, 7001, 4000
+NOBODYS_PORT = 9
 MAX_STREAMS = 240  # one address of the internet each, so that its server knows it
 # What an application sends and then closes at once may lose so much: the daemon
 # drops what it has not handed to the link.
@@ -127,6 +128,9 @@ class Stream:
         self.senders = rng.choice([[self.app], [self.remote], [self.app, self.remote]])
         self.was_accepted = False
         self.was_cut = False  # the link was, while this stream was open
+        self.port = SLOW_STREAM_PORT if self.remote.buffer else STREAM_PORT
+        if rng.random() < .05:
+            self.port = NOBODYS_PORT
         self.ending = None  # (who ends it, how, when: see WHENS)
         self.must = None  # what has to hold at the end, see _note_what_must_hold()
 
@@ -156,6 +160,8 @@ class Stream:
             # With bytes of the application on their way it would be reset.
             is_clean = self.remote.got == self.app.wanted
             return "all that the remote sent" if is_clean else None
+        if self.port == NOBODYS_PORT:
+            return None
         # A closed socket that gets more is reset by the kernel.
         is_quiet = who.got == other.sent == other.wanted
         return "nearly all that the application sent" if how == "shutdown" or is_quiet else None
@@ -163,7 +169,8 @@ class Stream:
     def is_over(self):
         if self.app.sock or not self.app.ended_by and not self.app.saw:
             return False
-        may_not_come = self.was_cut or self.app.ended_by == "reset"
+        may_not_come = (self.was_cut or self.port == NOBODYS_PORT or
+                        self.app.ended_by == "reset")
         return not self.remote.sock and (self.was_accepted or may_not_come)
 
     def check(self):
@@ -225,6 +232,7 @@ class Conversations:
             remote.setblocking(False)
             self._remotes.append(remote)
         self.remotes = [remote.getsockname() for remote in self._remotes]
+        self.nobody = ("198.51.100.254", NOBODYS_PORT)  # takes datagrams, and does not answer
         self.correspondents = [Correspondent(device.socket(socket.SOCK_DGRAM))
                                for _ in range(correspondents)]
 
@@ -234,7 +242,7 @@ class Conversations:
         app = self.device.socket(socket.SOCK_STREAM)
         limit_buffer(app, stream.app.buffer)
         stream.app.take(app)
-        app.connect_ex((stream.address, SLOW_STREAM_PORT if stream.remote.buffer else STREAM_PORT))
+        app.connect_ex((stream.address, stream.port))
         return stream
 
     def all(self):
