@@ -265,7 +265,9 @@ class Run:
                                  "a companion without streams")
         # What carries datagrams stays for a while.
         remotes = {remote for one in self.talk.correspondents for remote, _ in one.waiting}
-        limits = {"daemon": self.fresh["daemon"] + len(remotes), "launcher": self.fresh["launcher"],
+        limits = {"daemon": self.fresh["daemon"] + len(remotes),
+                  # One to ask for statistics, from the first time on.
+                  "launcher": self.fresh["launcher"] + ("--stats-every" in self.options),
                   "companion": self.fresh["companion"] + int(flows[1])}
         found = self.road.descriptors()
         assert all(found[role] <= limits[role] for role in ROLES), (
