@@ -44,6 +44,7 @@ ENDS = ["close", "shutdown", "shutdown", "reset"]
 ROLES = "daemon", "launcher", "companion"
 STEPS = {"open": 6, "send": 20, "read": 6, "end": 3, "datagram": 6, "pause": 2, "quiet": 1}
 QUIET_SECONDS, QUIET_WORK_SECONDS = .1, .002  # so little work in so long a time is none
+FAULTS = AssertionError, OSError, LookupError, subprocess.SubprocessError
 _PIDFD_GETFD = 438
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -88,6 +89,7 @@ class LinkRoad(roads.VantrelRoad):
 
 class Run:
     def __init__(self, seed, protocol, directory):
+        self.seed = seed
         self.rng = random.Random(seed)
         self.protocol = self.rng.choice(["1", "5", "20"])
         if protocol:
@@ -98,6 +100,17 @@ class Run:
         self.paused = None  # (role, until when)
         self.talk = None
         self.road = LinkRoad(directory, self.protocol, self.options)
+
+    def __str__(self):
+        return f"seed {self.seed}: protocol {self.protocol}, {self.options or 'plain'}"
+
+    def result(self):
+        moved = sum(end.got for stream in self.talk.all() for end, _ in stream.ends())
+        return f"{len(self.talk.streams)} streams, {moved} bytes"
+
+    def write_trace(self):
+        streams = map(str, self.talk.all() if self.talk else [])
+        (self.dir / "trace").write_text("\n".join([*self.trace, *streams]))
 
     def close(self):
         if self.talk:
@@ -288,34 +301,33 @@ class Run:
         assert not reports, reports
 
 
+def end_all():
+    """What a failed run has left would be blamed on the next one."""
+    for pid in roads.with_children(os.getpid())[1:]:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
+
+
 def run_seed(seed, options):
     directory = pathlib.Path(tempfile.mkdtemp(prefix=f"stress-{seed}-"))
     begin = time.monotonic()
     run = None
-    fault = None
     try:
         run = Run(seed, options.protocol, directory)
-        run.everything()
-    except (AssertionError, OSError, LookupError, subprocess.SubprocessError) as error:
-        fault = error
-        print("".join(traceback.format_exception(error)), file=sys.stderr)
-    finally:
+        with contextlib.closing(run):
+            run.everything()
+    except FAULTS as fault:
+        traceback.print_exception(fault)
+        end_all()
+        print(f"{run or f'seed {seed}'}: FAILED: {fault}\n  logs: {directory}\n  again: "
+              f"scripts/stress.py --seed {seed} --runs 1" + (
+                  f" --protocol {options.protocol}" if options.protocol else ""), flush=True)
         if run:
-            with contextlib.suppress(*([] if not fault else [AssertionError, OSError])):
-                run.close()
-    what = f"seed {seed}: protocol {run.protocol}, {run.options or 'plain'}" if run else seed
-    if not fault:
-        shutil.rmtree(directory)
-        print(f"{what}: {len(run.talk.streams)} streams, "
-              f"{sum(end.got for s in run.talk.all() for end, _ in s.ends())} bytes, "
-              f"{time.monotonic() - begin:.1f} s", flush=True)
-        return True
-    if run:
-        (directory / "trace").write_text("\n".join(
-            [*run.trace, *map(str, run.talk.all() if run.talk else [])]))
-    print(f"{what}: FAILED: {fault}\n  logs: {directory}\n  again: scripts/stress.py "
-          f"--seed {seed} --runs 1", flush=True)
-    return False
+            run.write_trace()
+        return False
+    shutil.rmtree(directory)
+    print(f"{run}: {run.result()}, {time.monotonic() - begin:.1f} s", flush=True)
+    return True
 
 
 def main():

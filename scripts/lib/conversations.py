@@ -169,8 +169,9 @@ class Stream:
     def is_over(self):
         if self.app.sock or not self.app.ended_by and not self.app.saw:
             return False
+        # One that has sent nothing may not have been connected yet.
         may_not_come = (self.was_cut or self.port == NOBODYS_PORT or
-                        self.app.ended_by == "reset")
+                        self.app.ended_by == "reset" or self.app.sent == 0)
         return not self.remote.sock and (self.was_accepted or may_not_come)
 
     def check(self):
