@@ -289,9 +289,15 @@ class Run:
                   # One to ask for statistics, from the first time on.
                   "launcher": self.fresh["launcher"] + ("--stats-every" in self.options),
                   "companion": self.fresh["companion"] + int(flows[1])}
-        found = self.road.descriptors()
-        assert all(found[role] <= limits[role] for role in ROLES), (
-            f"descriptors: {found}, at most {limits}")
+        self.check_descriptors(limits)
+
+    def check_descriptors(self, limits):
+        for _ in range(50):
+            found = self.road.descriptors()
+            if all(found[role] <= limits[role] for role in ROLES):
+                return
+            time.sleep(.1)  # a file of metrics is just being written
+        raise AssertionError(f"descriptors: {found}, at most {limits}")
 
     def stop(self):
         daemon = self.road.pid("daemon")
