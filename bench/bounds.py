@@ -364,7 +364,7 @@ def parse_options():
 
 def main():
     options = parse_options()
-    roads.make_internet()
+    roads.enter_internet()
     servers = os.fork()
     if servers == 0:
         run_servers()

@@ -46,7 +46,9 @@ struct options_t {
   uint16_t port = 7000;
   unsigned int clients = 1;
   request_t request;
-  double seconds = 1;  // 0: one exchange per client
+  double seconds = 1;         // 0: one exchange per client
+  uint64_t exchanges = 0;     // per client, in place of |seconds|; 0: no number
+  unsigned int pause_ms = 0;  // of a client after each exchange
   bool is_new = false;
 };
 
@@ -212,6 +214,12 @@ bool Query(const options_t& options, Descriptor* connection,
 
 using Action = bool (*)(const options_t&, Descriptor*, std::vector<char>&);
 
+bool IsOver(const options_t& options, const tally_t& tally,
+            Clock::time_point end) {
+  if (options.exchanges == 0) return Clock::now() >= end;
+  return tally.exchanges + tally.failures >= options.exchanges;
+}
+
 // On |connection|, which may be closed still.
 tally_t RunClient(const options_t& options, Action action,
                   Descriptor* connection, Clock::time_point end) {
@@ -232,7 +240,8 @@ tally_t RunClient(const options_t& options, Action action,
       ++tally.failures;
       connection->Reset(-1);
     }
-  } while (Clock::now() < end);
+    std::this_thread::sleep_for(std::chrono::milliseconds(options.pause_ms));
+  } while (!IsOver(options, tally, end));
   return tally;
 }
 
@@ -325,6 +334,9 @@ int main(int argc, char** argv) try {
   app.add_option("--up", options.request.up, "Bytes of a request");
   app.add_option("--down", options.request.down, "Bytes of an answer");
   app.add_option("--seconds", options.seconds, "0: one exchange per client");
+  app.add_option("--exchanges", options.exchanges,
+                 "Of each client, in place of --seconds");
+  app.add_option("--pause", options.pause_ms, "Milliseconds after each");
   app.add_flag("--new", options.is_new, "A new connection for each exchange");
   app.require_subcommand(1);
   app.fallthrough();  // options stand after the subcommand

@@ -23,9 +23,6 @@ import time
 import roads
 from roads import Load, bench
 
-# Without these the second run of new connections waits for ports of the first.
-DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
-                   "net.ipv4.tcp_max_tw_buckets=1000"]
 REQUEST = {"up": 100, "down": 1024}
 IDLE_CONNECTIONS = 1000
 SLOW = "rate=2Mbit,delay=30ms"
@@ -239,7 +236,7 @@ def measure_roads(options, mode, directory, results, names):
                 print(f"skipped: {name}: {reason}", file=sys.stderr)
                 continue
             stack.callback(road.close)
-            road.device.run(*DEVICE_SETTINGS)
+            road.device.run(*roads.DEVICE_SETTINGS)
             made.append(road)
             names.append(name)
         for measure, action in MEASURES.items():
@@ -345,7 +342,7 @@ def main():
         if not any(word in measure for measure in known_measures(options.mode)):
             parser.exit(2, f"bench: no measurement of the mode {options.mode} has {word!r} in its "
                         f"name; there are: {'; '.join(known_measures(options.mode))}\n")
-    roads.make_internet()
+    roads.enter_internet()
     mode = MODES[options.mode]
     mode.update({name: value for name in ("seconds", "repeats")
                  if (value := getattr(options, name)) is not None})

@@ -7,6 +7,7 @@ import os
 import pathlib
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -15,7 +16,6 @@ SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(SOURCE_DIR / "tests"))
 import bench  # noqa: E402 the line before is what finds it
 
-SERVER_ADDRESS, SERVER_PORT = "198.51.100.80", 7000
 NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
 INTERNET = [
     "mount --make-rprivate /",
@@ -28,15 +28,23 @@ INTERNET = [
     # list its entries, which finds a connection's owner, walks the whole table.
     "sysctl -eqw net.ipv4.tcp_child_ehash_entries=8192",
 ]
+# Without these the second run of new connections waits for ports of the first.
+DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
+                   "net.ipv4.tcp_max_tw_buckets=1000"]
+SERVER_ADDRESS, SERVER_PORT = "198.51.100.80", 7000
 GATEWAY = "10.99.{}.1"  # the internet's end of a device's cable, by number
 
 
-def make_internet():
-    """Starts the program again in namespaces of its own, which are the internet then."""
+def enter_internet():
+    """Goes on in namespaces of its own, whose network is the internet of the devices;
+    what is left in them ends with this program. The first thing to do in it."""
     if "VANTREL_BENCH" not in os.environ:
-        os.environ["VANTREL_BENCH"] = "root"
+        become = [] if os.getuid() == 0 else ["--user", "--map-root-user"]
+        os.environ["VANTREL_BENCH"] = "user" if become else "root"
         os.environ["PATH"] += ":/usr/sbin:/sbin"
-        os.execvp("unshare", ["unshare", *NAMESPACES, sys.executable, *sys.argv])
+        os.execvp("unshare", ["unshare", *become, *NAMESPACES, sys.executable, "-B", *sys.argv])
+    # The first process of its namespace gets only the signals that it asks for.
+    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
     for command in INTERNET:
         subprocess.run(command.split(), check=True)
 
@@ -83,6 +91,16 @@ def resident_bytes(pids):
                for pid in pids) * resource.getpagesize()
 
 
+def descriptors(pids):
+    """What each open descriptor of these processes is, as /proc names it."""
+    names = []
+    for pid in pids:
+        for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+            with contextlib.suppress(OSError):
+                names.append(os.readlink(path))
+    return names
+
+
 class Road:
     """|name| is how tables call it."""
 
@@ -106,6 +124,9 @@ class Road:
 
     def output(self, role):
         return (self.dir / f"{role}.out").read_text()
+
+    def process(self, role):
+        return self._processes[role]
 
     def pids(self):
         """{role: its processes}."""
@@ -131,24 +152,26 @@ def companion_options(bin_dir):
 
 class VantrelRoad(Road):
     """The daemon, started by the launcher, and the companion on a local link. With
-    |shape|, or when |relayed|, the launcher stays between them."""
+    |shape|, or when |relayed|, the launcher stays between them. |launch_options| are
+    more of the launcher's."""
 
     has_datagrams = True
 
     def __init__(self, name, directory, protocol, relayed=False, shape=None,
-                 bin_dir=bench.BIN_DIR):
+                 bin_dir=bench.BIN_DIR, launch_options=()):
         super().__init__(name, directory)
-        link = directory / "link"
+        self.link = directory / "link"
         relayed = relayed or shape
-        environment = {**os.environ, "VANTREL_LOG_FILE": str(directory / "daemon.log")}
+        environment = {**bench.program_environment(directory),
+                       "VANTREL_LOG_FILE": str(directory / "daemon.log")}
         self.start("companion", [
-            bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", f"unix:{link}",
-            *([] if relayed else ["--header"]), *companion_options(bin_dir)])
-        bench.wait_until(link.exists, "the companion")
+            bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", f"unix:{self.link}",
+            *([] if relayed else ["--header"]), *companion_options(bin_dir)], env=environment)
+        bench.wait_until(self.link.exists, "the companion")
         options = ["--shape", shape] if shape else [] if relayed else ["--direct"]
         self._launcher = self.start("launcher", self.device.command([
             bin_dir / "vantrel-launch", "--protocol", protocol, "--daemon", bin_dir / "vantrel",
-            *options, f"unix:{link}"]), env=environment)
+            *options, *launch_options, f"unix:{self.link}"]), env=environment)
         bench.wait_until(lambda: "started" in self.output("launcher"), "the daemon")
 
     def pids(self):
@@ -160,12 +183,17 @@ class VantrelRoad(Road):
 
     @staticmethod
     def _is_daemon(pid):
-        return pathlib.Path(f"/proc/{pid}/comm").read_text() == "vantrel\n"
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has ended
+            return pathlib.Path(f"/proc/{pid}/comm").read_text() == "vantrel\n"
+
+    def dump(self):
+        """What the daemon says of its state."""
+        args = ["vantrelctl", "dump", "--log", self.dir / "daemon.log"]
+        return self.device.run(bench.BIN_DIR / args[0], *args[1:]).stdout
 
     def link_bytes(self):
         """What the daemon has received and sent on the link, as its dump says."""
-        args = ["vantrelctl", "dump", "--log", self.dir / "daemon.log"]
-        dump = self.device.run(bench.BIN_DIR / args[0], *args[1:]).stdout
+        dump = self.dump()
         fields = dict(line.split(":", 1) for line in dump.splitlines() if ":" in line)
         fields = {key.split()[-1]: value for key, value in fields.items() if key.strip()}
         return int(fields["rx_bytes"]) + int(fields["tx_bytes"])

@@ -26,8 +26,8 @@ test=(
   tshark tmux
 )
 bench=(
-  # plots; two roads to measure beside ours
-  git gnuplot-nox haproxy openssh-client openssh-server
+  # plots; two roads to measure beside ours; many name look-ups
+  git gnuplot-nox haproxy openssh-client openssh-server dnsperf
 )
 all=(
   # sanitizers (with readable stacks), fuzz targets

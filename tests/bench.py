@@ -95,6 +95,10 @@ class Device:
             stdout=subprocess.PIPE)
         assert self._holder.stdout.readline() == b"ready\n"
 
+    @property
+    def holder_pid(self):
+        return self._holder.pid
+
     def close(self):
         end_process(self._holder, signal.SIGKILL)
         self._holder.stdout.close()
