@@ -15,7 +15,7 @@ PackageNames::PackageNames(std::istream& list) {
 }
 
 PackageNames PackageNames::Load() {
-  std::ifstream list(kPackageListPath);
+  std::ifstream list(GetPackageListPath());
   return PackageNames(list);
 }
 
