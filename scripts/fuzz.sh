@@ -22,7 +22,7 @@ fuzz_one() { # fuzz_one PROGRAM
   name=${name%_fuzz}
   grown=$out/fuzz/grown/$name
   mkdir -p "$grown" "$out/fuzz/faults"
-  local options=(-max_total_time="$seconds" -timeout=20 -rss_limit_mb=3000
+  local options=(-max_total_time="$seconds" -timeout=60 -rss_limit_mb=3000
     -max_len=4096 -print_final_stats=1 -artifact_prefix="$out/fuzz/faults/$name-")
   [ ! -f "fuzz/$name.dict" ] || options+=(-dict="fuzz/$name.dict")
   local corpora=("$grown" "$out/fuzz/seeds/$name")
