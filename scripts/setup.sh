@@ -31,7 +31,7 @@ all=(
   # sanitizers (with readable stacks), fuzz targets
   clang llvm
   # format and linters
-  git clang-format clang-tidy shellcheck python3-flake8 lua-check
+  git clang-format clang-tidy cppcheck shellcheck python3-flake8 lua-check
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
   android-liblog-dev android-libcutils-dev android-libutils-dev
