@@ -100,7 +100,9 @@ int OpenServer(const options_t& options, int type) {
   if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
           -1 ||
       (type == SOCK_STREAM && listen(fd, 4096) == -1)) {
-    throw std::runtime_error(strerror(errno));
+    const int error = errno;
+    close(fd);
+    throw std::runtime_error(strerror(error));
   }
   return fd;
 }

@@ -6,68 +6,12 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
+
+#include "capture/socket_table_testing.h"
 
 namespace vantrel {
 namespace {
-
-// How the formats read rows: the definition of what a table says.
-bool Scan(FILE* table, tcp_row_t* row) {
-  return fscanf(table,
-                "%*s %08X:%04hX %*08X:%04hX %*s %*s %*s %*s %u %*s %lu "
-                "%*[^\n]\n",
-                &row->address, &row->port, &row->remote_port, &row->uid,
-                &row->inode) == 5;
-}
-bool Scan(FILE* table, tcp_owner_row_t* row) {
-  return fscanf(table, "%*s %08X:%04hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                &row->address, &row->port, &row->uid) == 3;
-}
-bool Scan(FILE* table, tcp6_owner_row_t* row) {
-  return fscanf(table, "%*s %32[^:]:%hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                row->address, &row->port, &row->uid) == 3;
-}
-bool Scan(FILE* table, udp_row_t* row) {
-  return fscanf(table, "%*s %08X:%04hX %08X:%04hX %*s %*s %*s %*s %u %*[^\n]\n",
-                &row->address, &row->port, &row->remote_address,
-                &row->remote_port, &row->uid) == 5;
-}
-bool Scan(FILE* table, udp6_row_t* row) {
-  return fscanf(table,
-                "%*s %32[^:]:%hX %32[^:]:%hX %*s %*s %*s %*s %u %*[^\n]\n",
-                row->address, &row->port, row->remote_address,
-                &row->remote_port, &row->uid) == 5;
-}
-
-std::string ToText(const tcp_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.remote_port << ' ' << r.uid
-      << ' ' << r.inode;
-  return out.str();
-}
-std::string ToText(const tcp_owner_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.uid;
-  return out.str();
-}
-std::string ToText(const tcp6_owner_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.uid;
-  return out.str();
-}
-std::string ToText(const udp_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.remote_address << ' '
-      << r.remote_port << ' ' << r.uid;
-  return out.str();
-}
-std::string ToText(const udp6_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.remote_address << ' '
-      << r.remote_port << ' ' << r.uid;
-  return out.str();
-}
 
 class SocketTableTest : public ::testing::Test {
  protected:
@@ -80,29 +24,9 @@ class SocketTableTest : public ::testing::Test {
     std::filesystem::remove_all(directory_);
   }
 
-  // Every row, and what is left in the last one when it does not convert.
-  template <typename Row>
   void ExpectAsFormats(const std::string& text) {
     std::ofstream(directory_ + "/table") << text;
-    FILE* const expected = fopen((directory_ + "/table").c_str(), "rt");
-    static_cast<void>(!fscanf(expected, "%*[^\n]\n"));
-    const auto table = SocketTable::Open("table");
-    ASSERT_NE(nullptr, table);
-    Row expected_row, row;
-    bool has_row = true;
-    while (has_row) {
-      has_row = Scan(expected, &expected_row);
-      ASSERT_EQ(has_row, table->Next(&row)) << text;
-      ASSERT_EQ(ToText(expected_row), ToText(row)) << text;
-    }
-    fclose(expected);
-  }
-  void ExpectAsFormats(const std::string& text) {
-    ExpectAsFormats<tcp_row_t>(text);
-    ExpectAsFormats<tcp_owner_row_t>(text);
-    ExpectAsFormats<tcp6_owner_row_t>(text);
-    ExpectAsFormats<udp_row_t>(text);
-    ExpectAsFormats<udp6_row_t>(text);
+    ASSERT_EQ("", FindAnyDifference(directory_, "table")) << text;
   }
 
   std::string directory_ = ::testing::TempDir() + "tables.XXXXXX";

@@ -6,14 +6,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "capture/socket_table.h"
 #include "common/hex_testing.h"
 #include "common/monotonic_clock.h"
+#include "common/seed_testing.h"
 #include "platform/linux/log_capture.h"
 
 namespace vantrel {
@@ -54,62 +58,114 @@ class UidHelperTest : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(UidHelperTest, FindsTheApplicationsEndOfAnAcceptedConnection) {
-  struct stat status;
-  ASSERT_EQ(0, fstat(STDIN_FILENO, &status));
-  const std::string to = "076433C6:0050";
-  const std::string application = Row("EFA7A8C0:9C40", to, 10001);
-  const std::string own =
-      Row("0100007F:1F90", "EFA7A8C0:9C40", 0, status.st_ino);
-  const std::string other = Row("EFA7A8C0:9C41", to, 10002) +
-                            Row("0100007F:1F90", "EFA7A8C0:9C41", 0, 5);
-  const std::string elsewhere = Row("0100007F:9C40", to, 4);
-  const std::string zeros = "0000000000000000FFFF0000";
-  const struct {
-    const char* name;
-    std::string tcp, tcp6;
-    unsigned int uid;
-  } cases[] = {
-      {"before its own row", other + application + own, "", 10001},
-      {"after its own row", other + own + elsewhere + application, "", 10001},
-      {"the first of a port", application + Row("EFA7A8C0:9C40", to, 3) + own,
-       "", 10001},
-      {"an IPv6 socket", other + own,
-       Row(zeros + "0100007F:9C40", zeros + to, 4) +
-           Row(zeros + "EFA7A8C0:9C40", zeros + to, 10001),
-       10001},
-      {"nowhere", elsewhere + own, Row(zeros + "EFA7A8C0:9C41", zeros + to, 4),
-       kNobody},
-      {"without its own row the last one counts",
-       application + Row("0100007F:1F90", "EFA7A8C0:9C40", 0, 5), "", 10001},
-      {"a broken row ends the table", application + "   1: nonsense\n" + own,
-       "", kNobody},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetTable("tcp", c.tcp);
-    SetTable("tcp6", c.tcp6);
-    EXPECT_EQ(c.uid, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+// A row by its meaning; the model below looks at nothing else.
+struct row_t {
+  uint32_t local, remote;  // of few addresses, as the kernel prints them
+  uint16_t port, remote_port;
+  unsigned int uid;
+  unsigned long inode;
+};
+constexpr uint32_t kAppWord = 0xEFA7A8C0;  // the applications' own address
+constexpr uint32_t kWords[] = {kAppWord, 0x0100007F, 0x076433C6};
+
+// Few of everything, so that rows match in part and in full.
+class RandomTables {
+ public:
+  RandomTables(unsigned int seed, unsigned long own_inode)
+      : random_(seed), own_inode_(own_inode) {}
+  size_t Below(size_t n) { return random_() % n; }
+  uint16_t Port() { return static_cast<uint16_t>(40000 + Below(4)); }
+  std::vector<row_t> Rows(size_t max) {
+    std::vector<row_t> rows(Below(max));
+    for (row_t& row : rows) {
+      row = {kWords[Below(3)],
+             kWords[Below(3)],
+             Port(),
+             Port(),
+             10000 + static_cast<unsigned int>(Below(3)),
+             Below(8) == 0 ? own_inode_ : 5};
+    }
+    return rows;
   }
-  EXPECT_THAT(log_.Take(), IsEmpty());
+
+ private:
+  std::mt19937 random_;
+  const unsigned long own_inode_;
+};
+
+std::string ToTable(const std::vector<row_t>& rows, const char* prefix) {
+  std::string text;
+  for (const row_t& row : rows) {
+    char local[64], remote[64];
+    snprintf(local, sizeof(local), "%s%08X:%04X", prefix, row.local, row.port);
+    snprintf(remote, sizeof(remote), "%s%08X:%04X", prefix, row.remote,
+             row.remote_port);
+    text += Row(local, remote, row.uid, row.inode);
+  }
+  return text;
 }
 
-TEST_F(UidHelperTest, FindsTheOneOwnerOfADatagramFlow) {
-  const std::string local = "EFA7A8C0:9C40", remote = "076433C6:0035";
-  const std::string row = Row(local, remote, 10001);
-  const std::pair<std::string, unsigned int> cases[] = {
-      {Row("EFA7A8C0:9C41", remote, 2) + row, 10001},
-      {Row(local, "00000000:0000", 10001), kNobody},  // not connected
-      {Row(local, "086433C6:0035", 10001), kNobody},
-      {row + row, 10001},
-      {row + Row(local, remote, 2) + row, kNobody},  // ambiguous
-  };
-  for (const auto& [rows, uid] : cases) {
-    SCOPED_TRACE(rows);
-    SetTable("udp", rows);
-    EXPECT_EQ(uid, UidHelper::FindOwnerUidForDatagramIpV4(
-                       Endpoint("C0A8A7EF", 40000), Endpoint("C6336407", 53)));
+// The application's end of the accepted socket |inode|: the row at the
+// applications' address, in either table, with the port that is the remote one
+// of the socket's own row, or of the last row where that is missing.
+unsigned int FindTcpOwner(const std::vector<row_t>& tcp,
+                          const std::vector<row_t>& tcp6, unsigned long inode) {
+  const auto own = std::find_if(tcp.begin(), tcp.end(), [&](const row_t& row) {
+    return row.local != kAppWord && row.inode == inode;
+  });
+  if (tcp.empty()) return kNobody;
+  const uint16_t port =
+      own == tcp.end() ? tcp.back().remote_port : own->remote_port;
+  for (const auto* table : {&tcp, &tcp6}) {
+    for (const row_t& row : *table) {
+      if (row.local == kAppWord && row.port == port) return row.uid;
+    }
   }
+  return kNobody;
+}
+
+TEST_F(UidHelperTest, FindsTheOwnersThatTheModelFinds) {
+  struct stat status;
+  ASSERT_EQ(0, fstat(STDIN_FILENO, &status));
+  int found = 0;
+  const unsigned int first = FirstSeed();
+  for (unsigned int seed = first; seed != first + 100; ++seed) {
+    SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
+    RandomTables tables(seed, status.st_ino);
+    const auto tcp = tables.Rows(6), tcp6 = tables.Rows(12);
+    // A row that makes no sense ends a table.
+    const char* const end = tables.Below(4) == 0 ? "   9: nonsense\n" : "";
+    SetTable("tcp",
+             ToTable(tcp, "") + end + (*end != 0 ? ToTable(tcp6, "") : ""));
+    SetTable("tcp6", ToTable(tcp6, "0000000000000000FFFF0000"));
+    const unsigned int owner = FindTcpOwner(tcp, tcp6, status.st_ino);
+    ASSERT_EQ(owner, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
+
+    const auto udp = tables.Rows(30);
+    const row_t flow = {kWords[tables.Below(3)],
+                        kWords[tables.Below(3)],
+                        tables.Port(),
+                        tables.Port(),
+                        0,
+                        0};
+    std::set<unsigned int> owners;
+    for (const row_t& row : udp) {
+      if (row.local == flow.local && row.remote == flow.remote &&
+          row.port == flow.port && row.remote_port == flow.remote_port) {
+        owners.insert(row.uid);
+      }
+    }
+    SetTable("udp", ToTable(udp, ""));
+    ASSERT_EQ(
+        owners.size() == 1 ? *owners.begin() : kNobody,
+        UidHelper::FindOwnerUidForDatagramIpV4(
+            HostAndPort(IpAddress::FromIPv4NetworkBytes(flow.local), flow.port),
+            HostAndPort(IpAddress::FromIPv4NetworkBytes(flow.remote),
+                        flow.remote_port)));
+    if (owner != kNobody) ++found;
+  }
+  EXPECT_GT(found, 10) << "or the tables show nothing";
+  EXPECT_THAT(log_.Take(), IsEmpty());
 }
 
 TEST_F(UidHelperTest, RemembersAFlowForNineSeconds) {

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/linux/log_sink.h"
+#include "programs/printable.h"
 
 namespace vantrel {
 namespace {
@@ -66,6 +67,8 @@ bool HasRoom() {
 
 void Print(LogLevel level, LogKind kind, uint32_t link_id,
            const std::string& message) {
+  // Text from the device or from a library must not be able to steer a terminal
+  // or to forge a line of its own.
   const std::string text = ToPrintable(message);
   const std::string line = is_json ? FormatJson(level, kind, link_id, text)
                                    : FormatText(level, link_id, text);
@@ -142,14 +145,6 @@ void CaptureLibraryLog() {
     CompanionLog& log = library_log != nullptr ? *library_log : ProgramLog();
     log.Write(ToLevel(priority), LogKind::kLibrary, "%s", message.c_str());
   });
-}
-
-std::string ToPrintable(const std::string& text) {
-  std::string result = text;
-  for (char& c : result) {
-    if (c < ' ' || c > '~') c = '?';
-  }
-  return result;
 }
 
 }  // namespace vantrel

@@ -71,9 +71,4 @@ class LibraryLogScope {
 // Takes over what the project's libraries log. Call once.
 void CaptureLibraryLog();
 
-// |text| with everything but printable ASCII replaced by '?': text from the
-// device or from a library must not be able to steer a terminal or to forge a
-// line of its own.
-std::string ToPrintable(const std::string& text);
-
 }  // namespace vantrel

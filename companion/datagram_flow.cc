@@ -77,8 +77,10 @@ int DatagramFlow::Transmit(const std::string& payload) {
 }
 
 void DatagramFlow::OnReadable() {
-  for (int turn = 0; turn < kMaxReceivesPerTurn && ReceiveOne(); ++turn) {
-  }
+  int received = 0;
+  while (received < kMaxReceivesPerTurn && ReceiveOne()) ++received;
+  // What is left in the error queue wakes us although recv() has no error.
+  if (received == 0) ReceiveErrors();
   socket_->WaitReadable();
   link_.on_waiting();  // may destroy this
 }

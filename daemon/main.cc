@@ -178,7 +178,7 @@ int Main(int argc, char** argv) {
   TeardownIptables(0, true);
   ReportTransferStats(*link, status);
   // Lets the launching process read the report before the descriptors close.
-  usleep(1000000);
+  sleep(1);
   LOGD(VANTREL_TEXT_FINISHED);
   return 0;
 }

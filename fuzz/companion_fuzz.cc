@@ -1,9 +1,5 @@
 // Plays a device to the companion, in the protocol that the first byte chooses:
 // the same calls and answers must come out however the bytes are cut.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -11,9 +7,13 @@
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_messages.h"
 
 namespace vantrel {
 namespace {
+
+constexpr int kProtocols[] = {20, 1, 5};
+constexpr size_t kMaxBytes = 256 * 1024;
 
 class Recorder : public DeviceMessages {
  public:
@@ -35,7 +35,7 @@ class Recorder : public DeviceMessages {
   }
   void OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) override {
     std::string message;
-    if (!transfer->TakeMessage(16, &message)) abort();
+    FUZZ_CHECK(transfer->TakeMessage(16, &message));
     Add("transfer", message);
   }
   void OnNotice(const std::string& text) override { Add("notice", text); }
@@ -60,24 +60,23 @@ class Recorder : public DeviceMessages {
   }
 };
 
-std::unique_ptr<LinkProtocol> MakeProtocol(uint8_t choice,
-                                           std::string* control) {
-  if (choice % 3 == 0) return std::make_unique<ProtocolV2>("", control);
-  return std::make_unique<ProtocolV1>(choice % 3 == 1 ? 1 : 5, control);
+std::unique_ptr<LinkProtocol> MakeProtocol(int protocol, std::string* control) {
+  if (protocol == 20) return std::make_unique<ProtocolV2>("", control);
+  return std::make_unique<ProtocolV1>(protocol, control);
 }
 
-std::string Play(uint8_t choice, const char* data, size_t size, size_t piece) {
+std::string Play(int protocol, const std::string& bytes, size_t piece) {
   Recorder device;
-  const auto protocol = MakeProtocol(choice, &device.control);
-  while (size > 0) {
-    const size_t fed = std::min({size, piece, protocol->GetAvailableSpace()});
-    if (fed == 0) abort();  // all messages are handled, so there must be space
-    protocol->Feed(data, fed);
-    data += fed;
-    size -= fed;
-    while (protocol->HandleNext(device)) {
+  const auto link = MakeProtocol(protocol, &device.control);
+  for (size_t at = 0; at < bytes.size() && !device.has_failed;) {
+    const size_t fed =
+        std::min({bytes.size() - at, piece, link->GetAvailableSpace()});
+    // All messages are handled, so there must be space.
+    FUZZ_CHECK(fed > 0);
+    link->Feed(bytes.data() + at, fed);
+    at += fed;
+    while (link->HandleNext(device)) {
     }
-    if (device.has_failed) break;
   }
   return device.calls + device.control;
 }
@@ -88,11 +87,14 @@ std::string Play(uint8_t choice, const char* data, size_t size, size_t piece) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool silenced = vantrel::SilenceLog();
   static_cast<void>(silenced);
-  if (size < 2) return 0;
-  const char* const bytes = reinterpret_cast<const char*>(data + 1);
-  if (vantrel::Play(data[0], bytes, size - 1, size) !=
-      vantrel::Play(data[0], bytes, size - 1, 3)) {
-    abort();
+  vantrel::FuzzInput input(data, size);
+  const uint8_t choice = input.TakeU8();
+  const int protocol = vantrel::kProtocols[choice % 3];
+  std::string bytes;
+  while (!input.IsEmpty() && bytes.size() < vantrel::kMaxBytes) {
+    bytes += vantrel::TakeMessage(&input, protocol);
   }
+  FUZZ_CHECK(vantrel::Play(protocol, bytes, bytes.size()) ==
+             vantrel::Play(protocol, bytes, 3));
   return 0;
 }

@@ -1,30 +1,30 @@
-// Feeds a byte stream to the frame decoder, whole and in small pieces: both
-// must yield the same messages.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-
+// Feeds frames to the decoder, whole and in small pieces: both must yield the
+// same messages.
 #include <algorithm>
 #include <string>
 
 #include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_messages.h"
 #include "link_v2/message_decoder.h"
 
+namespace vantrel {
 namespace {
 
-std::string Decode(const uint8_t* data, size_t size, size_t piece) {
-  vantrel::MessageDecoder decoder;
+constexpr size_t kMaxBytes = 256 * 1024;
+
+std::string Decode(const std::string& bytes, size_t piece) {
+  MessageDecoder decoder;
   std::string decoded;
-  while (size > 0) {
+  for (size_t at = 0; at < bytes.size();) {
     const size_t wanted =
-        std::min({size, piece, decoder.GetAvailableBufferSpace()});
+        std::min({bytes.size() - at, piece, decoder.GetAvailableBufferSpace()});
     if (wanted == 0) break;
     unsigned int consumed;
-    decoder.BufferData(data, static_cast<unsigned int>(wanted), &consumed);
-    if (consumed != wanted) abort();
-    data += consumed;
-    size -= consumed;
-    vantrel::MessageDecoder::Message message;
+    decoder.BufferData(bytes.data() + at, static_cast<unsigned int>(wanted),
+                       &consumed);
+    FUZZ_CHECK(consumed == wanted);
+    at += consumed;
+    MessageDecoder::Message message;
     while (decoder.GetAndClearMessage(&message)) {
       decoded += message.header.SerializeAsString() + '|' + message.payload;
     }
@@ -33,10 +33,16 @@ std::string Decode(const uint8_t* data, size_t size, size_t piece) {
 }
 
 }  // namespace
+}  // namespace vantrel
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool silenced = vantrel::SilenceLog();
   static_cast<void>(silenced);
-  if (Decode(data, size, size) != Decode(data, size, 3)) abort();
+  vantrel::FuzzInput input(data, size);
+  std::string bytes;
+  while (!input.IsEmpty() && bytes.size() < vantrel::kMaxBytes) {
+    bytes += vantrel::TakeMessage(&input, 20);
+  }
+  FUZZ_CHECK(vantrel::Decode(bytes, bytes.size()) == vantrel::Decode(bytes, 3));
   return 0;
 }

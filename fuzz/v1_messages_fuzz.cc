@@ -1,18 +1,13 @@
 // Plays the companion of a protocol 1 link over a socket pair: whatever it
-// sends, the link must stay within its buffers and answer the same whether the
-// bytes come at once or one by one.
-#include <fcntl.h>
-#include <signal.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
+// sends, the link must stay within its buffers and do the same whether the
+// bytes come at once or in pieces.
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 
 #include "fuzz/fuzz_log.h"
+#include "fuzz/fuzz_messages.h"
 #include "link/bluetooth_socket.h"
 #include "link/link_testing.h"
 #include "reactor/reactor_testing.h"
@@ -20,8 +15,11 @@
 namespace vantrel {
 namespace {
 
-// What the stream and the delegate of the link saw of |input|.
-std::string Play(const std::string& input, size_t piece) {
+// Fits the socket, so that all of it comes at once.
+constexpr size_t kMaxBytes = 100 * 1024;
+
+// What the stream and the delegate of the link saw of |bytes|.
+std::string Play(const std::string& bytes, size_t piece) {
   Reactor reactor;
   FakeLinkDelegate delegate;
   FakeConduit stream(1, 1000, "p");
@@ -32,10 +30,10 @@ std::string Play(const std::string& input, size_t piece) {
   const auto [fd, peer] = MakeSocketPair();
   const std::string header = GoodConnectionHeader();
   peer->Write(header.data(), header.size());
-  if (!link.Connect(fd)) abort();
+  FUZZ_CHECK(link.Connect(fd));
   link.RegisterTcpStream(&stream);
-  for (size_t i = 0; i < input.size(); i += piece) {
-    peer->Write(input.data() + i, std::min(piece, input.size() - i));
+  for (size_t i = 0; i < bytes.size(); i += piece) {
+    peer->Write(bytes.data() + i, std::min(piece, bytes.size() - i));
     link.OnReadReady();
   }
   std::string seen;
@@ -51,9 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool silenced = vantrel::SilenceLog();
   static_cast<void>(silenced);
   const vantrel::StopCatcher stop;
-  const std::string input(reinterpret_cast<const char*>(data),
-                          std::min<size_t>(size, 4096));
-  if (input.empty()) return 0;
-  if (vantrel::Play(input, input.size()) != vantrel::Play(input, 1)) abort();
+  vantrel::FuzzInput input(data, size);
+  std::string bytes;
+  while (!input.IsEmpty()) bytes += vantrel::TakeMessage(&input, 1);
+  if (bytes.empty() || bytes.size() > vantrel::kMaxBytes) return 0;
+  const size_t piece = bytes.size() / 100 + 1;
+  FUZZ_CHECK(vantrel::Play(bytes, bytes.size()) == vantrel::Play(bytes, piece));
   return 0;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/hex_testing.h"
+#include "link/link_model_testing.h"
 #include "link/link_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
@@ -236,20 +237,6 @@ TEST_F(BluetoothSocketTest, StreamsOnTheWireAndWhoIsCharged) {
   EXPECT_FALSE(reactor_.IsRegistered(*link_, Reactor::kWrite));
 }
 
-TEST_F(BluetoothSocketTest, FullQueueLeavesStreamsAloneAndKeepsWriting) {
-  Connect(BluetoothSocket::FLAG_NONE);
-  FakeConduit stream(1, 0, "");
-  link_->RegisterTcpStream(&stream);
-  Flush();
-  stream.chunks = {"x"};
-  link_->OnTcpDataAvailable(1);
-  for (int i = 0; i < 16; ++i) link_->Ping();
-  EXPECT_EQ(16u * 5, Flush().size());
-  EXPECT_TRUE(reactor_.IsRegistered(*link_, Reactor::kWrite));
-  EXPECT_EQ(Bytes("03 00000001 0001") + "x", Flush());
-  EXPECT_FALSE(reactor_.IsRegistered(*link_, Reactor::kWrite));
-}
-
 TEST_F(BluetoothSocketTest, PullCompletesAndReportsTheExcess) {
   Connect(BluetoothSocket::FLAG_NONE);
   link_->Pull(1000);
@@ -286,6 +273,48 @@ TEST_F(BluetoothSocketTest, DumpAndTheStatisticsItSplits) {
       "UID usage since vantrel boot (excluding usage since last stats "
       "request):\nUID Usage:\n  10123 RX: 0 TX: 18\n",
       out.str());
+}
+
+class Language : public LinkLanguage {
+ public:
+  explicit Language(BluetoothSocket::Flags flags) : flags_(flags) {}
+  std::unique_ptr<ProxySocket> MakeLink(ProxySocket::Delegate* delegate,
+                                        Reactor& reactor) override {
+    return std::make_unique<BluetoothSocket>(delegate, reactor, flags_,
+                                             nullptr);
+  }
+  std::string Hello() override { return Handshake("10"); }
+  std::string Ack() override { return Handshake("11"); }
+  std::string Done() override { return Handshake("12"); }
+  std::vector<std::string> Connect(uint8_t id, bool) override {
+    return {Head(1, id) + Bytes("C6336450 0050 FFFF"), Bytes("0A FFFF 0000")};
+  }
+  std::string Data(uint8_t id, const std::string& bytes) override {
+    return Head(3, id) + static_cast<char>(bytes.size() / 256) +
+           static_cast<char>(bytes.size()) + bytes;
+  }
+  std::string Close(uint8_t id) override { return Head(2, id); }
+  std::string WriteAck(uint8_t id) override { return Head(6, id); }
+  bool ComesBack() override { return false; }
+
+ private:
+  std::string Handshake(const std::string& type) const {
+    return flags_ == BluetoothSocket::FLAG_ALL ? Bytes(type + "00000005 0000")
+                                               : "";
+  }
+  static std::string Head(char type, uint8_t id) {
+    return {type, 0, 0, 0, static_cast<char>(id)};
+  }
+
+  const BluetoothSocket::Flags flags_;
+};
+
+TEST(LinkModelTest, DoesWhatTheModelDoes) {
+  for (const auto flags :
+       {BluetoothSocket::FLAG_NONE, BluetoothSocket::FLAG_ALL}) {
+    Language language(flags);
+    RunLinkModel(language, 10);
+  }
 }
 
 }  // namespace

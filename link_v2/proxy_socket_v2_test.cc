@@ -4,6 +4,7 @@
 
 #include <deque>
 
+#include "link/link_model_testing.h"
 #include "link/link_testing.h"
 #include "link_v2/frame_testing.h"
 #include "platform/linux/log_capture.h"
@@ -140,80 +141,52 @@ TEST_F(LinkTest, AnnouncesStreamsAndNewPackageNames) {
   EXPECT_THAT(log_.Take(), ElementsAre("W: [B] Duplicate stream id 7"));
 }
 
-TEST_F(LinkTest, StreamsTakeTurnsAndEndInTheirTurn) {
-  ConnectAndShakeHands();
-  FakeConduit last(9, 1, ""), first(2, 1, ""), ended(5, 1, "");
-  for (FakeConduit* conduit : {&last, &first, &ended}) {
-    link_.RegisterTcpStream(conduit);
-  }
-  Sent();
-  last.chunks = {"a", "b"};
-  first.chunks = {"c", "d", "e"};
-  ended.ended = true;
-  for (const unsigned int id : {2, 5, 9}) link_.OnTcpDataAvailable(id);
-  EXPECT_EQ(TcpWrite('2', "c") + TcpClose('5') + TcpWrite('9', "a") +
-                TcpWrite('2', "d") + TcpWrite('9', "b") + TcpWrite('2', "e"),
-            Sent());
-  EXPECT_EQ(1, ended.closes);
-  EXPECT_TRUE(WantsToWrite()) << "there may be more after a productive turn";
-  EXPECT_EQ("", Sent());
-  EXPECT_FALSE(WantsToWrite());
-  link_.OnTcpDataAvailable(2);
-  EXPECT_TRUE(WantsToWrite());
-}
-
-// Passes over 3 streams end at 18; and one pass is never cut short.
-TEST_F(LinkTest, StopsAskingAtSixteenQueuedFrames) {
-  ConnectAndShakeHands();
-  std::deque<FakeConduit> conduits;
-  for (const size_t frames :
-       {16, 16, 18, 16, 20, 18, 21, 16, 18, 20, 22, 24, 26, 28, 30, 16, 17}) {
-    link_.RegisterTcpStream(&conduits.emplace_back(conduits.size(), 1, ""));
-    Sent();
-    for (FakeConduit& conduit : conduits) {
-      conduit.chunks.assign(16, "x");
-      link_.OnTcpDataAvailable(conduit.GetId());
-    }
-    Sent();
-    size_t left = 0;
-    for (FakeConduit& conduit : conduits) {
-      left += conduit.chunks.size();
-      conduit.chunks.clear();
-    }
-    EXPECT_EQ(frames, 16 * conduits.size() - left) << conduits.size();
-  }
-}
-
-// As above, but full of what is no stream's: it is not asked, nor forgotten.
-TEST_F(LinkTest, AFullQueueDoesNotForgetAStream) {
-  ConnectAndShakeHands();
-  std::deque<FakeConduit> conduits;
-  for (unsigned int id = 0; id < 16; ++id) {
-    link_.RegisterTcpStream(&conduits.emplace_back(id, 1, ""));
-  }
-  conduits[3].chunks = {"x"};
-  link_.OnTcpDataAvailable(3);
-  EXPECT_THAT(Sent(), ::testing::Not(HasSubstr(TcpWrite('3', "x"))));
-  EXPECT_TRUE(WantsToWrite());
-  EXPECT_EQ(TcpWrite('3', "x"), Sent());
-}
-
-TEST_F(LinkTest, HandsMessagesToTheirStream) {
+TEST_F(LinkTest, AFrameWithoutItsMessageIsAboutStreamZero) {
   ConnectAndShakeHands();
   FakeConduit zero(0, 1, "zero"), seven(7, 1, "seven");
   link_.RegisterTcpStream(&zero);
   link_.RegisterTcpStream(&seven);
-  Sent();
-  Receive(TcpWrite('7', "hello") + Frame(8, "", "no-message"));
-  EXPECT_FALSE(WantsToWrite());
-  Receive(Frame(9, "820D 02 08 07"));
-  EXPECT_TRUE(WantsToWrite()) << "credit came back: ask the stream again";
-  Receive(TcpClose('7') + TcpClose('7') + TcpWrite('7', "late"));
-  EXPECT_THAT(seven.written, ElementsAre("hello"));
-  EXPECT_EQ(1, seven.acks);
-  EXPECT_EQ(1, seven.closes);
+  Receive(Frame(8, "", "no-message"));
   EXPECT_THAT(zero.written, ElementsAre("no-message"));
-  EXPECT_EQ("", Sent()) << "a close is not answered";
+  EXPECT_THAT(seven.written, IsEmpty());
+}
+
+class Language : public LinkLanguage {
+ public:
+  std::unique_ptr<ProxySocket> MakeLink(ProxySocket::Delegate* delegate,
+                                        Reactor& reactor) override {
+    return std::make_unique<ProxySocketV2>(delegate, reactor);
+  }
+  std::string Hello() override { return Frame(2, "CA0C 04 08 01 12 00"); }
+  std::string Ack() override { return kAck; }
+  std::string Done() override { return Frame(4, "DA0C 02 08 01"); }
+  std::vector<std::string> Connect(uint8_t id, bool is_first) override {
+    const std::string connect = Frame(
+        5, "E20C 12" + Id(id) + "12 08 0A 04 C6336450 10 50 18 FFFFFFFF0F");
+    if (!is_first) return {connect};
+    return {connect, Frame(13, "A20D 0A 0A 08 08 FFFFFFFF0F 12 00")};
+  }
+  std::string Data(uint8_t id, const std::string& bytes) override {
+    return Frame(8, "FA0C 02" + Id(id), bytes);
+  }
+  std::string Close(uint8_t id) override {
+    return Frame(7, "F20C 02" + Id(id));
+  }
+  std::string WriteAck(uint8_t id) override {
+    return Frame(9, "820D 02" + Id(id));
+  }
+  bool ComesBack() override { return true; }
+
+ private:
+  static std::string Id(uint8_t id) {
+    return std::string("08") + "0123456789ABCDEF"[id / 16] +
+           "0123456789ABCDEF"[id % 16];
+  }
+};
+
+TEST(LinkModelTest, DoesWhatTheModelDoes) {
+  Language language;
+  RunLinkModel(language, 20);
 }
 
 }  // namespace

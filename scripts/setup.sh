@@ -35,7 +35,7 @@ all=(
   # what the tests leave out
   gcovr
   # format and linters
-  git clang-format clang-tidy shellcheck python3-flake8 lua-check
+  git clang-format clang-tidy cppcheck shellcheck python3-flake8 lua-check
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
   # the package's services

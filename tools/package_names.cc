@@ -4,18 +4,19 @@
 
 #include "common/uid.h"
 #include "platform/linux/package_list.h"
+#include "programs/printable.h"
 
 namespace vantrel {
 
 PackageNames::PackageNames(std::istream& list) {
   for (package_t package; ReadPackage(list, &package);) {
     std::string& name = names_[package.uid];
-    name += (name.empty() ? "" : ",") + package.name;
+    name += (name.empty() ? "" : ",") + ToPrintable(package.name);
   }
 }
 
 PackageNames PackageNames::Load() {
-  std::ifstream list(kPackageListPath);
+  std::ifstream list(GetPackageListPath());
   return PackageNames(list);
 }
 

@@ -12,7 +12,8 @@ namespace vantrel {
 class PackageNames {
  public:
   // |list| is in the form of platform/linux/package_list.h. A UID that several
-  // packages share gets all their names, joined by commas.
+  // packages share gets all their names, joined by commas. What is not
+  // printable ASCII in them is replaced by '?': they are shown in many places.
   explicit PackageNames(std::istream& list);
   // The device's own list; empty where it cannot be read.
   static PackageNames Load();

@@ -9,9 +9,13 @@
 #include <sstream>
 #include <string>
 
+#include "platform/linux/device_files.h"
+
 namespace vantrel {
 
-constexpr char kPackageListPath[] = "/data/system/packages.list";
+inline const std::string& GetPackageListPath() {
+  return GetDeviceFile(DeviceFile::kPackageList);
+}
 
 struct package_t {
   std::string name;

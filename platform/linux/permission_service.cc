@@ -13,7 +13,7 @@ namespace {
 class PackageListService : public IBinder, public IPermissionController {
  public:
   void getPackagesForUid(const uid_t uid, Vector<String16>& packages) override {
-    std::ifstream list(vantrel::kPackageListPath);
+    std::ifstream list(vantrel::GetPackageListPath());
     for (vantrel::package_t package; vantrel::ReadPackage(list, &package);) {
       if (package.uid == uid) packages.add(String16(package.name.c_str()));
     }
@@ -24,7 +24,7 @@ class ServiceManager : public IServiceManager {
  public:
   sp<IBinder> getService(const String16& name) const override {
     const bool known = std::u16string(name, name.size()) == u"permission" &&
-                       std::ifstream(vantrel::kPackageListPath).good();
+                       std::ifstream(vantrel::GetPackageListPath()).good();
     if (!known) return {};
     return new PackageListService;
   }

@@ -3,9 +3,9 @@
 #include <fstream>
 #include <string>
 
-namespace {
+#include "platform/linux/device_files.h"
 
-constexpr char kPropertyFile[] = "/system/build.prop";
+namespace {
 
 std::string Trim(const std::string& text) {
   constexpr char kBlanks[] = " \t\r";
@@ -35,7 +35,7 @@ std::string FindProperty(std::istream& file, const std::string& key) {
 }  // namespace
 
 extern "C" int8_t property_get_bool(const char* key, int8_t default_value) {
-  std::ifstream file(kPropertyFile);
+  std::ifstream file(vantrel::GetDeviceFile(vantrel::DeviceFile::kProperties));
   if (!file) return default_value;
   const std::string value = FindProperty(file, key);
   for (const char* yes : {"1", "y", "yes", "on", "true"}) {

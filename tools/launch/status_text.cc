@@ -116,9 +116,7 @@ std::string RecordToText(const status_record_t& record,
 
 std::string RecordToJson(const status_record_t& record,
                          const PackageNames& names) {
-  // A package list is not always valid UTF-8; one odd name must not end us.
-  return RecordToJsonObject(record, names)
-      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return RecordToJsonObject(record, names).dump();
 }
 
 std::string DaemonEndToText(int wait_status) {
