@@ -153,8 +153,7 @@ class Loads:
 
     def many_open(self):
         name = f"{HELD + ACTIVE} connections, {ACTIVE} active"
-        with running(lambda: Load(self.road, "hold", clients=HELD)) as held:
-            held.wait_ready()
+        with running(lambda: Load(self.road, "hold", clients=HELD)):
             with self.measured(name), running(lambda: Load(
                     self.road, "run", clients=ACTIVE, seconds=self.seconds, **REQUEST)) as active:
                 self.tell(name, json.loads(active.result(self.seconds + 120)))
@@ -194,6 +193,9 @@ class Soak:
             loads = {name: stack.enter_context(running(lambda kind=kind, more=more: Load(
                 self.road, kind, seconds=self.seconds, **more)))
                 for name, (kind, more) in MIXED.items()}
+            for name, load in loads.items():
+                if name != "at rest":
+                    load.start()
             look_ups = start_look_ups(self.road, "-l", str(int(self.seconds)),
                                       "-Q", str(LOOK_UPS_PER_SECOND))
             self.sample_all(time.monotonic() + self.seconds)
