@@ -39,7 +39,7 @@ all=(
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
   # the package's services
-  systemd-container
+  systemd systemd-container
   android-liblog-dev android-libcutils-dev android-libutils-dev
 )
 

@@ -82,7 +82,7 @@ def test_a_session(launch, tmp_path):
     assert len(rules.splitlines()) == 10
     device.run(BIN_DIR / "vantrelctl", "stats")
     run.wait_for(run.out, "stats: uid 4294967295 (nobody")
-    assert control("stop").stdout == ""
+    assert control("stop").stdout == "stopped\n"
     assert run.process.wait(10) == 0
     lines = run.out.read_text().splitlines()
     assert lines[:2] == ["started", "network 7, not metered"]

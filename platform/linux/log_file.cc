@@ -21,8 +21,9 @@ bool LogFile::Append(const std::string& line) {
   const std::string text = is_cut_ ? '\n' + line : line;
   const ssize_t written = write(fd_, text.data(), text.size());
   // The next line must not go on where a full disk has cut this one.
-  if (written > 0) is_cut_ = text[static_cast<size_t>(written) - 1] != '\n';
-  return written == static_cast<ssize_t>(text.size());
+  const bool is_whole = written == static_cast<ssize_t>(text.size());
+  if (written > 0) is_cut_ = !is_whole;
+  return is_whole;
 }
 
 bool LogFile::HasName() const {
