@@ -13,7 +13,7 @@ import sys
 TEARDOWN, HANDSHAKE_START, HANDSHAKE_ACK, HANDSHAKE_DONE, TCP_CONNECT = range(1, 6)
 TCP_CLOSE, TCP_WRITE, TCP_WRITE_ACK, UDP_SEND, UDP_FAILURE = range(7, 12)
 VERSION, REFUSED = 1, 65535
-MAX_SIZE, MAX_FLOWS = 16384, 256
+MAX_SIZE, CREDIT, MAX_FLOWS = 16384, 8, 256
 PREAMBLE = struct.Struct("<2sHHH")
 BAD = (KeyError, OSError, OverflowError, TypeError, ValueError)  # what strange fields raise
 
@@ -107,7 +107,7 @@ class Stream:
 
     def __init__(self, companion, stream_id):
         self.companion, self.id = companion, stream_id
-        self.queue = asyncio.Queue()  # no longer than the device's credit; None is the end
+        self.queue = asyncio.Queue()  # of writes, at most the credit; None is the end
         self.carrying = None
 
     async def run(self, remote):
@@ -209,7 +209,10 @@ class Companion:
             stream = self.streams[stream_id] = Stream(self, stream_id)
             stream.task = asyncio.create_task(stream.run(fields.get(2, b"")))
         elif kind == TCP_WRITE and stream_id in self.streams:
-            self.streams[stream_id].queue.put_nowait(payload)
+            stream = self.streams[stream_id]
+            stream.queue.put_nowait(payload)
+            if stream.queue.qsize() > CREDIT:  # no device does that
+                self.end_stream(stream)
         elif kind == TCP_CLOSE and stream_id in self.streams:
             self.streams.pop(stream_id).finish()
         elif kind == UDP_SEND:
@@ -260,4 +263,6 @@ async def serve(address, companion=Companion):
 
 
 if __name__ == "__main__":
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
     asyncio.run(serve(sys.argv[1]))

@@ -286,9 +286,10 @@ class AcknowledgesEarly(Companion):
         pass
 
     def on_message(self, kind, fields, payload):
-        super().on_message(kind, fields, payload)
-        if kind == TCP_WRITE:
-            super().acknowledge(self.streams[fields[1]])
+        if kind != TCP_WRITE:
+            return super().on_message(kind, fields, payload)
+        self.streams[fields[1]].queue.put_nowait(payload)
+        super().acknowledge(self.streams[fields[1]])
 
 
 @fault("device-stops-reading", "memory grows")

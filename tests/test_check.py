@@ -85,7 +85,7 @@ def test_example_companion(serve, tmp_path):
 def find(path, name):
     """What the check that is meant for a fault says to it."""
     protocol, meant, words, _ = FAULTS[name]
-    options = SimpleNamespace(timeout=3, server_address="127.0.0.1", pid=None, header=False)
+    options = SimpleNamespace(timeout=5, server_address="127.0.0.1", pid=None, header=False)
     source = LinkSource(LinkAddress(f"unix:{path}/{name}", False), False, 10)
     judge = next(one for one in CHECKS if one.name == meant)
     result = Runner(protocol, source, options).run(judge)
@@ -101,9 +101,12 @@ def test_each_fault_is_found(serve, tmp_path):
                                 ALL_BUT_FIGURES)
         assert (status, not_ok(results)) == (0, {})
     assert len(FAULTS) >= 30
-    with ThreadPoolExecutor(8) as pool:
-        said = pool.map(lambda name: find(tmp_path, name), FAULTS)
-        assert {name: text for name, text in zip(FAULTS, said) if text != "found"} == {}
+    # Judged by its pace, so it has the scripted companion for itself.
+    said = {"TakesAllOfTheRemote": find(tmp_path, "TakesAllOfTheRemote")}
+    others = FAULTS.keys() - said.keys()
+    with ThreadPoolExecutor(12) as pool:
+        said.update(zip(others, pool.map(lambda name: find(tmp_path, name), others)))
+    assert {name: text for name, text in said.items() if text != "found"} == {}
 
 
 def test_a_companion_that_connects_by_itself(tmp_path):

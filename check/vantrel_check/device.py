@@ -72,6 +72,13 @@ class Device:
         self._env.trace.sent(data, words, self.codec)
         self.link.send(data)
 
+    def send_piece(self, data, words):
+        """As send(); what is sent next is most likely read apart."""
+        self.send(data, words)
+        self._env.loop.tick = 0.002
+        self._env.loop.wait(lambda: self.link.is_taken() or self.link.ended, 1)
+        self._env.loop.pause(0.002)
+
     def shake_hands(self):
         if self.has_shaken_hands:
             return self

@@ -5,9 +5,11 @@ link is read, servers accept and answer. So the device never stops reading
 because the checker is busy elsewhere, and no check needs a lock.
 """
 
+import fcntl
 import select
 import socket
 import struct
+import termios
 import time
 
 READ, WRITE = select.POLLIN, select.POLLOUT
@@ -136,6 +138,12 @@ class Channel:
         if self._ends_writing and not self._out and not self.source:
             self._ends_writing = False
             self.sock.shutdown(socket.SHUT_WR)
+
+    def is_taken(self):
+        """Whether the other end has read all that was sent, where that can be known."""
+        if self.sock.family != socket.AF_UNIX:
+            return not self._out
+        return not self._out and not any(fcntl.ioctl(self.sock, termios.TIOCOUTQ, bytes(4)))
 
     def end_writing(self):
         """The end of this direction, behind everything that was sent."""

@@ -156,8 +156,7 @@ def cut_everywhere(env):
     cuts = range(1, len(whole))
     for count, cut in enumerate(cuts, 1):
         first.writes += 1
-        device.send(whole[:cut], f"messages up to byte {cut}")
-        env.loop.pause(0.001)
+        device.send_piece(whole[:cut], f"messages up to byte {cut}")
         device.send(whole[cut:], "the rest of them")
         peer = env.accept(server, count)
         env.wait(lambda: peer.ended, "the end at the remote")

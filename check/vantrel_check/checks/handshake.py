@@ -21,8 +21,7 @@ def handshake(env):
 def handshake_pieces(env):
     device = env.open_link()
     for byte in env.codec.handshake():
-        device.send(bytes([byte]), "a byte of the handshake")
-        env.loop.pause(0.002)
+        device.send_piece(bytes([byte]), "a byte of the handshake")
     device.wait_handshake_ack()
     device.probe()
 

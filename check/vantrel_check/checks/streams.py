@@ -34,7 +34,8 @@ def stream_open(env):
         peer = env.accept(server)
         stream.write(b"question %d" % stream.id)
         stream.wait_acks()
-        device.wait(lambda: peer.received == b"question %d" % stream.id, "the question at the server")
+        device.wait(lambda: peer.received == b"question %d" % stream.id,
+                    "the question at its server")
         peer.send(b"answer %d" % stream.id)
         device.wait(lambda: len(stream.received) >= 8, "the answer at the device")
         expect(stream.received == b"answer %d" % stream.id, "the answer is another one")
