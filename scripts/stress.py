@@ -165,6 +165,17 @@ class Run:
             # until its application writes.
             stream.app.wanted = 1
             self.note(f"open {stream.number}")
+            if rng.random() < .2:
+                self.upload(stream, rng)
+
+    def upload(self, stream, rng):
+        """An application that writes all it has and ends, however much of it still waits
+        for the remote."""
+        count = min(200000, self.budget)
+        self.budget -= count
+        stream.app.wanted += count
+        stream.ending = stream.app, rng.choice(["close", "shutdown"]), "sent"
+        self.note(f"upload {count} {stream.number}")
 
     def send(self, rng):
         stream = self.chosen(rng)
