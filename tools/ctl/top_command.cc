@@ -4,11 +4,13 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <clocale>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "programs/steady_time.h"
 #include "tools/ctl/dump_follower.h"
