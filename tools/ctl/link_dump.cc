@@ -1,5 +1,6 @@
 #include "tools/ctl/link_dump.h"
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 #include <string_view>

@@ -4,11 +4,13 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <clocale>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "programs/steady_time.h"
 #include "tools/ctl/dump_follower.h"
@@ -111,9 +113,9 @@ bool Wait(const TopSource& source, bool has_keys, bool* is_readable,
   return count <= 0 || (fds[1].revents & (POLLHUP | POLLERR | POLLNVAL)) == 0;
 }
 
-std::string ToText(const std::vector<text_line_t>& lines) {
+std::string ToText(const std::vector<TextLine>& lines) {
   std::string text;
-  for (const text_line_t& line : lines) {
+  for (const TextLine& line : lines) {
     std::string whole;
     for (const text_span_t& span : line) whole += span.text;
     whole.erase(whole.find_last_not_of(' ') + 1);

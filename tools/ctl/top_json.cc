@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "tools/record_fields.h"
 

@@ -49,8 +49,8 @@ std::string Count(uint64_t count, const char* noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-text_line_t CutLine(const text_line_t& line, size_t columns) {
-  text_line_t cut;
+TextLine CutLine(const TextLine& line, size_t columns) {
+  TextLine cut;
   for (const text_span_t& span : line) {
     cut.push_back({span.text.substr(0, columns), span.style});
     columns -= cut.back().text.size();
@@ -58,8 +58,8 @@ text_line_t CutLine(const text_line_t& line, size_t columns) {
   return cut;
 }
 
-text_line_t StateLine(const TopModel& model, const top_view_t& view) {
-  text_line_t line = {{"vantrel ", TextStyle::kTitle}};
+TextLine StateLine(const TopModel& model, const top_view_t& view) {
+  TextLine line = {{"vantrel ", TextStyle::kTitle}};
   const auto& state = model.GetState();
   if (!model.IsConnected()) {
     line.push_back({"the launcher has gone", TextStyle::kBad});
@@ -76,7 +76,7 @@ text_line_t StateLine(const TopModel& model, const top_view_t& view) {
   return line;
 }
 
-text_line_t FactsLine(const TopModel& model) {
+TextLine FactsLine(const TopModel& model) {
   const auto& state = model.GetState();
   if (!state) return {};
   std::string text = state->uptime_ms == 0
@@ -122,9 +122,9 @@ std::string MakeGraph(const TopModel& model, double rate_t::*direction,
   return graph;
 }
 
-text_line_t TrafficLine(const TopModel& model, const top_view_t& view,
-                        const char* name, double rate_t::*rate,
-                        uint64_t traffic_t::*total) {
+TextLine TrafficLine(const TopModel& model, const top_view_t& view,
+                     const char* name, double rate_t::*rate,
+                     uint64_t traffic_t::*total) {
   const auto& state = model.GetState();
   if (!state) return {};
   if (!state->link_traffic) {
@@ -145,11 +145,11 @@ text_line_t TrafficLine(const TopModel& model, const top_view_t& view,
            TextStyle::kGood}};
 }
 
-text_line_t KeysLine(TopModel::Sort sort) {
-  text_line_t line = {{"q", TextStyle::kTitle},
-                      {" quit  "},
-                      {"p", TextStyle::kTitle},
-                      {" pause  sort by:"}};
+TextLine KeysLine(TopModel::Sort sort) {
+  TextLine line = {{"q", TextStyle::kTitle},
+                   {" quit  "},
+                   {"p", TextStyle::kTitle},
+                   {" pause  sort by:"}};
   const struct {
     TopModel::Sort sort;
     const char* key;
@@ -199,10 +199,10 @@ class Table {
   }
 
   // All, or as many as fit into |lines| with a last one that counts the rest.
-  std::vector<text_line_t> GetRows(size_t lines) const {
+  std::vector<TextLine> GetRows(size_t lines) const {
     if (rows_.size() <= lines) return rows_;
     if (lines < 2) return {};
-    std::vector<text_line_t> rows(
+    std::vector<TextLine> rows(
         rows_.begin(), rows_.begin() + static_cast<std::ptrdiff_t>(lines - 1));
     rows.push_back(
         {{"  and " + std::to_string(rows_.size() + 1 - lines) + " more",
@@ -214,7 +214,7 @@ class Table {
  private:
   const std::vector<column_t> layout_;
   size_t text_columns_ = 0;
-  std::vector<text_line_t> rows_;
+  std::vector<TextLine> rows_;
 };
 
 std::string FormatTotal(uint64_t bytes) {
@@ -273,16 +273,15 @@ std::string ExplainEmptiness(const launch_state_t& state) {
              : "no application has moved anything";
 }
 
-void Append(std::vector<text_line_t>* lines,
-            const std::vector<text_line_t>& more) {
+void Append(std::vector<TextLine>* lines, const std::vector<TextLine>& more) {
   lines->insert(lines->end(), more.begin(), more.end());
 }
 
 // Both tables in |room| lines; the streams get what the applications leave, and
 // half of it at least.
-std::vector<text_line_t> LayOutTables(const TopModel& model,
-                                      const top_view_t& view, size_t room) {
-  std::vector<text_line_t> lines;
+std::vector<TextLine> LayOutTables(const TopModel& model,
+                                   const top_view_t& view, size_t room) {
+  std::vector<TextLine> lines;
   const Table applications = MakeApplications(model, view);
   const Table streams = MakeStreams(model, view);
   const bool has_streams = model.GetDump().has_value();
@@ -302,9 +301,8 @@ std::vector<text_line_t> LayOutTables(const TopModel& model,
 
 }  // namespace
 
-std::vector<text_line_t> LayOutTop(const TopModel& model,
-                                   const top_view_t& view) {
-  std::vector<text_line_t> lines = {
+std::vector<TextLine> LayOutTop(const TopModel& model, const top_view_t& view) {
+  std::vector<TextLine> lines = {
       CutLine(StateLine(model, view), view.columns),
       CutLine(FactsLine(model), view.columns),
       TrafficLine(model, view, "down", &rate_t::rx, &traffic_t::rx_bytes),

@@ -16,7 +16,7 @@ struct text_span_t {
   TextStyle style = TextStyle::kPlain;
 };
 
-using text_line_t = std::vector<text_span_t>;
+using TextLine = std::vector<text_span_t>;
 
 struct top_view_t {
   size_t columns = 100;
@@ -29,8 +29,7 @@ struct top_view_t {
 };
 
 // At most |view.lines| lines of at most |view.columns| columns.
-std::vector<text_line_t> LayOutTop(const TopModel& model,
-                                   const top_view_t& view);
+std::vector<TextLine> LayOutTop(const TopModel& model, const top_view_t& view);
 
 // Three digits and a decimal unit: "1.23 MB".
 std::string FormatBytes(double bytes);

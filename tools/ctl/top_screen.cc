@@ -84,7 +84,7 @@ size_t TopScreen::GetLines() const {
   return static_cast<size_t>(std::max(getmaxy(stdscr), 1));
 }
 
-void TopScreen::Show(const std::vector<text_line_t>& lines) {
+void TopScreen::Show(const std::vector<TextLine>& lines) {
   werase(stdscr);
   for (size_t i = 0; i < lines.size(); ++i) {
     wmove(stdscr, static_cast<int>(i), 0);

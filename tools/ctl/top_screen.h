@@ -31,7 +31,7 @@ class TopScreen {
   // Whether it shows more than ASCII.
   bool HasBlocks() const { return has_blocks_; }
 
-  void Show(const std::vector<text_line_t>& lines);
+  void Show(const std::vector<TextLine>& lines);
   // The next key that was pressed, without waiting, or kNoKey.
   int GetKey();
 

@@ -32,7 +32,7 @@ launch_state_t MakeState(uint64_t time_ms, uint64_t link_bytes,
   return state;
 }
 
-std::string ToText(const text_line_t& line) {
+std::string ToText(const TextLine& line) {
   std::string text;
   for (const text_span_t& span : line) text += span.text;
   return text;
