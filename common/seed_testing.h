@@ -11,8 +11,9 @@ namespace vantrel {
 // each time, or the one in the environment, to see that case again.
 inline unsigned int FirstSeed() {
   const char* const given = getenv("VANTREL_SEED");
-  return given != nullptr ? static_cast<unsigned int>(atoi(given))
-                          : std::random_device()();
+  return given != nullptr
+             ? static_cast<unsigned int>(strtoul(given, nullptr, 10))
+             : std::random_device()();
 }
 
 }  // namespace vantrel

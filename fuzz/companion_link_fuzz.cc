@@ -8,6 +8,7 @@
 
 #include "companion/companion_log.h"
 #include "companion/device_link.h"
+#include "fuzz/companion_link_steps.h"
 #include "fuzz/fuzz_messages.h"
 #include "fuzz/fuzz_network.h"
 #include "link_v2/message_decoder.h"
@@ -17,25 +18,7 @@ namespace vantrel {
 namespace {
 
 constexpr int kProtocols[] = {20, 1, 5};
-// Where the remotes wait, on the loopback address.
-constexpr uint16_t kTcpPort = 8080;
-constexpr uint16_t kUdpPort = 5353;
 constexpr size_t kMaxBytesToLink = 1 << 20;
-
-enum : uint8_t {
-  STEP_DEVICE_SAYS = 0,  // the message, as TakeMessage() reads it
-  STEP_ACCEPT = 1,
-  STEP_REMOTE_SENDS = 2,  // u16: the number of bytes
-  STEP_REMOTE_ENDS = 3,
-  STEP_REMOTE_RESETS = 4,
-  STEP_REMOTE_READS = 5,
-  STEP_DEVICE_READS = 6,
-  STEP_ANSWER = 7,  // u16: the size of a datagram
-  STEP_TICK = 8,    // u8: seconds pass
-  STEP_DEVICE_ENDS = 9,
-  STEP_CLOSE = 10,
-  STEP_NETWORK = 11,
-};
 
 class Script {
  public:
@@ -44,8 +27,8 @@ class Script {
         protocol_(protocol),
         policy_({DestinationPolicy::ParseRule("127.0.0.0/8", true).value()},
                 [](const IpAddress&) { return std::nullopt; }) {
-    FUZZ_CHECK(server_.Bind(kTcpPort) && listen(server_.GetFd(), 8) == 0);
-    FUZZ_CHECK(datagrams_.Bind(kUdpPort));
+    FUZZ_CHECK(server_.Bind(kRemoteTcpPort) && listen(server_.GetFd(), 8) == 0);
+    FUZZ_CHECK(datagrams_.Bind(kRemoteUdpPort));
     options_.protocol = protocol;
     options_.max_held_bytes = 256 * 1024;
     options_.network = ActiveNetwork{7, true};
@@ -80,7 +63,8 @@ class Script {
         to_link_ += TakeMessage(input_, protocol_);
         break;
       case STEP_ACCEPT: {
-        const int fd = accept(server_.GetFd(), nullptr, nullptr);
+        const int fd = accept4(server_.GetFd(), nullptr, nullptr,
+                               SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd != -1) remotes_.push_back(std::make_unique<Socket>(fd));
         if (fd != -1) remotes_.back()->ResetOnClose();
         break;
@@ -118,7 +102,7 @@ class Script {
         send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
     if (step == STEP_REMOTE_ENDS) shutdown(fd, SHUT_WR);
     if (step == STEP_REMOTE_RESETS) remote->reset();
-    if (step == STEP_REMOTE_READS) FuzzSocket::TakeAll(fd);
+    if (step == STEP_REMOTE_READS) ReadAll(**remote);
   }
 
   // To whoever has written last.

@@ -40,7 +40,7 @@ class FuzzInput {
     return static_cast<uint16_t>(TakeU8() << 8 | low);
   }
   std::string TakeBytes(size_t count) {
-    const std::string bytes(next_, std::min(count, left_));
+    std::string bytes(next_, std::min(count, left_));
     next_ += bytes.size();
     left_ -= bytes.size();
     return bytes;

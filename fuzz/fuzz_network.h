@@ -51,16 +51,6 @@ class FuzzSocket : public Socket {
       : Socket(socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     ResetOnClose();
   }
-  // Takes |fd| over.
-  static std::string TakeAll(int fd) {
-    std::string all;
-    char buffer[65536];
-    ssize_t count;
-    while ((count = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0) {
-      all.append(buffer, static_cast<size_t>(count));
-    }
-    return all;
-  }
   bool Bind(uint16_t port) const {
     const int on = 1;
     setsockopt(GetFd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));

@@ -165,8 +165,8 @@ class Stepper : public Socket {
     if (step == STEP_SEND) Send(who, application, input_->TakeLe16());
     if (step == STEP_END) shutdown(fd, SHUT_WR);
     if (step == STEP_GO) shutdown(fd, SHUT_RDWR);
-    if (step == STEP_READ) FuzzSocket::TakeAll(fd);
-    FuzzSocket::TakeAll(datagrams_.GetFd());
+    if (step == STEP_READ) ReadAll(application.socket);
+    ReadAll(datagrams_);
   }
 
   // Streams are numbered from 1 in the order in which they connect.

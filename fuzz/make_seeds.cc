@@ -6,6 +6,7 @@
 
 #include "control/control_packets.h"
 #include "control/status_records.h"
+#include "fuzz/companion_link_steps.h"
 #include "fuzz/fuzz_messages.h"
 #include "fuzz/link_script.h"
 #include "link/connection_header.h"
@@ -47,8 +48,8 @@ HostAndPort Address(uint32_t address, uint16_t port) {
 }
 const HostAndPort kLocal = Address(0x7F000001, 40000);
 const HostAndPort kDns = Address(0xC6336401, 53);
-const HostAndPort kTcpRemote = Address(0x7F000001, 8080);
-const HostAndPort kUdpRemote = Address(0x7F000001, 5353);
+const HostAndPort kTcpRemote = Address(0x7F000001, kRemoteTcpPort);
+const HostAndPort kUdpRemote = Address(0x7F000001, kRemoteUdpPort);
 
 messages::Header Header(messages::MessageType type) {
   messages::Header header;
@@ -182,7 +183,7 @@ void SeedCompanion(uint8_t choice, int protocol) {
   const bool is_v2 = protocol == 20;
   const std::string name = "v" + std::to_string(protocol);
   const auto says = [](const std::string& message) {
-    return message.empty() ? "" : Byte(0) + message;
+    return message.empty() ? "" : Byte(STEP_DEVICE_SAYS) + message;
   };
   const std::string hello = DeviceHandshake(protocol);
   const std::string connect = DeviceConnect(is_v2, 1);
@@ -191,17 +192,20 @@ void SeedCompanion(uint8_t choice, int protocol) {
        Byte(choice) + hello + connect + PackageName(is_v2) +
            CompanionData(is_v2, 3000) + datagram + Close(is_v2));
   const std::string begin = Byte(choice) + says(hello) + says(connect);
+  const std::string read = Byte(STEP_DEVICE_READS);
+  const std::string end = Byte(STEP_DEVICE_ENDS);
   Seed("companion_link", name + "_stream",
-       begin + Byte(1) + says(CompanionData(is_v2, 3000)) + Byte(5) + Byte(2) +
-           Word(50000) + Byte(6) + Byte(6) + Byte(3) + Byte(6));
+       begin + Byte(STEP_ACCEPT) + says(CompanionData(is_v2, 3000)) +
+           Byte(STEP_REMOTE_READS) + Byte(STEP_REMOTE_SENDS) + Word(50000) +
+           read + read + Byte(STEP_REMOTE_ENDS) + read);
   Seed("companion_link", name + "_close",
        begin + says(PackageName(is_v2)) + says(CompanionData(is_v2, 60000)) +
-           says(Close(is_v2)) + Byte(1) + Byte(5) + Byte(4) + Byte(8) +
-           Byte(9));
+           says(Close(is_v2)) + Byte(STEP_ACCEPT) + Byte(STEP_REMOTE_READS) +
+           Byte(STEP_REMOTE_RESETS) + Byte(STEP_TICK) + Byte(1) + end);
   Seed("companion_link", name + "_datagrams",
-       Byte(choice) + says(hello) + says(datagram) + Byte(7) + Word(200) +
-           Byte(6) + says(datagram) + Byte(7) + Word(60000) + Byte(11) +
-           Byte(10) + Byte(6) + Byte(9));
+       Byte(choice) + says(hello) + says(datagram) + Byte(STEP_ANSWER) +
+           Word(200) + read + says(datagram) + Byte(STEP_ANSWER) + Word(60000) +
+           Byte(STEP_NETWORK) + Byte(STEP_CLOSE) + read + end);
 }
 
 void SeedLinks() {

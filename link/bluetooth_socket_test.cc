@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "capture/link_model_testing.h"
 #include "common/hex_testing.h"
-#include "link/link_model_testing.h"
 #include "link/link_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"

@@ -4,7 +4,7 @@
 
 #include <deque>
 
-#include "link/link_model_testing.h"
+#include "capture/link_model_testing.h"
 #include "link/link_testing.h"
 #include "link_v2/frame_testing.h"
 #include "platform/linux/log_capture.h"
