@@ -119,6 +119,7 @@ write_job() {
     printf ' %q' "$@"
     printf ' )\n'
   } >"$work/job/job.sh"
+  cp "$scripts/lib/bluetooth_machine.sh" "$work/job/machine.sh"
 }
 
 # A file name with a comma would be taken for options.
@@ -131,7 +132,8 @@ boot() { # ACCEL
   [ "$1" = kvm ] || { processors=1; clock=(-icount "shift=1,sleep=on" -rtc "clock=vm"); }
   local share=local,security_model=none,multidevs=remap
   timeout --foreground -k 5 "$seconds" qemu-system-x86_64 \
-    -accel "$1" -cpu max -smp "$processors" "${clock[@]}" -m "$memory" -nodefaults -no-reboot -display none \
+    -accel "$1" -cpu max -smp "$processors" "${clock[@]}" -m "$memory" \
+    -nodefaults -no-reboot -display none \
     -kernel "$kernel_dir"/boot/vmlinuz-* -initrd "$work/initramfs.gz" \
     -append "console=ttyS0 quiet loglevel=3 panic=-1" \
     -chardev stdio,id=console,signal=off -serial chardev:console \
@@ -161,7 +163,6 @@ boot_with_kvm() {
 make_initramfs
 [ $# -gt 0 ] || set -- bash
 write_job "$@"
-cp "$scripts/lib/bluetooth_machine.sh" "$work/job/machine.sh"
 if [ -n "$accel" ]; then
   boot "$accel"
 else
