@@ -1,8 +1,8 @@
 #!/bin/bash
-# scripts/setup.sh build|test|bench|all: installs what is missing to build the
-# programs and their unit tests (build), to run all tests too (test), to measure too
-# (bench), to run every check and make the package too (all). Asks no question; says
-# nothing when nothing is missing.
+# scripts/setup.sh build|test|bench|bluetooth|all: installs what is missing to build
+# the programs and their unit tests (build), to run all tests too (test), to measure
+# too (bench), to run scripts/bluetooth.sh too (bluetooth), to run every check and make
+# the package too (all). Asks no question; says nothing when nothing is missing.
 set -euo pipefail
 
 build=(
@@ -28,6 +28,11 @@ test=(
 bench=(
   # plots; two roads to measure beside ours; many name look-ups
   git gnuplot-nox haproxy openssh-client openssh-server dnsperf
+)
+bluetooth=(
+  # the virtual machine, its first file system; the controllers' emulator and tools
+  qemu-system-x86 busybox cpio
+  bluez bluez-test-tools kmod
 )
 all=(
   # sanitizers (with readable stacks), fuzz targets
@@ -67,11 +72,15 @@ case ${1:-} in
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
   bench) install_missing "${build[@]}" "${test[@]}" "${bench[@]}" ;;
+  bluetooth)
+    install_missing "${build[@]}" "${test[@]}" "${bluetooth[@]}"
+    "$(dirname "$0")/bluetooth.sh" --prepare ;;
   all)
-    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${all[@]}"
+    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${bluetooth[@]}" "${all[@]}"
+    "$(dirname "$0")/bluetooth.sh" --prepare
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|bench|all" >&2
+    echo "usage: setup.sh build|test|bench|bluetooth|all" >&2
     exit 2 ;;
 esac

@@ -179,8 +179,6 @@ def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):
     ("vantrelctl", "fly", 2, "vantrelctl: "),
     ("vantrelctl", "push 1X", 2, "vantrelctl: 1X: expected a number of bytes"),
     ("vantrel-launch", "unix:/none --shape rate=x", 2, 'vantrel-launch: --shape: "rate=x"'),
-    ("vantrel-launch", "rfcomm:00:11:22:33:44:55/3 --direct", 2,
-     "vantrel-launch: --direct: an idle daemon does not notice"),
     ("vantrel-launch", "fd:0", 2, "vantrel-launch: fd:0: not a socket"),
     ("vantrel-launch", "fd:77", 2, "vantrel-launch: fd:77: not an open descriptor"),
     ("vantrel-launch", "unix:/none --daemon /bin/true --lock {}/lock", 1,

@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,6 +30,10 @@ constexpr std::chrono::seconds kDaemonEndTimeout{15};
 // A daemon that takes longer to start waits for its link, or for the
 // packet-filter tool: somebody may hold the lock on the tables.
 constexpr std::chrono::seconds kSlowStart{10};
+
+// How long a daemon with the link itself may read on once the other end of the
+// link has gone, before it is looked at again.
+constexpr std::chrono::seconds kHangUpPause{1};
 
 // A companion that speaks the daemon's protocol answers the handshake at once.
 // Protocol 1 has none.
@@ -58,6 +64,8 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       kill_timer_(loop.GetContext()),
       warning_timer_(loop.GetContext()),
       stats_timer_(loop.GetContext()),
+      hang_up_(loop.GetContext()),
+      hang_up_timer_(loop.GetContext()),
       link_(loop.GetContext()),
       near_end_(loop.GetContext()) {
   StartDaemon(std::move(link));
@@ -71,13 +79,15 @@ LaunchSession::~LaunchSession() {
        {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {
     if (direction != nullptr) direction->Stop();
   }
-  for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
+  for (auto* descriptor : {&status_, &hang_up_, &link_, &near_end_}) {
+    descriptor->close();
+  }
   for (auto* borrowed :
        {&rules_output_, &report_outputs_[0], &report_outputs_[1]}) {
     if (borrowed->is_open()) borrowed->release();
   }
-  for (auto* timer :
-       {&grace_timer_, &kill_timer_, &warning_timer_, &stats_timer_}) {
+  for (auto* timer : {&grace_timer_, &kill_timer_, &warning_timer_,
+                      &stats_timer_, &hang_up_timer_}) {
     timer->cancel();
   }
   loop_.GetContext().poll();  // the handlers that were just cancelled
@@ -93,6 +103,8 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   start.status.Reset(channel[1]);
   if (options_.is_direct) {
     SetBlocking(link.fd.Get(), true);
+    direct_link_.Reset(fcntl(link.fd.Get(), F_DUPFD_CLOEXEC, 0));
+    WatchHangUp();
     start.link = std::move(link.fd);
     // It would go on without us, in the way of the next one. With the relay it
     // ends in order, because its link ends with us.
@@ -214,7 +226,9 @@ void LaunchSession::HandleSignal(int signal) {
   }
   if (!daemon_->IsRunning() || !daemon_->Reap()) return;
   far_end_.Reset();
-  for (auto* timer : {&kill_timer_, &warning_timer_, &stats_timer_}) {
+  direct_link_.Reset();
+  for (auto* timer :
+       {&kill_timer_, &warning_timer_, &stats_timer_, &hang_up_timer_}) {
     timer->cancel();
   }
   After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
@@ -352,6 +366,33 @@ void LaunchSession::HandleOutboundEnd() {
   EndLink(outbound_->GetWriteError());
 }
 
+// Asked for nothing, this tells of errors and hang-ups alone: what the daemon
+// reads does not wake us.
+void LaunchSession::WatchHangUp() {
+  epoll_event only_the_end = {};
+  hang_up_.assign(epoll_create1(EPOLL_CLOEXEC));
+  if (epoll_ctl(hang_up_.native_handle(), EPOLL_CTL_ADD, direct_link_.Get(),
+                &only_the_end) != 0) {
+    throw SystemFailure("cannot watch the link");
+  }
+  OnReadable(hang_up_, &LaunchSession::HandleHangUp);
+}
+
+// A daemon sees an end that can be read. Bluetooth sockets have another one, of
+// which it would only know once it has something to send.
+void LaunchSession::HandleHangUp() {
+  if (!daemon_->IsRunning()) return;
+  pollfd link = {direct_link_.Get(), POLLIN, 0};
+  if (poll(&link, 1, 0) == 1 && (link.revents & POLLIN) != 0) {
+    return After(hang_up_timer_, kHangUpPause, &LaunchSession::HandleHangUp);
+  }
+  int error = 0;
+  socklen_t length = sizeof(error);
+  getsockopt(direct_link_.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
+  EndLink(error);
+  daemon_->Signal(SIGTERM);
+}
+
 void LaunchSession::EndLink(int error) {
   if (is_link_over_ || !daemon_->IsRunning()) return;
   is_link_over_ = true;
@@ -360,7 +401,8 @@ void LaunchSession::EndLink(int error) {
   }
   // A stop ends the link, too, and so does the daemon when it ends.
   const bool is_ordered =
-      end_.is_stop_wanted || outbound_->GetState() == RelayDirection::kEnded;
+      end_.is_stop_wanted ||
+      (outbound_ && outbound_->GetState() == RelayDirection::kEnded);
   if (is_ordered) return;
   reporter_.Say(std::string("the link ended") +
                 (error != 0 ? std::string(": ") + strerror(error) : ""));

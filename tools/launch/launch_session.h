@@ -68,6 +68,8 @@ class LaunchSession {
   void NoteSilence();
   void HandleInboundEnd();
   void HandleOutboundEnd();
+  void WatchHangUp();
+  void HandleHangUp();
   void EndLink(int error);
   void CountLinkBytes();
 
@@ -93,6 +95,12 @@ class LaunchSession {
   bool is_ending_ = false;                   // the daemon is to end
   std::optional<ControlPort> control_port_;  // made when first needed
   end_t end_;
+
+  // Only when the daemon has the link itself: a duplicate of it, and what is
+  // readable once its other end has gone.
+  UniqueFd direct_link_;
+  asio::posix::stream_descriptor hang_up_;
+  asio::steady_timer hang_up_timer_;
 
   // All empty when the daemon has the link itself.
   asio::posix::stream_descriptor link_;

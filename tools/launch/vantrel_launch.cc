@@ -95,12 +95,6 @@ void CheckTogether(const launch_options_t& options) {
     const std::string fault = FindFaultOfDescriptor(options.link.fd);
     if (!fault.empty()) throw CLI::ValidationError(options.link.text, fault);
   }
-  if (options.is_direct && options.link.kind == link_address_t::kRfcomm) {
-    throw CLI::ValidationError(
-        "--direct",
-        "an idle daemon does not notice the end of a Bluetooth link; without "
-        "--direct it is told");
-  }
   if (options.is_restarting && options.link.kind == link_address_t::kFd) {
     throw CLI::ValidationError("--restart", "fd:N cannot be connected again");
   }

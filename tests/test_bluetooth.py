@@ -1,0 +1,307 @@
+"""The programs over RFCOMM, between the two controllers of the virtual machine
+that scripts/bluetooth.sh makes. Bluetooth sockets exist in its first network
+only. That one has the launcher and the companion with the internet's servers;
+the device's own network has the daemon and its applications."""
+
+import contextlib
+import hashlib
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+
+import bench
+import wire
+from bench import BIN_DIR, BROWSER_UID, wait_until
+from test_traffic import DATA, dns, web  # noqa: F401 fixtures
+
+if "BLUETOOTH_OUTPUT" not in os.environ:
+    pytest.skip("needs scripts/bluetooth.sh", allow_module_level=True)
+
+OUTPUT = pathlib.Path(os.environ["BLUETOOTH_OUTPUT"])
+DEVICE, COMPANION = os.environ["BLUETOOTH_ADDRESS0"], os.environ["BLUETOOTH_ADDRESS1"]
+CHANNEL = 5
+PATIENCE = 30  # seconds; an emulated processor may be slow, and is shared
+SOME = 64 << 10
+EVERYTHING = "BLUETOOTH_EVERYTHING" in os.environ  # what takes too long for each change
+
+
+def record(**figures):
+    """One line of what was measured."""
+    print(figures)
+    with open(OUTPUT / "figures.jsonl", "a") as out:
+        out.write(json.dumps(figures) + "\n")
+
+
+class Program:
+    """A program in the first network, its output in a file."""
+
+    def __init__(self, log, command, **kwargs):
+        self.log_file = log
+        with open(log, "wb") as output:
+            self.process = subprocess.Popen(
+                list(map(str, command)), stdin=subprocess.DEVNULL, stdout=output,
+                stderr=output, **kwargs)
+
+    def log(self):
+        return self.log_file.read_text()
+
+    def wait_for(self, text, count=1):
+        wait_until(lambda: self.log().count(text) >= count, f"{text!r}: {self.log()}", PATIENCE)
+        return time.monotonic()
+
+
+@pytest.fixture
+def programs(request, tmp_path):
+    running = []
+    yield running
+    for log in tmp_path.rglob("*.log"):
+        shutil.copy(log, OUTPUT / f"{request.node.name}.{log.name}")
+    for program in reversed(running):
+        if program.process.poll() is None:
+            program.process.kill()
+        program.process.wait()
+
+
+@pytest.fixture
+def companion(tmp_path, programs):
+    def start(protocol, *options):
+        number = len(programs)
+        programs.append(Program(
+            tmp_path / f"companion{number}.log",
+            [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--listen",
+             f"rfcomm:{CHANNEL}", "--allow", "198.51.100.0/24", "--network", "7",
+             *options], env=bench.program_environment(tmp_path)))
+        programs[-1].wait_for("listening on")
+        return programs[-1]
+    return start
+
+
+@pytest.fixture
+def launch(device, programs):
+    """launch(protocol, *options): the launcher, in the device's files and the first
+    network; the rules and the daemon are in the device's network."""
+    network = " ".join(device.command([])[:2] + ["--net"])
+    for path, program in (("/system/bin/iptables-wrapper-1.0", "iptables-legacy"),
+                          ("/run/daemon", BIN_DIR / "vantrel")):
+        device.run("tee", path, input=f'#!/bin/sh\nexec {network} {program} "$@"\n')
+        device.run("chmod", "755", path)
+
+    def start(protocol, *options, link=f"rfcomm:{COMPANION}/{CHANNEL}"):
+        command = device.command([BIN_DIR / "vantrel-launch", "--daemon", "/run/daemon",
+                                  "--protocol", protocol, *options, link])
+        command.remove("--net")
+        programs.append(Program(
+            device.dir / "launch.log", command,
+            env={**bench.program_environment(device.dir),
+                 "VANTREL_LOG_FILE": str(device.dir / "daemon.log")}))
+        return programs[-1]
+    return start
+
+
+def curl(device, *args, uid=0):
+    return subprocess.Popen(
+        device.command(["curl", "-sS", "--max-time", 2 * PATIENCE, "-w",
+                        "%{stderr}%{time_total}", *args], uid),
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def finish(client):
+    """What a client has got, and its bytes a second of |SOME|."""
+    out, err = client.communicate(timeout=3 * PATIENCE)
+    assert client.returncode == 0, err
+    return out, float(err)
+
+
+def no_rules(device):
+    return not any("oem_PROXY" in line for table in ("nat", "mangle")
+                   for line in device.rules(table))
+
+
+@pytest.mark.parametrize("protocol", ["1", "5", "20"])
+def test_traffic(device, companion, launch, dns, web, protocol):  # noqa: F811
+    far = companion(protocol, "--dns", "198.51.100.53")
+    launcher = launch(protocol)
+    launcher.wait_for("started")
+    far.wait_for("link up")
+    assert f"rfcomm:{DEVICE}" in far.log()
+
+    got, down_time = finish(curl(device, f"http://198.51.100.80/{4 * SOME}"))
+    assert got == DATA[:4 * SOME]
+    (device.dir / "up").write_bytes(DATA[:4 * SOME])
+    got, up_time = finish(curl(device, "-T", device.dir / "up", "-H", "Expect:",
+                               "http://198.51.100.80/up"))
+    assert got.decode() == hashlib.sha256(DATA[:4 * SOME]).hexdigest()
+    record(what="rate", protocol=protocol, down=round(4 * SOME / down_time / 1000),
+           up=round(4 * SOME / up_time / 1000), unit="kB/s")
+
+    begin = time.monotonic()
+    answer = device.run("dig", "+short", "+time=30", "www.example.test").stdout
+    assert answer == "198.51.100.80\n"
+    record(what="dig", protocol=protocol, seconds=round(time.monotonic() - begin, 3))
+
+    clients = [curl(device, f"http://198.51.100.80/{SOME + n}", uid=BROWSER_UID)
+               for n in range(6)]
+    for n, client in enumerate(clients):
+        assert finish(client)[0] == DATA[:SOME + n]
+
+    launcher.process.send_signal(signal.SIGTERM)
+    assert launcher.process.wait(PATIENCE) == 0
+    assert no_rules(device)
+    far.wait_for("link down")
+    if protocol != "20":
+        assert f"uid {BROWSER_UID} (com.example.browser) received" in launcher.log()
+
+
+def set_power(controller, state):
+    """As a person switches an adapter off and on."""
+    subprocess.run(["script", "-qec", f"btmgmt -i {controller} power {state}", "/dev/null"],
+                   check=True, timeout=PATIENCE, stdin=subprocess.DEVNULL,
+                   stdout=subprocess.DEVNULL)
+
+
+def daemon_of(launcher):
+    children = pathlib.Path(
+        f"/proc/{launcher.process.pid}/task/{launcher.process.pid}/children")
+    return int(wait_until(children.read_text, "the daemon").split()[0])
+
+
+@contextlib.contextmanager
+def busy_link(device):
+    """An application and its server, each in the middle of sending."""
+    with socket.create_server(("198.51.100.80", 7000)) as listener:
+        listener.settimeout(PATIENCE)
+        app = device.connect("198.51.100.80", 7000)
+        remote, _ = listener.accept()
+        for end in app, remote:
+            end.settimeout(PATIENCE)
+            end.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while end.send(DATA):
+                    pass
+            end.settimeout(PATIENCE)
+        assert app.recv(1) and remote.recv(1)
+        yield
+        for end in app, remote:
+            with contextlib.suppress(ConnectionResetError):
+                while end.recv(1 << 16):
+                    pass
+            end.close()
+
+
+ENDS = {
+    "companion killed": ("companion", signal.SIGKILL),
+    "companion stopped": ("companion", signal.SIGTERM),
+    "daemon killed": ("daemon", signal.SIGKILL),
+    "companion's adapter off": ("hci1", None),
+    "device's adapter off": ("hci0", None),
+}
+
+
+@pytest.mark.parametrize("protocol", ["20"] + ["1", "5"] * EVERYTHING)
+def test_ends(device, companion, launch, web, protocol):  # noqa: F811
+    far, near = companion(protocol), launch(protocol, "--restart")
+    cases = [(name, busy) for busy in (False, True) for name in ENDS]
+    for number, (name, busy) in enumerate(cases):
+        near.wait_for("started\n", number + 1)
+        assert finish(curl(device, "http://198.51.100.80/9"))[0] == DATA[:9]
+        what, signum = ENDS[name]
+        told = near.log().count("the link ended")
+        downs = far.log().count("link down")
+        with busy_link(device) if busy else contextlib.nullcontext():
+            begin = time.monotonic()
+            if what == "companion":
+                far.process.send_signal(signum)
+            elif what == "daemon":
+                os.kill(daemon_of(near), signum)
+            else:
+                set_power(what, "off")
+            wait_until(lambda: near.log().count("the link ended") > told
+                       or near.log().count("daemon ended") > number, name, PATIENCE)
+            seconds = [time.monotonic() - begin]
+            if name != "companion killed":
+                seconds.append(far.wait_for("link down", downs + 1) - begin)
+        record(what=name, protocol=protocol, busy=busy, device_and_companion=seconds)
+        near.wait_for("daemon ended", number + 1)
+        if what == "companion":
+            assert no_rules(device)
+            far.process.wait(PATIENCE)
+            far = companion(protocol)
+        elif what != "daemon":
+            assert no_rules(device)
+            set_power(what, "on")
+    assert near.log().count("interception rules that the daemon had left") == 2
+    near.wait_for("started\n", len(cases) + 1)
+    near.process.kill()
+    begin = time.monotonic()
+    far.wait_for("link down", far.log().count("link up"))
+    record(what="launcher killed", protocol=protocol, companion=time.monotonic() - begin)
+    wait_until(lambda: no_rules(device), "the rules' end", PATIENCE)
+
+
+def test_the_daemon_on_the_socket(device, companion, launch, web):  # noqa: F811
+    far = companion("5", "--header", "--max-tx", "990")
+    near = launch("5", "--direct")
+    near.wait_for("started\n")
+    assert "max_tx_size 990" in (device.dir / "daemon.log").read_text()
+    (device.dir / "up").write_bytes(DATA[:SOME])
+    got, _ = finish(curl(device, "-T", device.dir / "up", "http://198.51.100.80/up"))
+    assert got.decode() == hashlib.sha256(DATA[:SOME]).hexdigest()
+    begin = time.monotonic()
+    far.process.kill()
+    # An idle daemon does not see the end of such a link; its launcher does.
+    near.wait_for("the link ended: Connection reset by peer")
+    record(what="companion killed, --direct", protocol="5", device=time.monotonic() - begin)
+    assert near.process.wait(PATIENCE) == 0
+    assert no_rules(device)
+
+
+def test_ends_within_a_message(device, companion, launch):
+    far = companion("20")
+    half = wire.message(wire.HANDSHAKE_START, (1, 1), (2, b"bench"))[:-3]
+    with socket.socket(socket.AF_BLUETOOTH, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM) as link:
+        link.connect((COMPANION, CHANNEL))
+        link.sendall(half)
+        wait_until(lambda: "link 1 connected" in far.log(), "the link", PATIENCE)
+    far.wait_for("link 1: link down")
+
+    with socket.socket(socket.AF_BLUETOOTH, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM) as server:
+        server.bind((COMPANION, CHANNEL + 1))
+        server.listen()
+        server.settimeout(PATIENCE)
+        near = launch("20", "--restart", link=f"rfcomm:{COMPANION}/{CHANNEL + 1}")
+        for ends in 1, 2:
+            link, _ = server.accept()
+            near.wait_for("started\n", ends)
+            link.send(half)
+            link.close()
+            near.wait_for("daemon ended: exit status 0", ends)
+
+
+@pytest.mark.skipif(not EVERYTHING, reason="a measurement")
+@pytest.mark.parametrize("limit", [0, 127, 330, 667, 990, 2000, 16384])
+def test_write_limits(device, companion, launch, web, limit):  # noqa: F811
+    """What a limit of the device's writes costs: rate up, and what a small answer
+    waits, with an idle link and behind an upload."""
+    far = companion("20", "--header", "--max-tx", limit)
+    near = launch("20", "--direct")
+    near.wait_for("started\n")
+    far.wait_for("link up")
+
+    def answer():
+        return finish(curl(device, "http://198.51.100.80/9"))[1]
+
+    (device.dir / "up").write_bytes(DATA[:16 * SOME])
+    idle = sorted(answer() for _ in range(5))[2]
+    upload = curl(device, "-T", device.dir / "up", "-H", "Expect:", "http://198.51.100.80/up")
+    far.wait_for("stream 6: connect")
+    behind = sorted(answer() for _ in range(3))[1]
+    took = finish(upload)[1]
+    record(what="write limit", limit=limit, up=round(16 * SOME / took / 1000), unit="kB/s",
+           idle_ms=round(idle * 1000), behind_upload_ms=round(behind * 1000))
