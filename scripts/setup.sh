@@ -1,8 +1,8 @@
 #!/bin/bash
-# scripts/setup.sh build|test|bench|all: installs what is missing to build the
+# scripts/setup.sh build|test|bench|cross|all: installs what is missing to build the
 # programs and their unit tests (build), to run all tests too (test), to measure too
-# (bench), to run every check and make the package too (all). Asks no question; says
-# nothing when nothing is missing.
+# (bench), to build and test for ARM (cross), to run every check and make the package
+# too (all). Asks no question; says nothing when nothing is missing.
 set -euo pipefail
 
 build=(
@@ -26,6 +26,11 @@ test=(
 bench=(
   # plots; two roads to measure beside ours
   git gnuplot-nox haproxy openssh-client openssh-server
+)
+cross=(
+  # libraries and machines of other architectures
+  g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap
+  qemu-user-static qemu-system-arm busybox cpio kmod
 )
 all=(
   # sanitizers (with readable stacks), fuzz targets
@@ -61,11 +66,12 @@ case ${1:-} in
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
   bench) install_missing "${build[@]}" "${test[@]}" "${bench[@]}" ;;
+  cross) install_missing "${build[@]}" "${cross[@]}" ;;
   all)
-    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${all[@]}"
+    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${cross[@]}" "${all[@]}"
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|bench|all" >&2
+    echo "usage: setup.sh build|test|bench|cross|all" >&2
     exit 2 ;;
 esac

@@ -1,0 +1,3 @@
+# Toolchain file: 32-bit ARM with floating point in hardware.
+include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)
+vantrel_cross(armhf arm arm-linux-gnueabihf qemu-arm-static)
