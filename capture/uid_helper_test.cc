@@ -25,7 +25,7 @@ constexpr unsigned int kNobody = 4294967295;
 
 // One row in the kernel's own columns; the addresses as it prints them.
 std::string Row(const std::string& local, const std::string& remote,
-                unsigned int uid, unsigned long inode = 99) {
+                unsigned int uid, ino_t inode = 99) {
   return "   0: " + local + " " + remote +
          " 01 00000000:00000000 00:00000000 00000000 " + std::to_string(uid) +
          "        0 " + std::to_string(inode) +
@@ -61,8 +61,9 @@ TEST_F(UidHelperTest, FindsTheApplicationsEndOfAnAcceptedConnection) {
   const std::string application = Row("EFA7A8C0:9C40", to, 10001);
   const std::string own =
       Row("0100007F:1F90", "EFA7A8C0:9C40", 0, status.st_ino);
-  const std::string other = Row("EFA7A8C0:9C41", to, 10002) +
-                            Row("0100007F:1F90", "EFA7A8C0:9C41", 0, 5);
+  const std::string other =
+      Row("EFA7A8C0:9C41", to, 10002) +
+      Row("0100007F:1F90", "EFA7A8C0:9C41", 0, status.st_ino + 1);
   const std::string elsewhere = Row("0100007F:9C40", to, 4);
   const std::string zeros = "0000000000000000FFFF0000";
   const struct {
