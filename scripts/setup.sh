@@ -40,6 +40,9 @@ all=(
   # man pages and package; real headers of the device
   scdoc dpkg-dev lintian
   android-liblog-dev android-libcutils-dev android-libutils-dev
+  # the device's build system, which reads Android.bp
+  golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+  golang-github-golang-protobuf-1-3-dev
 )
 
 install_missing() {
