@@ -29,7 +29,7 @@ constexpr unsigned int kNobody = 4294967295;
 
 // One row in the kernel's own columns; the addresses as it prints them.
 std::string Row(const std::string& local, const std::string& remote,
-                unsigned int uid, unsigned long inode = 99) {
+                unsigned int uid, ino_t inode = 99) {
   return "   0: " + local + " " + remote +
          " 01 00000000:00000000 00:00000000 00000000 " + std::to_string(uid) +
          "        0 " + std::to_string(inode) +
@@ -83,7 +83,7 @@ class RandomTables {
              Port(),
              Port(),
              10000 + static_cast<unsigned int>(Below(3)),
-             Below(8) == 0 ? own_inode_ : 5};
+             Below(8) == 0 ? own_inode_ : own_inode_ + 1};
     }
     return rows;
   }

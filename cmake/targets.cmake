@@ -15,6 +15,12 @@ target_include_directories(vantrel_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(vantrel_flags INTERFACE -Wall -Wextra -Wshadow
                        -Wconversion -Wno-sign-conversion)
 
+# 32-bit machines: files of more than 2 GiB, inodes of 64 bits, years after 2038.
+# A device's own C library has no such choice.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT VANTREL_ANDROID_HEADERS)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 # Sanitizers for every target, so that the fuzz targets never run without.
 if(VANTREL_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
@@ -61,5 +67,6 @@ function(vantrel_unit_test name)
   target_compile_options(${name} PRIVATE -fno-rtti)
   set_target_properties(${name} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test-bin)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120
+                       ${VANTREL_TEST_FILTER})
 endfunction()

@@ -1,8 +1,9 @@
 #!/bin/bash
-# scripts/setup.sh build|test|bench|bluetooth|all: installs what is missing to build
-# the programs and their unit tests (build), to run all tests too (test), to measure
-# too (bench), to run scripts/bluetooth.sh too (bluetooth), to run every check and make
-# the package too (all). Asks no question; says nothing when nothing is missing.
+# scripts/setup.sh build|test|bench|bluetooth|cross|all: installs what is missing to
+# build the programs and their unit tests (build), to run all tests too (test), to
+# measure too (bench), to run scripts/bluetooth.sh too (bluetooth), to build and test
+# for ARM (cross), to run every check and make the package too (all). Asks no
+# question; says nothing when nothing is missing.
 set -euo pipefail
 
 build=(
@@ -34,6 +35,11 @@ bluetooth=(
   qemu-system-x86 busybox cpio
   bluez bluez-test-tools kmod
 )
+cross=(
+  # libraries and machines of other architectures
+  g++-aarch64-linux-gnu g++-arm-linux-gnueabihf mmdebstrap
+  qemu-user-static qemu-system-arm busybox cpio kmod
+)
 all=(
   # sanitizers (with readable stacks), fuzz targets
   clang llvm
@@ -46,6 +52,9 @@ all=(
   # the package's services
   systemd systemd-container
   android-liblog-dev android-libcutils-dev android-libutils-dev
+  # the device's build system, which reads Android.bp
+  golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+  golang-github-golang-protobuf-1-3-dev
 )
 
 install_missing() {
@@ -75,12 +84,14 @@ case ${1:-} in
   bluetooth)
     install_missing "${build[@]}" "${test[@]}" "${bluetooth[@]}"
     "$(dirname "$0")/bluetooth.sh" --prepare ;;
+  cross) install_missing "${build[@]}" "${cross[@]}" ;;
   all)
-    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${bluetooth[@]}" "${all[@]}"
+    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${bluetooth[@]}" \
+      "${cross[@]}" "${all[@]}"
     "$(dirname "$0")/bluetooth.sh" --prepare
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|bench|bluetooth|all" >&2
+    echo "usage: setup.sh build|test|bench|bluetooth|cross|all" >&2
     exit 2 ;;
 esac

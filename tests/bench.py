@@ -43,7 +43,7 @@ _CLONE_NEWNET = 0x40000000
 
 def wait_until(state, what, seconds=10):
     """The first true result of |state|; fails when |seconds| have passed."""
-    end = time.monotonic() + seconds
+    end = time.monotonic() + seconds * wire.PATIENCE
     while True:
         result = state()
         if result:
@@ -70,7 +70,7 @@ def end_process(process, signum=signal.SIGTERM):
     if process.poll() is None:
         process.send_signal(signum)
     try:
-        return process.wait(10)
+        return process.wait(10 * wire.PATIENCE)
     except subprocess.TimeoutExpired:
         process.kill()
         process.wait()
@@ -112,7 +112,7 @@ class Device:
 
     def run(self, *args, uid=0, check=True, **kwargs):
         return subprocess.run(self.command(args, uid), check=check, text=True,
-                              capture_output=True, timeout=60, **kwargs)
+                              capture_output=True, timeout=60 * wire.PATIENCE, **kwargs)
 
     @contextlib.contextmanager
     def network(self):
@@ -128,7 +128,7 @@ class Device:
     def socket(self, kind, bind=None):
         with self.network():
             app = socket.socket(socket.AF_INET, kind)
-        app.settimeout(10)
+        app.settimeout(10 * wire.PATIENCE)
         if bind:
             app.bind(bind)
         return app
@@ -186,7 +186,7 @@ class Daemon:
         os.close(self._status_fd)
 
     def wait(self):
-        return self.process.wait(20)
+        return self.process.wait(20 * wire.PATIENCE)
 
     def status(self):
         """All bytes so far on the status channel."""

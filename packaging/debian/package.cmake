@@ -18,7 +18,9 @@ set(CPACK_PACKAGE_CONTACT "Vantrel developers <developers@vantrel.invalid>")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(NOT DEFINED CPACK_DEBIAN_PACKAGE_SHLIBDEPS)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_DEVICE_PACKAGE_NAME vantrel)
@@ -31,7 +33,9 @@ real connections, and tells which program moved how much.
 The package has the daemon, the program that connects the link and starts it,
 and tools for looking at both. The companion is a package of its own.")
 # The daemon runs iptables and ifconfig, vantrel-network.service runs ip.
-set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS "iptables, net-tools, iproute2")
+if(NOT DEFINED CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS)
+  set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS "iptables, net-tools, iproute2")
+endif()
 set(CPACK_DEBIAN_DEVICE_PACKAGE_SUGGESTS
     "bluez, bash-completion, wireshark, vantrel-companion")
 set(CPACK_DEBIAN_DEVICE_PACKAGE_CONTROL_EXTRA

@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -99,6 +100,16 @@ TEST_F(LogTest, TheFileFollowsItsName) {
 
   LogFile nowhere(dir_ + "/missing/log");
   EXPECT_FALSE(nowhere.Follow(100));
+}
+
+// A 32-bit machine's kernel refuses it to programs with small offsets.
+TEST_F(LogTest, AFileOfManyGibibytes) {
+  constexpr uint64_t kSize = uint64_t{5} << 30;
+  std::ofstream(path_).close();
+  std::filesystem::resize_file(path_, kSize);
+  LogFile file(path_);
+  EXPECT_TRUE(file.Follow(100) && file.Append("a") && file.Follow(101));
+  EXPECT_EQ(kSize + 1, std::filesystem::file_size(path_));
 }
 
 }  // namespace

@@ -187,10 +187,10 @@ size_t RelayDirection::GetRoom(SteadyTime now) const {
   if (shaper_->GetBusyUntil() - now > kLead) return 0;
   const uint64_t rate = options_.shape.bits_per_second / 8;
   if (rate == 0) return free;
-  const size_t piece =
-      std::clamp<size_t>(rate * static_cast<uint64_t>(kPiece.count()) / 1000,
-                         kMinHeldBytes / 2, kMaxHeldBytes);
-  return std::min(piece, free);
+  const auto piece =
+      std::clamp<uint64_t>(rate * static_cast<uint64_t>(kPiece.count()) / 1000,
+                           kMinHeldBytes / 2, kMaxHeldBytes);
+  return std::min(static_cast<size_t>(piece), free);
 }
 
 size_t RelayDirection::GetDueBytes(SteadyTime now) const {

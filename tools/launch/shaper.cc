@@ -44,7 +44,7 @@ bool ParsePart(const std::string& name, const std::string& value,
     shape->delay = std::chrono::microseconds(amount.value_or(0));
   } else if (name == "chunk") {
     amount = ParseAmount(value, 65535, {{"", 1}});
-    shape->chunk_bytes = amount.value_or(0);
+    shape->chunk_bytes = static_cast<size_t>(amount.value_or(0));
   }
   return amount.has_value();
 }
