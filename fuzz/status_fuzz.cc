@@ -45,7 +45,7 @@ void CheckMetrics(const std::string& metrics) {
 std::string Read(const std::string& bytes, size_t piece,
                  const PackageNames& names) {
   StatusReader reader;
-  Metrics metrics;
+  launch_state_t state;
   std::string text;
   for (size_t at = 0; at < bytes.size(); at += piece) {
     reader.Append(bytes.data() + at, std::min(piece, bytes.size() - at));
@@ -54,11 +54,12 @@ std::string Read(const std::string& bytes, size_t piece,
       const std::string words = RecordToText(record, names);
       FUZZ_CHECK(nlohmann::json::accept(json));
       FUZZ_CHECK((json + words).find('\n') == std::string::npos);
-      metrics.Update(record);
+      CountRecord(record, names, &state);
       text += json + words;
     }
   }
-  CheckMetrics(metrics.Format(names));
+  CheckMetrics(FormatMetrics(state, names));
+  FUZZ_CHECK(ParseState(StateToJson(state)));
   return text + reader.GetProblem() + reader.DescribeCutRecord();
 }
 
