@@ -6,8 +6,7 @@ import re
 import socket
 import subprocess
 
-from bench import BIN_DIR, BROWSER_UID, wait_until
-from test_tools import Launch, launch  # noqa: F401 the fixture
+from bench import BIN_DIR, BROWSER_UID, Launch, wait_until
 
 MIB = 1 << 20
 INTERNET = {"companion_options": ["--allow", "198.51.100.0/24"]}
