@@ -87,10 +87,15 @@ def companion(tmp_path, programs):
 def launch(device, programs):
     """launch(protocol, *options): the launcher, in the device's files and the first
     network; the rules and the daemon are in the device's network."""
+    # Only the launcher's calls have to go there: the daemon is in it, and may not.
     network = " ".join(device.command([])[:2] + ["--net"])
     for path, program in (("/system/bin/iptables-wrapper-1.0", "iptables-legacy"),
                           ("/run/daemon", BIN_DIR / "vantrel")):
-        device.run("tee", path, input=f'#!/bin/sh\nexec {network} {program} "$@"\n')
+        device.run("tee", path, input=f'''#!/bin/sh
+[ -z "$IS_INSIDE" ] || exec {program} "$@"
+export IS_INSIDE=yes
+exec {network} {program} "$@"
+''')
         device.run("chmod", "755", path)
 
     def start(protocol, *options, link=f"rfcomm:{COMPANION}/{CHANNEL}"):
