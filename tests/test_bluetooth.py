@@ -209,6 +209,17 @@ ENDS = {
 }
 
 
+@pytest.mark.parametrize("protocol", ["1", "5", "20"])
+def test_the_companion_under_the_checker(companion, protocol):
+    companion(protocol, "--allow", "127.0.0.0/8")
+    run = subprocess.run(
+        [BIN_DIR / "vantrel-check", "--protocol", protocol, "--timeout", str(PATIENCE),
+         "--only", "[!f]*", f"rfcomm:{COMPANION}/{CHANNEL}"],
+        stdout=subprocess.PIPE, text=True, timeout=600)
+    print(run.stdout)
+    assert run.returncode == 0
+
+
 @pytest.mark.parametrize("protocol", ["20"] + ["1", "5"] * EVERYTHING)
 def test_ends(device, companion, launch, web, protocol):  # noqa: F811
     far, near = companion(protocol), launch(protocol, "--restart")

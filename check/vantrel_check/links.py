@@ -11,7 +11,7 @@ class LinkError(Exception):
 
 
 class LinkAddress:
-    """unix:PATH (unix:@NAME for an abstract one), tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL;
+    """unix:PATH (unix:@NAME for an abstract one), tcp:HOST:PORT, rfcomm:ADDRESS/CHANNEL;
     to wait for links at, rfcomm:CHANNEL."""
 
     def __init__(self, text, listens):
@@ -26,7 +26,7 @@ class LinkAddress:
             self._parse_rfcomm(rest, listens)
         else:
             raise LinkError(f"not a link's address: '{text}' "
-                            "(unix:PATH, tcp:HOST:PORT or rfcomm:ADDRESS:CHANNEL)")
+                            "(unix:PATH, tcp:HOST:PORT or rfcomm:ADDRESS/CHANNEL)")
 
     def _parse_tcp(self, rest):
         host, _, port = rest.rpartition(":")
@@ -39,10 +39,10 @@ class LinkAddress:
     def _parse_rfcomm(self, rest, listens):
         if not hasattr(socket, "AF_BLUETOOTH"):
             raise LinkError("rfcomm: this Python was built without Bluetooth sockets")
-        address, channel = (socket.BDADDR_ANY, rest) if listens else (rest[:17], rest[18:])
+        address, channel = (socket.BDADDR_ANY, rest) if listens else rest.partition("/")[::2]
         is_address = re.fullmatch(r"([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", address)
         if not is_address or not channel.isdecimal() or not 1 <= int(channel) <= 30:
-            raise LinkError(f"not rfcomm:{'' if listens else 'ADDRESS:'}CHANNEL: '{self._text}'")
+            raise LinkError(f"not rfcomm:{'' if listens else 'ADDRESS/'}CHANNEL: '{self._text}'")
         self._family = socket.AF_BLUETOOTH
         self._where = (address, int(channel))
 

@@ -31,7 +31,7 @@ def _parser():
         prog="vantrel-check",
         description="Plays the device against a companion and judges what it does.")
     parser.add_argument("links", metavar="LINK", nargs="*",
-                        help="unix:PATH, tcp:HOST:PORT or rfcomm:ADDRESS:CHANNEL; with "
+                        help="unix:PATH, tcp:HOST:PORT or rfcomm:ADDRESS/CHANNEL; with "
                         "--protocol all one for all, or one for each protocol")
     parser.add_argument("--protocol", choices=["1", "5", "20", "all"], default="20",
                         help="what the companion speaks; 20 unless given")
