@@ -134,20 +134,21 @@ unsigned int FindTcpOwner(const std::vector<row_t>& tcp,
 TEST_F(UidHelperTest, FindsTheOwnersThatTheModelFinds) {
   struct stat status;
   ASSERT_EQ(0, fstat(STDIN_FILENO, &status));
+  const auto inode = static_cast<unsigned long>(status.st_ino);
   int found = 0;
   const unsigned int first = FirstSeed();
   for (unsigned int seed = first; seed != first + 100; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
-    RandomTables tables(seed, status.st_ino);
+    RandomTables tables(seed, inode);
     const auto tcp = tables.Rows(6), tcp6 = tables.Rows(12);
     // A row that makes no sense ends a table. Without the socket's own row the
     // search for the owner would begin behind it, so nothing stands there then.
     const char* const end = tables.Below(4) == 0 ? "   9: nonsense\n" : "";
-    const bool has_own = FindOwnRow(tcp, status.st_ino) != tcp.end();
+    const bool has_own = FindOwnRow(tcp, inode) != tcp.end();
     SetTable("tcp", ToTable(tcp, "") + end +
                         (*end != 0 && has_own ? ToTable(tcp6, "") : ""));
     SetTable("tcp6", ToTable(tcp6, "0000000000000000FFFF0000"));
-    const unsigned int owner = FindTcpOwner(tcp, tcp6, status.st_ino);
+    const unsigned int owner = FindTcpOwner(tcp, tcp6, inode);
     ASSERT_EQ(owner, UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
 
     const auto udp = tables.Rows(30);
