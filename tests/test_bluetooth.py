@@ -211,11 +211,13 @@ ENDS = {
 
 @pytest.mark.parametrize("protocol", ["1", "5", "20"])
 def test_the_companion_under_the_checker(companion, protocol):
+    """Those checks that an emulated processor is fast enough for."""
     companion(protocol, "--allow", "127.0.0.0/8")
     run = subprocess.run(
         [BIN_DIR / "vantrel-check", "--protocol", protocol, "--timeout", str(PATIENCE),
-         "--only", "[!f]*", f"rfcomm:{COMPANION}/{CHANNEL}"],
-        stdout=subprocess.PIPE, text=True, timeout=600)
+         "--only", *("stream-open stream-sizes ack-each-write close-by* datagram-echo "
+                     "connect-again").split(), "--", f"rfcomm:{COMPANION}/{CHANNEL}"],
+        stdout=subprocess.PIPE, text=True, timeout=300)
     print(run.stdout)
     assert run.returncode == 0
 
