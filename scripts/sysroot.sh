@@ -35,5 +35,9 @@ echo "sysroot: unpacking Debian's $release for $arch into $root" >&2
 (IFS=,; mmdebstrap --quiet --variant=extract --architectures="$arch" \
   --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr --include="${packages[*]}" \
   "$release" "$root.new" "deb http://deb.debian.org/debian $release main") >&2
+# A library's link to the root of the machine would lead out of this one.
+while IFS= read -r link; do
+  ln -sfr "$root.new$(readlink "$link")" "$link"
+done < <(find "$root.new/usr/lib" -name '*.so*' -type l -lname '/*')
 echo "${packages[*]}" >"$root.new/packages"
 mv "$root.new" "$root"
