@@ -3,7 +3,7 @@
 # beside a plain connection and, where they are installed, a transparent proxy
 # (haproxy) and an ssh tunnel. Needs root. Prints tables with ratios to the first
 # column, and leaves build/bench/MODE.json and plots beside it. quick takes under 3
-# minutes, full about 15. With --compare the commit BASE is built, too, and measured
+# minutes, full about 8. With --compare the commit BASE is built, too, and measured
 # in the same run. --only takes the measurements with one of the words in their name.
 # VANTREL_PRESET names another preset to build than release.
 set -euo pipefail

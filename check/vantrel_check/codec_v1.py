@@ -107,17 +107,8 @@ class Codec:
                         for uid, name in entries)
 
 
-class Decoder:
-    """Messages of either end. After a BAD one nothing more can be told apart."""
-
-    def __init__(self):
-        self._held = bytearray()
-        self._is_lost = False
-
-    def feed(self, data):
-        self._held += data
-        while not self._is_lost and (message := self._next()):
-            yield message
+class Decoder(m.Decoder):
+    """After a BAD message nothing more can be told apart."""
 
     def _next(self):
         if not self._held:

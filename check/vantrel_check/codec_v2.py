@@ -100,18 +100,10 @@ class Codec:
                                          for uid, name in entries))
 
 
-class Decoder:
-    """Messages of either end. A BAD one is what a device skips or drops."""
+class Decoder(m.Decoder):
+    """A BAD message is what a device skips or drops."""
 
-    def __init__(self):
-        self.checks_payload = True  # the slow part, which figures leave out
-        self._held = bytearray()
-        self._is_lost = False
-
-    def feed(self, data):
-        self._held += data
-        while not self._is_lost and (message := self._next()):
-            yield message
+    checks_payload = True  # the slow part, which figures leave out
 
     def _next(self):
         if len(self._held) < PREAMBLE.size:

@@ -30,6 +30,24 @@ class Message(NamedTuple):
         return f"{self.name}  {', '.join(parts)}".rstrip()
 
 
+class Decoder:
+    """Cuts bytes into the messages of either end. Each codec has its own _next(): the
+    next whole message at the front of _held, or None. It sets _is_lost where nothing
+    more can be told apart."""
+
+    def __init__(self):
+        self._held = bytearray()
+        self._is_lost = False
+
+    def feed(self, data):
+        self._held += data
+        while not self._is_lost and (message := self._next()):
+            yield message
+
+    def _next(self):
+        raise NotImplementedError
+
+
 def in_words(value):
     """A field as people write it; an endpoint as host:port."""
     return f"{value[0]}:{value[1]}" if isinstance(value, tuple) else repr(value)
