@@ -33,6 +33,7 @@ DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
                    "net.ipv4.tcp_max_tw_buckets=1000"]
 SERVER_ADDRESS, SERVER_PORT = "198.51.100.80", 7000
 GATEWAY = "10.99.{}.1"  # the internet's end of a device's cable, by number
+LINK_PORT = 4747
 
 
 def enter_internet():
@@ -106,6 +107,7 @@ class Road:
 
     has_datagrams = False
     is_fresh = True  # it has carried nothing yet; whoever asks clears it
+    cables = 0  # of all roads
     server = (SERVER_ADDRESS, SERVER_PORT)  # where its clients connect to
 
     def __init__(self, name, directory):
@@ -113,6 +115,21 @@ class Road:
         self.dir = directory
         self.device = bench.Device(directory, debuggable=True)
         self._processes = {}
+
+    def add_cable(self):
+        """A virtual Ethernet cable from device to internet; the address of its end there."""
+        number = Road.cables = Road.cables + 1
+        gateway = GATEWAY.format(number)
+        for command in [
+                f"ip link add cable{number} type veth peer name cable netns "
+                f"{self.device.holder_pid}",
+                f"ip address add {gateway}/30 dev cable{number}",
+                f"ip link set cable{number} up"]:
+            subprocess.run(command.split(), check=True)
+        for command in [f"ip address add {GATEWAY[:-1].format(number)}2/30 dev cable",
+                        "ip link set cable up"]:
+            self.device.run(*command.split())
+        return gateway
 
     def start(self, role, args, **kwargs):
         """A program of the road, whose processor time is then told under |role|."""
@@ -153,25 +170,31 @@ def companion_options(bin_dir):
 class VantrelRoad(Road):
     """The daemon, started by the launcher, and the companion on a local link. With
     |shape|, or when |relayed|, the launcher stays between them. |launch_options| are
-    more of the launcher's."""
+    more of the launcher's. With |over_tcp| the link needs a cable."""
 
     has_datagrams = True
 
     def __init__(self, name, directory, protocol, relayed=False, shape=None,
-                 bin_dir=bench.BIN_DIR, launch_options=()):
+                 bin_dir=bench.BIN_DIR, launch_options=(), over_tcp=False):
         super().__init__(name, directory)
-        self.link = directory / "link"
+        if over_tcp:
+            self.link_address = self.add_cable(), LINK_PORT
+            link = "tcp:{}:{}".format(*self.link_address)
+        else:
+            self.link_address = str(directory / "link")
+            link = f"unix:{self.link_address}"
         relayed = relayed or shape
         environment = {**bench.program_environment(directory),
                        "VANTREL_LOG_FILE": str(directory / "daemon.log")}
         self.start("companion", [
-            bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", f"unix:{self.link}",
+            bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", link,
+            *(["--allow-remote-links"] if over_tcp else []),
             *([] if relayed else ["--header"]), *companion_options(bin_dir)], env=environment)
-        bench.wait_until(self.link.exists, "the companion")
+        bench.wait_until(lambda: "listening on" in self.output("companion"), "the companion")
         options = ["--shape", shape] if shape else [] if relayed else ["--direct"]
         self._launcher = self.start("launcher", self.device.command([
             bin_dir / "vantrel-launch", "--protocol", protocol, "--daemon", bin_dir / "vantrel",
-            *options, *launch_options, f"unix:{self.link}"]), env=environment)
+            *options, *launch_options, link]), env=environment)
         bench.wait_until(lambda: "started" in self.output("launcher"), "the daemon")
 
     def pids(self):
@@ -200,23 +223,12 @@ class VantrelRoad(Road):
 
 
 class CableRoad(Road):
-    """A plain connection: a virtual Ethernet cable from device to internet."""
-
-    count = 0  # of cables
+    """A plain connection over a cable."""
 
     def __init__(self, name, directory):
         super().__init__(name, directory)
-        number = CableRoad.count = CableRoad.count + 1
-        self.gateway = GATEWAY.format(number)
-        holder = self.device.command(["true"])[1].split("=")[1]
-        for command in [
-                f"ip link add cable{number} type veth peer name cable netns {holder}",
-                f"ip address add {self.gateway}/30 dev cable{number}",
-                f"ip link set cable{number} up"]:
-            subprocess.run(command.split(), check=True)
+        self.gateway = self.add_cable()
         for command in ["ip route delete local default dev lo",
-                        f"ip address add {GATEWAY[:-1].format(number)}2/30 dev cable",
-                        "ip link set cable up",
                         f"ip route add default via {self.gateway}"]:
             self.device.run(*command.split())
         self.has_datagrams = type(self) is CableRoad

@@ -226,6 +226,32 @@ TEST_F(DeviceLinkCreditTest, EndsAStreamOrALinkThatTakesTooMuch) {
   EXPECT_TRUE(Logs("closing the link: too many bytes wait for remotes"));
 }
 
+// The remote never reads. A tick stands for a second.
+TEST_F(DeviceLinkCreditTest, GivesUpAFinishingStreamThatMakesNoProgress) {
+  Start(1);
+  const auto tick = [&](int count) {
+    for (int i = 0; i < count; ++i) link_->OnTick(GetSteadyTime());
+  };
+  ASSERT_TRUE(Connect(1, server_));
+  FillUp();
+  device_->Write(v1::TcpClose(1));
+  ASSERT_TRUE(Connect(2, server_));
+  ASSERT_TRUE(Until([&] { return Receives(v1::TcpClose(2)); }));  // no place
+  tick(9);
+  ASSERT_TRUE(Connect(3, server_));
+  ASSERT_TRUE(Until([&] { return Receives(v1::TcpClose(3)); }));
+  tick(1);
+  sent_ = acked_ = 0;
+  ASSERT_TRUE(Connect(1, server_));
+  FillUp();
+  device_.reset();
+  ASSERT_TRUE(Until([&] { return !link_->IsUp(); }));
+  tick(1);
+  EXPECT_FALSE(link_->IsOver());
+  tick(1);
+  EXPECT_TRUE(link_->IsOver());
+}
+
 // Each remote sends more than the kernel holds for it, and the device asks
 // for answers that it does not read.
 TEST_F(DeviceLinkTest, HoldsRemotesAndDeviceBackWhileTheDeviceDoesNotRead) {
@@ -263,6 +289,39 @@ TEST_F(DeviceLinkTest, DeliversTheRestAfterTheLinkHasEnded) {
   EXPECT_TRUE(Until([&] { return link_->IsOver(); }));
   EXPECT_FALSE(link_->HasFailed());
   EXPECT_GT(changes_, 1);
+}
+
+// The device may take what is on its way and close its side. What it sends
+// meanwhile is dropped.
+TEST_F(DeviceLinkTest, ClosesInOrderOrAfterItsTime) {
+  for (const bool closes_too : {true, false}) {
+    Start();
+    Server server;
+    ASSERT_TRUE(Connect(1, server));
+    ASSERT_TRUE(Until([&] { return server.Accept(); }));
+    link_->Close("enough");
+    const SteadyTime closed = GetSteadyTime();
+    bool is_ended = false;
+    ASSERT_TRUE(Until([&] {
+      EXPECT_EQ("", device_->Read(&is_ended));
+      return is_ended;
+    }));
+    ASSERT_TRUE(SendData(1, "too late"));
+    is_ended = false;
+    ASSERT_TRUE(Until([&] {
+      EXPECT_EQ("", server.connections[0]->Read(&is_ended));
+      return is_ended;
+    }));
+    link_->OnTick(closed + std::chrono::seconds(4));
+    EXPECT_TRUE(link_->IsUp());
+    if (closes_too) {
+      device_.reset();
+    } else {
+      link_->OnTick(closed + std::chrono::seconds(6));
+    }
+    EXPECT_TRUE(Until([&] { return !link_->IsUp(); }));
+    EXPECT_FALSE(link_->HasFailed());
+  }
 }
 
 TEST_F(DeviceLinkTest, GivesUpADeviceThatSaysNothing) {

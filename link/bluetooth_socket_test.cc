@@ -96,6 +96,14 @@ class BluetoothSocketTest : public ::testing::Test {
   std::unique_ptr<BluetoothSocket> link_;
 };
 
+TEST_F(BluetoothSocketTest, ReadsOnlySoMuchInOneTurn) {
+  Connect(BluetoothSocket::FLAG_ALL);
+  const size_t count = ReadInOneTurn(
+      *link_, *peer_, v1::TcpData(9, 999) + std::string(999, 'x'));
+  EXPECT_GE(count, Reactor::kMaxReadBytes);
+  EXPECT_LT(count, Reactor::kMaxReadBytes + 65536);
+}
+
 TEST_F(BluetoothSocketTest, OnlyTheExpectedAcknowledgementIsAccepted) {
   const std::pair<BluetoothSocket::Flags, std::string> cases[] = {
       {BluetoothSocket::FLAG_HANDSHAKE, "4"},

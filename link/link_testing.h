@@ -1,6 +1,9 @@
 // For unit tests of the links: the two interfaces that a link calls, recorded.
 #pragma once
 
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
 #include <deque>
 #include <sstream>
 #include <string>
@@ -10,6 +13,8 @@
 #include "common/host_and_port.h"
 #include "link/connection_header.h"
 #include "link/proxy_socket.h"
+#include "reactor/reactor.h"
+#include "reactor/socket.h"
 
 namespace vantrel {
 
@@ -69,6 +74,21 @@ inline std::string GoodConnectionHeader(uint16_t max_tx_size = 0) {
   connection_header_t header;
   header.max_tx_size = max_tx_size;
   return EncodeConnectionHeader(header);
+}
+
+// How many bytes |link| reads before others have their turn, of |message| again
+// and again, which |peer| sends.
+inline size_t ReadInOneTurn(Socket& link, const Socket& peer,
+                            const std::string& message) {
+  const int buffer = 4 * static_cast<int>(Reactor::kMaxReadBytes);
+  setsockopt(peer.GetFd(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof(buffer));
+  std::string flood;
+  while (flood.size() < 2 * Reactor::kMaxReadBytes) flood += message;
+  const int sent = peer.Write(flood.data(), flood.size());
+  link.OnReadReady();
+  int unread = 0;
+  ioctl(link.GetFd(), FIONREAD, &unread);
+  return static_cast<size_t>(sent - unread);
 }
 
 }  // namespace vantrel

@@ -73,6 +73,14 @@ TEST_F(LinkTest, CutsItsWritesToTheSizeOfTheHeader) {
   EXPECT_EQ(7, peer_->Read(packet, sizeof(packet)));
 }
 
+TEST_F(LinkTest, ReadsOnlySoMuchInOneTurn) {
+  ConnectAndShakeHands();
+  const size_t count =
+      ReadInOneTurn(link_, *peer_, TcpWrite('1', std::string(999, 'x')));
+  EXPECT_GE(count, Reactor::kMaxReadBytes);
+  EXPECT_LT(count, Reactor::kMaxReadBytes + 8192);
+}
+
 TEST_F(LinkTest, SaysWhyAMessageIsUnexpected) {
   const std::string line = "W: [B] Unexpected message: 'ProxySocketV2 ";
   ASSERT_TRUE(Connect());

@@ -33,12 +33,13 @@ import roads  # noqa: E402 the line before is what finds it
 from conversations import WHENS, Conversations  # noqa: E402
 from roads import bench  # noqa: E402
 
-# (what a launcher is given, bytes that a run moves at most)
+# (kind, what a launcher is given, bytes that a run moves at most)
 LINKS = [
-    ("", 3 << 20), ("--direct", 3 << 20), ("--shape chunk=100", 1 << 20),
-    ("--capture {0}/link.pcapng --metrics {0}/metrics --stats-every 1", 3 << 20),
-    ("--shape rate=20Mbit,delay=3ms", 1 << 20),
-    ("--shape rate=2Mbit,delay=10ms,chunk=990", 150000)]
+    ("unix", "", 3 << 20), ("unix", "--direct", 3 << 20), ("unix", "--shape chunk=100", 1 << 20),
+    ("unix", "--capture {0}/link.pcapng --metrics {0}/metrics --stats-every 1", 3 << 20),
+    ("unix", "--shape rate=20Mbit,delay=3ms", 1 << 20),
+    ("unix", "--shape rate=2Mbit,delay=10ms,chunk=990", 150000),
+    ("tcp", "", 3 << 20), ("tcp", "--direct", 3 << 20)]
 SIZES = [1, 100, 4095, 4096, 4097, 16384, 16385, 65536, 300000]
 ENDS = ["close", "shutdown", "shutdown", "reset"]
 ROLES = "daemon", "launcher", "companion"
@@ -52,10 +53,12 @@ _libc = ctypes.CDLL(None, use_errno=True)
 class LinkRoad(roads.VantrelRoad):
     """Its link can be cut, and is made again then."""
 
-    def __init__(self, directory, protocol, options):
+    def __init__(self, directory, protocol, kind, options):
         self.is_direct = options == "--direct"
-        super().__init__("", directory, protocol, relayed=not self.is_direct, launch_options=[
-            "--restart", *([] if self.is_direct else options.format(directory).split())])
+        super().__init__(
+            "", directory, protocol, relayed=not self.is_direct, over_tcp=kind == "tcp",
+            launch_options=[
+                "--restart", *([] if self.is_direct else options.format(directory).split())])
 
     def pid(self, role):
         return self.pids()[role][0]
@@ -68,7 +71,7 @@ class LinkRoad(roads.VantrelRoad):
             fd = _libc.syscall(_PIDFD_GETFD, pidfd, int(path.name), 0)
             # Not each is a socket, and some are closed meanwhile.
             with contextlib.suppress(OSError, ValueError), socket.socket(fileno=fd) as link:
-                if link.getpeername() == str(self.link):
+                if link.getpeername() == self.link_address:
                     link.shutdown(socket.SHUT_RDWR)
         os.close(pidfd)
 
@@ -95,15 +98,16 @@ class Run:
         self.protocol = self.rng.choice(["1", "5", "20"])
         if protocol:
             self.protocol = protocol
-        self.options, self.budget = self.rng.choice(LINKS)
+        self.kind, self.options, self.budget = self.rng.choice(LINKS)
         self.dir = directory
         self.trace = []
         self.paused = None  # (role, until when)
         self.talk = None
-        self.road = LinkRoad(directory, self.protocol, self.options)
+        self.road = LinkRoad(directory, self.protocol, self.kind, self.options)
 
     def __str__(self):
-        return f"seed {self.seed}: protocol {self.protocol}, {self.options or 'plain'}"
+        return (f"seed {self.seed}: protocol {self.protocol}, {self.kind}, "
+                f"{self.options.replace('{0}/', '') or 'plain'}")
 
     def result(self):
         moved = sum(end.got for stream in self.talk.all() for end, _ in stream.ends())

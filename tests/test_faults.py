@@ -297,6 +297,35 @@ def test_a_full_disk_under_the_log(device, start):
     assert [len(re.findall(r"\d\d:\d\d:\d\d\.\d{3}", line)) for line in lines] == [1] * len(lines)
 
 
+def test_without_a_log_file_the_lines_go_to_syslog(device, start):
+    lines = []
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as syslog:
+        syslog.bind(str(device.dir / "syslog"))
+
+        def collect():
+            while line := syslog.recv(10000).decode():
+                lines.append(line)
+
+        collector = threading.Thread(target=collect)
+        collector.start()
+        device.run("sh", "-ec", "mkdir /run/dev; touch /run/dev/null /run/dev/log; "
+                   "mount --bind /dev/null /run/dev/null; mount --bind $0/syslog /run/dev/log; "
+                   "mount --rbind /run/dev /dev", device.dir)
+        daemon = start(wrap=["env", "VANTREL_LOG_FILE="])
+        daemon.companion.shake_hands()
+        wait_until(lambda: "Vantrel started" in "".join(lines), "the start")
+        daemon.companion.send(15)  # which no companion says
+        assert bench.end_process(daemon.process) == 0
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as own:
+            own.sendto(b"", syslog.getsockname())
+        collector.join()
+    # The priorities of a daemon's debugging message and warning, RFC 3164.
+    for text in (r"<31>.* Vantrel started on ports C:0, T:\d+, U:\d+\.",
+                 r"<28>.* \[B\] Unexpected message: .*"):
+        found, = filter(re.compile(text).fullmatch, lines)
+        assert re.match(r"<\d+>\w{3} [ \d]\d [\d:]{8} vantrel\[\d+\]: ", found)
+
+
 def test_readers_of_the_status_channel(start):
     # A slow one: the daemon waits for it, and loses nothing.
     daemon = start()
