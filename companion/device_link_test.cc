@@ -95,9 +95,10 @@ class DeviceLinkTest : public ::testing::Test {
         options_, policy_, [this] { ++changes_; });
     link_->Start();
   }
-  // Runs the real loop until |condition| holds, which is tried in between.
+  // Runs the real loop until |condition| holds, which is tried in between. An
+  // emulated machine beside other work takes its time.
   bool Until(const std::function<bool()>& condition) {
-    const SteadyTime end = GetSteadyTime() + std::chrono::seconds(20);
+    const SteadyTime end = GetSteadyTime() + std::chrono::seconds(90);
     while (!condition()) {
       if (GetSteadyTime() > end) return false;
       loop_.run_one_for(std::chrono::milliseconds(1));

@@ -18,7 +18,7 @@ build=(
 test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
-  util-linux iproute2 iptables net-tools
+  util-linux mount procps iproute2 iptables net-tools
   # a clock that jumps
   libfaketime
   # clients and servers of tests and demonstration
@@ -42,7 +42,7 @@ cross=(
 )
 all=(
   # sanitizers (with readable stacks), fuzz targets
-  clang llvm
+  clang llvm lld
   # what the tests leave out
   gcovr
   # format and linters
@@ -56,6 +56,10 @@ all=(
   golang-go golang-android-soong-dev golang-github-google-blueprint-dev
   golang-github-golang-protobuf-1-3-dev
 )
+
+# One at a time. What the packages start does not keep the lock.
+[ -n "${VANTREL_SETUP_LOCKED-}" ] ||
+  VANTREL_SETUP_LOCKED=1 exec flock --close "$0" "$0" "$@"
 
 install_missing() {
   local missing=() package status as_root=()
