@@ -2,10 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,10 +29,6 @@ constexpr std::chrono::seconds kDaemonEndTimeout{15};
 // packet-filter tool: somebody may hold the lock on the tables.
 constexpr std::chrono::seconds kSlowStart{10};
 
-// How long a daemon with the link itself may read on once the other end of the
-// link has gone, before it is looked at again.
-constexpr std::chrono::seconds kHangUpPause{1};
-
 // A companion that speaks the daemon's protocol answers the handshake at once.
 // Protocol 1 has none.
 constexpr std::chrono::seconds kSilenceTimeout{8};
@@ -57,15 +51,12 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       reporter_(reporter),
       capture_(capture),
       status_(loop.GetContext()),
-      rules_output_(loop.GetContext()),
       report_outputs_{asio::posix::stream_descriptor(loop.GetContext()),
                       asio::posix::stream_descriptor(loop.GetContext())},
       grace_timer_(loop.GetContext()),
       kill_timer_(loop.GetContext()),
       warning_timer_(loop.GetContext()),
       stats_timer_(loop.GetContext()),
-      hang_up_(loop.GetContext()),
-      hang_up_timer_(loop.GetContext()),
       link_(loop.GetContext()),
       near_end_(loop.GetContext()) {
   StartDaemon(std::move(link));
@@ -79,15 +70,14 @@ LaunchSession::~LaunchSession() {
        {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {
     if (direction != nullptr) direction->Stop();
   }
-  for (auto* descriptor : {&status_, &hang_up_, &link_, &near_end_}) {
-    descriptor->close();
+  if (rules_look_) rules_look_->Stop();
+  if (link_watch_) link_watch_->Stop();
+  for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
+  for (auto& borrowed : report_outputs_) {
+    if (borrowed.is_open()) borrowed.release();
   }
-  for (auto* borrowed :
-       {&rules_output_, &report_outputs_[0], &report_outputs_[1]}) {
-    if (borrowed->is_open()) borrowed->release();
-  }
-  for (auto* timer : {&grace_timer_, &kill_timer_, &warning_timer_,
-                      &stats_timer_, &hang_up_timer_}) {
+  for (auto* timer :
+       {&grace_timer_, &kill_timer_, &warning_timer_, &stats_timer_}) {
     timer->cancel();
   }
   loop_.GetContext().poll();  // the handlers that were just cancelled
@@ -103,8 +93,10 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   start.status.Reset(channel[1]);
   if (options_.is_direct) {
     SetBlocking(link.fd.Get(), true);
-    direct_link_.Reset(fcntl(link.fd.Get(), F_DUPFD_CLOEXEC, 0));
-    WatchHangUp();
+    link_watch_.emplace(loop_.GetContext(), link.fd.Get(), [this](int error) {
+      EndLink(error);
+      daemon_->Signal(SIGTERM);
+    });
     start.link = std::move(link.fd);
     // It would go on without us, in the way of the next one. With the relay it
     // ends in order, because its link ends with us.
@@ -226,9 +218,8 @@ void LaunchSession::HandleSignal(int signal) {
   }
   if (!daemon_->IsRunning() || !daemon_->Reap()) return;
   far_end_.Reset();
-  direct_link_.Reset();
-  for (auto* timer :
-       {&kill_timer_, &warning_timer_, &stats_timer_, &hang_up_timer_}) {
+  if (link_watch_) link_watch_->Stop();
+  for (auto* timer : {&kill_timer_, &warning_timer_, &stats_timer_}) {
     timer->cancel();
   }
   After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
@@ -276,39 +267,14 @@ void LaunchSession::EndStatus() {
 
 void LaunchSession::LookAtRules() {
   try {
-    rules_look_.emplace(RulesTask::kList);
+    rules_look_.emplace(loop_.GetContext(), [this](const std::string& text) {
+      // Of a daemon that is ending some rules are gone already.
+      if (!is_ending_ && daemon_->IsRunning()) reporter_.Say(text);
+    });
   } catch (const std::exception& e) {
     // The daemon runs, and there is nobody else to end it in order.
     reporter_.Say(std::string("warning: cannot look at the rules: ") +
                   e.what());
-    return;
-  }
-  rules_output_.assign(rules_look_->GetFd());
-  OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
-}
-
-void LaunchSession::HandleRulesLook() {
-  if (!rules_look_->Advance()) {
-    OnReadable(rules_output_, &LaunchSession::HandleRulesLook);
-    return;
-  }
-  // Of a daemon that is ending some are gone already.
-  if (!is_ending_ && daemon_->IsRunning()) WarnOfMissingRules();
-  rules_output_.release();
-  rules_look_.reset();
-}
-
-void LaunchSession::WarnOfMissingRules() {
-  try {
-    const size_t complete = GetCompleteRuleCount();
-    const size_t found = rules_look_->GetRules().size();
-    if (found >= complete) return;
-    reporter_.Say("warning: " + std::to_string(found) + " of " +
-                  std::to_string(complete) +
-                  " interception rules stand: applications have no network, "
-                  "or not all of it; the daemon's log says why");
-  } catch (const std::exception& e) {
-    reporter_.Say(std::string("warning: ") + e.what());
   }
 }
 
@@ -364,33 +330,6 @@ void LaunchSession::HandleOutboundEnd() {
   // Nothing would tell the daemon otherwise: only this direction failed.
   shutdown(near_end_.native_handle(), SHUT_RDWR);
   EndLink(outbound_->GetWriteError());
-}
-
-// Asked for nothing, this tells of errors and hang-ups alone: what the daemon
-// reads does not wake us.
-void LaunchSession::WatchHangUp() {
-  epoll_event only_the_end = {};
-  hang_up_.assign(epoll_create1(EPOLL_CLOEXEC));
-  if (epoll_ctl(hang_up_.native_handle(), EPOLL_CTL_ADD, direct_link_.Get(),
-                &only_the_end) != 0) {
-    throw SystemFailure("cannot watch the link");
-  }
-  OnReadable(hang_up_, &LaunchSession::HandleHangUp);
-}
-
-// A daemon sees an end that can be read. Bluetooth sockets have another one, of
-// which it would only know once it has something to send.
-void LaunchSession::HandleHangUp() {
-  if (!daemon_->IsRunning()) return;
-  pollfd link = {direct_link_.Get(), POLLIN, 0};
-  if (poll(&link, 1, 0) == 1 && (link.revents & POLLIN) != 0) {
-    return After(hang_up_timer_, kHangUpPause, &LaunchSession::HandleHangUp);
-  }
-  int error = 0;
-  socklen_t length = sizeof(error);
-  getsockopt(direct_link_.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
-  EndLink(error);
-  daemon_->Signal(SIGTERM);
 }
 
 void LaunchSession::EndLink(int error) {

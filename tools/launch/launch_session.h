@@ -11,10 +11,11 @@
 #include "tools/launch/launch_options.h"
 #include "tools/launch/launch_reporter.h"
 #include "tools/launch/link_connector.h"
+#include "tools/launch/link_end_watch.h"
 #include "tools/launch/pcapng_writer.h"
 #include "tools/launch/relay_direction.h"
+#include "tools/launch/rules_look.h"
 #include "tools/launch/status_reader.h"
-#include "tools/rules.h"
 
 namespace vantrel {
 
@@ -59,8 +60,6 @@ class LaunchSession {
   void HandleRecord(const status_record_t& record);
   void EndStatus();
   void LookAtRules();
-  void HandleRulesLook();
-  void WarnOfMissingRules();
   void HandleGraceEnd() { is_grace_over_ = true; }
   void AskForStats();
   void KillDaemon();
@@ -68,8 +67,6 @@ class LaunchSession {
   void NoteSilence();
   void HandleInboundEnd();
   void HandleOutboundEnd();
-  void WatchHangUp();
-  void HandleHangUp();
   void EndLink(int error);
   void CountLinkBytes();
 
@@ -81,9 +78,7 @@ class LaunchSession {
   asio::posix::stream_descriptor status_;  // closed once the channel has ended
   StatusReader status_reader_;
   std::optional<DaemonProcess> daemon_;  // empty only while starting
-  // After the start: the look at the rules, and its output, which is borrowed.
-  std::optional<RulesTask> rules_look_;
-  asio::posix::stream_descriptor rules_output_;
+  std::optional<RulesLook> rules_look_;  // after the start
   // Borrowed while a report waits for its reader.
   std::array<asio::posix::stream_descriptor, 2> report_outputs_;
 
@@ -96,11 +91,7 @@ class LaunchSession {
   std::optional<ControlPort> control_port_;  // made when first needed
   end_t end_;
 
-  // Only when the daemon has the link itself: a duplicate of it, and what is
-  // readable once its other end has gone.
-  UniqueFd direct_link_;
-  asio::posix::stream_descriptor hang_up_;
-  asio::steady_timer hang_up_timer_;
+  std::optional<LinkEndWatch> link_watch_;  // when the daemon has the link
 
   // All empty when the daemon has the link itself.
   asio::posix::stream_descriptor link_;

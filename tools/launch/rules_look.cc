@@ -1,0 +1,48 @@
+#include "tools/launch/rules_look.h"
+
+#include <exception>
+#include <utility>
+
+namespace vantrel {
+
+RulesLook::RulesLook(asio::io_context& loop,
+                     std::function<void(const std::string& text)> warn)
+    : warn_(std::move(warn)),
+      task_(std::in_place, RulesTask::kList),
+      output_(loop, task_->GetFd()) {
+  Await();
+}
+
+void RulesLook::Stop() {
+  if (output_.is_open()) output_.release();
+}
+
+void RulesLook::Await() {
+  output_.async_wait(asio::posix::descriptor_base::wait_read,
+                     [this](const std::error_code& error) {
+                       if (!error && output_.is_open()) Take();
+                     });
+}
+
+void RulesLook::Take() {
+  if (!task_->Advance()) return Await();
+  output_.release();
+  WarnOfMissingRules();
+  task_.reset();
+}
+
+void RulesLook::WarnOfMissingRules() {
+  try {
+    const size_t complete = GetCompleteRuleCount();
+    const size_t found = task_->GetRules().size();
+    if (found >= complete) return;
+    warn_("warning: " + std::to_string(found) + " of " +
+          std::to_string(complete) +
+          " interception rules stand: applications have no network, or not "
+          "all of it; the daemon's log says why");
+  } catch (const std::exception& e) {
+    warn_(std::string("warning: ") + e.what());
+  }
+}
+
+}  // namespace vantrel
