@@ -315,6 +315,7 @@ def test_without_a_log_file_the_lines_go_to_syslog(device, start):
         daemon.companion.shake_hands()
         wait_until(lambda: "Vantrel started" in "".join(lines), "the start")
         daemon.companion.send(15)  # which no companion says
+        wait_until(lambda: "Unexpected message" in "".join(lines), "the warning")
         assert bench.end_process(daemon.process) == 0
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as own:
             own.sendto(b"", syslog.getsockname())
