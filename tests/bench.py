@@ -39,6 +39,7 @@ MANGLE_RULES = [
 ]
 _libc = ctypes.CDLL(None, use_errno=True)
 _CLONE_NEWNET = 0x40000000
+DAY = 24 * 60 * 60
 
 
 def wait_until(state, what, seconds=10):

@@ -102,7 +102,7 @@ def test_silent_link(start):
     assert_aborts(daemon, 1)
     assert daemon.log()[-2] == "E [B] Timed out waiting for connection header."
     times = [seconds for seconds, _ in daemon.timed_log()]
-    assert 4.9 <= times[-1] - times[0] < 7
+    assert 4.9 <= (times[-1] - times[0]) % bench.DAY < 20  # a busy machine takes longer
 
 
 def test_listeners_that_fail(make_device):
