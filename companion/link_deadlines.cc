@@ -11,8 +11,8 @@ const char* LinkDeadlines::GetExcess(SteadyTime now) const {
     return now - *closing_ >= kCloseTime ? "closed by the companion" : nullptr;
   }
   if (!is_ready_ && now - connected_ >= kHandshakeTime) {
-    return has_received_ ? "no whole handshake within 10 s"
-                         : "the device said nothing for 10 s";
+    return has_received_ ? "no whole handshake within 30 s"
+                         : "the device said nothing for 30 s";
   }
   if (blocked_ && now - *blocked_ >= kWriteTime) {
     return "the device took nothing for 30 s";
@@ -21,7 +21,7 @@ const char* LinkDeadlines::GetExcess(SteadyTime now) const {
 }
 
 bool LinkDeadlines::IsSilent(SteadyTime now) const {
-  return !has_received_ && now - connected_ >= kHandshakeTime;
+  return !has_received_ && now - connected_ >= kSilenceTime;
 }
 
 }  // namespace vantrel

@@ -10,7 +10,11 @@ namespace vantrel {
 // By when a device must have done what, and which of these times has passed.
 class LinkDeadlines {
  public:
-  static constexpr std::chrono::seconds kHandshakeTime{10};
+  // A device sets its rules first, with sixteen commands of a tool that may be
+  // slow.
+  static constexpr std::chrono::seconds kHandshakeTime{30};
+  // By then it has begun, if it speaks at all.
+  static constexpr std::chrono::seconds kSilenceTime{10};
   static constexpr std::chrono::seconds kWriteTime{30};
   static constexpr std::chrono::seconds kCloseTime{5};
 
@@ -27,8 +31,8 @@ class LinkDeadlines {
   // Why the link has to be given up; null while it has not. Once it is
   // closing, only the time for that counts.
   const char* GetExcess(SteadyTime now) const;
-  // A device that was silent for longer than a handshake may take. Where the
-  // protocol has no handshake that is allowed.
+  // A device that was silent for so long that others may have its place. Where
+  // the protocol has no handshake that is allowed.
   bool IsSilent(SteadyTime now) const;
 
  private:
