@@ -348,6 +348,30 @@ def test_readers_of_the_status_channel(start):
     assert daemon.frames_before_later_ones() == []
 
 
+def test_nobody_reads_what_the_launcher_says(make_device):
+    """It keeps some lines and counts the others, and all the rest goes on."""
+    device = make_device()
+    os.mkfifo(device.dir / "status.txt")
+    output = os.open(device.dir / "status.txt", os.O_RDONLY | os.O_NONBLOCK)
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(device.dir / "link"))
+        listener.listen()
+        run = Launch(device, "--protocol", "20", wait=False)
+        companion = wire.ScriptedCompanion(listener.accept()[0])
+    companion.shake_hands()
+    companion.sock.sendall(12000 * wire.message(wire.NETWORK_STATE, (1, 9)))
+    companion.send(wire.TEARDOWN, (1, b"enough"))
+    daemon = run.daemon()
+    wait_until(lambda: is_gone(daemon), "the daemon's end")
+    os.set_blocking(output, True)
+    with open(output) as lines:
+        text = lines.read()
+    assert run.process.wait(10) == 0
+    dropped, = re.findall(r"^dropped (\d+) lines$", text, re.MULTILINE)
+    # Those of start, statistics and end are among them.
+    assert text.count("\n") - 1 + int(dropped) == 12000 + 3
+
+
 def test_what_the_launcher_cannot_write_or_ask(make_device, tmp_path, monkeypatch):
     device = make_device()
     companion = listening_companion(device)
