@@ -177,6 +177,7 @@ class VantrelRoad(Road):
     def __init__(self, name, directory, protocol, relayed=False, shape=None,
                  bin_dir=bench.BIN_DIR, launch_options=(), over_tcp=False):
         super().__init__(name, directory)
+        self.protocol = protocol
         if over_tcp:
             self.link_address = self.add_cable(), LINK_PORT
             link = "tcp:{}:{}".format(*self.link_address)
