@@ -168,9 +168,9 @@ def companion_options(bin_dir):
 
 
 class VantrelRoad(Road):
-    """The daemon, started by the launcher, and the companion on a local link. With
+    """The daemon, started by the launcher, and the companion at its link's end. With
     |shape|, or when |relayed|, the launcher stays between them. |launch_options| are
-    more of the launcher's. With |over_tcp| the link needs a cable."""
+    more of the launcher's. With |over_tcp| the link is a connection over a cable."""
 
     has_datagrams = True
 

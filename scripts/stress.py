@@ -33,7 +33,7 @@ import roads  # noqa: E402 the line before is what finds it
 from conversations import WHENS, Conversations  # noqa: E402
 from roads import bench  # noqa: E402
 
-# (kind, what a launcher is given, bytes that a run moves at most)
+# (kind of socket, what a launcher is given, bytes that a run moves at most)
 LINKS = [
     ("unix", "", 3 << 20), ("unix", "--direct", 3 << 20), ("unix", "--shape chunk=100", 1 << 20),
     ("unix", "--capture {0}/link.pcapng --metrics {0}/metrics --stats-every 1", 3 << 20),

@@ -306,7 +306,7 @@ def test_without_a_log_file_the_lines_go_to_syslog(device, start):
             while line := syslog.recv(10000).decode():
                 lines.append(line)
 
-        collector = threading.Thread(target=collect)
+        collector = threading.Thread(target=collect, daemon=True)
         collector.start()
         device.run("sh", "-ec", "mkdir /run/dev; touch /run/dev/null /run/dev/log; "
                    "mount --bind /dev/null /run/dev/null; mount --bind $0/syslog /run/dev/log; "
@@ -354,6 +354,7 @@ def test_nobody_reads_what_the_launcher_says(make_device):
     os.mkfifo(device.dir / "status.txt")
     output = os.open(device.dir / "status.txt", os.O_RDONLY | os.O_NONBLOCK)
     with socket.socket(socket.AF_UNIX) as listener:
+        listener.settimeout(10)
         listener.bind(str(device.dir / "link"))
         listener.listen()
         run = Launch(device, "--protocol", "20", wait=False)

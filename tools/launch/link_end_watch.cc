@@ -32,20 +32,16 @@ LinkEndWatch::LinkEndWatch(asio::io_context& loop, int link,
                 &only_the_end) != 0) {
     throw SystemFailure("cannot watch the link");
   }
-  Await();
+  hang_up_.async_wait(asio::posix::descriptor_base::wait_read,
+                      [this](const std::error_code& error) {
+                        if (!error) Look();
+                      });
 }
 
 void LinkEndWatch::Stop() {
   link_.Reset();
   hang_up_.close();
   pause_.cancel();
-}
-
-void LinkEndWatch::Await() {
-  hang_up_.async_wait(asio::posix::descriptor_base::wait_read,
-                      [this](const std::error_code& error) {
-                        if (!error) Look();
-                      });
 }
 
 void LinkEndWatch::Look() {

@@ -24,7 +24,6 @@ class LinkEndWatch {
   void Stop();
 
  private:
-  void Await();
   void Look();
 
   const std::function<void(int error)> on_end_;
