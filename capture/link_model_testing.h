@@ -87,13 +87,11 @@ class LinkModel {
       stream.unread.erase(0, 4096);
       OnAvailable(id);
     }
-    if (stream.chunks.size() == 4) {
-      stream.reads = false;
-    } else if (stream.has_ended) {
-      stream.is_closed = true;
-      stream.reads = false;
-      OnAvailable(id);
-    }
+    if (stream.chunks.size() < 4 && !stream.has_ended) return;
+    stream.reads = false;
+    if (!stream.chunks.empty()) return;
+    stream.is_closed = true;
+    OnAvailable(id);
   }
   void Acknowledge(uint8_t id) {
     if (streams.count(id) == 0) return;
@@ -233,9 +231,13 @@ class LinkModelRun {
       const std::string bytes = SomeBytes(3000);
       HearFromCompanion(language_.Data(id, bytes));
       if (is_open) Deliver(id, bytes);
-    } else if (event < 94) {
+    } else if (event < 93) {
       HearFromCompanion(language_.Close(id));
       if (is_open) Forget(id);
+    } else if (event < 94) {
+      const std::string bytes = SomeBytes(3000);
+      HearFromCompanion(language_.Data(id, bytes) + language_.Close(id));
+      if (is_open) DeliverAndForget(id, bytes);
     } else if (event < 98) {
       is_blocked_ = !is_blocked_;
     } else {
@@ -281,6 +283,17 @@ class LinkModelRun {
   void Deliver(uint8_t id, const std::string& bytes) {
     conduits_[id]->OnWriteReady();
     ASSERT_EQ(bytes, ReadAll(*applications_[id]));
+  }
+  // The bytes and the end of a stream have come in one pass of the loop, in
+  // which the application's socket is readable, too.
+  void DeliverAndForget(uint8_t id, const std::string& bytes) {
+    const bool is_gone = model_.streams[id].is_closed;
+    if (!is_gone) {
+      conduits_[id]->OnReadReady();
+      ASSERT_TRUE(reactor_.IsRegistered(*conduits_[id], Reactor::kWrite));
+      Deliver(id, bytes);
+    }
+    Forget(id);
   }
   void Forget(uint8_t id) {
     model_.Forget(id);

@@ -20,7 +20,8 @@ namespace vantrel {
 //
 // Two bounds pace the application. At most 4 chunks of at most 4096 bytes wait
 // here: reading stops at 4 and goes on when the link takes one. And the link
-// may take at most 8 chunks that the companion has not acknowledged yet.
+// may take at most 8 chunks that the companion has not acknowledged yet. The
+// application's end counts when all that it wrote before has gone to the link.
 //
 // Lifetime: made with new by TcpServer, then owns itself. It deletes itself in
 // its constructor when the connection has no original destination, in Close(),
@@ -64,6 +65,8 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   // who binds another may have taken the port of another application, and
   // would pass for it.
   bool IsFromApplicationAddress() const;
+  void OnEndOfFile();
+  void OnWriteFailure();
   // |count| bytes from the application, for the link to take.
   void QueueChunks(const char* bytes, size_t count);
   // Ends the application's side: the link learns of it when it next asks for
@@ -82,6 +85,7 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   uint32_t rx_bytes_ = 0;              // read from the application
   uint32_t send_credit_;               // chunks
   bool closed_ = false;                // the application's side has ended
+  bool has_write_failed_ = false;      // the application takes nothing more
   bool close_pending_ = false;         // the link is done, data is still queued
 };
 

@@ -73,16 +73,66 @@ TEST_F(TcpConduitTest, FourChunksWaitAndEightAreInFlight) {
   ASSERT_TRUE(conduit_->GetNextBuffer(&chunk));
   EXPECT_FALSE(conduit_->HasBuffer());
 
-  application_.reset();  // seen although credit is 0
-  conduit_->OnReadReady();
-  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("application closed")));
-  EXPECT_EQ("", Interest());
-  EXPECT_TRUE(conduit_->HasBuffer());
-  chunk = "untouched";
-  EXPECT_FALSE(conduit_->GetNextBuffer(&chunk));
-  EXPECT_EQ("untouched", chunk);
   conduit_->Close();
-  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("Closed stream.")));
+}
+
+// Whatever ends it, and however little credit there is: what the application
+// wrote goes first.
+TEST_F(TcpConduitTest, TheEndOfTheApplicationWaitsForItsBytes) {
+  for (const bool has_write_failed : {false, true}) {
+    SCOPED_TRACE(has_write_failed);
+    std::string chunk;
+    Say(8 * 4096);
+    for (int taken = 0; taken < 8; ++taken) {
+      conduit_->OnReadReady();
+      ASSERT_TRUE(conduit_->GetNextBuffer(&chunk));
+    }
+    Say(4097);
+    application_.reset();
+    if (has_write_failed) {
+      conduit_->Write("x");
+      conduit_->OnWriteReady();
+      EXPECT_THAT(log_.Take().back(), HasSubstr("Unable to drain"));
+    } else {
+      conduit_->OnReadReady();
+    }
+    EXPECT_EQ("", Interest()) << "there is nothing to do";
+    conduit_->Write("nobody reads this");
+    for (const size_t size : {4096, 1}) {
+      EXPECT_FALSE(conduit_->HasBuffer()) << "no credit";
+      conduit_->HandleWriteAck();
+      ASSERT_TRUE(conduit_->HasBuffer());
+      ASSERT_TRUE(conduit_->GetNextBuffer(&chunk));
+      EXPECT_EQ(size, chunk.size());
+      EXPECT_THAT(Interest(), HasSubstr("R"));
+      conduit_->OnReadReady();
+    }
+    EXPECT_EQ("", Interest());
+    ASSERT_TRUE(conduit_->HasBuffer());
+    chunk = "untouched";
+    EXPECT_FALSE(conduit_->GetNextBuffer(&chunk));
+    EXPECT_EQ("untouched", chunk);
+    const auto lines = log_.Take();
+    EXPECT_EQ(has_write_failed ? 0u : 1u, lines.size());
+    conduit_->Close();
+    EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("Closed stream.")));
+    SetUp();
+  }
+  conduit_->Close();
+}
+
+// The loop has found the application's socket to be readable, and then the
+// link has brought the last bytes and the close in the same pass.
+TEST_F(TcpConduitTest, AReadinessFromBeforeTheCloseTakesNothingAway) {
+  Say(5);
+  shutdown(application_->GetFd(), SHUT_WR);
+  conduit_->Write("last");
+  conduit_->Close();
+  conduit_->OnReadReady();
+  EXPECT_EQ("W", Interest());
+  conduit_->OnWriteReady();
+  EXPECT_EQ("last", ReadAll(*application_));
+  EXPECT_THAT(log_.Take(), ElementsAre(HasSubstr("Closed stream. RX/TX: 0/4")));
 }
 
 TEST_F(TcpConduitTest, AFailedWriteEndsTheStreamOrItsPendingClose) {

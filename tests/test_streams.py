@@ -79,7 +79,9 @@ def test_credit_paces_the_application(device, connected):
     assert got == data[:sent]
 
 
-def test_close_by_the_application_with_data_pending(device, connected):
+@pytest.mark.parametrize("ending", ["close", "shutdown", "reset", "end of the link"])
+def test_the_end_of_an_application_waits_for_its_bytes(device, connected, ending):
+    """What was written goes first, without credit as soon as there is some."""
     companion = connected.companion
     app = device.connect("198.51.100.7", 80)
     announced(companion)
@@ -87,9 +89,30 @@ def test_close_by_the_application_with_data_pending(device, connected):
     for _ in range(8):
         app.sendall(b"sent")
         assert companion.expect(wire.TCP_WRITE).payload == b"sent"
-    # No credit is left: this waits in the conduit, and the end overtakes it.
-    app.sendall(b"dropped")
-    app.close()
+    data = bytes(range(256)) * 80  # more than the four chunks that the daemon holds
+    app.sendall(data)
+    if ending == "shutdown":
+        app.shutdown(socket.SHUT_WR)
+        companion.send(wire.TCP_WRITE, (1, 1), payload=b"meanwhile")
+        assert app.recv(100) == b"meanwhile"
+    elif ending == "reset":
+        # Bytes that a closed socket gets are answered by a reset.
+        app.close()
+        companion.send(wire.TCP_WRITE, (1, 1), payload=b"late")
+    elif ending == "close":
+        app.close()
+    assert connected.frames_before_later_ones() == []
+    if ending == "end of the link":
+        app.close()
+        companion.sock.close()
+        assert connected.wait() == 0
+        assert sum("[T:1] Closed stream" in line for line in connected.log()) == 1
+        return
+    got = b""
+    while len(got) < len(data):
+        companion.send(wire.TCP_WRITE_ACK, (1, 1))
+        got += companion.expect(wire.TCP_WRITE).payload
+    assert got == data
     assert companion.expect(wire.TCP_CLOSE).fields == {1: 1}
     companion.send(wire.TCP_WRITE_ACK, (1, 1))  # late ones hurt nobody
     companion.send(wire.TCP_WRITE, (1, 1), payload=b"late")

@@ -15,9 +15,6 @@ import time
 STREAM_PORT, SLOW_STREAM_PORT, DATAGRAM_PORT = 7000, 7001, 4000
 NOBODYS_PORT = 9
 MAX_STREAMS = 240  # one address of the internet each, so that its server knows it
-# What an application sends and then closes at once may lose so much: the daemon
-# drops what it has not handed to the link.
-MAX_DROPPED_BYTES = 3 * 4096
 # When a stream is ended: before all is written, when its ender has written all that it
 # wants to, or when all has arrived at both.
 WHENS = ["at once", "sent", "complete"]
@@ -164,7 +161,7 @@ class Stream:
             return None
         # A closed socket that gets more is reset by the kernel.
         is_quiet = who.got == other.sent == other.wanted
-        return "nearly all that the application sent" if how == "shutdown" or is_quiet else None
+        return "all that the application sent" if how == "shutdown" or is_quiet else None
 
     def is_over(self):
         if self.app.sock or not self.app.ended_by and not self.app.saw:
@@ -184,8 +181,8 @@ class Stream:
             assert other.saw == "end", f"{other.saw} in place of an end"
         if must == "all that the remote sent":
             assert self.app.got == self.remote.sent, f"not {must}"
-        if must == "nearly all that the application sent":
-            assert self.remote.got >= self.app.sent - MAX_DROPPED_BYTES, f"not {must}"
+        if must == "all that the application sent":
+            assert self.remote.got == self.app.sent, f"not {must}"
 
     def __str__(self):
         ends = ", ".join(
