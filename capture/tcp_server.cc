@@ -13,8 +13,6 @@
 namespace vantrel {
 namespace {
 
-constexpr int kBacklog = 10;
-
 int AcceptRetrying(int fd) {
   int accepted;
   do {
@@ -41,7 +39,10 @@ uint16_t TcpServer::Listen() {
   if (!Open(SOCK_STREAM) || !Bind(INADDR_LOOPBACK, 0)) return 0;
   const uint16_t port = GetPort();
   if (port == 0) return 0;
-  if (listen(GetFd(), kBacklog) == -1) {
+  // As long as the kernel allows. A connection that finds the queue full looks
+  // complete to its application, which waits for a server that speaks first
+  // while nobody here knows of it.
+  if (listen(GetFd(), SOMAXCONN) == -1) {
     LOGE("[S] Error listening on socket: %s", strerror(errno));
     return 0;
   }
