@@ -25,7 +25,9 @@ class Reactable {
 
  private:
   friend class Reactor;
-  bool is_registered_ = false;  // kept by the reactor
+  // Kept by the reactor.
+  bool is_registered_ = false;
+  int non_blocking_fd_ = -1;  // the descriptor that it made so
 };
 
 }  // namespace vantrel

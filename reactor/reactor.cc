@@ -71,7 +71,10 @@ void Reactor::Register(Reactable& r, EventType type) {
   descriptors_.push_back(pollfd{fd, bit, 0});
   reactables_.push_back(&r);
   r.is_registered_ = true;
+  // Once for each descriptor: conduits come and go here with every turn.
+  if (r.non_blocking_fd_ == fd) return;
   MakeNonBlocking(fd);
+  r.non_blocking_fd_ = fd;
 }
 
 void Reactor::Unregister(Reactable& r, EventType type) {

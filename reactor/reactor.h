@@ -45,7 +45,7 @@ class Reactor {
   void Stop();
 
   // Adds interest in |type|. At an object's first registration its descriptor
-  // is read and made non-blocking.
+  // is read, and made non-blocking unless that was done for it before.
   void Register(Reactable& r, EventType type);
   // Removes interest in |type|; without any interest left the object is
   // forgotten. Does nothing for an object that is not registered.
