@@ -1,7 +1,6 @@
 // The link over protocol 1: connection, handshake, dispatch and output.
 #include "link/bluetooth_socket.h"
 
-#include <errno.h>
 #include <string.h>
 
 #include <algorithm>
@@ -23,6 +22,7 @@ BluetoothSocket::BluetoothSocket(ProxySocket::Delegate* delegate,
                                  UdpConduitFactory udp_conduit_factory)
     : delegate_(delegate),
       reactor_(reactor),
+      input_(*this, reactor, "BluetoothSocket"),
       output_(*this, reactor),
       udp_v2_conduits_(kMaxUdpConduits, reactor,
                        std::move(udp_conduit_factory)),
@@ -84,30 +84,17 @@ size_t BluetoothSocket::HandleHandshakeAck(const char* data, size_t length) {
 }
 
 void BluetoothSocket::OnReadReady() {
-  size_t received = 0;
-  for (int reads = 0;
-       reads < Reactor::kMaxReads && received < Reactor::kMaxReadBytes;
-       ++reads) {
-    // One byte less than the buffer holds. A message that can never complete
-    // fills it; the read is then of 0 bytes and looks like the end of the
-    // stream, which ends the link.
-    const size_t space = receive_buffer_.size() - 1 - receive_fill_;
-    const int count = Read(receive_buffer_.data() + receive_fill_, space);
-    if (count == 0) {
-      reactor_.Stop();
-      return;
-    }
-    if (count < 0) {
-      if (errno == EAGAIN) return;
-      LOGW("[B] Error reading from BluetoothSocket: %s", strerror(errno));
-      reactor_.Stop();
-      return;
-    }
-    received += static_cast<size_t>(count);
+  // One byte less than the buffer holds. Kept for compatibility: so many bytes
+  // that make no message end the link.
+  const auto get_room = [this]() -> LinkInput::room_t {
+    return {receive_buffer_.data() + receive_fill_,
+            receive_buffer_.size() - 1 - receive_fill_};
+  };
+  input_.ReadTurn(get_room, [this](size_t count) {
     rx_bytes_ += static_cast<uint32_t>(count);
-    receive_fill_ += static_cast<size_t>(count);
+    receive_fill_ += count;
     ProcessReceived();
-  }
+  });
 }
 
 void BluetoothSocket::ProcessReceived() {

@@ -13,6 +13,7 @@
 #include "common/host_and_port.h"
 #include "common/lru_cache.h"
 #include "common/uid_usage.h"
+#include "link/link_input.h"
 #include "link/link_output.h"
 #include "link/measurements.h"
 #include "link/packet_bytes.h"
@@ -109,6 +110,7 @@ class BluetoothSocket : public ProxySocket {
   size_t receive_fill_ = 0;  // unprocessed bytes in |receive_buffer_|
   size_t receive_skip_ = 0;  // bytes still to come of a skipped payload
   uint32_t rx_bytes_ = 0;    // read from the companion
+  LinkInput input_;
   LinkOutput output_;
   StreamTable streams_;
   UdpConduitTable udp_v2_conduits_;

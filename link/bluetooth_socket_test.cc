@@ -104,6 +104,18 @@ TEST_F(BluetoothSocketTest, ReadsOnlySoMuchInOneTurn) {
   EXPECT_LT(count, Reactor::kMaxReadBytes + 65536);
 }
 
+// Also where it comes at the end of a turn that has read its share.
+TEST_F(BluetoothSocketTest, AFullBufferEndsTheLinkInItsTurn) {
+  Connect(BluetoothSocket::FLAG_NONE);
+  std::string wire = v1::TcpData(9, 65535) + std::string(65535, 'x');
+  while (wire.size() < 65567) wire += Bytes("05 00000000");
+  wire += '\x08' + std::string(65566, 'x');
+  const int buffer = 1 << 20;
+  setsockopt(peer_->GetFd(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof(buffer));
+  PeerSends(wire);
+  EXPECT_TRUE(stop_.TakeStop());
+}
+
 TEST_F(BluetoothSocketTest, OnlyTheExpectedAcknowledgementIsAccepted) {
   const std::pair<BluetoothSocket::Flags, std::string> cases[] = {
       {BluetoothSocket::FLAG_HANDSHAKE, "4"},

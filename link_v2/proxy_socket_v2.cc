@@ -1,9 +1,6 @@
 // The link over protocol 2: connection, handshake, dispatch and sending.
 #include "link_v2/proxy_socket_v2.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -27,6 +24,7 @@ void LogUnexpected(const char* why, const messages::Header& header) {
 ProxySocketV2::ProxySocketV2(ProxySocket::Delegate* delegate, Reactor& reactor)
     : delegate_(delegate),
       reactor_(reactor),
+      input_(*this, reactor, "ProxySocketV2"),
       output_(*this, reactor),
       package_names_(kMaxPackageNames),
       udp_conduits_(kMaxUdpConduits, reactor,
@@ -63,30 +61,18 @@ void ProxySocketV2::StartHandshake() {
 }
 
 void ProxySocketV2::OnReadReady() {
-  size_t received = 0;
-  for (int reads = 0;
-       reads < Reactor::kMaxReads && received < Reactor::kMaxReadBytes;
-       ++reads) {
-    // Without space the read is of 0 bytes and looks like the end of the
-    // stream. That is how a link whose framing is lost comes to its end.
+  // A decoder that has lost the framing fills up. That is how such a link comes
+  // to its end.
+  const auto get_room = [this]() -> LinkInput::room_t {
     const size_t space =
         std::min(decoder_.GetAvailableBufferSpace(), kMaxReadSize);
-    const int count = Read(decoder_.GetRoom(space), space);
-    if (count == 0) {
-      reactor_.Stop();
-      return;
-    }
-    if (count < 0) {
-      if (errno == EAGAIN) return;
-      LOGW("[B] Error reading from ProxySocketV2: %s", strerror(errno));
-      reactor_.Stop();
-      return;
-    }
-    received += static_cast<size_t>(count);
-    rx_bytes_ += static_cast<size_t>(count);
-    decoder_.OnFilled(static_cast<size_t>(count));
+    return {decoder_.GetRoom(space), space};
+  };
+  input_.ReadTurn(get_room, [this](size_t count) {
+    rx_bytes_ += count;
+    decoder_.OnFilled(count);
     DecodeAndProcessMessages();
-  }
+  });
 }
 
 void ProxySocketV2::DecodeAndProcessMessages() {

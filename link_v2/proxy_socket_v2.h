@@ -9,6 +9,7 @@
 #include "capture/udp_conduit.h"
 #include "common/host_and_port.h"
 #include "common/lru_cache.h"
+#include "link/link_input.h"
 #include "link/link_output.h"
 #include "link/proxy_socket.h"
 #include "link/stream_table.h"
@@ -89,6 +90,7 @@ class ProxySocketV2 : public ProxySocket {
   State state_ = State::kNotStarted;
   MessageDecoder decoder_;
   size_t rx_bytes_ = 0;  // read from the Bluetooth socket
+  LinkInput input_;
   LinkOutput output_;
   const uint32_t protocol_version_ = kHandshakeVersionV2;
   LruCache<uint32_t, std::string> package_names_;  // last sent, by UID

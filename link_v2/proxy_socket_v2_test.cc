@@ -81,6 +81,17 @@ TEST_F(LinkTest, ReadsOnlySoMuchInOneTurn) {
   EXPECT_LT(count, Reactor::kMaxReadBytes + 8192);
 }
 
+// Also where that is seen at the end of a turn that has read its share.
+TEST_F(LinkTest, ALostFramingEndsTheLinkInItsTurn) {
+  ConnectAndShakeHands();
+  std::string bytes;
+  while (bytes.size() < 114680) bytes += Frame(6, "");
+  const int buffer = 1 << 20;
+  setsockopt(peer_->GetFd(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof(buffer));
+  Receive(bytes + "NV" + std::string(6 + 16384, 'x'));
+  EXPECT_TRUE(stop_.TakeStop());
+}
+
 TEST_F(LinkTest, SaysWhyAMessageIsUnexpected) {
   const std::string line = "W: [B] Unexpected message: 'ProxySocketV2 ";
   ASSERT_TRUE(Connect());
