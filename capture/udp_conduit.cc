@@ -14,7 +14,7 @@
 namespace vantrel {
 namespace {
 
-constexpr uint32_t kMaxOtherSenders = 64;
+constexpr uint32_t kMaxOtherSenders = 1024;
 
 bool IsApplicationAddress(const IpAddress& address) {
   return address.GetFamily() == AF_INET &&

@@ -17,6 +17,23 @@ namespace {
 
 constexpr size_t kMaxDatagramBytes = 65535;
 constexpr size_t kControlBytes = 1024;
+// Half of what may wait for the link. So what one turn brings finds room on a
+// link that keeps up, which writes between two turns.
+constexpr size_t kMaxTurnBytes = 32 * 1024;
+// What waits in the kernel for the daemon's turn. Its own default holds about
+// 256 small datagrams: less than an application may send at one moment, or all
+// of them together while the loop does something else.
+constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
+
+// Beyond the system's limit where the right for that is there, else up to it.
+// With less more is lost, and nothing else.
+void EnlargeReceiveBuffer(int fd) {
+  const int size = kReceiveBufferBytes;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) == 0) {
+    return;
+  }
+  static_cast<void>(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)));
+}
 
 // The destination that the datagram was sent to before it was diverted. False
 // when the kernel attached none.
@@ -50,6 +67,7 @@ uint16_t UdpServer::Listen() {
   }
   const uint16_t port = GetPort();
   if (port == 0) return 0;
+  EnlargeReceiveBuffer(GetFd());
   reactor_.Register(*this, Reactor::kRead);
   return port;
 }
@@ -57,7 +75,9 @@ uint16_t UdpServer::Listen() {
 void UdpServer::OnReadReady() {
   char data[kMaxDatagramBytes];
   alignas(cmsghdr) char control[kControlBytes];
-  for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
+  size_t received = 0;
+  for (int reads = 0; reads < Reactor::kMaxReads && received < kMaxTurnBytes;
+       ++reads) {
     sockaddr_in sender = {};
     iovec io = {data, sizeof(data)};
     msghdr message = {};
@@ -75,6 +95,7 @@ void UdpServer::OnReadReady() {
       }
       return;
     }
+    received += static_cast<size_t>(count);
     HandleDatagram(message, data, static_cast<size_t>(count));
   }
 }

@@ -94,12 +94,14 @@ void BluetoothSocket::HandleTcpWriteAck(const char* data) {
 void BluetoothSocket::SendDatagram(const HostAndPort& local,
                                    const HostAndPort& remote,
                                    const std::string& payload) {
-  if (!output_.HasRoomForDatagram()) return;
-  if ((flags_ & FLAG_UDP_V2) != 0) {
-    SendDatagramV2(local, remote, payload);
-  } else {
-    SendDatagramV1(local, remote, payload);
-  }
+  if (!output_.HasRoomForDatagram(local, payload.size())) return;
+  output_.QueueDatagram(local, [&] {
+    if ((flags_ & FLAG_UDP_V2) != 0) {
+      SendDatagramV2(local, remote, payload);
+    } else {
+      SendDatagramV1(local, remote, payload);
+    }
+  });
 }
 
 // This form names no application, so two that write to one remote share its

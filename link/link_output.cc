@@ -10,7 +10,8 @@ namespace vantrel {
 namespace {
 
 constexpr time_t kWriteTimeoutSeconds = 15;
-constexpr size_t kMaxBytesBeforeDatagram = 1024 * 1024;
+// More than either protocol puts before a datagram.
+constexpr size_t kDatagramHeaderBytes = 64;
 
 }  // namespace
 
@@ -23,11 +24,13 @@ void LinkOutput::Append(std::string message) {
   OnAppended(was_empty);
 }
 
-bool LinkOutput::HasRoomForDatagram() {
-  const size_t waiting = buffer_.GetQueuedByteCount();
-  if (waiting <= kMaxBytesBeforeDatagram) return true;
+bool LinkOutput::HasRoomForDatagram(const HostAndPort& source,
+                                    size_t payload_bytes) {
+  const size_t size = payload_bytes + kDatagramHeaderBytes;
+  if (datagrams_.HasRoom(source, size)) return true;
   if (drop_log_.Admit()) {
-    LOGW("[B] Dropping datagrams: %zu bytes wait for the link.", waiting);
+    LOGW("[B] Dropping datagrams: %zu bytes wait for the link.",
+         datagrams_.GetBytes());
   }
   // Where nothing more is queued, nothing else would notice a dead link.
   EndIfStuck();
@@ -59,6 +62,8 @@ void LinkOutput::DrainAndRest(bool keep_writing) {
     reactor_.Stop();
     return;
   }
+  datagrams_.OnWritten(
+      static_cast<uint32_t>(buffer_.GetTotalWrittenByteCount()));
   write_started_ = MonotonicNow();
   if (buffer_.IsEmpty() && !keep_writing) {
     reactor_.Unregister(link_, Reactor::kWrite);

@@ -7,7 +7,9 @@
 #include <sstream>
 #include <string>
 
+#include "common/host_and_port.h"
 #include "common/log_limiter.h"
+#include "link/waiting_datagrams.h"
 #include "reactor/reactor.h"
 #include "reactor/write_buffer.h"
 
@@ -40,16 +42,27 @@ class LinkOutput {
   void Append(std::string message);
 
   // At more than this many queued messages no stream is asked for data.
+  // Datagrams do not count: a sender of them that is faster than the link would
+  // keep every stream from it.
   static constexpr size_t kMaxQueuedMessages = 15;
   bool IsCongested() const {
-    return buffer_.GetQueuedItemCount() > kMaxQueuedMessages;
+    return buffer_.GetQueuedItemCount() - datagrams_.GetCount() >
+           kMaxQueuedMessages;
   }
 
-  // Whether a captured datagram may still be queued: not while more than 1 MiB
-  // waits for the link. Datagrams have no flow control; a queue of them would
-  // grow without bound and everybody else would wait behind it. Says so in the
-  // log, once a second at most.
-  [[nodiscard]] bool HasRoomForDatagram();
+  // Whether a captured datagram of |payload_bytes| of the application at
+  // |source| may be queued; see WaitingDatagrams. Says in the log what is
+  // dropped, once a second at most.
+  [[nodiscard]] bool HasRoomForDatagram(const HostAndPort& source,
+                                        size_t payload_bytes);
+  // Calls |queue|, which queues one datagram of |source|, or nothing.
+  template <typename Queue>
+  void QueueDatagram(const HostAndPort& source, Queue queue) {
+    const uint32_t begin = GetEnd();
+    queue();
+    const uint32_t end = GetEnd();
+    if (end != begin) datagrams_.Add(source, end, end - begin);
+  }
 
   // Writes what the socket takes; the tail of every OnWriteReady(). The link
   // stays registered for writing while something is queued or |keep_writing|.
@@ -64,12 +77,18 @@ class LinkOutput {
 
  private:
   void OnAppended(bool was_empty);
+  // Where the next message begins, in bytes since the link began.
+  uint32_t GetEnd() const {
+    return static_cast<uint32_t>(buffer_.GetTotalWrittenByteCount() +
+                                 buffer_.GetQueuedByteCount());
+  }
   // Stops the reactor when what is queued has waited for too long.
   void EndIfStuck();
 
   Socket& link_;
   Reactor& reactor_;
   WriteBuffer buffer_;
+  WaitingDatagrams datagrams_;  // those of |buffer_|
   // When the queue last went from empty to non-empty or was last drained
   // (monotonic). Seconds of 0: nothing is pending.
   timespec write_started_ = {};

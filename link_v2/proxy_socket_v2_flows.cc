@@ -71,13 +71,13 @@ void ProxySocketV2::HandleTcpWriteAck(
 void ProxySocketV2::SendDatagram(const HostAndPort& source,
                                  const HostAndPort& destination,
                                  const std::string& payload) {
-  if (!output_.HasRoomForDatagram()) return;
+  if (!output_.HasRoomForDatagram(source, payload.size())) return;
   if (!udp_conduits_.Prepare(source, destination)) return;
   MessageEncoder message;
   messages::MessageUdpSend* send = message.SetAsUdpSend();
   EncodeEndpoint(source, send->mutable_source());
   EncodeEndpoint(destination, send->mutable_destination());
-  SendMessage(&message, payload);
+  output_.QueueDatagram(source, [&] { SendMessage(&message, payload); });
 }
 
 void ProxySocketV2::HandleUdpSend(const messages::MessageUdpSend& message,

@@ -1,5 +1,6 @@
 """UDP over the link with a scripted companion."""
 
+import signal
 import socket
 
 import bench
@@ -93,26 +94,46 @@ def test_answers_reach_only_those_who_asked(make_device):
 
 
 def test_a_flood_is_dropped_and_others_go_on(make_device):
-    """What waits for a slow link is bounded, and the log with it."""
+    """What waits for a slow link is bounded, and the log with it. Streams and small
+    datagrams of others find room beside it."""
     device = make_device()
     daemon = bench.Daemon(device, link_buffer=16384)
+    daemon.companion.shake_hands()
     daemon.ports()
-    app = udp_app(device, 5000)
+    app, look_up = udp_app(device, 5000), udp_app(device, 5001)
     drop = "W [B] Dropping datagrams: "
 
     def flooded():  # nobody reads a byte of it
-        app.sendto(bytes(16384), ("198.51.100.53", 4000))
+        app.sendto(bytes(1400), ("198.51.100.53", 4000))
         return any(line.startswith(drop) for line in daemon.log())
 
     wait_until(flooded, "the drop")
-    daemon.companion.expect(wire.HANDSHAKE_START)
-    for _ in range(64):
-        daemon.companion.expect(wire.UDP_SEND)
+    look_up.sendto(b"name", ("198.51.100.53", 53))
+    with device.connect("198.51.100.7", 80) as stream:
+        stream.sendall(b"written")
+    frames = []
+    while not frames or frames[-1].kind != wire.TCP_CLOSE:
+        frames.append(daemon.companion.receive())
+    flood = [frame.raw for frame in frames if len(frame.payload) == 1400]
+    assert 60000 < sum(map(len, flood)) < 65536 + 2 * 16384  # with what the kernel holds
+    assert [(frame.kind, frame.payload) for frame in frames if frame.raw not in flood] == [
+        (wire.UDP_SEND, b"name"), (wire.TCP_CONNECT, b""), (wire.PACKAGE_NAMES, b""),
+        (wire.TCP_WRITE, b"written"), (wire.TCP_CLOSE, b"")]
     app.sendto(b"later", ("198.51.100.53", 4000))
-    rest = iter(lambda: daemon.companion.expect(wire.UDP_SEND).payload, b"later")
-    assert len(list(rest)) < 16
+    assert daemon.companion.expect(wire.UDP_SEND).payload == b"later"
     assert sum(line.startswith(drop) for line in daemon.log()) < 10
     daemon.close()
+
+
+def test_a_burst_waits_in_the_socket(device, connected):
+    """While the daemon is kept from its work, an application may send a lot."""
+    app = udp_app(device, 5000)
+    connected.process.send_signal(signal.SIGSTOP)
+    for number in range(1000):
+        app.sendto(b"%d" % number, ("198.51.100.53", 53))
+    connected.process.send_signal(signal.SIGCONT)
+    for number in range(1000):
+        assert connected.companion.expect(wire.UDP_SEND).payload == b"%d" % number
 
 
 def test_the_65th_remote_takes_the_place_of_the_first(device, connected):
