@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "capture/socket_table.h"
+#include "capture/tcp_owners.h"
 #include "capture/uid_helper.h"
 #include "common/hex_testing.h"
 #include "common/network_testing.h"
@@ -44,25 +44,22 @@ std::string Row(int64_t number, const char* local, const char* remote,
 }
 
 // The kernel's tables are files while it lives, with |count| rows each. The
-// last two of "tcp" belong to the connection that |accepted| stands for, the
-// last of "udp" is a flow from port 40000 to port 53.
+// last of "tcp" is a connection from port 40000 to port 80, the last of "udp" a
+// flow from port 40000 to port 53.
 class TableFiles {
  public:
-  TableFiles(int64_t count, int accepted) {
-    struct stat status = {};
-    fstat(accepted, &status);
+  explicit TableFiles(int64_t count) {
     if (mkdtemp(directory_.data()) == nullptr) abort();
     std::ofstream tcp(directory_ + "/tcp");
     std::ofstream udp(directory_ + "/udp");
     std::ofstream(directory_ + "/tcp6") << kHeading << '\n';
     tcp << kHeading << '\n';
     udp << kHeading << '\n';
-    for (int64_t i = 0; i < count - 2; ++i) {
+    for (int64_t i = 0; i < count - 1; ++i) {
       tcp << Row(i, "EFA7A8C0:9C41", "076433C6:0050", 10001, 77);
       udp << Row(i, "EFA7A8C0:9C41", "356433C6:0035", 10001, 77);
     }
-    tcp << Row(count - 2, "0100007F:1F90", "EFA7A8C0:9C40", 0, status.st_ino)
-        << Row(count - 1, "EFA7A8C0:9C40", "076433C6:0050", kUid, 78);
+    tcp << Row(count - 1, "EFA7A8C0:9C40", "076433C6:0050", kUid, 78);
     udp << Row(count - 1, "EFA7A8C0:9C40", "356433C6:0035", kUid, 78);
     SetSocketTableDirectory(directory_);
   }
@@ -79,9 +76,13 @@ class TableFiles {
 };
 
 void TcpOwnerInFile(benchmark::State& state) {
-  const TableFiles tables(state.range(0), STDIN_FILENO);
+  const TableFiles tables(state.range(0));
+  TcpOwners owners;
+  TcpOwners::connection_t connection;
+  connection.destination = Endpoint("C6336407", 80);
+  connection.source_port = 40000;
   while (state.KeepRunning()) {
-    if (UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO) != kUid) {
+    if (owners.Find(connection) != kUid) {
       state.SkipWithError("the owner was not found");
       break;
     }
@@ -93,7 +94,7 @@ void TcpOwnerInFile(benchmark::State& state) {
 // are few, and what they leave is closed afterwards.
 void DatagramOwnerInFile(benchmark::State& state) {
   const auto first = static_cast<unsigned int>(dup(STDIN_FILENO));
-  const TableFiles tables(state.range(0), STDIN_FILENO);
+  const TableFiles tables(state.range(0));
   const HostAndPort local = Endpoint("C0A8A7EF", 40000);
   const HostAndPort remote = Endpoint("C6336435", 53);
   while (state.KeepRunning()) {
@@ -130,8 +131,20 @@ class Connections {
   }
 
   bool IsGood() const { return is_good_; }
-  // The end of one in the middle that was accepted.
-  int Accepted() const { return ends_[ends_.size() / 2 | 1]->GetFd(); }
+  // One in the middle, which was not redirected: it is where it was to go.
+  TcpOwners::connection_t Get() const {
+    const int fd = ends_[ends_.size() / 2 | 1]->GetFd();
+    sockaddr_in address = {};
+    socklen_t length = sizeof(address);
+    TcpOwners::connection_t connection;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    connection.local = HostAndPort::FromIPv4Addr(address);
+    connection.destination = connection.local;
+    getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    connection.peer = HostAndPort::FromIPv4Addr(address);
+    connection.source_port = connection.peer.port;
+    return connection;
+  }
 
  private:
   static bool Bind(const Socket& socket, const sockaddr_in& address) {
@@ -162,9 +175,10 @@ void TcpOwnerInKernel(benchmark::State& state) {
   if (!connections.IsGood()) {
     return state.SkipWithError("no network of its own");
   }
+  TcpOwners owners;
+  const TcpOwners::connection_t connection = connections.Get();
   while (state.KeepRunning()) {
-    if (UidHelper::FindOwnerUidForTcpSocket(connections.Accepted()) !=
-        getuid()) {
+    if (owners.Find(connection) != getuid()) {
       state.SkipWithError("the owner was not found");
       break;
     }
@@ -173,7 +187,7 @@ void TcpOwnerInKernel(benchmark::State& state) {
 }
 
 // The kernel's share: its table read whole and thrown away, where a look-up
-// stops at the second of its rows, on average after half. The kernel goes
+// stops at its row, on average after half. The kernel goes
 // through the connections of the whole machine for those of the network that
 // asks.
 void TcpTableAlone(benchmark::State& state) {

@@ -13,6 +13,7 @@ namespace vantrel {
 namespace {
 
 constexpr size_t kPortDigits = 4;
+constexpr size_t kStateDigits = 2;
 constexpr uint8_t kNoDigit = 0xFF;
 constexpr int kMaxDecimalDigits = 18;  // fit 64 bits whatever they are
 
@@ -125,46 +126,54 @@ SocketTable::~SocketTable() {
   if (!is_kept_open_) close(fd_);
 }
 
+bool SocketTable::ParseMapped(const char* digits, uint32_t* address) {
+  constexpr char kPrefix[] = "0000000000000000FFFF0000";  // of native words
+  constexpr size_t kPrefixDigits = sizeof(kPrefix) - 1;
+  if (strncmp(digits, kPrefix, kPrefixDigits) != 0) return false;
+  *address = ParseAddress(digits + kPrefixDigits);
+  return true;
+}
+
 bool SocketTable::Next(tcp_row_t* row) {
   plain_row_t plain;
   if (NextPlain(8, &plain)) {
-    *row = {ParseAddress(plain.address), plain.port, plain.remote_port,
-            plain.uid, plain.inode};
+    *row = {ParseAddress(plain.address),
+            plain.port,
+            ParseAddress(plain.remote_address),
+            plain.remote_port,
+            plain.state,
+            plain.uid,
+            plain.inode};
     return true;
   }
   FILE* const rest = GetRest();
   return rest != nullptr &&
          fscanf(rest,
-                "%*s %08X:%04hX %*08X:%04hX %*s %*s %*s %*s %u %*s %lu "
+                "%*s %08X:%04hX %08X:%04hX %2hhX %*s %*s %*s %u %*s %lu "
                 "%*[^\n]\n",
-                &row->address, &row->port, &row->remote_port, &row->uid,
-                &row->inode) == 5;
+                &row->address, &row->port, &row->remote_address,
+                &row->remote_port, &row->state, &row->uid, &row->inode) == 7;
 }
 
-bool SocketTable::Next(tcp_owner_row_t* row) {
-  plain_row_t plain;
-  if (NextPlain(8, &plain)) {
-    *row = {ParseAddress(plain.address), plain.port, plain.uid};
-    return true;
-  }
-  FILE* const rest = GetRest();
-  return rest != nullptr &&
-         fscanf(rest, "%*s %08X:%04hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                &row->address, &row->port, &row->uid) == 3;
-}
-
-bool SocketTable::Next(tcp6_owner_row_t* row) {
+bool SocketTable::Next(tcp6_row_t* row) {
   plain_row_t plain;
   if (NextPlain(32, &plain)) {
     CopyDigits(plain.address, row->address);
     row->port = plain.port;
+    CopyDigits(plain.remote_address, row->remote_address);
+    row->remote_port = plain.remote_port;
+    row->state = plain.state;
     row->uid = plain.uid;
+    row->inode = plain.inode;
     return true;
   }
   FILE* const rest = GetRest();
   return rest != nullptr &&
-         fscanf(rest, "%*s %32[^:]:%hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                row->address, &row->port, &row->uid) == 3;
+         fscanf(rest,
+                "%*s %32[^:]:%hX %32[^:]:%hX %2hhX %*s %*s %*s %u %*s %lu "
+                "%*[^\n]\n",
+                row->address, &row->port, row->remote_address,
+                &row->remote_port, &row->state, &row->uid, &row->inode) == 7;
 }
 
 bool SocketTable::Next(udp_row_t* row) {
@@ -229,7 +238,10 @@ bool SocketTable::ParsePlain(const char* line, const char* end,
   parser.Take(':');
   parser.TakeHex(kPortDigits, &value);
   row->remote_port = static_cast<uint16_t>(value);
-  for (int word = 0; word < 4; ++word) {  // state, queues, timer, retransmits
+  parser.TakeBlanks();
+  parser.TakeHex(kStateDigits, &value);
+  row->state = static_cast<uint8_t>(value);
+  for (int word = 0; word < 3; ++word) {  // queues, timer, retransmits
     parser.TakeBlanks();
     parser.TakeWord();
   }

@@ -20,19 +20,20 @@ struct FileCloser {
 struct tcp_row_t {
   uint32_t address = 0;
   uint16_t port = 0;
+  uint32_t remote_address = 0;
   uint16_t remote_port = 0;
+  uint8_t state = 0;  // as the kernel numbers them
   unsigned int uid = 0;
-  unsigned long inode = 0;
+  unsigned long inode = 0;  // 0: no socket is attached
 };
-struct tcp_owner_row_t {
-  uint32_t address = 0;
-  uint16_t port = 0;
-  unsigned int uid = 0;
-};
-struct tcp6_owner_row_t {
+struct tcp6_row_t {
   char address[33] = {};
   uint16_t port = 0;
+  char remote_address[33] = {};
+  uint16_t remote_port = 0;
+  uint8_t state = 0;
   unsigned int uid = 0;
+  unsigned long inode = 0;
 };
 struct udp_row_t {
   uint32_t address = 0;
@@ -67,10 +68,13 @@ class SocketTable {
   // The next row. False when there is none, or one that does not convert; its
   // fields up to there are then set, the others as before.
   [[nodiscard]] bool Next(tcp_row_t* row);
-  [[nodiscard]] bool Next(tcp_owner_row_t* row);
-  [[nodiscard]] bool Next(tcp6_owner_row_t* row);
+  [[nodiscard]] bool Next(tcp6_row_t* row);
   [[nodiscard]] bool Next(udp_row_t* row);
   [[nodiscard]] bool Next(udp6_row_t* row);
+
+  // The IPv4 address that the 32 |digits| of an IPv6 address stand for, as a
+  // word in network byte order. False when it is not an IPv4-mapped one.
+  [[nodiscard]] static bool ParseMapped(const char* digits, uint32_t* address);
 
   // Lets the descriptor stay open behind this object.
   void KeepOpen() { is_kept_open_ = true; }
@@ -82,6 +86,7 @@ class SocketTable {
     const char* remote_address;
     uint16_t port;
     uint16_t remote_port;
+    uint8_t state;
     uint32_t uid;
     unsigned long inode;
   };

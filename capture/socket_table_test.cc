@@ -1,35 +1,26 @@
 #include "capture/socket_table.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
 
 #include "capture/socket_table_testing.h"
+#include "capture/table_files_testing.h"
 
 namespace vantrel {
 namespace {
 
 class SocketTableTest : public ::testing::Test {
  protected:
-  SocketTableTest() {
-    EXPECT_NE(nullptr, mkdtemp(directory_.data()));
-    SetSocketTableDirectory(directory_);
-  }
-  ~SocketTableTest() override {
-    SetSocketTableDirectory("/proc/net");
-    std::filesystem::remove_all(directory_);
-  }
-
   void ExpectAsFormats(const std::string& text) {
-    std::ofstream(directory_ + "/table") << text;
-    ASSERT_EQ("", FindAnyDifference(directory_, "table")) << text;
+    const std::string& directory = files_.GetDirectory();
+    std::ofstream(directory + "/table") << text;
+    ASSERT_EQ("", FindAnyDifference(directory, "table")) << text;
   }
 
-  std::string directory_ = ::testing::TempDir() + "tables.XXXXXX";
+  TableFiles files_;
 };
 
 // Sound tables, and the same with pieces cut out, doubled, or replaced by what

@@ -13,18 +13,17 @@ namespace vantrel {
 
 inline bool Scan(FILE* table, tcp_row_t* row) {
   return fscanf(table,
-                "%*s %08X:%04hX %*08X:%04hX %*s %*s %*s %*s %u %*s %lu "
+                "%*s %08X:%04hX %08X:%04hX %2hhX %*s %*s %*s %u %*s %lu "
                 "%*[^\n]\n",
-                &row->address, &row->port, &row->remote_port, &row->uid,
-                &row->inode) == 5;
+                &row->address, &row->port, &row->remote_address,
+                &row->remote_port, &row->state, &row->uid, &row->inode) == 7;
 }
-inline bool Scan(FILE* table, tcp_owner_row_t* row) {
-  return fscanf(table, "%*s %08X:%04hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                &row->address, &row->port, &row->uid) == 3;
-}
-inline bool Scan(FILE* table, tcp6_owner_row_t* row) {
-  return fscanf(table, "%*s %32[^:]:%hX %*s %*s %*s %*s %*s %u %*[^\n]\n",
-                row->address, &row->port, &row->uid) == 3;
+inline bool Scan(FILE* table, tcp6_row_t* row) {
+  return fscanf(table,
+                "%*s %32[^:]:%hX %32[^:]:%hX %2hhX %*s %*s %*s %u %*s %lu "
+                "%*[^\n]\n",
+                row->address, &row->port, row->remote_address,
+                &row->remote_port, &row->state, &row->uid, &row->inode) == 7;
 }
 inline bool Scan(FILE* table, udp_row_t* row) {
   return fscanf(table, "%*s %08X:%04hX %08X:%04hX %*s %*s %*s %*s %u %*[^\n]\n",
@@ -38,34 +37,22 @@ inline bool Scan(FILE* table, udp6_row_t* row) {
                 &row->remote_port, &row->uid) == 5;
 }
 
-inline std::string ToText(const tcp_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.remote_port << ' ' << r.uid
-      << ' ' << r.inode;
-  return out.str();
-}
-inline std::string ToText(const tcp_owner_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.uid;
-  return out.str();
-}
-inline std::string ToText(const tcp6_owner_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.uid;
-  return out.str();
-}
-inline std::string ToText(const udp_row_t& r) {
+template <typename Row>
+std::string EndsToText(const Row& r) {
   std::ostringstream out;
   out << r.address << ' ' << r.port << ' ' << r.remote_address << ' '
       << r.remote_port << ' ' << r.uid;
   return out.str();
 }
-inline std::string ToText(const udp6_row_t& r) {
-  std::ostringstream out;
-  out << r.address << ' ' << r.port << ' ' << r.remote_address << ' '
-      << r.remote_port << ' ' << r.uid;
-  return out.str();
+template <typename Row>
+std::string TcpToText(const Row& r) {
+  return EndsToText(r) + ' ' + std::to_string(r.state) + ' ' +
+         std::to_string(r.inode);
 }
+inline std::string ToText(const tcp_row_t& r) { return TcpToText(r); }
+inline std::string ToText(const tcp6_row_t& r) { return TcpToText(r); }
+inline std::string ToText(const udp_row_t& r) { return EndsToText(r); }
+inline std::string ToText(const udp6_row_t& r) { return EndsToText(r); }
 
 // Reads the table |name| in |directory|, in which SocketTable looks, up to the
 // row that does not convert. The first difference between the two readers, with
@@ -93,8 +80,7 @@ std::string FindDifference(const std::string& directory,
 inline std::string FindAnyDifference(const std::string& directory,
                                      const std::string& name) {
   return FindDifference<tcp_row_t>(directory, name) +
-         FindDifference<tcp_owner_row_t>(directory, name) +
-         FindDifference<tcp6_owner_row_t>(directory, name) +
+         FindDifference<tcp6_row_t>(directory, name) +
          FindDifference<udp_row_t>(directory, name) +
          FindDifference<udp6_row_t>(directory, name);
 }

@@ -1,9 +1,9 @@
 #include "capture/uid_helper.h"
 
-#include <arpa/inet.h>
 #include <binder/IPermissionController.h>
 #include <binder/IServiceManager.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,21 +13,19 @@
 
 #include <codecvt>
 #include <locale>
-#include <map>
 #include <memory>
 #include <utility>
 
+#include "capture/connection_tracking.h"
+#include "capture/original_destination.h"
 #include "capture/socket_table.h"
-#include "common/interception.h"
+#include "capture/tcp_owners.h"
 #include "common/log.h"
 #include "common/lru_cache.h"
 #include "common/monotonic_clock.h"
 
 namespace vantrel {
 namespace {
-
-// kApplicationAddress in its IPv4-mapped form, as the kernel prints it.
-constexpr char kMappedApplicationAddress[] = "0000000000000000FFFF0000EFA7A8C0";
 
 constexpr uint32_t kCacheCapacity = 20;
 constexpr time_t kFreshSeconds = 9;
@@ -36,47 +34,34 @@ using Flow = std::pair<HostAndPort, HostAndPort>;  // local, remote
 LruCache<Flow, std::pair<unsigned int, timespec>> datagram_owners(
     kCacheCapacity);
 
-// The application's source port of the accepted socket |inode|, taken from the
-// rows of /proc/net/tcp up to that socket's own. |owners| receives the owner of
-// each application port seen on the way. Without such a row this is the remote
-// port of the table's last row, or 0.
-uint16_t FindSourcePort(SocketTable* tcp, ino_t inode,
-                        std::map<uint16_t, unsigned int>* owners) {
-  tcp_row_t row;
-  while (tcp->Next(&row)) {
-    if (row.address == htonl(kApplicationAddress)) {
-      owners->emplace(row.port, row.uid);
-    } else if (row.inode == inode) {
-      break;
-    }
+TcpOwners tcp_owners;
+ConnectionTracking connection_tracking;
+
+using GetName = int (*)(int fd, sockaddr* address, socklen_t* length);
+
+// Empty when it is not an IPv4 end.
+HostAndPort GetEnd(int fd, GetName get_name) {
+  sockaddr_in address = {};
+  socklen_t length = sizeof(address);
+  if (get_name(fd, reinterpret_cast<sockaddr*>(&address), &length) == -1 ||
+      address.sin_family != AF_INET) {
+    return HostAndPort();
   }
-  return row.remote_port;
+  return HostAndPort::FromIPv4Addr(address);
 }
 
-// The owner of the application's socket on |port| in the rows of
-// /proc/net/tcp that are left.
-bool FindTcpOwner(SocketTable* tcp, uint16_t port, unsigned int* uid) {
-  tcp_owner_row_t row;
-  while (tcp->Next(&row)) {
-    if (row.address == htonl(kApplicationAddress) && row.port == port) {
-      *uid = row.uid;
-      return true;
-    }
+// Where the connection accepted as |fd| comes from and goes to, before the
+// packet filter changed both. False when the kernel does not know.
+bool FindConnection(int fd, TcpOwners::connection_t* connection) {
+  connection->local = GetEnd(fd, getsockname);
+  connection->peer = GetEnd(fd, getpeername);
+  tracked_connection_t tracked;
+  if (connection_tracking.Find(connection->local, connection->peer, &tracked)) {
+    connection->source_port = tracked.source.port;
+    connection->destination = tracked.destination;
+    return true;
   }
-  return false;
-}
-
-// The same in /proc/net/tcp6, for an application that uses an IPv6 socket.
-bool FindTcp6Owner(SocketTable* tcp6, uint16_t port, unsigned int* uid) {
-  tcp6_owner_row_t row;
-  while (tcp6->Next(&row)) {
-    if (strcmp(row.address, kMappedApplicationAddress) == 0 &&
-        row.port == port) {
-      *uid = row.uid;
-      return true;
-    }
-  }
-  return false;
+  return GetOriginalDestination(fd, &connection->destination);
 }
 
 // Joins the owners of the rows that match one flow: the first match counts
@@ -112,24 +97,15 @@ std::string ToUtf8(const android::String16& text) {
 }  // namespace
 
 unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
+  // Only a bug of ours asks for what is no descriptor.
   struct stat status;
   if (fstat(fd, &status) == -1) {
     LOGE("Error stat'ing socket: %s", strerror(errno));
     return kUidNotFound;
   }
-  std::unique_ptr<SocketTable> tcp = SocketTable::Open("tcp");
-  if (!tcp) return kUidNotFound;
-  std::map<uint16_t, unsigned int> owners;
-  const uint16_t port = FindSourcePort(tcp.get(), status.st_ino, &owners);
-  if (port == 0) return kUidNotFound;
-  const auto seen = owners.find(port);
-  if (seen != owners.end()) return seen->second;
-  unsigned int uid;
-  if (FindTcpOwner(tcp.get(), port, &uid)) return uid;
-  tcp.reset();
-  const std::unique_ptr<SocketTable> tcp6 = SocketTable::Open("tcp6");
-  if (!tcp6) return kUidNotFound;
-  return FindTcp6Owner(tcp6.get(), port, &uid) ? uid : kUidNotFound;
+  TcpOwners::connection_t connection;
+  if (!FindConnection(fd, &connection)) return kUidNotFound;
+  return tcp_owners.Find(connection);
 }
 
 unsigned int UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,

@@ -271,8 +271,8 @@ def test_files_that_cannot_be_read(device, start):
     companion.send(wire.TCP_WRITE, (1, 1), payload=b"all the same")
     assert nobody.recv(100) == b"all the same"
     device.run("umount", "/proc")
-    device.connect(*REMOTE)
-    assert companion.expect(wire.TCP_CONNECT).fields[3] == 0
+    with device.connect(*REMOTE):  # one that is closed has no owner any more
+        assert companion.expect(wire.TCP_CONNECT).fields[3] == 0
 
 
 def test_a_full_disk_under_the_log(device, start):
@@ -294,7 +294,8 @@ def test_a_full_disk_under_the_log(device, start):
     cross(1)
     lines = device.run("cat", "/data/log").stdout.splitlines()
     assert "[T:31] Closed stream" in lines[-1] and not any("[T:30] Closed" in line for line in lines)
-    assert [len(re.findall(r"\d\d:\d\d:\d\d\.\d{3}", line)) for line in lines] == [1] * len(lines)
+    times = [len(re.findall(r"\d\d:\d\d:\d\d\.\d{3}", line)) for line in lines]
+    assert max(times) == times[-1] == 1  # a line may be cut in front of its time
 
 
 def test_without_a_log_file_the_lines_go_to_syslog(device, start):

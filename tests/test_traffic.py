@@ -1,9 +1,12 @@
 """Real clients, the real companion and real servers."""
 
+import asyncio
+import collections
 import contextlib
 import hashlib
 import http.server
 import random
+import re
 import signal
 import socket
 import subprocess
@@ -163,6 +166,104 @@ def test_half_of_a_conversation(device, tunnel):
         app.close()
         assert remote.recv(100) == b""
         remote.close()
+
+
+def test_what_is_written_before_the_end_arrives(device, tunnel):
+    """All of it, from an application that closes at once."""
+    with socket.create_server(("198.51.100.80", 7000), backlog=64) as listener:
+        listener.settimeout(10)
+        for data in [b"four", DATA[:300000]]:
+            for _ in range(20):
+                with device.connect("198.51.100.80", 7000) as app:
+                    app.sendall(data)
+            for _ in range(20):
+                remote, _ = listener.accept()
+                remote.settimeout(10)
+                with remote:
+                    assert receive_all(remote) == data
+
+
+# |count| connections to |address|, all at once. When all are made the application says
+# a line on each, where the server speaks first when it has heard it; then it waits for
+# the answers.
+BURST = """
+import selectors, socket, sys
+address, port, count, is_server_first = sys.argv[1], *map(int, sys.argv[2:])
+apps = [socket.socket() for _ in range(count)]
+selector = selectors.DefaultSelector()
+for app in apps:
+    app.setblocking(False)
+    app.connect_ex((address, port))
+    selector.register(app, selectors.EVENT_READ if is_server_first else selectors.EVENT_WRITE)
+answered = 0
+while answered < count:
+    ready = selector.select(20)
+    if not ready:
+        break
+    for key, events in ready:
+        app = key.fileobj
+        if events & selectors.EVENT_WRITE:
+            app.sendall(b"HELO\\n")
+            selector.modify(app, selectors.EVENT_READ)
+            continue
+        got = app.recv(100)
+        if got == b"220\\n":
+            selector.modify(app, selectors.EVENT_WRITE)
+            continue
+        answered += got == b"250\\n"
+        selector.unregister(app)
+print(answered)
+"""
+
+
+@contextlib.contextmanager
+def greeting_servers(ports, is_first):
+    """Servers that answer each line, in a thread; with |is_first| they speak first."""
+    async def serve(reader, writer):
+        if is_first:
+            writer.write(b"220\n")
+        if await reader.readline():
+            writer.write(b"250\n")
+        await reader.read()
+        writer.close()
+
+    async def open_all():
+        return [await asyncio.start_server(serve, "198.51.100.80", port, backlog=2000)
+                for port in ports]
+
+    loop = asyncio.new_event_loop()
+    servers = loop.run_until_complete(open_all())
+    thread = threading.Thread(target=loop.run_forever)
+    thread.start()
+    try:
+        yield
+    finally:
+        loop.call_soon_threadsafe(loop.stop)
+        thread.join()
+        for server in servers:
+            server.close()
+        loop.run_until_complete(asyncio.sleep(0))
+
+
+@pytest.mark.parametrize("is_server_first", [True, False])
+def test_many_connections_at_one_instant(needs_root, device, tunnel, is_server_first):
+    """All are answered, and charged to the right one of three applications."""
+    daemon, _ = tunnel
+    owners = {7100: 0, 7101: bench.BROWSER_UID, 7102: bench.MAIL_UID}
+    expected = 0
+    with greeting_servers(owners, is_server_first):
+        for count in 51, 258, 999:
+            applications = [subprocess.Popen(device.command(
+                ["/usr/bin/python3", "-c", BURST, "198.51.100.80", port, count // 3,
+                 int(is_server_first)], uid), stdout=subprocess.PIPE, text=True)
+                for port, uid in owners.items()]
+            answered = [int(application.communicate(timeout=60)[0])
+                        for application in applications]
+            assert answered == [count // 3] * 3
+            expected += count // 3
+    told = re.findall(r"stream to: 198.51.100.80:(\d+) \(uid=(\d+)\)", "\n".join(daemon.log()))
+    assert collections.Counter(told) == {
+        (str(port), str(uid)): expected for port, uid in owners.items()}
 
 
 def test_slow_ends(device, tunnel, web):
