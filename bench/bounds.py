@@ -9,6 +9,7 @@ Without --bin-dir VANTREL_BIN_DIR says where the programs are.
 """
 import argparse
 import contextlib
+import mmap
 import os
 import pathlib
 import socket
@@ -24,12 +25,21 @@ import roads
 from roads import bench
 
 RATE = 250000
-SOURCE, SINK, EXCHANGE, UDP_ECHO, FLOOD = 7001, 7002, 7003, 4000, 4001
+SOURCE, SINK, EXCHANGE, UDP_ECHO, FLOOD, UDP_SINK = 7001, 7002, 7003, 4000, 4001, 4002
 ADDRESS, NAME_SERVER, DARK_ADDRESS = roads.SERVER_ADDRESS, "198.51.100.53", "198.51.100.99"
 REQUEST, ANSWER = b"q" * 100, b"a" * 1024
 FLOOD_RATE, FLOOD_SIZE = 600000, 1200
+UPLOAD_FLOOD_RATE = RATE * 1.3
 QUERY = (b"\x12\x34\1\0\0\1\0\0\0\0\0\0\3www\7example\4test\0\0\1\0\1")
 FAILURES = (OSError, AssertionError)
+
+
+# How many bytes have arrived at the sink, for the other process.
+SUNK = mmap.mmap(-1, mmap.PAGESIZE)
+
+
+def sunk():
+    return struct.unpack("q", SUNK[:8])[0]
 
 
 # The servers, in a process of their own.
@@ -56,8 +66,9 @@ def serve_source(peer):
 
 
 def serve_sink(peer):
-    while peer.recv(1 << 18):
-        pass
+    while got := len(peer.recv(1 << 18)):
+        SUNK.write(struct.pack("q", sunk() + got))
+        SUNK.seek(0)
 
 
 def serve_exchange(peer):
@@ -79,13 +90,18 @@ def on_datagrams(address, port, answer):
 
 def flood(sock, request, sender):
     """As many seconds as the request says."""
+    send_datagrams(sock, sender, FLOOD_RATE, FLOOD_SIZE, float(request))
+
+
+def send_datagrams(sock, address, rate, size, seconds):
+    """|rate| bytes a second, for so long."""
     begin = time.monotonic()
     sent = 0
-    while time.monotonic() < begin + float(request):
-        due = (time.monotonic() - begin) * FLOOD_RATE
+    while time.monotonic() < begin + seconds:
+        due = (time.monotonic() - begin) * rate
         while sent < due:
-            sock.sendto(bytes(FLOOD_SIZE), sender)
-            sent += FLOOD_SIZE
+            sock.sendto(bytes(size), address)
+            sent += size
         time.sleep(0.002)
 
 
@@ -97,6 +113,7 @@ def run_servers():
     on_datagrams(NAME_SERVER, 53, lambda sock, data, sender: sock.sendto(
         data[:2] + b"\x81\x80" + data[4:], sender))
     on_datagrams(ADDRESS, FLOOD, flood)
+    on_datagrams(ADDRESS, UDP_SINK, lambda sock, data, sender: None)
 
 
 @contextlib.contextmanager
@@ -255,6 +272,34 @@ def measure_flood(options, protocol):
     yield below("ping (UDP) beside both, p99", percentile(times, .99), 120)
 
 
+def measure_up_flood(options, protocol):
+    """A sender of datagrams that is faster than the link, of large and of small ones."""
+    if protocol == "1":
+        return  # it has no bound of its own: its datagrams name no application
+    for size in FLOOD_SIZE, 64:
+        with slow_road(options, protocol) as road:
+            device = road.device
+            exchange = exchanger(device)
+            flooder = threading.Thread(target=send_datagrams, args=[
+                device.socket(socket.SOCK_DGRAM), (ADDRESS, UDP_SINK), UPLOAD_FLOOD_RATE, size,
+                2 * options.seconds + 2])
+            flooder.start()
+            time.sleep(1)
+            alone = timed(exchange, options.seconds / 2)
+            look_ups = timed(asker(device, NAME_SERVER, 53, QUERY), options.seconds / 2)
+            load = Load(device, SINK, 1)
+            time.sleep(1)
+            before, begin = sunk(), time.monotonic()
+            time.sleep(options.seconds - 2)
+            share = (sunk() - before) / (time.monotonic() - begin) / RATE
+            load.close()
+            flooder.join()
+        name = f"datagrams of {size} bytes at 1.3 times the link: "
+        yield below(name + "1 KB exchange, longest", max(alone), 800)
+        yield below(name + "name look-up, longest", max(look_ups), 800)
+        yield above(name + "one upload, of the link", share, .3)
+
+
 def measure_idle(options, protocol):
     with slow_road(options, protocol) as road:
         load = Load(road.device, SOURCE, 4)
@@ -347,7 +392,7 @@ def measure_silent(options, _):
 
 
 SHAPED = {"down": measure_down, "up": measure_up, "flood": measure_flood,
-          "idle": measure_idle}
+          "up flood": measure_up_flood, "idle": measure_idle}
 ONCE = {"many": measure_many, "silent": measure_silent}
 
 
@@ -378,7 +423,7 @@ def main():
     for protocol, measure in runs:
         for figure, value, bound, holds in measure(options, protocol):
             all_hold = all_hold and holds
-            print(f"{protocol:>2}  {figure:52} {value:>12}  {bound:18} "
+            print(f"{protocol:>2}  {figure:70} {value:>12}  {bound:18} "
                   f"{'ok' if holds else 'NOT MET'}", flush=True)
     os.kill(servers, 9)
     return 0 if all_hold else 1

@@ -147,10 +147,30 @@ def datagrams(road, seconds, clients):
             **{f"{role} us/query": used[role] / result["exchanges"] * 1e6 for role in used}}
 
 
-def burst(road, _seconds):
+def answers(road, seconds, size):
+    """Of several pieces, on a kept connection."""
+    result = run_load(road, "run", seconds, up=100, down=size)
+    return {"median us": result["median_us"], "p99 us": result["p99_us"],
+            "failures": result["failures"]}
+
+
+def burst(road, count):
     """Connections made all at once; those that got their answer in 10 s."""
-    result = run_load(road, "open", 0, clients=256, **REQUEST)
-    return {"of 256": result["exchanges"], "last ms": result["max_us"] / 1000}
+    result = run_load(road, "open", 0, clients=count, **REQUEST)
+    return {f"of {count}": result["exchanges"], "last ms": result["max_us"] / 1000}
+
+
+def burst_beside(road, _seconds):
+    """What a kept connection sees of 100 that are made all at once."""
+    kept = Load(road, "run", seconds=1, **REQUEST)
+    try:
+        kept.start()
+        time.sleep(0.3)
+        run_load(road, "open", 0, clients=100, **REQUEST)
+        result = json.loads(kept.result(60))
+    finally:
+        kept.close()
+    return {"longest ms": result["max_us"] / 1000}
 
 
 def at_rest(road, _seconds):
@@ -213,11 +233,14 @@ MEASURES = {
     "requests beside bulk": requests_beside_bulk,
     "datagrams, 1 client": lambda road, seconds: datagrams(road, seconds, 1),
     "datagrams, 16 clients": lambda road, seconds: datagrams(road, seconds, 16),
-    "256 connections at once": burst,
+    **{f"answers of {size} bytes": lambda road, seconds, n=size: answers(road, seconds, n)
+       for size in (16384, 50000, 65536)},
+    **{f"{count} connections at once": lambda road, _, n=count: burst(road, n)
+       for count in (64, 256)},
+    "requests beside 100 connections at once": burst_beside,
     "overhead on the link": link_bytes,
 }
-ONCE = ["at rest", f"requests beside {IDLE_CONNECTIONS} idle", "256 connections at once", "overhead on the link"]
-FULL_ONLY = ["256 connections at once"]
+ONCE = ["at rest", f"requests beside {IDLE_CONNECTIONS} idle", "overhead on the link"]
 
 
 def is_possible(measure, road):
@@ -240,8 +263,7 @@ def measure_roads(options, mode, directory, results, names):
             made.append(road)
             names.append(name)
         for measure, action in MEASURES.items():
-            if not is_wanted(options, measure) or (
-                    measure in FULL_ONLY and options.mode == "quick"):
+            if not is_wanted(options, measure):
                 continue
             for _ in range(1 if measure in ONCE else mode["repeats"]):
                 for road in filter(lambda road: is_possible(measure, road), made):
@@ -292,8 +314,7 @@ def micro_benchmarks():
 
 
 def known_measures(mode):
-    return [*(measure for measure in MEASURES if mode == "full" or measure not in FULL_ONLY),
-            *(measure for measure, _, _ in slow_links(mode)), *micro_benchmarks()]
+    return [*MEASURES, *(measure for measure, _, _ in slow_links(mode)), *micro_benchmarks()]
 
 
 def measure_micro(options, mode, results):
