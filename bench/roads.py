@@ -145,6 +145,10 @@ class Road:
     def process(self, role):
         return self._processes[role]
 
+    def programs(self):
+        """Their roles."""
+        return list(self._processes)
+
     def pids(self):
         """{role: its processes}."""
         return {role: with_children(process.pid) for role, process in self._processes.items()}
@@ -224,11 +228,15 @@ class VantrelRoad(Road):
 
 
 class CableRoad(Road):
-    """A plain connection over a cable."""
+    """A plain connection over a cable, each way as slow as |rate| says, as in 2mbit."""
 
-    def __init__(self, name, directory):
+    def __init__(self, name, directory, rate=None):
         super().__init__(name, directory)
         self.gateway = self.add_cable()
+        if rate:
+            limit = f"root tbf rate {rate} burst 8kb limit 64kb".split()
+            subprocess.run(["tc", "qdisc", "add", "dev", f"cable{Road.cables}", *limit], check=True)
+            self.device.run("tc", "qdisc", "add", "dev", "cable", *limit)
         for command in ["ip route delete local default dev lo",
                         f"ip route add default via {self.gateway}"]:
             self.device.run(*command.split())
