@@ -1,9 +1,10 @@
 #!/bin/bash
-# scripts/setup.sh build|test|bench|bluetooth|cross|all: installs what is missing to
-# build the programs and their unit tests (build), to run all tests too (test), to
-# measure too (bench), to run scripts/bluetooth.sh too (bluetooth), to build and test
-# for ARM (cross), to run every check and make the package too (all). Asks no
-# question; says nothing when nothing is missing.
+# scripts/setup.sh build|test|real|bench|bluetooth|cross|all: installs what is missing to
+# build the programs and their unit tests (build), to run the tests too (test), among
+# them those with many real programs (real), to measure too (bench), to run
+# scripts/bluetooth.sh too (bluetooth), to build and test for ARM (cross), to run every
+# check and make the package too (all). Asks no question; says nothing when nothing is
+# missing.
 set -euo pipefail
 
 build=(
@@ -25,6 +26,14 @@ test=(
   curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test; a terminal for vantrelctl top
   tshark tmux
+)
+real=(
+  # servers; tests start their own
+  vsftpd apache2-bin ngtcp2-server openssl python3-aiosmtpd redis-server
+  postgresql-common postgresql git rsync openssh-server mosquitto nsd socat
+  # clients
+  lftp tnftp netcat-openbsd apache2-utils curl wget ngtcp2-client redis-tools
+  openssh-client mosquitto-clients dnsperf
 )
 bench=(
   # plots; two roads to measure beside ours; many name look-ups
@@ -61,41 +70,69 @@ all=(
 [ -n "${VANTREL_SETUP_LOCKED-}" ] ||
   VANTREL_SETUP_LOCKED=1 exec flock --close "$0" "$0" "$@"
 
+is_installed() {
+  [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  else
+    sudo "$@"
+  fi
+}
+
 install_missing() {
-  local missing=() package status as_root=()
+  local missing=() package
   for package in "$@"; do
-    status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
-    [ "$status" = installed ] || missing+=("$package")
+    is_installed "$package" || missing+=("$package")
   done
   [ ${#missing[@]} -gt 0 ] || return 0
-  if [ "$(id -u)" -ne 0 ]; then
-    if ! command -v sudo >/dev/null; then
-      echo "setup: missing: ${missing[*]}; install them as root" >&2
-      exit 1
-    fi
-    as_root=(sudo)
+  if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+    echo "setup: missing: ${missing[*]}; install them as root" >&2
+    exit 1
   fi
   echo "setup: installing ${missing[*]}" >&2
-  "${as_root[@]}" apt-get -qq update
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -y \
+  as_root apt-get -qq update
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y \
     --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
+}
+
+# install_idle PACKAGE...: installs servers, and ends what the new ones started.
+install_idle() {
+  local package unit new=()
+  for package in "$@"; do
+    is_installed "$package" || new+=("$package")
+  done
+  install_missing "$@"
+  [ -d /run/systemd/system ] || return 0
+  for package in "${new[@]}"; do
+    dpkg -L "$package" | sed -nE 's:.*/systemd/system/([^/@]+\.(service|socket))$:\1:p' |
+      while read -r unit; do
+        as_root systemctl --quiet disable --now "$unit" </dev/null
+      done
+  done
 }
 
 case ${1:-} in
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
+  real)
+    install_missing "${build[@]}" "${test[@]}"
+    install_idle "${real[@]}" ;;
   bench) install_missing "${build[@]}" "${test[@]}" "${bench[@]}" ;;
   bluetooth)
     install_missing "${build[@]}" "${test[@]}" "${bluetooth[@]}"
     "$(dirname "$0")/bluetooth.sh" --prepare ;;
   cross) install_missing "${build[@]}" "${cross[@]}" ;;
   all)
+    install_idle "${real[@]}"
     install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${bluetooth[@]}" \
       "${cross[@]}" "${all[@]}"
     "$(dirname "$0")/bluetooth.sh" --prepare
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|bench|bluetooth|cross|all" >&2
+    echo "usage: setup.sh build|test|real|bench|bluetooth|cross|all" >&2
     exit 2 ;;
 esac
