@@ -28,10 +28,16 @@ iptables-legacy -w -t mangle -A probe -p udp -j TPROXY --on-port 1 --tproxy-mark
 """
 
 
+def pytest_addoption(parser):
+    parser.addoption("--before", metavar="DIR", help="programs of an earlier version, which "
+                     "test_real_programs.py runs beside these for its table")
+
+
 def pytest_configure(config):
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     if "VANTREL_BENCH" not in os.environ:
         enter_namespaces(config)
+    config.closing_lines = []  # what the session prints at its end
     for command in INTERNET:
         subprocess.run(command, check=True)
 
@@ -58,6 +64,11 @@ def pytest_sessionfinish(session, exitstatus):
             session.exitstatus = 1
         elif not reporter.stats.get("passed"):
             session.exitstatus = SKIPPED
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    for line in config.closing_lines:
+        terminalreporter.write_line(line)
 
 
 @pytest.fixture
