@@ -3,6 +3,7 @@ one of protocols 1 and 5 made of it, each at a socket file of its name; and the 
 without a fault. FAULTS says which check has to find each fault, and what it says."""
 
 import asyncio
+import contextlib
 import os
 import socket
 import struct
@@ -129,6 +130,27 @@ class SpeaksFirst(Companion):
         await super().shake_hands()
 
 
+@fault("handshake", "24 bytes wait .* sizes little-endian.*Frames")
+class SendsBigEndianSizes(Companion):
+    def send(self, kind, *fields, payload=b""):
+        frame = example.frame(kind, *fields, payload=payload)
+        self.writer.write(struct.pack("<2sHHH", *struct.unpack_from(">2sHHH", frame)) + frame[8:])
+
+
+@fault("handshake", "look like protocol 5")
+class SpeaksProtocol5(Companion):
+    async def shake_hands(self):
+        await self.receive()
+        self.writer.write(b"\x11" + struct.pack(">IH", 5, 0))
+
+
+@fault("handshake", "the connection header, see --header")
+class SendsTheConnectionHeader(Companion):
+    async def shake_hands(self):
+        self.writer.write(bytes(24))
+        await super().shake_hands()
+
+
 @fault("handshake-pieces", "the link ended")
 class WantsWholeReads(Companion):
     async def receive(self):
@@ -157,7 +179,7 @@ class AcceptsAnyVersion(Companion):
         self.send(example.HANDSHAKE_ACK, (1, (await self.receive())[1][1]))
 
 
-@fault("handshake-none", "a connection from the companion", 1)
+@fault("handshake-none", "without a handshake", 1)
 class WaitsForHandshake(V1):
     pass
 
@@ -168,7 +190,7 @@ class MistakesStreams(Companion):
         self.send(TCP_WRITE, (1, stream.id + 100), payload=data)
 
 
-@fault("stream-open", "wrong header checksum")
+@fault("stream-open", "wrong header checksum.*Frames")
 class SendsWrongChecksums(Companion):
     def send(self, kind, *fields, payload=b""):
         frame = bytearray(example.frame(kind, *fields, payload=payload))
@@ -192,7 +214,7 @@ class WaitsForTheApplication(Companion):
         await super().send_data(stream, data)
 
 
-@fault("stream-early-data", "acknowledgements")
+@fault("stream-early-data", "acknowledgement")
 class DropsEarlyData(Companion):
     def on_message(self, kind, fields, payload):
         if kind != TCP_WRITE or fields.get(1) not in self.streams or (
@@ -207,7 +229,7 @@ class HidesRefusal(Companion):
             super().end_stream(stream)
 
 
-@fault("stream-never-answers", "probe")
+@fault("stream-never-answers", "the connection of stream")
 class ConnectsOneByOne(Companion):
     async def receive(self):
         while not all(stream.carrying for stream in self.streams.values()):
@@ -223,7 +245,7 @@ class LosesTheEndOfLargeReads(Companion):
             await super().send_data(stream, bytes(len(data) - 16000))
 
 
-@fault("stream-empty-write", "acknowledgements")
+@fault("stream-empty-write", "acknowledgement")
 class EndsAtAnEmptyWrite(Companion):
     def on_message(self, kind, fields, payload):
         super().on_message(kind, fields, payload or None)
@@ -244,14 +266,14 @@ class AnswersUnknownStreams(Companion):
         super().on_message(kind, fields, payload)
 
 
-@fault("stream-many", "acknowledgement|echo|all 3")
+@fault("stream-many", "acknowledgement|echo")
 class HasFiftyStreams(Companion):
     def on_message(self, kind, fields, payload):
         if kind != TCP_CONNECT or len(self.streams) < 50:
             super().on_message(kind, fields, payload)
 
 
-@fault("stream-beside-bulk", "probe")
+@fault("stream-beside-bulk", "the echo of 5 bytes on stream")
 class FinishesOneStreamFirst(Companion):
     async def send_data(self, stream, data):
         while next(iter(self.streams)) != stream.id:
@@ -259,12 +281,18 @@ class FinishesOneStreamFirst(Companion):
         await super().send_data(stream, data)
 
 
-@fault("ack-each-write", "acknowledgements")
+@fault("ack-each-write", "acknowledgement")
 class AcknowledgesEverySecond(Companion):
     def acknowledge(self, stream):
         stream.count = getattr(stream, "count", 0) + 1
         if stream.count % 2 == 0:
             super().acknowledge(stream)
+
+
+@fault("handshake-version", "acknowledgement 1 on .* the next link does not work.*Streams")
+class AcknowledgesNothing(Companion):
+    def acknowledge(self, stream):
+        pass
 
 
 @fault("ack-each-write", "credit grows")
@@ -274,7 +302,7 @@ class AcknowledgesTwice(Companion):
         super().acknowledge(stream)
 
 
-@fault("ack-own-stream", "acknowledgements")
+@fault("ack-own-stream", "acknowledgement")
 class AcknowledgesAnotherStream(Companion):
     def acknowledge(self, stream):
         super().acknowledge(list(self.streams.values())[-1])
@@ -529,10 +557,45 @@ class AnswersInTheFirstForm(V1):
         super().write_datagram(kind, ends, tail)
 
 
-@fault("datagram-failure", "probe", 5)
+@fault("datagram-failure", "bytes wait to be a UDP_FAILURE_V2", 5)
 class FailsWithAnOwner(V1):
     def write_datagram(self, kind, ends, tail):
         super().write_datagram(kind, ends, b"\xff\xff" + tail if kind == UDP_FAILURE else tail)
+
+
+class Floods(Companion):
+    """Sends without an end once a stream is asked for."""
+    def on_message(self, kind, fields, payload):
+        if kind == TCP_CONNECT:
+            asyncio.create_task(self.send_all(fields[2]))
+
+    async def choose(self, remote):
+        return self.writer
+
+    async def send_all(self, remote):
+        with contextlib.suppress(OSError):
+            writer = await self.choose(remote)
+            while True:
+                writer.write(self.flood)
+                await writer.drain()
+
+
+@fault("stream-open", "the magic 0000")
+class FloodsWithJunk(Floods):
+    flood = bytes(65536)
+
+
+@fault("stream-open", "messages that belong to no stream")
+class FloodsWithNetworks(Floods):
+    flood = 3000 * example.frame(14, (1, 7))
+
+
+@fault("stream-open", "acknowledgement 1")
+class FloodsServers(Floods):
+    flood = bytes(65536)
+
+    async def choose(self, remote):
+        return (await asyncio.open_connection(*example.parse_endpoint(remote)))[1]
 
 
 async def serve_all(directory):

@@ -5,6 +5,7 @@ import struct
 from typing import NamedTuple
 
 from . import message as m
+from . import rules
 
 HANDSHAKE_VERSION = 5
 MAX_PAYLOAD = 65535
@@ -68,6 +69,7 @@ class Codec:
     """What a device of one version, 1 or 5, sends, and a decoder of what it receives."""
 
     drops_before_handshake = False
+    framing = rules.MESSAGE
 
     def __init__(self, version):
         self.has_handshake = version == 5
@@ -77,6 +79,8 @@ class Codec:
         self.max_payload = MAX_PAYLOAD
         self.datagram_names = (("UDP_DATAGRAM_V2", "UDP_FAILURE_V2") if version == 5 else
                                ("UDP_DATAGRAM", "UDP_FAILURE"))
+        self.names_of = {layout.kind: layout.name for layout in _LAYOUTS.values()}
+        self.names_of.update(zip((m.DATAGRAM, m.FAILURE), self.datagram_names))
 
     def decoder(self):
         return Decoder()
@@ -115,9 +119,7 @@ class Decoder(m.Decoder):
             return None
         layout = _LAYOUTS.get(self._held[0])
         if not layout:
-            self._is_lost = True
-            return m.Message(m.BAD, f"a message of the unknown type {self._held[0]}", {}, b"",
-                             bytes(self._held))
+            return self._lose(f"a message of the unknown type {self._held[0]}", rules.MESSAGE)
         if len(self._held) < layout.size:
             return None
         values = struct.unpack_from(layout.format, self._held, 1)
@@ -130,3 +132,13 @@ class Decoder(m.Decoder):
         for key in fields.keys() & {"local", "remote"}:
             fields[key] = _endpoint(fields[key])
         return m.Message(layout.kind, layout.name, fields, raw[layout.size:], raw)
+
+    def _waits_for(self):
+        layout = _LAYOUTS[self._held[0]]
+        if len(self._held) < layout.size:
+            return f"a {layout.name} of {layout.size} bytes"
+        length = bytes(self._held[layout.size - 2:layout.size])
+        text = (f"a {layout.name} of {layout.size} bytes with a payload of "
+                f"{int.from_bytes(length, 'big')} bytes")
+        fits = layout.size + int.from_bytes(length, "little") <= len(self._held)
+        return text + (": length big-endian?" if fits else "")

@@ -4,7 +4,7 @@ import socket
 import struct
 
 from . import message as m
-from . import protobuf
+from . import protobuf, rules
 from .crc32c import crc32c, short_crc32c
 
 HANDSHAKE_VERSION = 1
@@ -70,9 +70,11 @@ class Codec:
     """What a device sends, and a decoder of what it receives."""
 
     has_handshake = drops_before_handshake = True
+    framing = rules.FRAME
     handshake_version = HANDSHAKE_VERSION
     max_datagram = max_payload = MAX_PAYLOAD
     datagram_names = ("UDP_SEND", "UDP_FAILURE")
+    names_of = dict(_TYPES.values())
 
     def decoder(self):
         return Decoder()
@@ -106,12 +108,12 @@ class Decoder(m.Decoder):
     checks_payload = True  # the slow part, which figures leave out
 
     def _next(self):
+        magic = bytes(self._held[:2])
+        if not b"VN".startswith(magic):
+            return self._lose(f"a frame with the magic {magic.hex()}", rules.FRAME)
         if len(self._held) < PREAMBLE.size:
             return None
-        magic, header_size, payload_size, checksum = PREAMBLE.unpack_from(self._held)
-        if magic != b"VN":
-            self._is_lost = True
-            return _bad(f"a frame with the magic {magic.hex()}", bytes(self._held))
+        _, header_size, payload_size, checksum = PREAMBLE.unpack_from(self._held)
         size = PREAMBLE.size + header_size + payload_size
         if len(self._held) < size:
             return None
@@ -119,25 +121,37 @@ class Decoder(m.Decoder):
         del self._held[:size]
         header = raw[PREAMBLE.size:PREAMBLE.size + header_size]
         if header_size > MAX_HEADER or payload_size > MAX_PAYLOAD:
-            return _bad(f"a frame of {header_size} + {payload_size} bytes", raw)
+            return _bad(f"a frame of {header_size} + {payload_size} bytes", raw, rules.FRAME)
         if checksum != short_crc32c(header):
-            return _bad("a frame with a wrong header checksum", raw)
+            return _bad(f"a frame with a wrong header checksum ({checksum:#06x}, not "
+                        f"{short_crc32c(header):#06x})", raw, rules.FRAME)
         try:
             return self._decode(protobuf.decode(header), raw[PREAMBLE.size + header_size:], raw)
         except protobuf.Malformed:
-            return _bad("a header that is no such message", raw)
+            return _bad("a header that is no such message", raw, rules.MESSAGE)
+
+    def _waits_for(self):
+        if len(self._held) < PREAMBLE.size:
+            return "a frame"
+        _, header_size, payload_size, _ = PREAMBLE.unpack_from(self._held)
+        text = f"a header of {header_size} bytes and a payload of {payload_size} bytes"
+        swapped = sum(struct.unpack_from(">2xHH", self._held))
+        return text + (": sizes little-endian?" if PREAMBLE.size + swapped <= len(self._held)
+                       else "")
 
     def _decode(self, header, payload, raw):
         number = protobuf.get(header, 1, 0)
         if number not in _TYPES:
-            return _bad(f"a message of the unknown type {number}", raw)
+            return _bad(f"a message of the unknown type {number}", raw, rules.MESSAGE)
         kind, name = _TYPES[number]
         has_checksum = any(key == 2 for key, _ in header)
         if has_checksum != bool(payload):
             return _bad(f"{name} with {'a' if has_checksum else 'no'} payload checksum and "
-                        f"{len(payload)} bytes of payload", raw)
-        if payload and self.checks_payload and protobuf.get(header, 2, 0) != crc32c(payload):
-            return _bad(f"{name} with a wrong payload checksum", raw)
+                        f"{len(payload)} bytes of payload", raw, rules.PAYLOAD_CHECKSUM)
+        checksum = protobuf.get(header, 2, 0)
+        if payload and self.checks_payload and checksum != crc32c(payload):
+            return _bad(f"{name} with a wrong payload checksum ({checksum:#010x}, not "
+                        f"{crc32c(payload):#010x})", raw, rules.PAYLOAD_CHECKSUM)
         fields = protobuf.decode(protobuf.get(header, 199 + number, b""))
         values = {}
         for key, label, default in _FIELDS.get(kind, ()):
@@ -149,5 +163,5 @@ class Decoder(m.Decoder):
         return m.Message(kind, name, values, payload, raw)
 
 
-def _bad(what, raw):
-    return m.Message(m.BAD, what, {}, b"", raw)
+def _bad(what, raw, rule):
+    return m.Message(m.BAD, what, {}, b"", raw, rule)

@@ -2,11 +2,11 @@
 
 import time
 
-from . import codec_v1, codec_v2, servers
+from . import codec_v1, codec_v2, guess, rules, servers
 from .device import Device
 from .loop import Loop
 from .outcome import Failed
-from .trace import Trace
+from .trace import Trace, describe_undecoded
 
 
 class LinkSource:
@@ -49,6 +49,7 @@ class Environment:
         self.codec = codec_v2.Codec() if protocol == 20 else codec_v1.Codec(protocol)
         self.timeout = options.timeout
         self.address = options.server_address
+        self.has_server = True
         self.pid = options.pid
         self.loop = Loop()
         self.trace = Trace()
@@ -56,7 +57,7 @@ class Environment:
         self._has_header = options.header
         self._link_source = link_source
         self._servers = []
-        self._echo = None
+        self._echo = self._probe_server = None
 
     def open_link(self):
         """A device on a new link, before the handshake."""
@@ -72,15 +73,24 @@ class Environment:
         return self.open_link().shake_hands()
 
     def _take_header(self, sock):
-        header = b""
-        sock.settimeout(self.timeout)
-        while len(header) < 24:
-            piece = sock.recv(24 - len(header))
+        header, end = b"", time.monotonic() + self.timeout
+        while len(header) < guess.HEADER_SIZE:
+            sock.settimeout(max(end - time.monotonic(), 0.001))
+            try:
+                piece = sock.recv(guess.HEADER_SIZE - len(header))
+            except TimeoutError:
+                raise Failed(f"the connection header: {len(header)} of its "
+                             f"{guess.HEADER_SIZE} bytes within {self.timeout:g} s",
+                             rules.HEADER) from None
             if not piece:
-                raise Failed("the link ended before the connection header was complete")
+                raise Failed("the link ended before the connection header was complete",
+                             rules.HEADER)
             header += piece
         if header[16:20] != bytes(4):
-            raise Failed(f"the connection header has the status {header[16:20].hex()}")
+            likeness = guess.likeness(header)
+            raise Failed(f"the connection header has the status {header[16:20].hex()}" +
+                         (f"; these bytes look like {likeness}" if likeness else ""),
+                         rules.HEADER)
 
     def _keep(self, server):
         self._servers.append(server)
@@ -101,6 +111,13 @@ class Environment:
             self._echo = self.server(servers.echo)
         return self._echo.endpoint
 
+    @property
+    def probe_server(self):
+        """The echo server of Device.probe() alone, so that its connections count."""
+        if not self._probe_server:
+            self._probe_server = self.server(servers.echo)
+        return self._probe_server
+
     def wait(self, condition, what):
         """As Device.wait(), for what happens at the servers."""
         if not self.loop.wait(condition, self.timeout):
@@ -110,7 +127,9 @@ class Environment:
 
     def accept(self, server, count=1):
         """The |count|th connection to a server."""
-        self.wait(lambda: len(server.peers) >= count, "a connection from the companion")
+        self.wait(lambda: len(server.peers) >= count or any(d.faults for d in self.devices),
+                  "a connection from the companion")
+        self.verify()
         return server.peers[count - 1]
 
     def check_next_link(self):
@@ -118,13 +137,18 @@ class Environment:
         try:
             self.device().probe()
         except Failed as failure:
-            raise Failed(f"the next link does not work: {failure}") from None
+            raise Failed(f"{failure}; so the next link does not work", failure.rule) from None
 
     def verify(self):
         """What has to hold in every check."""
         for device in self.devices:
             if device.faults:
-                raise Failed(device.faults[0])
+                raise device.faults[0]
+
+    def exchange(self):
+        """Lines of the last messages of all links, and what is none yet."""
+        return self.trace.lines() + [line for device in self.devices
+                                     for line in describe_undecoded(device.decoder)]
 
     def close(self):
         for device in self.devices:

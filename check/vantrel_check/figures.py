@@ -59,10 +59,10 @@ def _download(env, count):
     device.decoder.checks_payload = False
     streams = [device.connect(server.endpoint) for _ in range(count)]
     device.wait(lambda: all(stream.received for stream in streams), "bytes on all streams")
-    before, start = [len(stream.received) for stream in streams], time.monotonic()
+    before, start = [stream.received_bytes for stream in streams], time.monotonic()
     env.loop.pause(SECONDS)
     seconds = time.monotonic() - start
-    rates = [(len(stream.received) - bytes_before) / seconds
+    rates = [(stream.received_bytes - bytes_before) / seconds
              for stream, bytes_before in zip(streams, before)]
     device.link.close()
     return sum(rates), rates
@@ -96,9 +96,9 @@ def _round_trips(device, env, count, queues=None):
     stream = device.connect(env.server(echo).endpoint)
     times = []
     for _ in range(count):
-        before, start = len(stream.received), time.monotonic()
+        before, start = stream.received_bytes, time.monotonic()
         stream.write(b"x")
-        device.wait(lambda: len(stream.received) > before, "echo")
+        device.wait(lambda: stream.received_bytes > before, "echo")
         times.append((time.monotonic() - start) * 1000)
         if queues is not None:
             unread = fcntl.ioctl(device.link.sock, termios.FIONREAD, bytes(4))

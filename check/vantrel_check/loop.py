@@ -14,11 +14,15 @@ import time
 
 READ, WRITE = select.POLLIN, select.POLLOUT
 CHUNK = 65536
+# What checks may look at later, of all ends together. A companion that sends without an
+# end is no reason to keep it all.
+_KEPT = 64 << 20
 
 
 class Loop:
     def __init__(self):
         self._watched = []
+        self._room = _KEPT
         self.tick = 0.05  # seconds; a condition may depend on the time, too
 
     def add(self, watched):
@@ -28,6 +32,24 @@ class Loop:
     def remove(self, watched):
         if watched in self._watched:
             self._watched.remove(watched)
+
+    def keep(self, kept, data, most=_KEPT):
+        """Appends to |kept| what of |data| has room, in |most| bytes and beside all that
+        is kept elsewhere."""
+        count = max(min(len(data), most - len(kept), self._room), 0)
+        kept += data[:count]
+        self._room -= count
+
+    def forget(self, kept):
+        self._room += len(kept)
+        kept.clear()
+
+    def reserve(self, size):
+        """Whether |size| more bytes may be kept; they are counted then."""
+        if size > self._room:
+            return False
+        self._room -= size
+        return True
 
     def wait(self, condition, seconds):
         """Whether |condition()| came true within |seconds|."""
@@ -56,16 +78,19 @@ class Loop:
 
 
 class Channel:
-    """A connected stream socket, in both directions buffered without a bound.
+    """A connected stream socket with buffers in both directions.
 
-    |received| is emptied by whoever reads it; |on_data| is called when it has more.
-    |ended| is "" while the other end may still send, then the reason. |source|, if
-    there is one, is asked for more bytes whenever all are written.
+    |received| is emptied by whoever reads it, and what has no room there is only
+    counted; |on_data| is called when it has more. |ended| is "" while the other end may
+    still send, then the reason. |source|, if there is one, is asked for more bytes
+    whenever all are written. Nothing is read while |max_unsent| bytes wait to be
+    written.
     """
 
     def __init__(self, loop, sock):
         self.sock = sock
         self.reading = True
+        self.max_unsent = None
         self.received = bytearray()
         self.received_bytes = self.sent_bytes = 0
         self.ended = ""
@@ -83,7 +108,9 @@ class Channel:
 
     def wants(self):
         has_more = self._out or self.source or self._ends_writing
-        return (READ if self.reading and not self.ended else 0) | (WRITE if has_more else 0)
+        reads = self.reading and not self.ended and (
+            self.max_unsent is None or len(self._out) < self.max_unsent)
+        return (READ if reads else 0) | (WRITE if has_more else 0)
 
     def on_ready(self, events):
         if events & WRITE and (self._out or self.source or self._ends_writing):
@@ -103,7 +130,7 @@ class Channel:
         if not data:
             self.ended = "closed"
             return 0
-        self.received += data
+        self._loop.keep(self.received, data)
         self.received_bytes += len(data)
         if self.on_data:
             self.on_data()
@@ -112,7 +139,7 @@ class Channel:
     def take(self):
         """All that was received and not taken before."""
         data = bytes(self.received)
-        self.received.clear()
+        self._loop.forget(self.received)
         return data
 
     def send(self, data):

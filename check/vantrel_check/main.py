@@ -2,6 +2,7 @@
 
 import argparse
 import fnmatch
+import os
 import re
 import sys
 
@@ -11,25 +12,30 @@ from .figures import measure, memory
 from .links import LinkAddress, LinkError
 from .outcome import Failed
 from .registry import ALL, CHECKS
-from .report import JsonReport, TextReport, write_junit
+from .report import escape, JsonReport, TextReport, write_junit
 from .runner import FAIL, Runner
 from .servers import unused_endpoint
 
 FIGURES = "figures"
 EXIT_FAILED, EXIT_USAGE = 1, 2
+_MAX_TIMEOUT = 3600
 
 
 def _seconds(text):
-    seconds = float(text)
-    if not 0 < seconds < 3600:
-        raise ValueError()
+    try:
+        seconds = float(text)
+    except ValueError:
+        seconds = 0
+    if not 0 < seconds < _MAX_TIMEOUT:
+        raise argparse.ArgumentTypeError(f"'{text}' is no number of seconds below {_MAX_TIMEOUT}")
     return seconds
 
 
-def _parser():
+def _parser(version):
     parser = argparse.ArgumentParser(
         prog="vantrel-check",
         description="Plays the device against a companion and judges what it does.")
+    parser.add_argument("--version", action="version", version=f"vantrel-check {version}")
     parser.add_argument("links", metavar="LINK", nargs="*",
                         help="unix:PATH, tcp:HOST:PORT or rfcomm:ADDRESS/CHANNEL; with "
                         "--protocol all one for all, or one for each protocol")
@@ -42,6 +48,7 @@ def _parser():
                         help="the companion sends the 24-byte connection header first")
     parser.add_argument("--only", metavar="NAME", nargs="+", action="extend",
                         help="only these checks; a name may have * in it, and 'figures' is one")
+    parser.add_argument("--fail-fast", action="store_true", help="stop at the first failure")
     parser.add_argument("--list", action="store_true", help="print all checks and exit")
     parser.add_argument("--server-address", metavar="ADDRESS", default="127.0.0.1",
                         help="IPv4 address of this machine, where the companion reaches the "
@@ -69,8 +76,9 @@ def _selected(names):
 def _print_list():
     for check in CHECKS:
         versions = ",".join(str(number) for number in check.protocols)
-        print(f"{check.name:26} {versions:7} {check.says}")
+        print(f"{check.name:26} {versions:7} {check.rule.says}")
     print(f"{FIGURES:26} {'1,5,20':7} Throughput, latency, fairness, memory; not judged.")
+    return 0
 
 
 def _links(options):
@@ -89,19 +97,13 @@ def _measure(env, protocol, report):
         for name, value, unit in measure(env):
             report.figure(protocol, name, value, unit)
     except (Failed, OSError) as error:
-        print(f"vantrel-check: figures of protocol {protocol}: {error}", file=sys.stderr)
+        _complain(f"figures of protocol {protocol}: {error}")
     finally:
         env.close()
 
 
-def _run(options):
-    report = JsonReport() if options.json else TextReport()
-    chosen, measures = _selected(options.only)
-    if not re.fullmatch(r"\d+(\.\d+){3}", options.server_address):
-        raise LinkError(f"not an IPv4 address: '{options.server_address}'")
-    # An OSError, where no server can stand or no such process is.
-    unused_endpoint(options.server_address)
-    memory(options.pid)
+def _judge(options, chosen, measures, report):
+    """The Results, each of which it has told."""
     results = []
     for protocol, address in _links(options):
         source = LinkSource(address, options.listen, options.timeout)
@@ -109,20 +111,36 @@ def _run(options):
         source.open().close()
         report.begin(protocol, address)
         runner = Runner(protocol, source, options)
-        for check in chosen:
-            results.append(runner.run(check))
-            report.result(results[-1])
-        if measures:
+        for result in runner.run_all(chosen):
+            results.append(result)
+            report.result(result)
+            if options.fail_fast and result.outcome == FAIL:
+                return results
+        if measures and runner.serves:
             _measure(Environment(protocol, source, options), protocol, report)
         source.close()
+    return results
+
+
+def _run(options):
+    report = JsonReport() if options.json else TextReport()
+    chosen, measures = _selected(options.only)
+    if not re.fullmatch(r"\d+(\.\d+){3}", options.server_address):
+        raise LinkError(f"not an IPv4 address: '{options.server_address}'")
+    # An OSError, where no server can stand, no such process is, or no file can be.
+    unused_endpoint(options.server_address)
+    memory(options.pid)
+    if options.junit:
+        open(options.junit, "ab").close()
+    results = _judge(options, chosen, measures, report)
     report.end(results)
     if options.junit:
         write_junit(options.junit, results)
     return EXIT_FAILED if any(result.outcome == FAIL for result in results) else 0
 
 
-def _parse():
-    options = _parser().parse_args()
+def _parse(version):
+    options = _parser(version).parse_args()
     # --only takes all words up to the next option, also a link behind them. No
     # check has a colon in its name, and every link has.
     words = options.only or []
@@ -131,18 +149,22 @@ def _parse():
     return options
 
 
-def main():
-    options = _parse()
-    if options.list:
-        _print_list()
-        return 0
+def _complain(text):
+    print(f"vantrel-check: {escape(text)}", file=sys.stderr)
+
+
+def main(version):
+    # Names may have letters that the terminal's encoding has not.
+    sys.stdout.reconfigure(errors="backslashreplace")
+    options = _parse(version)
     try:
-        return _run(options)
+        return _print_list() if options.list else _run(options)
+    except BrokenPipeError:  # nobody reads any more, nor what Python still holds
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     except (LinkError, LinkRefused) as error:
-        print(f"vantrel-check: {error}", file=sys.stderr)
+        _complain(str(error))
     except OSError as error:
-        where = f"{error.filename}: " if error.filename else ""
-        print(f"vantrel-check: {where}{error.strerror}", file=sys.stderr)
+        _complain((f"{error.filename}: " if error.filename else "") + str(error.strerror))
     except KeyboardInterrupt:
         pass
     return EXIT_USAGE

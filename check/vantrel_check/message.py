@@ -2,6 +2,8 @@
 
 from typing import NamedTuple
 
+from . import guess
+
 # One name for the same thing in both protocols. A codec knows what its
 # protocol's document calls it.
 HANDSHAKE, HANDSHAKE_ACK, HANDSHAKE_DONE = "handshake", "handshake-ack", "handshake-done"
@@ -22,6 +24,7 @@ class Message(NamedTuple):
     fields: dict  # stream, version, local, remote and so on; endpoints are (host, port)
     payload: bytes
     raw: bytes
+    rule: object = None  # which a BAD one breaks
 
     def in_words(self):
         parts = [f"{key} {in_words(value)}" for key, value in self.fields.items()]
@@ -32,20 +35,37 @@ class Message(NamedTuple):
 
 class Decoder:
     """Cuts bytes into the messages of either end. Each codec has its own _next(): the
-    next whole message at the front of _held, or None. It sets _is_lost where nothing
-    more can be told apart."""
+    next whole message at the front of _held, or None."""
 
     def __init__(self):
         self._held = bytearray()
         self._is_lost = False
+        self._is_first = True
 
     def feed(self, data):
+        if self._is_lost:
+            return
         self._held += data
         while not self._is_lost and (message := self._next()):
+            self._is_first = False
             yield message
+
+    def undecoded(self):
+        """(what these bytes are the beginning of, the bytes), or nothing."""
+        return (self._waits_for(), bytes(self._held)) if self._held else None
 
     def _next(self):
         raise NotImplementedError
+
+    def _waits_for(self):
+        raise NotImplementedError
+
+    def _lose(self, what, rule):
+        """The BAD message behind which nothing can be told apart any more."""
+        held, self._held, self._is_lost = bytes(self._held), bytearray(), True
+        likeness = guess.likeness(held) if self._is_first else ""
+        hint = f"; these bytes look like {likeness}" if likeness else ""
+        return Message(BAD, what + hint, {}, b"", held, rule)
 
 
 def in_words(value):

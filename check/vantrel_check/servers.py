@@ -1,10 +1,16 @@
 """The remotes that a companion connects to, with what each of them does. IPv4 only,
 as the link."""
 
+import contextlib
 import socket
 import struct
 
 from .loop import READ, Channel
+
+# More than any check asks for; what comes above that is dropped.
+_MAX_PEERS = 512
+_MAX_DATAGRAMS = 1000
+_MAX_ECHO = 1 << 20  # what waits for a companion that writes and does not read
 
 
 class TcpServer:
@@ -36,6 +42,9 @@ class TcpServer:
             sock, _ = self._sock.accept()
         except OSError:
             return
+        if len(self.peers) == _MAX_PEERS:
+            sock.close()
+            return
         peer = Channel(self._loop, sock)
         peer.reading = self._reading
         self.peers.append(peer)
@@ -50,6 +59,7 @@ class TcpServer:
 
 
 def echo(peer):
+    peer.max_unsent = _MAX_ECHO
     peer.on_data = lambda: peer.send(peer.take())
 
 
@@ -120,9 +130,12 @@ class UdpServer:
             payload, sender = self.sock.recvfrom(65536)
         except OSError:
             return
+        if len(self.received) == _MAX_DATAGRAMS:
+            return
         self.received.append((payload, sender))
         for answer in self._answer(payload) if self._answer else ():
-            self.sock.sendto(answer, sender)
+            with contextlib.suppress(OSError):  # as any network loses some
+                self.sock.sendto(answer, sender)
 
     def close(self):
         self._loop.remove(self)

@@ -6,6 +6,7 @@ import time
 _KEPT = 40
 _KEPT_AFTER_FAULT = 8
 _HEX_BYTES = 32
+_MAX_WORDS = 200
 
 
 class Trace:
@@ -42,11 +43,24 @@ class Trace:
         left_out = self._count - len(self._events)
         lines = [f"({left_out} earlier messages left out)"] if left_out else []
         for seconds, who, words, excerpt, length in self._events:
-            lines.append(f"{seconds:7.3f} {who} {words() if callable(words) else words}")
-            if excerpt:
-                more = f" ... ({length} bytes)" if length > len(excerpt) else ""
-                lines.append(f"        {excerpt.hex(' ')}{more}")
+            text = words() if callable(words) else words
+            lines.append(f"{seconds:7.3f} {who} {text[:_MAX_WORDS]}")
+            lines += _hex(excerpt, length)
         return lines
+
+
+def describe_undecoded(decoder):
+    """The bytes that are no whole message yet, in a form for the end of lines()."""
+    if not decoder.undecoded():
+        return []
+    waits_for, data = decoder.undecoded()
+    return [f"  still companion -> bytes that wait to be {waits_for}",
+            *_hex(data[:_HEX_BYTES], len(data))]
+
+
+def _hex(excerpt, length):
+    more = f" ... ({length} bytes)" if length > len(excerpt) else ""
+    return [f"        {excerpt.hex(' ')}{more}"] if excerpt else []
 
 
 def _describe(data, codec):

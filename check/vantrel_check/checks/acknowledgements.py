@@ -1,5 +1,6 @@
 """Credit: one acknowledgement for each write, once its bytes have been handed on."""
 
+from .. import rules
 from ..device import BULK, CREDIT, MAX_WRITE
 from ..outcome import Warned, expect
 from ..registry import check
@@ -7,8 +8,7 @@ from ..servers import echo, source
 from .streams import differs, pattern
 
 SECTION = "Streams"
-CREDIT_RULE = ("Credit: send one TCP_WRITE_ACK for each write once its bytes have been handed "
-               "on. The device sends at most 8 unacknowledged ones a stream.")
+CREDIT_RULE = rules.CREDIT.says
 # More than the kernels between companion and server hold.
 TOO_MUCH = 12 << 20
 TOO_MUCH_AHEAD = 16 << 20

@@ -91,14 +91,14 @@ def close_beside_bulk(env):
     device, server = env.device(), env.server(source)
     for count in range(1, 4):
         stream = device.connect(server.endpoint)
-        device.wait(lambda: len(stream.received) > 50000, "bulk bytes")
+        device.wait(lambda: stream.received_bytes > 50000, "bulk bytes")
         stream.close()
         peer = env.accept(server, count)
         env.wait(lambda: peer.ended, "the end at a remote that still sends")
         device.probe()
-        before = len(stream.received)
+        before = stream.received_bytes
         device.probe()
-        expect(len(stream.received) == before, "bytes of a stream that the device has closed")
+        expect(stream.received_bytes == before, "bytes of a stream that the device has closed")
 
 
 @check(SECTION, "Both ends may close at once; messages for a stream that is not open are "

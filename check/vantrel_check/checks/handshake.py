@@ -10,20 +10,22 @@ from ..servers import echo_datagram
 SECTION = ("Handshake (`vantrel 5`)", "Handshake")
 
 
-@check(SECTION, "The acknowledgement has the version of the device, and comes once.", (5, 20))
+@check(SECTION, "The acknowledgement has the version of the device, and comes once.", (5, 20),
+       needs_server=False)
 def handshake(env):
     device = env.device()
-    device.probe()
+    device.settle()
     expect(len(device.of_kind(m.HANDSHAKE_ACK)) == 1, "not one acknowledgement")
 
 
-@check(SECTION, "The bytes of the handshake may come in any pieces.", (5, 20))
+@check(SECTION, "The bytes of the handshake may come in any pieces.", (5, 20),
+       needs_server=False)
 def handshake_pieces(env):
     device = env.open_link()
     for byte in env.codec.handshake():
         device.send_piece(bytes([byte]), "a byte of the handshake")
     device.wait_handshake_ack()
-    device.probe()
+    device.settle()
 
 
 @check(SECTION, "The device does not wait for the acknowledgement: streams and datagrams may "

@@ -1,13 +1,13 @@
 """Streams: opening them, bytes in both directions, their ids."""
 
-from .. import codec_v2
+from .. import codec_v2, rules
 from ..device import BULK, CREDIT, MAX_WRITE
-from ..outcome import expect
+from ..outcome import NoServer, expect
 from ..registry import check
 from ..servers import echo, source, unused_endpoint
 
 SECTION = "Streams"
-OPEN = "Open the connection; there is no answer for success. If it fails, send TCP_CLOSE."
+OPEN = rules.OPEN.says
 MANY = 100
 SIZES = (1, 2, 3, 255, 256, 1460, 4095, 4096, 4097, 16383, 16384, 16385, 65535, 65536, 200000)
 
@@ -24,6 +24,23 @@ def differs(expected, got):
     place = next((i for i, (a, b) in enumerate(zip(expected, got)) if a != b),
                  min(len(expected), len(got)))
     return f"{len(got)} bytes for {len(expected)}, different from byte {place} on"
+
+
+@check(SECTION, OPEN, needs_server=False)
+def reach_server(env):
+    device, server = env.device(), env.server()
+    stream = device.connect(server.endpoint)
+    stream.write(b"anybody?")
+    env.loop.wait(lambda: server.peers or stream.closes or device.faults or device.link.ended,
+                  env.timeout)
+    if stream.closes and not server.peers:
+        raise NoServer(f"the companion refuses {env.address}: it answers TCP_CLOSE and makes no "
+                       "connection; see --server-address here, and --allow there")
+    if not (server.peers or device.faults or device.link.ended):
+        raise NoServer(f"no connection to {env.address} for TCP_CONNECT within "
+                       f"{env.timeout:g} s; can the companion reach this machine there? See "
+                       "--server-address")
+    env.accept(server)
 
 
 @check(SECTION, OPEN)
@@ -201,7 +218,7 @@ def stream_many(env):
 def stream_beside_bulk(env):
     device = env.device()
     bulk = device.connect(env.server(source).endpoint)
-    device.wait(lambda: len(bulk.received) > 100000, "bulk bytes")
+    device.wait(lambda: bulk.received_bytes > 100000, "bulk bytes")
     for _ in range(3):
         device.probe()
     bulk.close()

@@ -115,8 +115,8 @@ _vantrel_check() {
     --server-address | --timeout | --pid) ;;
     *)
       if [[ $cur == -* ]]; then
-        _vantrel_words --help --protocol --listen --header --only --list \
-          --server-address --timeout --pid --json --junit
+        _vantrel_words --help --version --protocol --listen --header --only \
+          --fail-fast --list --server-address --timeout --pid --json --junit
       else
         _vantrel_link "unix: tcp: rfcomm:"
       fi ;;
