@@ -9,8 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/printable.h"
 #include "platform/linux/log_sink.h"
-#include "programs/printable.h"
 
 namespace vantrel {
 namespace {

@@ -3,14 +3,11 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
-#include <map>
-#include <vector>
+#include "programs/command_line.h"
 
 namespace vantrel {
 namespace {
 
-constexpr int kExitUsage = 2;
 constexpr char kProgram[] = "vantrel-companion";
 
 // ID[,metered]
@@ -55,21 +52,15 @@ bool ParseFd(const std::string& text, Options* options) {
   return true;
 }
 
-CLI::ValidationError Unusable(const std::string& name,
-                              const std::string& text) {
-  return CLI::ValidationError(name, "not a usable value: '" + text + "'");
-}
-
 using Parser = bool (*)(const std::string&, Options*);
 
-// An option whose value has a form of its own.
+// An option whose value has a form of its own, which |meaning| explains.
 CLI::Option* AddParsed(CLI::App* app, const std::string& name,
-                       const std::string& form, const std::string& help,
-                       Parser parser, Options* options) {
-  const auto parse = [name, parser, options](const std::string& text) {
-    if (!parser(text, options)) {
-      throw Unusable(name, text);
-    }
+                       const std::string& form, const std::string& meaning,
+                       const std::string& help, Parser parser,
+                       Options* options) {
+  const auto parse = [=](const std::string& text) {
+    if (!parser(text, options)) throw WrongValue(name, text, form + meaning);
   };
   return app->add_option_function<std::string>(name, parse, help)
       ->type_name(form);
@@ -81,22 +72,6 @@ CLI::Option* AddList(CLI::App* app, const std::string& name,
   return app->add_option(name, help)->type_name(form)->expected(1)->take_all();
 }
 
-// An option whose value is one of a few words.
-template <typename Value>
-void AddChoice(CLI::App* app, const std::string& name, const std::string& help,
-               const std::map<std::string, Value>& values,
-               const std::string& standard, Value* out) {
-  std::vector<std::string> words;
-  for (const auto& value : values) words.push_back(value.first);
-  app->add_option_function<std::string>(
-         name,
-         [values, out](const std::string& word) { *out = values.at(word); },
-         help)
-      ->check(CLI::IsMember(words))
-      ->type_name("")
-      ->default_str(standard);
-}
-
 void DefineLinks(CLI::App* app, Options* options) {
   app->add_option("--protocol", options->protocol,
                   "Link protocol that the daemon was started with")
@@ -105,8 +80,8 @@ void DefineLinks(CLI::App* app, Options* options) {
   auto* link = app->add_option_group("Link");
   AddList(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
           "Wait for links there; may be given several times");
-  AddParsed(app, "--fd", "N", "Serve the connected socket N, then exit",
-            ParseFd, options);
+  AddParsed(app, "--fd", "N", ", the number of an open socket",
+            "Serve the connected socket N, then exit", ParseFd, options);
   link->add_options(app->get_option("--listen"), app->get_option("--fd"));
   link->require_option(1);
   app->add_option("--max-links", options->max_links, "Links at the same time")
@@ -128,6 +103,7 @@ void DefineLinks(CLI::App* app, Options* options) {
   app->add_option("--max-tx", options->max_tx_size,
                   "Largest single write of the daemon, told in the header; "
                   "0: unlimited")
+      ->check(CLI::Range(0, int{UINT16_MAX}))
       ->type_name("BYTES")
       ->needs(header);
 }
@@ -137,18 +113,22 @@ void DefineTraffic(CLI::App* app, Options* options) {
           "Let devices reach these addresses; of --allow and --deny the last "
           "that matches decides");
   AddList(app, "--deny", "ADDRESS[/BITS]", "Refuse these addresses");
-  app->add_option("--max-pending", options->max_held_bytes,
-                  "Close a link of which more waits for remotes")
-      ->type_name("BYTES")
-      ->capture_default_str();
   AddParsed(
-      app, "--network", "ID[,metered]",
+      app, "--max-pending", "BYTES", ", a whole number",
+      "Close a link of which more waits for remotes",
+      [](const std::string& text, Options* out) {
+        return CLI::detail::lexical_cast(text, out->max_held_bytes);
+      },
+      options)
+      ->default_str(std::to_string(options->max_held_bytes));
+  AddParsed(
+      app, "--network", "ID[,metered]", " with a whole number",
       "Report this active network after the handshake and on SIGHUP",
       [](const std::string& text, Options* out) {
         return ParseNetwork(text, out);
       },
       options);
-  AddParsed(app, "--dns", "ADDRESS[:PORT]",
+  AddParsed(app, "--dns", "ADDRESS[:PORT]", " with an IPv4 address",
             "Send datagrams for port 53 there instead of to the address asked",
             ParseDnsServer, options);
   app->add_option("--build-info", options->build_info,
@@ -188,13 +168,13 @@ void ReadRules(const CLI::App& app, Options* options) {
     if (name != "--allow" && name != "--deny") continue;
     const std::string& text = option->results().at(next[option]++);
     const auto rule = DestinationPolicy::ParseRule(text, name == "--allow");
-    if (!rule) throw Unusable(name, text);
+    if (!rule) {
+      throw WrongValue(name, text,
+                       "ADDRESS[/BITS], as in 10.0.0.0/8: no more "
+                       "than BITS bits of ADDRESS may be set");
+    }
     options->destination_rules.push_back(*rule);
   }
-}
-
-std::string FirstLine(const std::string& text) {
-  return text.substr(0, text.find('\n'));
 }
 
 }  // namespace
@@ -205,27 +185,14 @@ std::optional<int> ParseOptions(int argc, const char* const* argv,
   options->build_info = std::string(kProgram) + " " + VANTREL_VERSION;
   CLI::App app("The other end of vantrel's link: opens the real connections.",
                kProgram);
-  app.set_version_flag("--version",
-                       std::string(kProgram) + " " + VANTREL_VERSION,
-                       "Print the version and exit");
+  AddVersion(&app);
   DefineLinks(&app, options);
   DefineTraffic(&app, options);
   DefineLog(&app, options);
-  try {
-    app.parse(argc, argv);
+  return ParseCommandLine(&app, argc, argv, out, err, [&app, options] {
     ReadListen(app, options);
     ReadRules(app, options);
-    return std::nullopt;
-  } catch (const CLI::CallForHelp&) {
-    out << app.help();
-    return 0;
-  } catch (const CLI::CallForVersion& version) {
-    out << version.what() << "\n";
-    return 0;
-  } catch (const CLI::ParseError& error) {
-    err << kProgram << ": " << FirstLine(error.what()) << "\n";
-    return kExitUsage;
-  }
+  });
 }
 
 }  // namespace vantrel

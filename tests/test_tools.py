@@ -176,8 +176,9 @@ def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):
 
 
 @pytest.mark.parametrize("program, line, status, words", [
-    ("vantrelctl", "fly", 2, "vantrelctl: "),
+    ("vantrelctl", "pnig", 2, "vantrelctl: pnig: no such command, did you mean ping?"),
     ("vantrelctl", "push 1X", 2, "vantrelctl: 1X: expected a number of bytes"),
+    ("vantrel-launch", "--protocl 5 X", 2, "vantrel-launch: --protocl: no such option"),
     ("vantrel-launch", "unix:/none --shape rate=x", 2, 'vantrel-launch: --shape: "rate=x"'),
     ("vantrel-launch", "fd:0", 2, "vantrel-launch: fd:0: not a socket"),
     ("vantrel-launch", "fd:77", 2, "vantrel-launch: fd:77: not an open descriptor"),
@@ -185,6 +186,9 @@ def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):
      "vantrel-launch: cannot connect unix:/none: No such file or directory"),
     ("vantrel-launch", "rfcomm:00:11:22:33:44:55/31", 2, "vantrel-launch: rfcomm:"),
     ("vantrel-companion", "--listen tcp:nowhere", 2, "vantrel-companion: --listen tcp:nowhere: expected HOST:PORT"),
+    ("vantrel-companion", "--lisen X", 2, "vantrel-companion: --lisen: no such option"),
+    ("vantrel-companion", "--listen unix:a --network 7,free", 2,
+     "vantrel-companion: --network: '7,free' is not ID[,metered]"),
 ])
 def test_wrong_command_lines(program, line, status, words, tmp_path):
     result = subprocess.run([BIN_DIR / program, *line.format(tmp_path).split()],

@@ -2,9 +2,9 @@
 
 #include <fstream>
 
+#include "common/printable.h"
 #include "common/uid.h"
 #include "platform/linux/package_list.h"
-#include "programs/printable.h"
 
 namespace vantrel {
 

@@ -2,12 +2,14 @@
 // interception rules by themselves.
 #include <stdio.h>
 
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <functional>
+#include <iostream>
 #include <string>
 
+#include "common/printable.h"
 #include "control/control_packets.h"
+#include "programs/command_line.h"
 #include "tools/ctl/control_command.h"
 #include "tools/ctl/top_command.h"
 #include "tools/lock_file.h"
@@ -17,30 +19,34 @@
 namespace vantrel {
 namespace {
 
-constexpr int kUsageStatus = 2;
+constexpr char kProgram[] = "vantrelctl";
 constexpr int kTimeoutSeconds = 10;
 constexpr int kTransferTimeoutSeconds = 300;
 
 int PrintRules() {
   const auto rules = RunRulesTask(RulesTask::kList);
-  for (const std::string& rule : rules) printf("%s\n", rule.c_str());
-  if (rules.empty()) fprintf(stderr, "vantrelctl: no interception rules\n");
+  for (const std::string& rule : rules) {
+    printf("%s\n", EscapeControls(rule).c_str());
+  }
+  if (rules.empty()) {
+    PrintFailure(kProgram, "no interception rules", std::cerr);
+  }
   return 0;
 }
 
 int TearDownRules(const std::string& lock, bool is_forced) {
   const auto holder = FindLockHolder(lock);
   if (holder && !is_forced) {
-    fprintf(stderr,
-            "vantrelctl: a daemon of %s uses these rules (%s); --force removes "
-            "them anyway\n",
-            holder->c_str(), lock.c_str());
+    PrintFailure(kProgram,
+                 "a daemon of " + *holder + " uses these rules (" + lock +
+                     "); --force removes them anyway",
+                 std::cerr);
     return 1;
   }
   RunRulesTask(RulesTask::kRemove);
   const auto rules = RunRulesTask(RulesTask::kList);
   for (const std::string& rule : rules) {
-    fprintf(stderr, "vantrelctl: still there: %s\n", rule.c_str());
+    PrintFailure(kProgram, "still there: " + rule, std::cerr);
   }
   return rules.empty() ? 0 : 1;
 }
@@ -49,7 +55,7 @@ int TearDownRules(const std::string& lock, bool is_forced) {
 class CommandLine {
  public:
   CommandLine() {
-    app_.set_version_flag("--version", "vantrelctl " VANTREL_VERSION);
+    AddVersion(&app_);
     app_.require_subcommand(1);
     AddPlain("stop", TYPE_STOP, "Stop the daemon");
     AddPlain("dump", TYPE_DUMP, "Write the state of the link to the log");
@@ -64,16 +70,9 @@ class CommandLine {
   CommandLine(const CommandLine&) = delete;  // the parser points into this
   CommandLine& operator=(const CommandLine&) = delete;
 
-  // The exit status when there is nothing to run, or -1.
-  int Parse(int argc, char** argv) {
-    try {
-      app_.parse(argc, argv);
-      return -1;
-    } catch (const CLI::ParseError& e) {
-      if (e.get_exit_code() == 0) return app_.exit(e);
-      fprintf(stderr, "vantrelctl: %s (see --help)\n", e.what());
-      return kUsageStatus;
-    }
+  // The exit status when there is nothing to run.
+  std::optional<int> Parse(int argc, char** argv) {
+    return ParseCommandLine(&app_, argc, argv, std::cout, std::cerr);
   }
 
   int Run() const { return run_(); }
@@ -86,14 +85,17 @@ class CommandLine {
   CLI::App* AddCommand(const char* name, uint8_t type, const char* help,
                        int timeout_seconds) {
     CLI::App* const command = app_.add_subcommand(name, help);
-    command->add_option("--log", command_.log,
-                        "Follow this file, the daemon's log, and print the "
-                        "outcome");
+    command
+        ->add_option("--log", command_.log,
+                     "Follow this file, the daemon's log, and print the "
+                     "outcome")
+        ->type_name("FILE");
     command
         ->add_option("--timeout", command_.timeout_seconds,
                      "How many seconds to wait for the outcome (default " +
                          std::to_string(timeout_seconds) + ")")
         ->check(CLI::Range(1, 86400))
+        ->type_name("SECONDS")
         ->needs("--log");
     command->callback([this, name, type, timeout_seconds] {
       command_.name = name;
@@ -132,9 +134,11 @@ class CommandLine {
         ->callback([this] { run_ = PrintRules; });
     CLI::App* const teardown = rules->add_subcommand(
         "teardown", "Remove the rules that a killed daemon has left");
-    teardown->add_option("--lock", lock_,
-                         "The lock file of this device (default " +
-                             std::string(kLockFile) + ")");
+    teardown
+        ->add_option("--lock", lock_,
+                     "The lock file of this device (default " +
+                         std::string(kLockFile) + ")")
+        ->type_name("FILE");
     teardown->add_flag("--force", is_forced_,
                        "Remove them also while a daemon runs");
     teardown->callback(
@@ -147,10 +151,12 @@ class CommandLine {
     top->add_option("--status-socket", top_.status_socket,
                     "The socket of vantrel-launch (default " +
                         std::string(kStatusSocket) + ")")
-        ->check(FindFaultOfSocketPath);
+        ->check(FindFaultOfSocketPath)
+        ->type_name("PATH");
     top->add_option("--log", top_.log,
                     "Ask the daemon for statistics and streams, too, and read "
-                    "them in this file, its log");
+                    "them in this file, its log")
+        ->type_name("FILE");
     top->add_flag("--once", top_.is_once, "Print one text and exit");
     top->add_flag("--json", top_.is_json,
                   "Print JSON objects, one a line, instead");
@@ -158,7 +164,7 @@ class CommandLine {
   }
 
   CLI::App app_{"Commands for a running daemon and for its interception rules.",
-                "vantrelctl"};
+                kProgram};
   control_command_t command_;
   top_options_t top_;
   std::string lock_ = kLockFile;
@@ -169,12 +175,11 @@ class CommandLine {
 int Main(int argc, char** argv) {
   OpenMissingStandardDescriptors();
   CommandLine command_line;
-  const int status = command_line.Parse(argc, argv);
-  if (status >= 0) return status;
+  if (const auto status = command_line.Parse(argc, argv)) return *status;
   try {
     return command_line.Run();
   } catch (const std::exception& e) {
-    fprintf(stderr, "vantrelctl: %s\n", e.what());
+    PrintFailure(kProgram, e.what(), std::cerr);
     return 1;
   }
 }

@@ -1,12 +1,10 @@
 // vantrel-launch: connects the link to the companion, starts the daemon over
 // it and says what it reports.
-#include <stdio.h>
-
-#include <CLI/CLI.hpp>
 #include <exception>
-#include <map>
+#include <iostream>
 #include <string>
 
+#include "programs/command_line.h"
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
 #include "tools/launch_state.h"
@@ -15,9 +13,9 @@
 namespace vantrel {
 namespace {
 
-constexpr int kUsageStatus = 2;
 // Not one of the daemon's: what sysexits.h calls a temporary failure.
 constexpr int kInUseStatus = 75;
+constexpr char kProgram[] = "vantrel-launch";
 
 void AddLinkOptions(CLI::App* app, launch_options_t* options) {
   app->add_option_function<std::string>(
@@ -36,18 +34,20 @@ void AddLinkOptions(CLI::App* app, launch_options_t* options) {
       ->check(CLI::IsMember({"1", "5", "20"}));
   app->add_option("--daemon", options->daemon,
                   "The daemon (default: vantrel beside this program, or in "
-                  "PATH)");
-  app->add_option(
-      "--lock", options->lock,
-      "The lock file of this device (default " + std::string(kLockFile) + ")");
-  app->add_option("--security", options->security,
-                  "What a Bluetooth link must have: low (nothing), medium "
-                  "(encryption, the default) or high (safe pairing, too)")
-      ->transform(CLI::Transformer(
-          std::map<std::string, LinkSecurity>{{"low", LinkSecurity::kLow},
-                                              {"medium", LinkSecurity::kMedium},
-                                              {"high", LinkSecurity::kHigh}},
-          CLI::ignore_case));
+                  "PATH)")
+      ->type_name("FILE");
+  app->add_option("--lock", options->lock,
+                  "The lock file of this device (default " +
+                      std::string(kLockFile) + ")")
+      ->type_name("FILE");
+  AddChoice<LinkSecurity>(
+      app, "--security",
+      "What a Bluetooth link must have: low (nothing), medium (encryption) or "
+      "high (safe pairing, too)",
+      {{"low", LinkSecurity::kLow},
+       {"medium", LinkSecurity::kMedium},
+       {"high", LinkSecurity::kHigh}},
+      "medium", &options->security);
   app->add_flag("--restart", options->is_restarting,
                 "Connect again when the daemon has ended, after 1 s, doubling "
                 "up to 60 s");
@@ -60,6 +60,7 @@ void AddRelayOptions(CLI::App* app, launch_options_t* options) {
                     "connection header and relay");
   app->add_option("--capture", options->capture,
                   "Record what crosses the link to a pcapng file")
+      ->type_name("FILE")
       ->excludes(direct);
   app->add_option_function<std::string>(
          "--shape",
@@ -70,6 +71,7 @@ void AddRelayOptions(CLI::App* app, launch_options_t* options) {
            options->shape = *shape;
          },
          "Make the link slow, each way: rate=2Mbit,delay=30ms,chunk=990")
+      ->type_name("LIMITS")
       ->excludes(direct);
 }
 
@@ -77,16 +79,19 @@ void AddReportOptions(CLI::App* app, launch_options_t* options) {
   app->add_flag("--json", options->is_json,
                 "Print records as JSON objects, one a line");
   app->add_option("--metrics", options->metrics,
-                  "Keep totals in this file, in Prometheus' text format");
+                  "Keep totals in this file, in Prometheus' text format")
+      ->type_name("FILE");
   app->add_option("--status-socket", options->status_socket,
                   "Tell whoever connects to this socket what happens, for "
                   "vantrelctl top")
       ->check(FindFaultOfSocketPath)
+      ->type_name("PATH")
       ->take_last();  // a service has one of its own
   app->add_option("--stats-every", options->stats_every_seconds,
                   "Ask the daemon for statistics every so many seconds, where "
                   "its control port listens")
-      ->check(CLI::Range(1, 86400));
+      ->check(CLI::Range(1, 86400))
+      ->type_name("SECONDS");
 }
 
 // Before anything is opened that could take a closed descriptor's number.
@@ -100,40 +105,33 @@ void CheckTogether(const launch_options_t& options) {
   }
 }
 
-// The exit status when the program is not to go on, or -1.
-int ParseCommandLine(int argc, char** argv, launch_options_t* options) {
+// The exit status when the program is not to go on.
+std::optional<int> ParseOptions(int argc, char** argv,
+                                launch_options_t* options) {
   CLI::App app(
       "Connects the link, starts the daemon over it and prints what "
       "it reports.",
-      "vantrel-launch");
-  app.set_version_flag("--version", "vantrel-launch " VANTREL_VERSION);
+      kProgram);
+  AddVersion(&app);
   AddLinkOptions(&app, options);
   AddRelayOptions(&app, options);
   AddReportOptions(&app, options);
-  try {
-    app.parse(argc, argv);
-    CheckTogether(*options);
-    return -1;
-  } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0) return app.exit(e);
-    fprintf(stderr, "vantrel-launch: %s (see --help)\n", e.what());
-    return kUsageStatus;
-  }
+  return ParseCommandLine(&app, argc, argv, std::cout, std::cerr,
+                          [options] { CheckTogether(*options); });
 }
 
 int Main(int argc, char** argv) {
   OpenMissingStandardDescriptors();
   launch_options_t options;
-  const int status = ParseCommandLine(argc, argv, &options);
-  if (status >= 0) return status;
+  if (const auto status = ParseOptions(argc, argv, &options)) return *status;
   if (options.daemon.empty()) options.daemon = FindDaemon();
   try {
     return Launcher(options).Run();
   } catch (const DeviceInUse& e) {
-    fprintf(stderr, "vantrel-launch: %s\n", e.what());
+    PrintFailure(kProgram, e.what(), std::cerr);
     return kInUseStatus;
   } catch (const std::exception& e) {
-    fprintf(stderr, "vantrel-launch: %s\n", e.what());
+    PrintFailure(kProgram, e.what(), std::cerr);
     return 1;
   }
 }
