@@ -117,9 +117,23 @@ def test_top(launch, tmp_path, needs_root):  # noqa: F811
 def test_top_without_a_launcher_or_a_terminal(launch, tmp_path):  # noqa: F811
     run = launch("--status-socket", tmp_path / "status")
     for path, words in ((tmp_path / "status", "no terminal; see --once"),
-                        (tmp_path / "none", "no status socket"),
+                        (tmp_path / "none", f"vantrel-launch --status-socket {tmp_path}/none"),
                         ("x" * 200, "--status-socket: ")):
         result = run.device.run(BIN_DIR / "vantrelctl", "top", "--status-socket", path,
                                 check=False, stdin=subprocess.DEVNULL)
         assert result.returncode in (1, 2) and words in result.stderr
     assert run.end() == 0
+
+
+def test_a_hostile_status_socket_does_not_command_the_terminal(tmp_path):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(f"{tmp_path}/status")
+        listener.listen()
+        top = subprocess.Popen([BIN_DIR / "vantrelctl", "top", "--once", "--status-socket",
+                                tmp_path / "status"], stderr=subprocess.PIPE)
+        reader, _ = listener.accept()
+        with reader:
+            reader.sendall(b'{"record":"state","state":"\\u001b]0;title\\u0007\\u009b2J"}\n')
+            text = top.communicate(timeout=20)[1].decode()
+    assert top.returncode == 1 and "is no launcher's" in text
+    assert text.endswith("\n") and text[:-1].isprintable()

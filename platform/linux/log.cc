@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "common/printable.h"
 #include "platform/linux/log_file.h"
 #include "platform/linux/log_sink.h"
 
@@ -53,28 +54,10 @@ std::string FormatMessage(const char* format, va_list args) {
   return message;
 }
 
-// |message| without the one newline that may end it, and with \xNN in place of
-// each control character. Names in a message come from outside: with a line
-// break one could write a line of its own, with ESC command the terminal that
-// shows the log. The controls above ASCII are two bytes in UTF-8, C2 first.
-std::string EscapeControls(const std::string& message) {
-  std::string text;
-  text.reserve(message.size());
-  bool after_c2 = false;
-  for (const char& c : message) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool above_ascii = after_c2 && byte >= 0x80 && byte < 0xA0;
-    after_c2 = byte == 0xC2;
-    if (byte == '\n' && &c == &message.back()) break;
-    if (byte < ' ' || byte == 0x7F || above_ascii) {
-      char escaped[8];
-      snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
-      text += escaped;
-    } else {
-      text += c;
-    }
-  }
-  return text;
+// |message| on one line: without the one newline that may end it.
+std::string ToLine(const std::string& message) {
+  const bool has_end = !message.empty() && message.back() == '\n';
+  return EscapeControls(message.substr(0, message.size() - (has_end ? 1 : 0)));
 }
 
 // "MM-DD HH:MM:SS.mmm  PID  TID P tag: text", the form of logcat's threadtime
@@ -107,7 +90,7 @@ bool WriteMessage(int priority, const char* tag, const std::string& message) {
     Sink()(priority, tag, message);
     return true;
   }
-  const std::string text = EscapeControls(message);
+  const std::string text = ToLine(message);
   timeval now;
   gettimeofday(&now, nullptr);
   LogFile* const file = GetLogFile();

@@ -47,8 +47,14 @@ TEST_F(LogTest, OneLinePerMessageWhateverIsInIt) {
       {"\x1b[31m\r\t\x7f\x01", "\\x1b[31m\\x0d\\x09\\x7f\\x01"},
       {"gr\xc3\xbc\xc3\x9f \xc2\x9b"
        "1m \xc2\xa7",
-       "gr\xc3\xbc\xc3\x9f \xc2\\x9b"
+       "gr\xc3\xbc\xc3\x9f \\xc2\\x9b"
        "1m \xc2\xa7"},
+      // No UTF-8: alone, cut, longer than needed, a surrogate, too large.
+      {"\x9b", "\\x9b"},
+      {"\xc3", "\\xc3"},
+      {"\xe2\x82|\xe2\x82\xac", "\\xe2\\x82|\xe2\x82\xac"},
+      {"\xc0\x9b\xe0\x82\x9b", "\\xc0\\x9b\\xe0\\x82\\x9b"},
+      {"\xed\xa0\x80\xf4\x90\x80\x80", "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"},
       {"", ""},
   };
   ASSERT_EQ(0, setenv("VANTREL_LOG_FILE", path_.c_str(), 1));

@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "common/log_texts.h"
+#include "common/printable.h"
 #include "control/status_records.h"
 
 namespace vantrel {
@@ -72,8 +73,9 @@ CommandOutcome::State CommandOutcome::TakeDump(const std::string& message) {
   if (message == VANTREL_TEXT_DUMP_END && is_in_dump_)
     return Finish(kDone, dump_);
   if (is_in_dump_) dump_ += (dump_.empty() ? "" : "\n") + message;
-  if (message == VANTREL_TEXT_DUMP_BEGIN) {
+  if (message == VANTREL_TEXT_DUMP_BEGIN) {  // also of one that was cut off
     is_in_dump_ = true;
+    dump_.clear();
     Begin("the dump is being written");
   }
   return kWaiting;
@@ -134,7 +136,7 @@ std::optional<log_line_t> ParseLogLine(const std::string& line) {
                          std::regex_constants::match_continuous)) {
     return std::nullopt;
   }
-  return log_line_t{std::stoi(head[1]), head.suffix()};
+  return log_line_t{std::stoi(head[1]), EscapeControls(head.suffix())};
 }
 
 }  // namespace vantrel

@@ -51,8 +51,8 @@ class CommandOutcome {
 
 // One line of the daemon's log file.
 struct log_line_t {
-  int process = 0;  // as the daemon numbers itself
-  std::string message;
+  int process = 0;      // as the daemon numbers itself
+  std::string message;  // with nothing in it that a terminal obeys
 };
 
 // None for a line that is not in the form of the daemon's.

@@ -22,7 +22,9 @@ StatusClient::StatusClient(const std::string& path)
   const socklen_t length = ToSocketAddress(path, &address);
   if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address),
               length) != 0) {
-    throw SystemFailure("no status socket " + path);
+    throw SystemFailure("no status socket " + path +
+                        ", which vantrel-launch --status-socket " + path +
+                        " makes");
   }
 }
 
@@ -40,9 +42,9 @@ bool StatusClient::Receive() {
 }
 
 std::optional<launch_state_t> StatusClient::Next() {
-  for (size_t end; (end = bytes_.find('\n')) != std::string::npos;) {
-    const std::string line = bytes_.substr(0, end);
-    bytes_.erase(0, end + 1);
+  for (size_t end; (end = bytes_.find('\n', begin_)) != std::string::npos;) {
+    const std::string line = bytes_.substr(begin_, end - begin_);
+    begin_ = end + 1;
     try {
       if (auto state = ParseState(line)) return state;
     } catch (const std::exception& e) {
@@ -50,6 +52,9 @@ std::optional<launch_state_t> StatusClient::Next() {
                                " says is no launcher's: " + e.what());
     }
   }
+  // Only here, so that many short lines are not moved again and again.
+  bytes_.erase(0, begin_);
+  begin_ = 0;
   if (bytes_.size() > kMaxLineBytes) {
     throw std::runtime_error("what " + path_ +
                              " says is no launcher's: it has no lines");

@@ -26,7 +26,8 @@ class StatusClient {
  private:
   const std::string path_;
   UniqueFd socket_;
-  std::string bytes_;  // received, not taken yet
+  std::string bytes_;  // received
+  size_t begin_ = 0;   // of what was not taken yet
 };
 
 }  // namespace vantrel

@@ -75,8 +75,9 @@ std::string TopToJson(const TopModel& model, TopModel::Sort sort,
     fields["streams"] = StreamsToJson(model, sort);
   }
   fields["applications"] = ApplicationsToJson(model, sort);
-  // Names come from a file and from a log, in which anything can stand.
-  return fields.dump(-1, ' ', false, json::error_handler_t::replace);
+  // Names come from a file and from a log, in which anything can stand; in
+  // ASCII nothing commands a terminal.
+  return fields.dump(-1, ' ', true, json::error_handler_t::replace);
 }
 
 }  // namespace vantrel

@@ -6,6 +6,8 @@
 #include <array>
 #include <utility>
 
+#include "common/printable.h"
+
 namespace vantrel {
 namespace {
 
@@ -25,14 +27,6 @@ std::string PadLeft(const std::string& text, size_t columns) {
 std::string Fit(const std::string& text, size_t columns) {
   std::string fitted = text.substr(0, columns);
   return fitted + std::string(columns - fitted.size(), ' ');
-}
-
-// Names come from a file and from a log: nothing of them may move the cursor.
-std::string MakePrintable(std::string text) {
-  for (char& c : text) {
-    if (c < ' ' || c > '~') c = '?';
-  }
-  return text;
 }
 
 std::string FormatRate(double rate) { return FormatBytes(rate) + "/s"; }
@@ -70,8 +64,8 @@ TextLine StateLine(const TopModel& model, const top_view_t& view) {
   }
   if (view.is_paused) line.push_back({" (paused)", TextStyle::kBad});
   if (state) {
-    line.push_back({MakePrintable(" over " + state->link + ", protocol " +
-                                  state->protocol)});
+    line.push_back({ToPrintable(" over " + state->link + ", protocol " +
+                                state->protocol)});
   }
   return line;
 }
@@ -233,7 +227,7 @@ Table MakeApplications(const TopModel& model, const top_view_t& view) {
   for (const auto& row : model.GetApplications(view.sort)) {
     table.AddRow({std::to_string(row.uid),
                   row.name.empty() ? "uid " + std::to_string(row.uid)
-                                   : MakePrintable(row.name),
+                                   : ToPrintable(row.name),
                   FormatRate(row.rate.rx), FormatRate(row.rate.tx),
                   FormatTotal(row.total.rx_bytes),
                   FormatTotal(row.total.tx_bytes)});
@@ -252,10 +246,10 @@ Table MakeStreams(const TopModel& model, const top_view_t& view) {
       view.columns);
   constexpr size_t kRemoteColumns = 23;  // the longest endpoint and a blank
   for (const auto& row : model.GetStreams(view.sort)) {
-    const std::string remote = MakePrintable(row.dump.remote);
+    const std::string remote = ToPrintable(row.dump.remote);
     table.AddRow({std::to_string(row.dump.id),
                   has_owner
-                      ? Fit(remote, kRemoteColumns) + MakePrintable(row.owner)
+                      ? Fit(remote, kRemoteColumns) + ToPrintable(row.owner)
                       : remote,
                   FormatRate(row.rate.rx), FormatRate(row.rate.tx),
                   FormatTotal(row.dump.waiting_bytes)});
@@ -309,7 +303,7 @@ std::vector<TextLine> LayOutTop(const TopModel& model, const top_view_t& view) {
       TrafficLine(model, view, "up  ", &rate_t::tx, &traffic_t::tx_bytes)};
   if (!view.note.empty()) {
     lines.push_back(
-        CutLine({{MakePrintable(view.note), TextStyle::kBad}}, view.columns));
+        CutLine({{ToPrintable(view.note), TextStyle::kBad}}, view.columns));
   }
   lines.emplace_back();
   const size_t taken = lines.size() + (view.has_keys ? 1 : 0);

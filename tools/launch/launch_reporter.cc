@@ -4,6 +4,7 @@
 
 #include <exception>
 
+#include "common/printable.h"
 #include "tools/launch/status_text.h"
 
 namespace vantrel {
@@ -119,7 +120,7 @@ uint64_t LaunchReporter::GetTimeMs() const {
 }
 
 void LaunchReporter::Say(const std::string& message) {
-  talk_.Write(kProgram + message);
+  talk_.Write(kProgram + EscapeControls(message));
 }
 
 std::array<int, 2> LaunchReporter::GetFdsToWrite() const {
