@@ -24,6 +24,9 @@ constexpr std::chrono::seconds kFirstLineTimeout{3};
 // Far less than a round trip over Bluetooth takes.
 constexpr std::chrono::milliseconds kLogInterval{10};
 
+// How long the last look at the log may take.
+constexpr std::chrono::milliseconds kLastLook{200};
+
 bool IsTransfer(const control_command_t& command) {
   return command.type == TYPE_PULL || command.type == TYPE_PUSH;
 }
@@ -73,12 +76,15 @@ class ProgressLine {
   long long last_second_ = 0;
 };
 
-// Of the lines of |daemon|, or of anybody's when that is not known.
+// Of the lines of |daemon|, or of anybody's when that is not known. Until
+// |end|, for a log may grow faster than it is read.
 CommandOutcome::State TakeNewLines(LogFollower* log, std::optional<int> daemon,
-                                   CommandOutcome* outcome) {
+                                   CommandOutcome* outcome,
+                                   Clock::time_point end) {
   auto state = CommandOutcome::kWaiting;
   std::string text;
-  while (state == CommandOutcome::kWaiting && log->Next(&text)) {
+  while (state == CommandOutcome::kWaiting && Clock::now() < end &&
+         log->Next(&text)) {
     const auto line = ParseLogLine(text);
     if (!line || (daemon && line->process != *daemon)) continue;
     state = outcome->Take(line->message);
@@ -94,7 +100,8 @@ CommandOutcome::State Follow(LogFollower* log, std::optional<int> daemon,
   while (true) {
     // The log is read once more after the last wait.
     const auto elapsed = Clock::now() - start;
-    const auto state = TakeNewLines(log, daemon, outcome);
+    const auto state =
+        TakeNewLines(log, daemon, outcome, start + timeout + kLastLook);
     if (state != CommandOutcome::kWaiting || elapsed >= timeout) return state;
     if (!outcome->HasBegun() && elapsed >= kFirstLineTimeout) return state;
     progress.Show(outcome->GetText(), elapsed);

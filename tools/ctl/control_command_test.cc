@@ -1,8 +1,10 @@
 #include "tools/ctl/control_command.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -33,6 +35,7 @@ TEST(CommandOutcome, IsFoundAmongOtherMessages) {
       // First the end of an older dump; an empty line within this one.
       {TYPE_DUMP,
        "-------------------------------------\n"
+       "----------- VANTREL DUMP -----------\ncut off\n"
        "----------- VANTREL DUMP -----------\na\n\nb\n\n"
        "-------------------------------------",
        CommandOutcome::kDone, "a\n\nb\n"},
@@ -73,7 +76,7 @@ TEST(LogFollower, GivesWholeNewLinesOnlyAlsoOfTheNextFile) {
   std::string line;
   log << "old line" << std::flush;
   EXPECT_FALSE(follower.Next(&line));
-  log << "\n10-31 23:59:59.999   123  4567 D vantrel: a vantrel: b\n"
+  log << "\n10-31 23:59:59.999   123  4567 D vantrel: a vantrel: b\x1b\x9b\n"
       << std::flush;
   rename(path.c_str(), (path + ".1").c_str());
   std::ofstream(path) << "new\n";
@@ -82,12 +85,35 @@ TEST(LogFollower, GivesWholeNewLinesOnlyAlsoOfTheNextFile) {
   ASSERT_TRUE(follower.Next(&line));
   ASSERT_TRUE(ParseLogLine(line));
   EXPECT_EQ(123, ParseLogLine(line)->process);
-  EXPECT_EQ("a vantrel: b", ParseLogLine(line)->message);
+  EXPECT_EQ("a vantrel: b\\x1b\\x9b", ParseLogLine(line)->message);
   ASSERT_TRUE(follower.Next(&line));
   EXPECT_EQ("new", line);
   EXPECT_FALSE(follower.Next(&line));
   unlink(path.c_str());
   unlink((path + ".1").c_str());
+}
+
+TEST(LogFollower, IsNotKeptByWhatHasNoEnd) {
+  const std::string path = ::testing::TempDir() + "log_follower_end";
+  unlink(path.c_str());  // of a run that was ended
+  std::ofstream log(path);
+  LogFollower follower(path);
+  std::string line;
+  log << std::string(3 * LogFollower::kMaxBytesAtOnce, 'x') << std::flush;
+  EXPECT_FALSE(follower.Next(&line));
+  log << "\nnext\nhalf" << std::flush;
+  while (!follower.Next(&line)) {
+  }
+  EXPECT_EQ("next", line);
+  // Longer than any memory, of zeros that take no room.
+  std::filesystem::resize_file(path, uint64_t{1} << 36);
+  EXPECT_FALSE(follower.Next(&line));
+  unlink(path.c_str());
+
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  EXPECT_THROW(LogFollower{path}, std::exception);
+  unlink(path.c_str());
+  EXPECT_THROW(LogFollower{"/dev/zero"}, std::exception);
 }
 
 }  // namespace

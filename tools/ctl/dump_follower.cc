@@ -3,6 +3,12 @@
 #include <exception>
 
 namespace vantrel {
+namespace {
+
+// A log that grows faster than it is read must not keep those who show it.
+constexpr int kMaxLinesAtOnce = 10000;
+
+}  // namespace
 
 DumpFollower::DumpFollower(const std::string& log)
     : log_(log),
@@ -28,7 +34,8 @@ std::string DumpFollower::Ask() {
 
 std::optional<link_dump_t> DumpFollower::Read() {
   std::optional<link_dump_t> dump;
-  for (std::string text; log_.Next(&text);) {
+  std::string text;
+  for (int i = 0; i < kMaxLinesAtOnce && log_.Next(&text); ++i) {
     const auto line = ParseLogLine(text);
     if (!line || (daemon_ && line->process != *daemon_)) continue;
     owners_.Take(line->message);
