@@ -13,7 +13,7 @@ import pytest
 
 import bench
 import wire
-from bench import (BIN_DIR, Launch, program_environment, standing_rules,
+from bench import (BIN_DIR, SOURCE_DIR, Launch, program_environment, standing_rules,
                    wait_until)
 
 
@@ -196,3 +196,43 @@ def test_wrong_command_lines(program, line, status, words, tmp_path):
                             timeout=10)
     assert result.returncode == status and result.stdout == ""
     assert result.stderr.startswith(words) and result.stderr.count("\n") == 1
+
+
+def test_completion(tmp_path):
+    """In a real shell, whose line is printed after a tabulator."""
+    (tmp_path / "a file").touch()
+    (tmp_path / "my dir").mkdir()
+    (tmp_path / "rc").write_text(f"""
+PATH={BIN_DIR}:$PATH
+. {SOURCE_DIR}/packaging/linux/completion/vantrel.bash
+bind 'set bell-style none'
+bind -x '"\\C-x": echo "<$READLINE_LINE>"'
+""")
+    terminal, inside = os.openpty()
+    shell = subprocess.Popen(
+        ["unshare", "--mount", "sh", "-c", "mount -t tmpfs none /var/lib && "
+         "mkdir -p /var/lib/bluetooth/00:00:00:00:00:01/01:23:45:67:89:AB && "
+         "exec bash --noprofile --rcfile rc -i"],
+        stdin=inside, stdout=inside, stderr=inside, cwd=tmp_path, start_new_session=True,
+        env={**os.environ, "TERM": "dumb", "INPUTRC": "/dev/null"})
+    for line, completed in (
+            ("vantrel-launch rfc", "vantrel-launch rfcomm:"),
+            ("vantrel-check rfcomm:", "vantrel-check rfcomm:01:23:45:67:89:AB/"),
+            ("vantrel-launch --json rfcomm:01:2", "vantrel-launch --json rfcomm:01:23:45:67:89:AB/"),
+            ("vantrel-companion --listen tcp:", "vantrel-companion --listen tcp:"),
+            ("vantrel-launch unix:a", r"vantrel-launch unix:a\ file "),
+            ("vantrel-launch unix:'a f", "vantrel-launch unix:'a file' "),
+            ("vantrel-companion --listen unix:my", r"vantrel-companion --listen unix:my\ dir/"),
+            ("vantrelctl top --log a", r"vantrelctl top --log a\ file "),
+            ("vantrelctl pu 64", "vantrelctl pu 64"), ("vantrelctl pus", "vantrelctl push "),
+            ("vantrel-check --only tear", "vantrel-check --only teardown ")):
+        os.write(terminal, line.encode() + b"\t\x18")
+        said = b""
+        while not (found := re.search(rb"<(.*)>", said)):
+            said += os.read(terminal, 4096)
+        assert found[1].decode() == completed
+        os.write(terminal, b"\x15")
+    os.close(inside)
+    shell.kill()
+    shell.wait()
+    os.close(terminal)

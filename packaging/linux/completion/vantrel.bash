@@ -1,38 +1,76 @@
 # bash completion for vantrel, vantrel-launch, vantrel-companion, vantrelctl and
 # vantrel-check
 
-# Completes the word with one of the given ones, and leaves no blank behind one
-# that goes on.
+# Offers the given words for the word that is typed. Readline replaces only what
+# stands behind the last colon of that.
+_vantrel_reply() {
+  local typed='' word
+  [[ $COMP_WORDBREAKS != *:* ]] || typed=${cur%"${cur##*:}"}
+  COMPREPLY=()
+  for word in "$@"; do
+    word=${word#"$typed"}
+    [ -z "$word" ] || COMPREPLY+=("$word")
+    # No blank behind what goes on.
+    [[ $word != *[:/] ]] || compopt -o nospace
+  done
+}
+
 _vantrel_words() {
-  mapfile -t COMPREPLY < <(compgen -W "$*" -- "$cur")
-  [[ ${COMPREPLY-} != *: ]] || compopt -o nospace
+  local found
+  mapfile -t found < <(compgen -W "$*" -- "$cur")
+  _vantrel_reply "${found[@]}"
 }
 
+# A path, with $1 in front of it. Names are quoted where they have to be.
 _vantrel_file() {
+  local found i
   compopt -o filenames
-  mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+  mapfile -t found < <(compgen -f -- "${cur#"$1"}")
+  for i in "${!found[@]}"; do
+    [ ! -d "${found[i]}" ] || found[i]+=/
+  done
+  _vantrel_reply "${found[@]/#/$1}"
 }
 
-# Sets cur, prev and words as they are typed: a link's address has colons.
+# Sets cur, prev and words as they were typed, up to the cursor: where the shell has
+# cut a word, at a colon for instance, no blank stands.
 _vantrel_begin() {
-  # shellcheck disable=SC2034 # what _init_completion sets
-  local cword
-  if declare -F _init_completion >/dev/null; then
-    _init_completion -n : || return
-  else
-    cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    words=("${COMP_WORDS[@]}")
-  fi
+  local i piece rest line=${COMP_LINE:0:COMP_POINT}
+  words=()
+  for ((i = 0; i <= COMP_CWORD; i++)); do
+    rest=${line#"${line%%[![:space:]]*}"}
+    piece=${COMP_WORDS[i]}
+    ((i < COMP_CWORD)) || piece=$rest
+    if ((i == 0)) || [ "$rest" != "$line" ]; then
+      words+=("$piece")
+    else
+      words[-1]+=$piece
+    fi
+    line=${rest#"$piece"}
+  done
+  cur=${words[-1]} prev=''
+  ((${#words[@]} == 1)) || prev=${words[-2]}
+  [[ $prev != *[\<\>] ]] || { _vantrel_file ''; return 1; }
 }
 
-# A link's address: $1 has the kinds, and a path follows unix:
+# A link's address: the kinds, and behind unix: a path.
 _vantrel_link() {
   if [[ $cur == unix:* ]]; then
-    mapfile -t COMPREPLY < <(compgen -f -- "${cur#unix:}")
-    [[ $COMP_WORDBREAKS == *:* ]] || COMPREPLY=("${COMPREPLY[@]/#/unix:}")
+    _vantrel_file unix:
   else
-    _vantrel_words $1
+    _vantrel_words "$@"
   fi
+}
+
+# The same for who connects. Behind rfcomm: come the machines that this one knows,
+# as far as the user may see them.
+_vantrel_connect() {
+  local device found=()
+  for device in /var/lib/bluetooth/*/??:??:??:??:??:??/; do
+    device=${device%/}
+    [ ! -d "$device" ] || found+=("rfcomm:${device##*/}/")
+  done
+  _vantrel_link unix: tcp: rfcomm: "$@" "${found[@]}"
 }
 
 _vantrel_daemon() {
@@ -46,7 +84,7 @@ _vantrel_launch() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
-    --daemon | --capture | --metrics | --lock | --status-socket) _vantrel_file ;;
+    --daemon | --capture | --metrics | --lock | --status-socket) _vantrel_file '' ;;
     --shape) _vantrel_words rate= delay= chunk= && compopt -o nospace ;;
     --stats-every) ;;
     --security) _vantrel_words low medium high ;;
@@ -55,7 +93,7 @@ _vantrel_launch() {
         _vantrel_words --help --version --protocol --daemon --restart \
           --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security
       else
-        _vantrel_link "unix: tcp: rfcomm: fd:"
+        _vantrel_connect fd:
       fi ;;
   esac
 }
@@ -65,7 +103,7 @@ _vantrel_companion() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words 1 5 20 ;;
-    --listen) _vantrel_link "unix: tcp: rfcomm:" ;;
+    --listen) _vantrel_link unix: tcp: rfcomm: ;;
     --security) _vantrel_words low medium high ;;
     --log-level) _vantrel_words error warning info debug ;;
     --log-format) _vantrel_words text json ;;
@@ -83,7 +121,7 @@ _vantrelctl() {
   local cur prev words
   _vantrel_begin || return
   case $prev in
-    --log | --lock | --status-socket) _vantrel_file; return ;;
+    --log | --lock | --status-socket) _vantrel_file ''; return ;;
     --timeout) return ;;
   esac
   case ${words[1]} in
@@ -111,14 +149,14 @@ _vantrel_check() {
   case $prev in
     --protocol) _vantrel_words 1 5 20 all ;;
     --only) _vantrel_words "$("${words[0]}" --list 2>/dev/null | cut -d ' ' -f 1)" ;;
-    --junit) _vantrel_file ;;
+    --junit) _vantrel_file '' ;;
     --server-address | --timeout | --pid) ;;
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --listen --header --only \
           --fail-fast --list --server-address --timeout --pid --json --junit
       else
-        _vantrel_link "unix: tcp: rfcomm:"
+        _vantrel_connect
       fi ;;
   esac
 }
