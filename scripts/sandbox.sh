@@ -13,6 +13,9 @@ usage: sandbox.sh [options] -- COMMAND [ARGUMENT...]
   --log-dir DIR      where logs and status records are kept (a new one in /tmp)
   --packages FILE    the device's list of packages (package uid ..., one a line)
   --debuggable       a debuggable build: the control port listens
+  --capture FILE     record the link to this pcapng file
+  --shape LIMITS     make the link slow, as in rate=2Mbit,delay=30ms
+  --verbose          the companion logs every datagram, write and close
   --bin DIR          the programs (VANTREL_BIN_DIR, else build/release/bin)
 
 The exit status is COMMAND's; 125 when the device could not be set up. Needs
@@ -28,12 +31,22 @@ fail() {
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bin=${VANTREL_BIN_DIR:-$scripts/../build/release/bin}
 protocol=20 dns='' log_dir='' packages='' debuggable=false
+to_launcher=() to_companion=()
 while [ $# -gt 0 ]; do
   case $1 in
     --protocol | --dns | --log-dir | --packages | --bin)
       [ $# -ge 2 ] || fail "$1 needs a value"
       declare "$(tr - _ <<<"${1#--}")=$2"
       shift ;;
+    --capture | --shape)
+      [ $# -ge 2 ] || fail "$1 needs a value"
+      value=$2
+      # The launcher has another working directory.
+      [ "$1" = --shape ] || value=$(realpath -m -- "$2")
+      [[ $value != /run/* ]] || fail "the device has a /run of its own, not for $2"
+      to_launcher+=("$1=$value")
+      shift ;;
+    --verbose) to_companion+=("$1") ;;
     --debuggable) debuggable=true ;;
     --help) usage; exit 0 ;;
     --) shift; break ;;
@@ -78,7 +91,7 @@ fi
 
 # The command is your own: it may reach what your own programs reach.
 setsid "$bin/vantrel-companion" --protocol "$protocol" --listen "unix:$work/link" \
-  --allow 0.0.0.0/0 ${dns:+--dns "$dns"} >"$log_dir/companion.log" 2>&1 </dev/null &
+  --allow 0.0.0.0/0 ${dns:+--dns "$dns"} "${to_companion[@]}" >"$log_dir/companion.log" 2>&1 </dev/null &
 companion=$!
 # The socket's file is there a moment before anybody listens on it.
 listens() { grep -q "listening on" "$log_dir/companion.log"; }
@@ -94,7 +107,8 @@ trap '' INT
 signals=INT,QUIT,TERM,HUP
 env --ignore-signal=$signals unshare "${namespaces[@]}" env --default-signal=$signals \
   "$scripts/lib/device.sh" "$work" "$scripts/lib/session.py" \
-  "$log_dir" "$bin" "unix:$work/link" "$protocol" "$PWD" "$@" <&0 &
+  "$log_dir" "$bin" "$PWD" --protocol "$protocol" "${to_launcher[@]}" "unix:$work/link" \
+  -- "$@" <&0 &
 device=$!
 pass_on() { # to the first process inside, which decides
   passed_on=yes

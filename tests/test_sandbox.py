@@ -24,12 +24,12 @@ def left_behind():
 
 @pytest.fixture
 def sandbox(tmp_path):
-    def start(*command):
+    def start(*command, options=()):
         return subprocess.Popen(
             [SOURCE_DIR / "scripts/sandbox.sh", "--log-dir", tmp_path, "--bin", BIN_DIR,
-             "--dns", "198.51.100.53", "--", *command],
-            stdout=subprocess.PIPE, text=True, start_new_session=True,
-            env={**program_environment(tmp_path), "TMPDIR": str(tmp_path)})
+             "--dns", "198.51.100.53", *options, "--", *command],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            start_new_session=True, cwd=tmp_path, env={**program_environment(tmp_path), "TMPDIR": str(tmp_path)})
 
     yield start
     wait_until(lambda: not left_behind(), "the last process to end")
@@ -38,7 +38,8 @@ def sandbox(tmp_path):
 
 def test_a_command_and_its_exit_status(sandbox, tmp_path):
     # Nobody answers at 198.51.100.53: the refusal comes from the companion.
-    run = sandbox("sh", "-c", f"{LOOK_UP}; cat /etc/resolv.conf; exit 7")
+    run = sandbox("sh", "-c", f"{LOOK_UP}; cat /etc/resolv.conf; exit 7",
+                  options=["--capture", "the link.pcapng", "--verbose"])
     output, _ = run.communicate(timeout=60)
     assert run.returncode == 7
     assert output.splitlines()[-1] == "nameserver 192.0.2.53"
@@ -46,7 +47,15 @@ def test_a_command_and_its_exit_status(sandbox, tmp_path):
         "started", "stats: no traffic since the last report",
         "daemon ended: exit status 0"]
     assert "Look up www.example.test." in (tmp_path / "daemon.log").read_text()
-    assert "listening on" in (tmp_path / "companion.log").read_text()
+    log = (tmp_path / "companion.log").read_text()
+    assert "listening on" in log and "datagram" in log
+    assert (tmp_path / "the link.pcapng").read_bytes().startswith(b"\n\r\r\n")
+
+
+def test_a_link_that_cannot_be_shaped_like_that(sandbox):
+    run = sandbox("true", options=["--shape", "rate=x"])
+    _, said = run.communicate(timeout=60)
+    assert run.returncode == 125 and '"rate=x" is none of rate=2Mbit' in said
 
 
 @pytest.mark.parametrize("signum, to_group, status", [

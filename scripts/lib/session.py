@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""session.py LOG_DIR BIN_DIR LINK PROTOCOL WORKING_DIR COMMAND...: on a device,
-starts the daemon over LINK, runs COMMAND, stops the daemon. Ends with COMMAND's
-exit status, or 125 when the daemon did not start.
+"""session.py LOG_DIR BIN_DIR WORKING_DIR WORD... -- COMMAND...: on a device, starts
+vantrel-launch with WORDs, the last of which is the link, runs COMMAND, stops the
+daemon. Ends with COMMAND's exit status, or 125 when the daemon did not start.
 
 Meant to be the first process of its own process namespace: whatever COMMAND
 left running ends with it.
@@ -52,7 +52,9 @@ def run(command, working_dir):
 
 
 def main():
-    log_dir, bin_dir, link, protocol, working_dir, *command = sys.argv[1:]
+    log_dir, bin_dir, working_dir, *words = sys.argv[1:]
+    end = words.index("--")
+    words, command = words[:end], words[end + 1:]
     for signum in FORWARDED:
         signal.signal(signum, lambda number, _: sys.exit(128 + number))
     signal.signal(signal.SIGINT, lambda number, _: sys.exit(128 + number))
@@ -62,7 +64,7 @@ def main():
         # daemon is stopped in order afterwards.
         launcher = subprocess.Popen(
             [f"{bin_dir}/vantrel-launch", "--daemon", f"{bin_dir}/vantrel",
-             "--status-socket", "/run/vantrel.status", "--protocol", protocol, link],
+             "--status-socket", "/run/vantrel.status", *words],
             stdin=subprocess.DEVNULL, stdout=status, stderr=log,
             start_new_session=True,
             env={**os.environ, "VANTREL_LOG_FILE": f"{log_dir}/daemon.log"})
