@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""check_interception.py: scripts, units and the bench use the address, interface,
+"""check_interception.py: scripts, units, documents and the bench use the address, interface,
 chains and packet-filter tool that the daemon's headers define. Differences go to
 standard error and make the exit status 1.
 """
@@ -16,13 +16,16 @@ USERS = {
         ["kApplicationAddressText", "kInterface"],
     "tests/bench.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
     "scripts/lib/demo_steps.sh": [],
+    "docs/android.md": ["kApplicationAddressText", "kInterface", "kIptablesWrapper", "kTcpChain",
+                        "kUdpChain"],
+    "docs/bluetooth.md": ["kApplicationAddressText", "kInterface"],
 }
 # What looks like one of the definitions, and so must be one.
 LOOKALIKES = {
     r"\b192\.168\.\d+\.\d+\b": ["kApplicationAddressText"],
     r"\bifb\d+\b": ["kInterface"],
     r"\boem_PROXY_[A-Z]+\b": ["kTcpChain", "kUdpChain"],
-    r"/system/bin/\S*iptables[^\s\"']*": ["kIptablesWrapper"],
+    r"/system/bin/\S*iptables[^\s\"'`]*": ["kIptablesWrapper"],
 }
 
 

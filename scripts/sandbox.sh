@@ -94,7 +94,7 @@ setsid "$bin/vantrel-companion" --protocol "$protocol" --listen "unix:$work/link
   --allow 0.0.0.0/0 ${dns:+--dns "$dns"} "${to_companion[@]}" >"$log_dir/companion.log" 2>&1 </dev/null &
 companion=$!
 # The socket's file is there a moment before anybody listens on it.
-listens() { grep -q "listening on" "$log_dir/companion.log"; }
+listens() { grep -qs "listening on" "$log_dir/companion.log"; }
 for ((tries = 0; tries < 200; tries++)); do
   ! listens || break
   sleep 0.05
