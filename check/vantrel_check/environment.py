@@ -15,7 +15,10 @@ class LinkSource:
     def __init__(self, address, listens, seconds):
         self.address = address
         self._seconds = seconds
-        self._listener = address.listen() if listens else None
+        try:
+            self._listener = address.listen() if listens else None
+        except OSError as error:
+            raise LinkRefused(f"cannot wait at {address}: {error.strerror}") from None
 
     def open(self):
         """A connected socket. A companion that has one link only may need a moment

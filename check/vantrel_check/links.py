@@ -1,5 +1,6 @@
 """Opens links: unix:, tcp: and rfcomm:, by connecting or by waiting."""
 
+import errno
 import os
 import re
 import socket
@@ -49,7 +50,12 @@ class LinkAddress:
     def _socket(self):
         if self.kind != "rfcomm":
             return socket.socket(self._family)
-        return socket.socket(self._family, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM)
+        try:
+            return socket.socket(self._family, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM)
+        except OSError as error:
+            if error.errno != errno.EAFNOSUPPORT:
+                raise
+            raise OSError(error.errno, "this kernel has no Bluetooth sockets") from None
 
     def connect(self, seconds):
         """A connected socket, or an OSError."""

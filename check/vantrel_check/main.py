@@ -127,8 +127,11 @@ def _run(options):
     chosen, measures = _selected(options.only)
     if not re.fullmatch(r"\d+(\.\d+){3}", options.server_address):
         raise LinkError(f"not an IPv4 address: '{options.server_address}'")
-    # An OSError, where no server can stand, no such process is, or no file can be.
-    unused_endpoint(options.server_address)
+    try:
+        unused_endpoint(options.server_address)
+    except OSError as error:
+        raise LinkError(f"--server-address {options.server_address}: {error.strerror}") from None
+    # An OSError, where no such process is, or no file can be.
     memory(options.pid)
     if options.junit:
         open(options.junit, "ab").close()
