@@ -50,7 +50,7 @@ while [ $# -gt 0 ]; do
     --debuggable) debuggable=true ;;
     --help) usage; exit 0 ;;
     --) shift; break ;;
-    *) usage >&2; exit 125 ;;
+    *) fail "no such option: $1 (COMMAND stands behind --; see --help)" ;;
   esac
   shift
 done
