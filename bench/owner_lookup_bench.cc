@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "capture/socket_table.h"
+#include "capture/socket_table_path_testing.h"
 #include "capture/tcp_owners.h"
 #include "capture/uid_helper.h"
 #include "common/hex_testing.h"

@@ -19,13 +19,13 @@
 #include <vector>
 
 #include "capture/open_conduits.h"
-#include "capture/original_destination.h"
+#include "capture/original_destination_testing.h"
 #include "capture/tcp_conduit.h"
 #include "common/hex_testing.h"
-#include "common/monotonic_clock.h"
+#include "common/monotonic_clock_testing.h"
 #include "common/seed_testing.h"
 #include "link/link_testing.h"
-#include "platform/linux/device_files.h"
+#include "platform/linux/device_files_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
 

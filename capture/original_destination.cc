@@ -6,17 +6,8 @@
 #include <sys/socket.h>
 
 namespace vantrel {
-namespace {
-
-const HostAndPort* fixed_destination = nullptr;
-
-}  // namespace
 
 bool GetOriginalDestination(int fd, HostAndPort* destination) {
-  if (fixed_destination != nullptr) {
-    *destination = *fixed_destination;
-    return true;
-  }
   sockaddr_in original = {};
   socklen_t length = sizeof(original);
   if (getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &original, &length) == -1) {
@@ -35,10 +26,6 @@ bool GetOriginalDestination(int fd, HostAndPort* destination) {
   }
   *destination = found;
   return true;
-}
-
-void SetOriginalDestination(const HostAndPort* destination) {
-  fixed_destination = destination;
 }
 
 }  // namespace vantrel

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "capture/socket_table_path.h"
 #include "common/log.h"
 #include "common/log_limiter.h"
 
@@ -16,11 +17,6 @@ constexpr size_t kPortDigits = 4;
 constexpr size_t kStateDigits = 2;
 constexpr uint8_t kNoDigit = 0xFF;
 constexpr int kMaxDecimalDigits = 18;  // fit 64 bits whatever they are
-
-std::string& Directory() {
-  static std::string directory = "/proc/net";
-  return directory;
-}
 
 constexpr std::array<uint8_t, 256> MakeHexDigits() {
   std::array<uint8_t, 256> digits = {};
@@ -107,7 +103,7 @@ void CopyDigits(const char* digits, char* out) {
 }  // namespace
 
 std::unique_ptr<SocketTable> SocketTable::Open(const std::string& name) {
-  const std::string path = Directory() + "/" + name;
+  const std::string path = GetSocketTablePath(name);
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd == -1) {
     const int error = errno;
@@ -310,10 +306,6 @@ FILE* SocketTable::GetRest() {
     rest_.reset(fmemopen(&rest_text_[0], rest_text_.size(), "r"));
   }
   return rest_.get();
-}
-
-void SetSocketTableDirectory(const std::string& directory) {
-  Directory() = directory;
 }
 
 }  // namespace vantrel

@@ -117,7 +117,4 @@ class SocketTable {
   std::unique_ptr<FILE, FileCloser> rest_;  // over |rest_text_|
 };
 
-// For tests: the directory that stands for /proc/net from now on.
-void SetSocketTableDirectory(const std::string& directory);
-
 }  // namespace vantrel

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "capture/socket_table.h"
+#include "capture/socket_table_path_testing.h"
 
 namespace vantrel {
 

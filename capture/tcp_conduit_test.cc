@@ -4,7 +4,7 @@
 #include <signal.h>
 
 #include "capture/capture_testing.h"
-#include "capture/original_destination.h"
+#include "capture/original_destination_testing.h"
 #include "common/hex_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"

@@ -13,7 +13,7 @@
 
 #include "capture/table_files_testing.h"
 #include "common/hex_testing.h"
-#include "common/monotonic_clock.h"
+#include "common/monotonic_clock_testing.h"
 #include "common/seed_testing.h"
 #include "common/uid.h"
 

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "capture/original_destination.h"
+#include "capture/original_destination_testing.h"
 #include "capture/table_files_testing.h"
 #include "common/hex_testing.h"
-#include "common/monotonic_clock.h"
+#include "common/monotonic_clock_testing.h"
 #include "common/seed_testing.h"
 #include "platform/linux/log_capture.h"
 

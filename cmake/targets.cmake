@@ -53,6 +53,19 @@ function(vantrel_library name)
   target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
 endfunction()
 
+# vantrel_seam(NAME REAL.cc DOUBLE.cc): what tests link in place of REAL, a source of
+# this folder's library that has nothing else in it. The linker takes the double,
+# which stands before the library, and leaves the library's object out; so no
+# program can be told anything that only a test may say.
+function(vantrel_seam name real double)
+  set_source_files_properties(${real} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+  if(VANTREL_BUILD_TESTS)
+    add_library(${name} OBJECT ${double})
+    target_link_libraries(${name} PUBLIC vantrel_flags)
+    target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
+  endif()
+endfunction()
+
 # vantrel_unit_test(NAME SOURCES... LINK LIBRARIES...): one GoogleTest program;
 # each of its cases becomes one test of ctest.
 function(vantrel_unit_test name)

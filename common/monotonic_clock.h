@@ -5,9 +5,7 @@
 namespace vantrel {
 
 // The time since some fixed moment, which no change of the wall clock moves.
+// Tests link their own in its place, see monotonic_clock_testing.h.
 timespec MonotonicNow();
-
-// For tests: MonotonicNow() runs ahead of the real clock by so many seconds.
-void SetMonotonicClockLead(time_t seconds);
 
 }  // namespace vantrel

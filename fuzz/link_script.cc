@@ -4,11 +4,11 @@
 
 #include <vector>
 
-#include "capture/original_destination.h"
-#include "capture/socket_table.h"
+#include "capture/original_destination_testing.h"
+#include "capture/socket_table_path_testing.h"
 #include "capture/tcp_server.h"
 #include "capture/udp_server.h"
-#include "common/monotonic_clock.h"
+#include "common/monotonic_clock_testing.h"
 #include "control/control_server.h"
 #include "control/proxy_socket_delegate_impl.h"
 #include "control/status_socket.h"

@@ -6,6 +6,7 @@
 #include "capture/uid_helper.h"
 #include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_log.h"
+#include "platform/linux/device_files_testing.h"
 #include "platform/linux/package_list.h"
 #include "tools/package_names.h"
 

@@ -3,7 +3,7 @@
 #include <cutils/properties.h>
 
 #include "fuzz/fuzz_file.h"
-#include "platform/linux/device_files.h"
+#include "platform/linux/device_files_testing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace vantrel;

@@ -1,4 +1,5 @@
 // The kernel's socket tables: both ways of reading them must agree on any text.
+#include "capture/socket_table_path_testing.h"
 #include "capture/socket_table_testing.h"
 #include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_log.h"

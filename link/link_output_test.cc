@@ -5,7 +5,7 @@
 #include <string>
 
 #include "common/hex_testing.h"
-#include "common/monotonic_clock.h"
+#include "common/monotonic_clock_testing.h"
 #include "platform/linux/log_capture.h"
 #include "reactor/reactor_testing.h"
 

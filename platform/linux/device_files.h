@@ -10,10 +10,8 @@ enum class DeviceFile {
   kPackageList,  // /data/system/packages.list
 };
 
-// Where the file is.
-const std::string& GetDeviceFile(DeviceFile file);
-
-// For tests: the file that takes its place from now on.
-void SetDeviceFile(DeviceFile file, const std::string& path);
+// Where the file is. Tests link their own in its place, see
+// device_files_testing.h.
+std::string GetDeviceFile(DeviceFile file);
 
 }  // namespace vantrel

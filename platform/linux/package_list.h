@@ -13,7 +13,7 @@
 
 namespace vantrel {
 
-inline const std::string& GetPackageListPath() {
+inline std::string GetPackageListPath() {
   return GetDeviceFile(DeviceFile::kPackageList);
 }
 

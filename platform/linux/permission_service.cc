@@ -19,7 +19,7 @@ class PackageList {
  public:
   // Whether the file can be read. Brings this up to date.
   bool Refresh() {
-    const std::string& path = vantrel::GetPackageListPath();
+    const std::string path = vantrel::GetPackageListPath();
     struct stat now = {};
     if (stat(path.c_str(), &now) == -1) return false;
     if (IsSame(now)) return true;
