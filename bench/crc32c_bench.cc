@@ -1,5 +1,6 @@
 // The checksum of protocol 2: by size, and at addresses of every alignment.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 
 #include <string>
 
@@ -14,7 +15,7 @@ void Crc32c(benchmark::State& state) {
   const std::string bytes(size + offset, 'x');
   while (state.KeepRunning()) {
     benchmark::DoNotOptimize(MessageEncoder::ComputeCrc32c(
-        bytes.data() + offset, static_cast<unsigned int>(size)));
+        bytes.data() + offset, static_cast<uint32_t>(size)));
   }
   state.SetBytesProcessed(state.iterations() * state.range(0));
 }

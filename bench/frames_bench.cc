@@ -1,6 +1,7 @@
 // Frames of protocol 2 with a stream's bytes: built, and taken apart as they
 // come from the link.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <string>
@@ -55,8 +56,8 @@ void DecodeFrame(benchmark::State& state) {
     for (next = 0; next < frames.size();) {
       const size_t size = std::min({kPieceBytes, frames.size() - next,
                                     decoder.GetAvailableBufferSpace()});
-      unsigned int consumed = 0;
-      decoder.BufferData(frames.data() + next, static_cast<unsigned int>(size),
+      uint32_t consumed = 0;
+      decoder.BufferData(frames.data() + next, static_cast<uint32_t>(size),
                          &consumed);
       next += consumed;
       while (decoder.GetAndClearMessage(&message)) ++count;

@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -44,11 +45,11 @@ struct request_t {
 struct options_t {
   std::string address = "198.51.100.80";
   uint16_t port = 7000;
-  unsigned int clients = 1;
+  uint32_t clients = 1;
   request_t request;
-  double seconds = 1;         // 0: one exchange per client
-  uint64_t exchanges = 0;     // per client, in place of |seconds|; 0: no number
-  unsigned int pause_ms = 0;  // of a client after each exchange
+  double seconds = 1;      // 0: one exchange per client
+  uint64_t exchanges = 0;  // per client, in place of |seconds|; 0: no number
+  uint32_t pause_ms = 0;   // of a client after each exchange
   bool is_new = false;
 };
 
@@ -255,7 +256,7 @@ std::vector<std::unique_ptr<Descriptor>> Connect(const options_t& options) {
   first.request = {0, 1};
   std::vector<char> block(4096);
   std::vector<std::unique_ptr<Descriptor>> connections;
-  for (unsigned int i = 0; i < options.clients; ++i) {
+  for (uint32_t i = 0; i < options.clients; ++i) {
     connections.push_back(std::make_unique<Descriptor>(-1));
     if (!Exchange(first, connections.back().get(), block)) {
       throw std::runtime_error("connection " + std::to_string(i) + " failed");

@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -26,13 +27,13 @@
 namespace vantrel {
 namespace {
 
-constexpr unsigned int kUid = 10123;
+constexpr uint32_t kUid = 10123;
 constexpr char kHeading[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when "
     "retrnsmt   uid  timeout inode";
 
 std::string Row(int64_t number, const char* local, const char* remote,
-                unsigned int uid, unsigned long inode) {
+                uint32_t uid, unsigned long inode) {
   char row[151];  // the kernel pads its rows to 149 characters
   const int length = snprintf(
       row, sizeof(row),
@@ -93,7 +94,7 @@ void TcpOwnerInFile(benchmark::State& state) {
 // Each look-up of a datagram keeps its table open, as the daemon's do: so there
 // are few, and what they leave is closed afterwards.
 void DatagramOwnerInFile(benchmark::State& state) {
-  const auto first = static_cast<unsigned int>(dup(STDIN_FILENO));
+  const auto first = static_cast<uint32_t>(dup(STDIN_FILENO));
   const TableFiles tables(state.range(0));
   const HostAndPort local = Endpoint("C0A8A7EF", 40000);
   const HostAndPort remote = Endpoint("C6336435", 53);

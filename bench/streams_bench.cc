@@ -2,6 +2,7 @@
 // or of all to the write on the link; down, from the read on the link to a
 // stream. Both with the few and large system calls of the companion's end.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <memory>
@@ -24,7 +25,7 @@ constexpr size_t kChunkBytes = 4096;
 // counted.
 class BenchConduit : public FakeConduit {
  public:
-  explicit BenchConduit(unsigned int id)
+  explicit BenchConduit(uint32_t id)
       : FakeConduit(id, 10123, "com.example.bench") {}
   bool HasBuffer() const override { return waiting > 0; }
   bool GetNextBuffer(std::string* out) override {
@@ -55,7 +56,7 @@ class LinkWithStreams {
     is_good_ = link_->Connect(fd);
     fcntl(fd, F_SETFL, O_NONBLOCK);
     if (protocol == 20) Receive(Frame(3, "D20C 02 08 01"));  // acknowledged
-    for (unsigned int id = 1; id <= count; ++id) {
+    for (uint32_t id = 1; id <= count; ++id) {
       streams_.push_back(std::make_unique<BenchConduit>(id));
       link_->RegisterTcpStream(streams_.back().get());
       Flush();

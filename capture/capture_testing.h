@@ -1,6 +1,8 @@
 // For unit tests of the capture side: the link, recorded.
 #pragma once
 
+#include <stdint.h>
+
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,8 +24,8 @@ class FakeLink : public ProxySocket {
   }
   void Dump(std::stringstream&) const override {}
   void Ping() override {}
-  void Pull(unsigned int) override {}
-  void Push(unsigned int) override {}
+  void Pull(uint32_t) override {}
+  void Push(uint32_t) override {}
   void GetTransferStats(MessageUidTransferStatsInfo*) override {}
 
   std::vector<TcpConduitDelegate*> streams;  // own themselves

@@ -1,5 +1,7 @@
 #include "capture/dns.h"
 
+#include <stdint.h>
+
 #include <algorithm>
 
 #include "common/byte_order.h"
@@ -17,16 +19,16 @@ constexpr size_t kMaxNameBytes = 1024;
 
 // What one packet may log. Far above any answer that people wait for; without
 // it one application could fill the log and keep the loop from everybody else.
-constexpr unsigned int kMaxLines = 64;
+constexpr uint32_t kMaxLines = 64;
 constexpr size_t kMaxLineBytes = 16 * 1024;  // of all lines together
 constexpr size_t kLineBytesAroundName = 40;  // at most, in any of the lines
 
-constexpr unsigned int kQuestionTail = 4;  // type, class
-constexpr unsigned int kAnswerTail = 10;   // type, class, TTL, data length
-constexpr unsigned int kDataLengthOffset = 8;
+constexpr uint32_t kQuestionTail = 4;  // type, class
+constexpr uint32_t kAnswerTail = 10;   // type, class, TTL, data length
+constexpr uint32_t kDataLengthOffset = 8;
 constexpr uint8_t kPointerBits = 0xC0;
 
-uint8_t ByteAt(const std::string& packet, unsigned int offset) {
+uint8_t ByteAt(const std::string& packet, uint32_t offset) {
   return offset < packet.size() ? GetU8(packet.data() + offset) : 0;
 }
 
@@ -36,7 +38,7 @@ bool IsLabel(uint8_t length) { return length != 0 && length < kPointerBits; }
 
 // The offset behind the name at |offset|: behind its zero byte or its two-byte
 // compression pointer. The end of the packet ends the name.
-unsigned int SkipName(const std::string& packet, unsigned int offset) {
+uint32_t SkipName(const std::string& packet, uint32_t offset) {
   uint8_t length = ByteAt(packet, offset);
   while (IsLabel(length)) {
     offset += 1 + length;
@@ -46,7 +48,7 @@ unsigned int SkipName(const std::string& packet, unsigned int offset) {
 }
 
 // The name at |offset|. The walk ends once |room| bytes are full.
-std::string DecodeName(const std::string& packet, unsigned int offset,
+std::string DecodeName(const std::string& packet, uint32_t offset,
                        int pointers_left, size_t room) {
   std::string name;
   uint8_t length = ByteAt(packet, offset);
@@ -58,8 +60,7 @@ std::string DecodeName(const std::string& packet, unsigned int offset,
     length = ByteAt(packet, offset);
   }
   if (length == 0 || offset + 1 >= packet.size()) return name;
-  const unsigned int target =
-      (length & 0x3Fu) << 8 | ByteAt(packet, offset + 1);
+  const uint32_t target = (length & 0x3Fu) << 8 | ByteAt(packet, offset + 1);
   if (!name.empty()) name += ".";
   if (pointers_left > 0 && name.size() < room) {
     name += DecodeName(packet, target, pointers_left - 1, room - name.size());
@@ -82,8 +83,7 @@ class LineBudget {
 
   // Whether one more line, with the name at |offset| in it, may be logged;
   // |name| then has that name. Once the answer is no it stays no, at no cost.
-  bool Admit(const std::string& packet, unsigned int offset,
-             std::string* name) {
+  bool Admit(const std::string& packet, uint32_t offset, std::string* name) {
     if (left_out_ == 0 && lines_ < kMaxLines) {
       *name = ExtractName(packet, offset);
       ++lines_;
@@ -96,19 +96,19 @@ class LineBudget {
 
  private:
   const unsigned short id_;
-  unsigned int lines_ = 0;
+  uint32_t lines_ = 0;
   size_t bytes_ = 0;
-  unsigned int left_out_ = 0;
+  uint32_t left_out_ = 0;
 };
 
 struct dns_header_t {
   unsigned short id;
   bool is_response;
-  unsigned int opcode;
+  uint32_t opcode;
   bool is_truncated;
-  unsigned int response_code;
-  unsigned int question_count;
-  unsigned int answer_count;
+  uint32_t response_code;
+  uint32_t question_count;
+  uint32_t answer_count;
 };
 
 // |packet| holds at least a header.
@@ -127,20 +127,20 @@ dns_header_t ReadHeader(const std::string& packet) {
 }
 
 void LogAnswers(const dns_header_t& header, const std::string& packet) {
-  unsigned int offset = Dns::kHeaderSize;
-  for (unsigned int i = 0; i < header.question_count; ++i) {
+  uint32_t offset = Dns::kHeaderSize;
+  for (uint32_t i = 0; i < header.question_count; ++i) {
     offset = SkipName(packet, offset) + kQuestionTail;
   }
   LineBudget budget(header.id);
-  for (unsigned int i = 0; i < header.answer_count; ++i) {
-    const unsigned int owner = offset;
+  for (uint32_t i = 0; i < header.answer_count; ++i) {
+    const uint32_t owner = offset;
     offset = SkipName(packet, offset);
     if (offset + kAnswerTail > packet.size()) {
       LOGE("[D:%04hx] Received response with invalid length.", header.id);
       return;
     }
     const char* answer = packet.data() + offset;
-    const unsigned int data_length = GetBe16(answer + kDataLengthOffset);
+    const uint32_t data_length = GetBe16(answer + kDataLengthOffset);
     // Four bytes are logged as an address whatever the record's type.
     if (data_length == 4) {
       // An address that ends with the packet counts as invalid; kept for
@@ -193,7 +193,7 @@ void LogResult(const dns_header_t& header, const std::string& packet) {
 
 }  // namespace
 
-std::string ExtractName(const std::string& packet, unsigned int& offset) {
+std::string ExtractName(const std::string& packet, uint32_t& offset) {
   std::string name = DecodeName(packet, offset, kMaxPointers, kMaxNameBytes);
   offset = SkipName(packet, offset);
   return name;
@@ -213,8 +213,8 @@ void Dns::LogRequest(const HostAndPort& destination,
     return;
   }
   LineBudget budget(header.id);
-  unsigned int offset = kHeaderSize;
-  for (unsigned int i = 0; i < header.question_count && offset < packet.size();
+  uint32_t offset = kHeaderSize;
+  for (uint32_t i = 0; i < header.question_count && offset < packet.size();
        ++i) {
     std::string name;
     if (budget.Admit(packet, offset, &name)) {

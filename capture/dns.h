@@ -29,6 +29,6 @@ class Dns {
 // Decodes the name at |offset|, its labels joined by dots and otherwise as they
 // are, and moves |offset| past it: past its zero byte or its two-byte
 // compression pointer. The end of the packet ends the name.
-std::string ExtractName(const std::string& packet, unsigned int& offset);
+std::string ExtractName(const std::string& packet, uint32_t& offset);
 
 }  // namespace vantrel

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -158,7 +159,7 @@ class LinkModel {
 // One random sequence, on the real link and on the model.
 class LinkModelRun {
  public:
-  LinkModelRun(LinkLanguage& language, unsigned int seed)
+  LinkModelRun(LinkLanguage& language, uint32_t seed)
       : language_(language), random_(seed), model_(language) {
     signal(SIGPIPE, SIG_IGN);
     SetOriginalDestination(&remote_);
@@ -329,15 +330,15 @@ class LinkModelRun {
   std::map<uint8_t, std::unique_ptr<Socket>> applications_;
   std::map<uint8_t, TcpConduit*> conduits_;  // own themselves
   uint8_t last_id_ = 0;
-  unsigned int next_byte_ = 0;
+  uint32_t next_byte_ = 0;
   bool is_blocked_ = false;
   std::string sent_;
 };
 
 // |runs| sequences, each with a seed of its own.
-inline void RunLinkModel(LinkLanguage& language, unsigned int runs) {
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + runs; ++seed) {
+inline void RunLinkModel(LinkLanguage& language, uint32_t runs) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + runs; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     LinkModelRun(language, seed).Run(400);
     if (::testing::Test::HasFatalFailure()) return;

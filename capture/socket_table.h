@@ -23,7 +23,7 @@ struct tcp_row_t {
   uint32_t remote_address = 0;
   uint16_t remote_port = 0;
   uint8_t state = 0;  // as the kernel numbers them
-  unsigned int uid = 0;
+  uint32_t uid = 0;
   unsigned long inode = 0;  // 0: no socket is attached
 };
 struct tcp6_row_t {
@@ -32,7 +32,7 @@ struct tcp6_row_t {
   char remote_address[33] = {};
   uint16_t remote_port = 0;
   uint8_t state = 0;
-  unsigned int uid = 0;
+  uint32_t uid = 0;
   unsigned long inode = 0;
 };
 struct udp_row_t {
@@ -40,14 +40,14 @@ struct udp_row_t {
   uint16_t port = 0;
   uint32_t remote_address = 0;
   uint16_t remote_port = 0;
-  unsigned int uid = 0;
+  uint32_t uid = 0;
 };
 struct udp6_row_t {
   char address[33] = {};
   uint16_t port = 0;
   char remote_address[33] = {};
   uint16_t remote_port = 0;
-  unsigned int uid = 0;
+  uint32_t uid = 0;
 };
 
 // One of the kernel's socket tables, read once from top to bottom.

@@ -1,6 +1,7 @@
 #include "capture/socket_table.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 
 #include <fstream>
 #include <random>
@@ -26,7 +27,7 @@ class SocketTableTest : public ::testing::Test {
 // Sound tables, and the same with pieces cut out, doubled, or replaced by what
 // formats treat in ways of their own.
 TEST_F(SocketTableTest, ReadsAnyTextAsTheFormatsDo) {
-  const unsigned int seed = std::random_device()();
+  const uint32_t seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   const auto below = [&](size_t n) { return random() % n; };

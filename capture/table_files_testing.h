@@ -18,7 +18,7 @@ namespace vantrel {
 struct table_row_t {
   uint32_t local = 0, remote = 0;
   uint16_t port = 0, remote_port = 0;
-  unsigned int uid = 0;
+  uint32_t uid = 0;
   unsigned long inode = 99;
   int state = 1;  // established
 };
@@ -28,7 +28,7 @@ constexpr char kMappedPrefix[] = "0000000000000000FFFF0000";
 
 // One row in the kernel's own columns; the ends as it prints them.
 inline std::string TableRow(const std::string& local, const std::string& remote,
-                            unsigned int uid, unsigned long inode = 99,
+                            uint32_t uid, unsigned long inode = 99,
                             int state = 1) {
   char state_text[8];
   snprintf(state_text, sizeof(state_text), " %02X ", state);

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -23,7 +24,7 @@ constexpr size_t kChunkBytes = 4096;
 constexpr size_t kMaxQueuedChunks = 4;
 constexpr uint32_t kInitialCredit = 8;  // chunks
 
-uint64_t GetSocketCookie(int fd, unsigned int id) {
+uint64_t GetSocketCookie(int fd, uint32_t id) {
   uint64_t cookie = 0;
   socklen_t length = sizeof(cookie);
   if (getsockopt(fd, SOL_SOCKET, SO_COOKIE, &cookie, &length) == -1) {
@@ -43,8 +44,8 @@ void SendAtOnce(int fd) {
 
 }  // namespace
 
-TcpConduit::TcpConduit(Reactor& reactor, ProxySocket& link, int fd,
-                       unsigned int id, OpenConduits& open_conduits)
+TcpConduit::TcpConduit(Reactor& reactor, ProxySocket& link, int fd, uint32_t id,
+                       OpenConduits& open_conduits)
     : Socket(fd),
       id_(id),
       reactor_(reactor),

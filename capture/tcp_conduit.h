@@ -34,7 +34,7 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   // connection is, registers it with |link| and adds itself to |open_conduits|,
   // which outlives it. The object may be gone when this returns: use the result
   // of new for nothing.
-  TcpConduit(Reactor& reactor, ProxySocket& link, int fd, unsigned int id,
+  TcpConduit(Reactor& reactor, ProxySocket& link, int fd, uint32_t id,
              OpenConduits& open_conduits);
 
   // The daemon ends: cuts the connection with a reset. Only an end that the
@@ -49,9 +49,9 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   void HandleWriteAck() override;
   void Write(std::string data) override;
   void Close() override;  // deletes this, at once or when all is written
-  unsigned int GetId() const override { return id_; }
+  uint32_t GetId() const override { return id_; }
   HostAndPort GetRemote() const override { return remote_; }
-  unsigned int GetUid() const override { return uid_; }
+  uint32_t GetUid() const override { return uid_; }
   std::string GetPackageName() const override { return package_name_; }
   bool HasBuffer() const override;
   bool GetNextBuffer(std::string* out) override;
@@ -73,9 +73,9 @@ class TcpConduit final : public Socket, public ProxySocket::TcpConduitDelegate {
   // data, and closes the stream.
   void SetClosed();
 
-  const unsigned int id_;
+  const uint32_t id_;
   HostAndPort remote_;
-  unsigned int uid_ = 0;
+  uint32_t uid_ = 0;
   std::string package_name_;
   Reactor& reactor_;
   ProxySocket& link_;

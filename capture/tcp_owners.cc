@@ -1,6 +1,7 @@
 #include "capture/tcp_owners.h"
 
 #include <arpa/inet.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <memory>
@@ -59,8 +60,8 @@ bool ToIPv4(const tcp6_row_t& row, tcp_row_t* out) {
 
 }  // namespace
 
-unsigned int TcpOwners::Find(const connection_t& connection) {
-  unsigned int uid = kNobodyUid;
+uint32_t TcpOwners::Find(const connection_t& connection) {
+  uint32_t uid = kNobodyUid;
   if (IsServedByLastLook(connection)) uid = GetOwner(connection);
   for (int looks = 0; uid == kNobodyUid && looks < kMaxLooks; ++looks) {
     const bool may_find_more = Look(connection);
@@ -127,7 +128,7 @@ bool TcpOwners::Note(const tcp_row_t& row, const connection_t& connection) {
 
 // Two owners are none, also of what seems to be one connection: the table is
 // read in pieces.
-unsigned int TcpOwners::GetOwner(const connection_t& connection) const {
+uint32_t TcpOwners::GetOwner(const connection_t& connection) const {
   const uint16_t port = connection.source_port;
   const owned_t* found = nullptr;
   for (const owned_t& owned : owned_) {

@@ -34,7 +34,7 @@ class TcpOwners {
   // connections to |destination|, if they have only one. Looks once more for a
   // connection of which there is no trace: a table is read in pieces, and a row
   // can be passed over while others come and go.
-  unsigned int Find(const connection_t& connection);
+  uint32_t Find(const connection_t& connection);
 
  private:
   // A row of an application. Words are as in the table.
@@ -42,7 +42,7 @@ class TcpOwners {
     uint16_t source_port;
     uint16_t destination_port;
     uint32_t destination;
-    unsigned int uid;
+    uint32_t uid;
   };
 
   bool IsServedByLastLook(const connection_t& connection);
@@ -55,7 +55,7 @@ class TcpOwners {
   bool ReadRows(SocketTable* table, const connection_t& connection);
   // Whether |row| is that of |connection|.
   bool Note(const tcp_row_t& row, const connection_t& connection);
-  unsigned int GetOwner(const connection_t& connection) const;
+  uint32_t GetOwner(const connection_t& connection) const;
 
   // The last look.
   timespec end_ = {};

@@ -1,6 +1,7 @@
 #include "capture/tcp_owners.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <deque>
@@ -45,7 +46,7 @@ class TcpOwnersTest : public ::testing::Test {
 // have the same ends. What has ended has no inode, and belongs to root.
 class RandomRows {
  public:
-  explicit RandomRows(unsigned int seed) : random_(seed) {}
+  explicit RandomRows(uint32_t seed) : random_(seed) {}
   size_t Below(size_t n) { return random_() % n; }
   uint16_t Port() { return static_cast<uint16_t>(40000 + Below(3)); }
   std::vector<table_row_t> Make() {
@@ -59,7 +60,7 @@ class RandomRows {
       const auto ends =
           std::make_tuple(row.local, row.port, row.remote, row.remote_port);
       if (!seen_.insert(ends).second) continue;
-      row.uid = 10000 + static_cast<unsigned int>(Below(3));
+      row.uid = 10000 + static_cast<uint32_t>(Below(3));
       if (Below(4) == 0) {
         const bool is_orphan = Below(2) == 0;
         row.state = is_orphan ? 0x04 : 0x06;
@@ -76,9 +77,9 @@ class RandomRows {
   std::set<std::tuple<uint32_t, uint16_t, uint32_t, uint16_t>> seen_;
 };
 
-unsigned int FindInModel(const std::vector<table_row_t>& rows,
-                         const TcpOwners::connection_t& wanted) {
-  std::set<unsigned int> owners;
+uint32_t FindInModel(const std::vector<table_row_t>& rows,
+                     const TcpOwners::connection_t& wanted) {
+  std::set<uint32_t> owners;
   for (const table_row_t& row : rows) {
     const bool has_ended =
         row.state == 0x06 || (row.uid == 0 && row.inode == 0);
@@ -94,8 +95,8 @@ unsigned int FindInModel(const std::vector<table_row_t>& rows,
 
 TEST_F(TcpOwnersTest, FindsTheOwnersThatTheModelFinds) {
   int found[2] = {}, missing[2] = {};
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + 150; ++seed) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + 150; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     RandomRows random(seed);
     const auto tcp = random.Make(), tcp6 = random.Make();
@@ -106,7 +107,7 @@ TEST_F(TcpOwnersTest, FindsTheOwnersThatTheModelFinds) {
     if (is_known) wanted.source_port = random.Port();
     auto rows = tcp;
     rows.insert(rows.end(), tcp6.begin(), tcp6.end());
-    const unsigned int owner = FindInModel(rows, wanted);
+    const uint32_t owner = FindInModel(rows, wanted);
     ASSERT_EQ(owner, TcpOwners().Find(wanted));
     ++(owner == kNobodyUid ? missing : found)[is_known ? 1 : 0];
   }
@@ -121,12 +122,12 @@ class Kernel {
  public:
   struct connection_t {
     TcpOwners::connection_t ends;
-    unsigned int uid;
+    uint32_t uid;
     bool is_mapped;
     bool is_accepted = false;
   };
 
-  explicit Kernel(unsigned int seed) : random_(seed) {}
+  explicit Kernel(uint32_t seed) : random_(seed) {}
   size_t Below(size_t n) { return random_() % n; }
 
   // Nothing where those ports are taken.
@@ -142,7 +143,7 @@ class Kernel {
         ToEnd(kApplicationWord, static_cast<uint16_t>(port + 10 * remote));
     made.ends.destination = ToEnd(kRemoteWords[0], remote);
     made.ends.source_port = port;
-    made.uid = 10000 + static_cast<unsigned int>(Below(5));
+    made.uid = 10000 + static_cast<uint32_t>(Below(5));
     made.is_mapped = Below(2) == 0;
     connections[key] = made;
     waiting.push_back(key);
@@ -192,8 +193,8 @@ class Kernel {
 // However few looks there are: never the owner of an earlier connection from
 // the same port, nor nobody.
 TEST_F(TcpOwnersTest, OneLookServesOnlyThoseWhoWaited) {
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + 20; ++seed) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + 20; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     Kernel kernel(seed);
     TcpOwners owners;

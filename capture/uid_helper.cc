@@ -4,6 +4,7 @@
 #include <binder/IServiceManager.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,8 +32,7 @@ constexpr uint32_t kCacheCapacity = 20;
 constexpr time_t kFreshSeconds = 9;
 
 using Flow = std::pair<HostAndPort, HostAndPort>;  // local, remote
-LruCache<Flow, std::pair<unsigned int, timespec>> datagram_owners(
-    kCacheCapacity);
+LruCache<Flow, std::pair<uint32_t, timespec>> datagram_owners(kCacheCapacity);
 
 TcpOwners tcp_owners;
 ConnectionTracking connection_tracking;
@@ -69,7 +69,7 @@ bool FindConnection(int fd, TcpOwners::connection_t* connection) {
 class OwnerOfMatches {
  public:
   // False when |uid| contradicts an earlier match: the scan can end.
-  bool Add(unsigned int uid) {
+  bool Add(uint32_t uid) {
     if (found_ && uid != uid_) {
       uid_ = UidHelper::kUidNotFound;
       return false;
@@ -78,11 +78,11 @@ class OwnerOfMatches {
     uid_ = uid;
     return true;
   }
-  unsigned int Get() const { return uid_; }
+  uint32_t Get() const { return uid_; }
 
  private:
   bool found_ = false;
-  unsigned int uid_ = UidHelper::kUidNotFound;
+  uint32_t uid_ = UidHelper::kUidNotFound;
 };
 
 // A malformed name comes out empty: the converter is given that as its error
@@ -96,7 +96,7 @@ std::string ToUtf8(const android::String16& text) {
 
 }  // namespace
 
-unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
+uint32_t UidHelper::FindOwnerUidForTcpSocket(int fd) {
   // Only a bug of ours asks for what is no descriptor.
   struct stat status;
   if (fstat(fd, &status) == -1) {
@@ -108,23 +108,23 @@ unsigned int UidHelper::FindOwnerUidForTcpSocket(int fd) {
   return tcp_owners.Find(connection);
 }
 
-unsigned int UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,
-                                                const HostAndPort& remote) {
+uint32_t UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,
+                                            const HostAndPort& remote) {
   const timespec now = MonotonicNow();
   const Flow flow(local, remote);
   const auto* known = datagram_owners.Find(flow);
   if (known != nullptr && now.tv_sec - known->second.tv_sec <= kFreshSeconds) {
     return known->first;
   }
-  const unsigned int uid = local.host.GetFamily() == AF_INET
-                               ? FindOwnerUidForDatagramIpV4(local, remote)
-                               : FindOwnerUidForDatagramIpV6(local, remote);
+  const uint32_t uid = local.host.GetFamily() == AF_INET
+                           ? FindOwnerUidForDatagramIpV4(local, remote)
+                           : FindOwnerUidForDatagramIpV6(local, remote);
   datagram_owners.Insert(flow, {uid, now});
   return uid;
 }
 
-unsigned int UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
-                                                    const HostAndPort& remote) {
+uint32_t UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
+                                                const HostAndPort& remote) {
   const std::unique_ptr<SocketTable> udp = SocketTable::Open("udp");
   if (!udp) return kUidNotFound;
   // The table stays open, unlike in the IPv6 scan; kept for compatibility.
@@ -144,8 +144,8 @@ unsigned int UidHelper::FindOwnerUidForDatagramIpV4(const HostAndPort& local,
   return owner.Get();
 }
 
-unsigned int UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
-                                                    const HostAndPort& remote) {
+uint32_t UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
+                                                const HostAndPort& remote) {
   const std::unique_ptr<SocketTable> udp6 = SocketTable::Open("udp6");
   if (!udp6) return kUidNotFound;
   OwnerOfMatches owner;
@@ -164,7 +164,7 @@ unsigned int UidHelper::FindOwnerUidForDatagramIpV6(const HostAndPort& local,
   return owner.Get();
 }
 
-std::string UidHelper::FindOwnerPackageName(unsigned int uid) {
+std::string UidHelper::FindOwnerPackageName(uint32_t uid) {
   const android::sp<android::IServiceManager> manager =
       android::defaultServiceManager();
   const android::sp<android::IBinder> service =

@@ -14,21 +14,21 @@ namespace vantrel {
 // Failures are logged and come out as kUidNotFound or an empty name.
 class UidHelper {
  public:
-  static constexpr unsigned int kUidNotFound = kNobodyUid;
+  static constexpr uint32_t kUidNotFound = kNobodyUid;
 
   // The owner of the connection that was accepted as |fd|.
-  static unsigned int FindOwnerUidForTcpSocket(int fd);
+  static uint32_t FindOwnerUidForTcpSocket(int fd);
   // The owner of the UDP socket for that flow. Remembers the answer, also that
   // there is none, for the flow's next 9 seconds.
-  static unsigned int FindOwnerUidForDatagram(const HostAndPort& local,
-                                              const HostAndPort& remote);
+  static uint32_t FindOwnerUidForDatagram(const HostAndPort& local,
+                                          const HostAndPort& remote);
   // The scans behind it. Two owners of one flow make it ambiguous: not found.
-  static unsigned int FindOwnerUidForDatagramIpV4(const HostAndPort& local,
-                                                  const HostAndPort& remote);
-  static unsigned int FindOwnerUidForDatagramIpV6(const HostAndPort& local,
-                                                  const HostAndPort& remote);
+  static uint32_t FindOwnerUidForDatagramIpV4(const HostAndPort& local,
+                                              const HostAndPort& remote);
+  static uint32_t FindOwnerUidForDatagramIpV6(const HostAndPort& local,
+                                              const HostAndPort& remote);
   // The first package of |uid|, in UTF-8.
-  static std::string FindOwnerPackageName(unsigned int uid);
+  static std::string FindOwnerPackageName(uint32_t uid);
 };
 
 }  // namespace vantrel

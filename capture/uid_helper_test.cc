@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <stdint.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ namespace {
 
 using ::testing::IsEmpty;
 
-constexpr unsigned int kNobody = 4294967295;
+constexpr uint32_t kNobody = 4294967295;
 const HostAndPort kRemote = Endpoint("C6336407", 80);
 
 class UidHelperTest : public ::testing::Test {
@@ -40,8 +41,8 @@ class UidHelperTest : public ::testing::Test {
 TEST_F(UidHelperTest, FindsTheOwnersOfDatagramsThatTheModelFinds) {
   const uint32_t words[] = {0xEFA7A8C0, 0x0100007F, 0x076433C6};
   int found = 0, ambiguous = 0;
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + 100; ++seed) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + 100; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     std::mt19937 random(seed);
     const auto below = [&](size_t n) { return random() % n; };
@@ -51,15 +52,15 @@ TEST_F(UidHelperTest, FindsTheOwnersOfDatagramsThatTheModelFinds) {
       row.remote = words[below(3)];
       row.port = static_cast<uint16_t>(40000 + below(4));
       row.remote_port = static_cast<uint16_t>(40000 + below(4));
-      row.uid = 10000 + static_cast<unsigned int>(below(3));
+      row.uid = 10000 + static_cast<uint32_t>(below(3));
       return row;
     };
     const table_row_t flow = make_row();
     std::vector<table_row_t> udp(below(10));
-    std::set<unsigned int> owners;
+    std::set<uint32_t> owners;
     for (table_row_t& row : udp) {
       row = make_row();
-      const unsigned int uid = row.uid;
+      const uint32_t uid = row.uid;
       if (below(2) == 0) row = flow;
       row.uid = uid;
       if (row.local == flow.local && row.remote == flow.remote &&
@@ -129,7 +130,7 @@ TEST_F(UidHelperTest, HoldsOneTableAtATime) {
   std::vector<int> taken;
   int fd;
   while ((fd = dup(STDIN_FILENO)) != -1) taken.push_back(fd);
-  std::vector<unsigned int> owners;
+  std::vector<uint32_t> owners;
   for (int i = 0; i < 3; ++i) {
     owners.push_back(UidHelper::FindOwnerUidForTcpSocket(STDIN_FILENO));
   }

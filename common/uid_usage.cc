@@ -1,11 +1,12 @@
 #include "common/uid_usage.h"
 
+#include <stdint.h>
+
 #include <iomanip>
 
 namespace vantrel {
 
-void UidUsage::AddRxAndTxBytes(unsigned int uid, unsigned int rx,
-                               unsigned int tx) {
+void UidUsage::AddRxAndTxBytes(uint32_t uid, uint32_t rx, uint32_t tx) {
   if (rx == 0 && tx == 0) return;
   uid_usage_t& usage = usages_[uid];
   usage.rx_bytes += rx;

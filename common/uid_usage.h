@@ -15,15 +15,11 @@ class UidUsage {
     uint32_t tx_bytes = 0;  // wraps
     uint32_t rx_bytes = 0;  // wraps
   };
-  using Usages = std::unordered_map<unsigned int, uid_usage_t>;
+  using Usages = std::unordered_map<uint32_t, uid_usage_t>;
 
-  void AddRxAndTxBytes(unsigned int uid, unsigned int rx, unsigned int tx);
-  void AddRxBytes(unsigned int uid, unsigned int n) {
-    AddRxAndTxBytes(uid, n, 0);
-  }
-  void AddTxBytes(unsigned int uid, unsigned int n) {
-    AddRxAndTxBytes(uid, 0, n);
-  }
+  void AddRxAndTxBytes(uint32_t uid, uint32_t rx, uint32_t tx);
+  void AddRxBytes(uint32_t uid, uint32_t n) { AddRxAndTxBytes(uid, n, 0); }
+  void AddTxBytes(uint32_t uid, uint32_t n) { AddRxAndTxBytes(uid, 0, n); }
 
   Usages::const_iterator Begin() const { return usages_.begin(); }
   Usages::const_iterator End() const { return usages_.end(); }

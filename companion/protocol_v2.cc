@@ -1,5 +1,7 @@
 #include "companion/protocol_v2.h"
 
+#include <stdint.h>
+
 #include <utility>
 
 #include "link/v1_wire.h"
@@ -38,8 +40,8 @@ size_t ProtocolV2::GetAvailableSpace() const {
 
 void ProtocolV2::Feed(const char* data, size_t length) {
   if (!first_byte_ && length > 0) first_byte_ = static_cast<uint8_t>(data[0]);
-  unsigned int consumed;  // all, within the space available
-  decoder_.BufferData(data, static_cast<unsigned int>(length), &consumed);
+  uint32_t consumed;  // all, within the space available
+  decoder_.BufferData(data, static_cast<uint32_t>(length), &consumed);
 }
 
 bool ProtocolV2::HandleNext(DeviceMessages& device) {

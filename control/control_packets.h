@@ -15,7 +15,7 @@ constexpr uint16_t kControlPort = 2374;
 
 // 0: type; pull and push have at 1: the number of bytes, u32 little-endian.
 // Whatever follows is ignored.
-enum : uint8_t {
+enum ControlPacketType : uint8_t {
   TYPE_STOP = 1,
   TYPE_DUMP = 2,
   TYPE_PING = 3,

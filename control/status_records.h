@@ -25,7 +25,7 @@ enum ExitCode : int32_t {
   kBadVersion = 21,
 };
 
-enum : uint8_t {
+enum StatusRecordType : uint8_t {
   STATUS_NETWORK_STATE = 1,   // 0: type, 1: network id i32, 5: metered 0 or 1
   STATUS_TRANSFER_STATS = 2,  // 0: type, 1: payload length u16, 3: payload,
                               // a MessageUidTransferStatsInfo

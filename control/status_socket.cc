@@ -5,7 +5,6 @@
 #include "common/log.h"
 #include "common/log_texts.h"
 #include "control/status_records.h"
-#include "link/packet_bytes.h"
 
 namespace vantrel {
 
@@ -27,10 +26,10 @@ void StatusSocket::OnTransferStatsResult(
     LOGE("Transfer stats too large");
     return;
   }
-  const std::string header =
-      EncodeTransferStatsHeader(static_cast<uint16_t>(size));
-  const PacketBytes record(header, stats->SerializeAsString());
-  Write(record.AsBytes(), record.Length());
+  const std::string record =
+      EncodeTransferStatsHeader(static_cast<uint16_t>(size)) +
+      stats->SerializeAsString();
+  Write(record.data(), record.size());
 }
 
 }  // namespace vantrel

@@ -1,9 +1,11 @@
 #pragma once
 
-#include "link/proxy_socket.h"
+#include "proto/src/transfer_stats.pb.h"
 #include "reactor/socket.h"
 
 namespace vantrel {
+
+using ::android::corvane::protos::MessageUidTransferStatsInfo;
 
 // The write-only channel to the process that launched the daemon; its records
 // stand in control/status_records.h. Never registered with the reactor, and

@@ -1,6 +1,8 @@
 // A whole link of the companion, in the protocol that the first byte chooses,
 // with its scheduler, streams and datagram flows, on its real loop. The script
 // plays the device and, in a private network, the remotes.
+#include <stdint.h>
+
 #include <asio/io_context.hpp>
 #include <memory>
 #include <string>
@@ -153,8 +155,8 @@ class Script {
   bool NextV2() {
     const size_t fed =
         std::min(from_link_.size(), decoder_.GetAvailableBufferSpace());
-    unsigned int consumed;
-    decoder_.BufferData(from_link_.data(), static_cast<unsigned int>(fed),
+    uint32_t consumed;
+    decoder_.BufferData(from_link_.data(), static_cast<uint32_t>(fed),
                         &consumed);
     from_link_.erase(0, consumed);
     MessageDecoder::Message message;

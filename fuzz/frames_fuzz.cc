@@ -1,5 +1,7 @@
 // Feeds frames to the decoder, whole and in small pieces: both must yield the
 // same messages.
+#include <stdint.h>
+
 #include <algorithm>
 #include <string>
 
@@ -19,8 +21,8 @@ std::string Decode(const std::string& bytes, size_t piece) {
     const size_t wanted =
         std::min({bytes.size() - at, piece, decoder.GetAvailableBufferSpace()});
     if (wanted == 0) break;
-    unsigned int consumed;
-    decoder.BufferData(bytes.data() + at, static_cast<unsigned int>(wanted),
+    uint32_t consumed;
+    decoder.BufferData(bytes.data() + at, static_cast<uint32_t>(wanted),
                        &consumed);
     FUZZ_CHECK(consumed == wanted);
     at += consumed;

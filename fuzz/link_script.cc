@@ -1,5 +1,6 @@
 #include "fuzz/link_script.h"
 
+#include <stdint.h>
 #include <sys/eventfd.h>
 
 #include <vector>
@@ -267,8 +268,8 @@ bool DaemonTalk::NextV1() {
 bool DaemonTalk::NextV2() {
   const size_t fed =
       std::min(bytes_.size(), decoder_.GetAvailableBufferSpace());
-  unsigned int consumed;
-  decoder_.BufferData(bytes_.data(), static_cast<unsigned int>(fed), &consumed);
+  uint32_t consumed;
+  decoder_.BufferData(bytes_.data(), static_cast<uint32_t>(fed), &consumed);
   bytes_.erase(0, consumed);
   MessageDecoder::Message message;
   const bool is_whole = decoder_.GetAndClearMessage(&message);

@@ -24,7 +24,7 @@ BluetoothSocket::BluetoothSocket(ProxySocket::Delegate* delegate,
       reactor_(reactor),
       input_(*this, reactor, "BluetoothSocket"),
       output_(*this, reactor),
-      udp_v2_conduits_(kMaxUdpConduits, reactor,
+      udp_conduits_(kMaxUdpConduits, reactor,
                        std::move(udp_conduit_factory)),
       udp_v1_conduits_(kMaxUdpConduits),
       measurements_(

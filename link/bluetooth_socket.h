@@ -113,7 +113,7 @@ class BluetoothSocket : public ProxySocket {
   LinkInput input_;
   LinkOutput output_;
   StreamTable streams_;
-  UdpConduitTable udp_v2_conduits_;
+  UdpConduitTable udp_conduits_;
   // By remote endpoint.
   LruCache<HostAndPort, udp_v1_local_conduit_t> udp_v1_conduits_;
   Measurements measurements_;

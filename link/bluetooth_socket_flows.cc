@@ -115,7 +115,7 @@ void BluetoothSocket::SendDatagramV1(const HostAndPort& local,
     known->local = local;
   } else {
     const std::shared_ptr<UdpConduit> conduit =
-        udp_v2_conduits_.MakeBound(remote);
+        udp_conduits_.MakeBound(remote);
     if (conduit == nullptr) return;
     udp_v1_conduits_.Insert(remote, {conduit, local});
   }
@@ -127,7 +127,7 @@ void BluetoothSocket::SendDatagramV1(const HostAndPort& local,
 void BluetoothSocket::SendDatagramV2(const HostAndPort& local,
                                      const HostAndPort& remote,
                                      const std::string& payload) {
-  if (!udp_v2_conduits_.Prepare(local, remote)) return;
+  if (!udp_conduits_.Prepare(local, remote)) return;
   // The bytes are charged to the 16 bits that the message carries.
   const auto uid =
       static_cast<uint16_t>(UidHelper::FindOwnerUidForDatagram(local, remote));
@@ -152,7 +152,7 @@ uint32_t BluetoothSocket::HandleDatagramV2(const char* data, size_t size) {
   const HostAndPort remote = v1::GetDatagramV2Remote(data);
   const bool is_failure = GetU8(data) == TYPE_UDP_FAILURE_V2;
   UdpConduit* const conduit =
-      udp_v2_conduits_.FindForAnswer(local, remote, is_failure);
+      udp_conduits_.FindForAnswer(local, remote, is_failure);
   if (conduit == nullptr) return PacketBytes::kNobody;
   if (is_failure) {
     conduit->SendFailure(local, GetPayload(data, size));

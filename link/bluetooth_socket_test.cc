@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 
 #include <map>
 #include <memory>
@@ -249,7 +250,7 @@ TEST_F(BluetoothSocketTest, StreamsOnTheWireAndWhoIsCharged) {
   browser.chunks = {"a1", "a2"};
   root.chunks = {"c1"};
   again.ended = true;
-  for (const unsigned int id : {1, 2, 3}) link_->OnTcpDataAvailable(id);
+  for (const uint32_t id : {1, 2, 3}) link_->OnTcpDataAvailable(id);
   EXPECT_EQ(Bytes("03 00000001 0002 6131 02 00000002 03 00000003 0002 6331"
                   "03 00000001 0002 6132"),
             Flush());

@@ -1,6 +1,7 @@
 // For unit tests of the links: the two interfaces that a link calls, recorded.
 #pragma once
 
+#include <stdint.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -22,15 +23,15 @@ namespace vantrel {
 // records that it was called.
 class FakeConduit : public ProxySocket::TcpConduitDelegate {
  public:
-  FakeConduit(unsigned int id, unsigned int uid, const std::string& package)
+  FakeConduit(uint32_t id, uint32_t uid, const std::string& package)
       : id_(id), uid_(uid), package_(package) {}
 
-  unsigned int GetId() const override { return id_; }
+  uint32_t GetId() const override { return id_; }
   HostAndPort GetRemote() const override {
     return HostAndPort(
         IpAddress::FromNetworkBytes(std::string("\xC6\x33\x64\x50", 4)), 80);
   }
-  unsigned int GetUid() const override { return uid_; }
+  uint32_t GetUid() const override { return uid_; }
   std::string GetPackageName() const override { return package_; }
   void HandleWriteAck() override { ++acks; }
   void Write(std::string data) override { written.push_back(std::move(data)); }
@@ -51,8 +52,8 @@ class FakeConduit : public ProxySocket::TcpConduitDelegate {
   int closes = 0;
 
  private:
-  const unsigned int id_;
-  const unsigned int uid_;
+  const uint32_t id_;
+  const uint32_t uid_;
   const std::string package_;
 };
 

@@ -18,7 +18,7 @@
 namespace vantrel {
 
 // D>C: only the daemon sends it; C>D: only the companion; else both do.
-enum : uint8_t {
+enum MessageTypeV1 : uint8_t {
   // D>C 1: stream u32, 5: remote address, 9: remote port u16, 11: uid u16
   TYPE_TCP_CONNECT = 1,
   // 1: stream u32

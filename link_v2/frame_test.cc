@@ -1,6 +1,7 @@
 #include "link_v2/frame.h"
 
 #include <gmock/gmock.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
@@ -107,8 +108,8 @@ std::vector<std::string> Feed(MessageDecoder* decoder,
         {piece, stream.size() - fed, decoder->GetAvailableBufferSpace()});
     // Both ways in, in turns; only the first takes more than the buffer holds.
     if (is_copied || count > kLongest / 2) {
-      unsigned int consumed = 0;
-      decoder->BufferData(stream.data() + fed, static_cast<unsigned int>(count),
+      uint32_t consumed = 0;
+      decoder->BufferData(stream.data() + fed, static_cast<uint32_t>(count),
                           &consumed);
       EXPECT_EQ(count, consumed);
     } else {

@@ -1,5 +1,6 @@
 #include "link_v2/message_decoder.h"
 
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
@@ -14,15 +15,15 @@ size_t MessageDecoder::GetAvailableBufferSpace() const {
   return skip_ + buffer_.size() - held_;
 }
 
-void MessageDecoder::BufferData(const void* data, unsigned int length,
-                                unsigned int* consumed) {
-  const unsigned int skipped = std::min(skip_, length);
+void MessageDecoder::BufferData(const void* data, uint32_t length,
+                                uint32_t* consumed) {
+  const uint32_t skipped = std::min(skip_, length);
   skip_ -= skipped;
   const size_t kept =
       std::min<size_t>(length - skipped, buffer_.size() - held_);
   memcpy(GetRoom(kept), static_cast<const char*>(data) + skipped, kept);
   held_ += kept;
-  *consumed = skipped + static_cast<unsigned int>(kept);
+  *consumed = skipped + static_cast<uint32_t>(kept);
 }
 
 char* MessageDecoder::GetRoom(size_t size) {
@@ -34,8 +35,7 @@ char* MessageDecoder::GetRoom(size_t size) {
 }
 
 void MessageDecoder::OnFilled(size_t count) {
-  const auto skipped =
-      static_cast<unsigned int>(std::min<size_t>(skip_, count));
+  const auto skipped = static_cast<uint32_t>(std::min<size_t>(skip_, count));
   skip_ -= skipped;
   held_ += count;
   DiscardFront(skipped);
@@ -77,7 +77,7 @@ bool MessageDecoder::ParsePreamble() {
 
 bool MessageDecoder::ParseHeader() {
   if (held_ < header_size_) return false;
-  const unsigned int rest = header_size_ + payload_size_;
+  const uint32_t rest = header_size_ + payload_size_;
   if (MessageEncoder::ComputeShortCrc32c(Front(), header_size_) !=
       header_checksum_) {
     ReportError("Header checksum incorrect", header_size_, rest);
@@ -108,12 +108,12 @@ bool MessageDecoder::ParsePayload() {
   return true;
 }
 
-void MessageDecoder::ReportError(const char* what, unsigned int param,
-                                 unsigned int skip) {
+void MessageDecoder::ReportError(const char* what, uint32_t param,
+                                 uint32_t skip) {
   LOGW("[MD] Error decoding: '%s', param=%u", what, param);
   const size_t buffered = std::min<size_t>(skip, held_);
   DiscardFront(buffered);
-  skip_ += skip - static_cast<unsigned int>(buffered);
+  skip_ += skip - static_cast<uint32_t>(buffered);
   if (state_ != State::kError) state_ = State::kPreamble;
 }
 

@@ -33,8 +33,7 @@ class MessageDecoder {
   size_t GetAvailableBufferSpace() const;
   // Takes |length| bytes of the stream; |*consumed| receives how many were
   // skipped or buffered, which is all of them within the space available.
-  void BufferData(const void* data, unsigned int length,
-                  unsigned int* consumed);
+  void BufferData(const void* data, uint32_t length, uint32_t* consumed);
   // Where the next |size| bytes of the stream are to be put, as many as there
   // is space for and the buffer has; the place is good until the next call.
   char* GetRoom(size_t size);
@@ -54,7 +53,7 @@ class MessageDecoder {
   bool ParseHeader();
   bool ParsePayload();
   // Rejects the frame under way: logs, and skips |skip| bytes of the stream.
-  void ReportError(const char* what, unsigned int param, unsigned int skip);
+  void ReportError(const char* what, uint32_t param, uint32_t skip);
   void DiscardFront(size_t count);
   // The bytes that are held, |held_| of them.
   const char* Front() const { return buffer_.data() + begin_; }
@@ -67,7 +66,7 @@ class MessageDecoder {
   uint16_t header_checksum_ = 0;
   messages::Header header_;
   // Bytes of a rejected frame that are still to come; none is held then.
-  unsigned int skip_ = 0;
+  uint32_t skip_ = 0;
   // Bytes move to the front of the buffer only when the room behind them is
   // used up.
   std::array<char, kMaxFramePayloadSize> buffer_;

@@ -1,5 +1,7 @@
 #include "link_v2/message_encoder.h"
 
+#include <stdint.h>
+
 #include <utility>
 
 #include "common/byte_order.h"
@@ -64,7 +66,7 @@ bool MessageEncoder::Write(WriteBuffer* out, const std::string& payload) {
 }
 
 bool MessageEncoder::WriteHeader(std::string* out, const std::string& payload) {
-  const auto payload_size = static_cast<unsigned int>(payload.size());
+  const auto payload_size = static_cast<uint32_t>(payload.size());
   if (payload_size > kMaxFramePayloadSize) {
     LOGE("[ME] Message payload is too large %u", payload_size);
     return false;
@@ -83,17 +85,16 @@ bool MessageEncoder::WriteHeader(std::string* out, const std::string& payload) {
   PutLe16(out, static_cast<uint16_t>(header_size));
   PutLe16(out, static_cast<uint16_t>(payload_size));
   PutLe16(out, ComputeShortCrc32c(header.data(),
-                                  static_cast<unsigned int>(header_size)));
+                                  static_cast<uint32_t>(header_size)));
   *out += header;
   return true;
 }
 
-uint32_t MessageEncoder::ComputeCrc32c(const void* data, unsigned int length) {
+uint32_t MessageEncoder::ComputeCrc32c(const void* data, uint32_t length) {
   return Crc32c(data, length);
 }
 
-uint16_t MessageEncoder::ComputeShortCrc32c(const void* data,
-                                            unsigned int length) {
+uint16_t MessageEncoder::ComputeShortCrc32c(const void* data, uint32_t length) {
   const uint32_t crc = ComputeCrc32c(data, length);
   return static_cast<uint16_t>(crc ^ (crc >> 16));
 }

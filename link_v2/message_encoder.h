@@ -40,9 +40,9 @@ class MessageEncoder {
   [[nodiscard]] bool WriteHeader(std::string* out, const std::string& payload);
 
   // As Crc32c() in link_v2/crc32c.h.
-  static uint32_t ComputeCrc32c(const void* data, unsigned int length);
+  static uint32_t ComputeCrc32c(const void* data, uint32_t length);
   // The same folded to 16 bits: upper half exclusive-or lower half.
-  static uint16_t ComputeShortCrc32c(const void* data, unsigned int length);
+  static uint16_t ComputeShortCrc32c(const void* data, uint32_t length);
 
  private:
   void Reset(messages::MessageType type);

@@ -1,6 +1,8 @@
 // The link over protocol 2: connection, handshake, dispatch and sending.
 #include "link_v2/proxy_socket_v2.h"
 
+#include <stdint.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -16,7 +18,7 @@ constexpr uint32_t kMaxUdpConduits = 64;
 
 void LogUnexpected(const char* why, const messages::Header& header) {
   LOGW("[B] Unexpected message: '%s', type=%u", why,
-       static_cast<unsigned int>(header.type()));
+       static_cast<uint32_t>(header.type()));
 }
 
 }  // namespace

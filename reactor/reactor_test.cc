@@ -1,6 +1,7 @@
 #include "reactor/reactor.h"
 
 #include <gmock/gmock.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <functional>
@@ -206,8 +207,8 @@ class ReactorModel {
 TEST(ReactorModelTest, DispatchesAsTheModelWhateverHandlersDo) {
   constexpr size_t kProbes = 5;
   constexpr int kPasses = 12;
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + 200; ++seed) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + 200; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     std::mt19937 random(seed);
     std::vector<deed_t> deeds(80);

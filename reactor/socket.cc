@@ -25,7 +25,7 @@ int Socket::Write(const void* data, size_t length) const {
   return static_cast<int>(result);
 }
 
-int Socket::WriteAll(const iovec* pieces, int count) const {
+int Socket::WriteGathered(const iovec* pieces, int count) const {
   ssize_t result;
   do {
     result = writev(fd_, pieces, count);

@@ -28,8 +28,8 @@ class Socket : public Reactable {
   // at end of stream, -1 with errno set. A short write is returned as it is.
   int Read(void* buffer, size_t length) const;
   int Write(const void* data, size_t length) const;
-  // As writev(2), likewise.
-  int WriteAll(const iovec* pieces, int count) const;
+  // As writev(2): of |count| pieces, likewise.
+  int WriteGathered(const iovec* pieces, int count) const;
 
   // Makes a TCP connection end with a reset when it is closed, and not with
   // what looks to its peer like a complete stream.

@@ -46,7 +46,7 @@ int WriteBuffer::WriteSome(const Socket& socket) const {
     pieces[count] = {const_cast<char*>(next->data()), next->size()};
   }
   pieces[0] = {const_cast<char*>(front), queue_.front().size() - front_offset_};
-  return socket.WriteAll(pieces.data(), static_cast<int>(count));
+  return socket.WriteGathered(pieces.data(), static_cast<int>(count));
 }
 
 bool WriteBuffer::Drain(const Socket& socket) {

@@ -1,6 +1,7 @@
 #include "reactor/write_buffer.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <deque>
@@ -56,8 +57,8 @@ size_t NextWrite(size_t left, size_t limit) {
 // Strings come and go while the socket is full now and then: what arrives is
 // what was queued, in writes as the rule for their size has them.
 TEST(WriteBufferTest, QueuesAsTheModel) {
-  const unsigned int first = FirstSeed();
-  for (unsigned int seed = first; seed != first + 50; ++seed) {
+  const uint32_t first = FirstSeed();
+  for (uint32_t seed = first; seed != first + 50; ++seed) {
     SCOPED_TRACE("VANTREL_SEED=" + std::to_string(seed));
     std::mt19937 random(seed);
     const bool has_limit = random() % 2 == 0;
