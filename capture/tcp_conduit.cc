@@ -1,6 +1,7 @@
 #include "capture/tcp_conduit.h"
 
 #include <arpa/inet.h>
+#include <assert.h>
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -217,6 +218,7 @@ bool TcpConduit::HasBuffer() const {
 
 bool TcpConduit::GetNextBuffer(std::string* out) {
   if (closed_) return false;
+  assert(!read_queue_.empty());
   --send_credit_;
   reactor_.Register(*this, Reactor::kRead);
   out->swap(read_queue_.front());

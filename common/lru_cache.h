@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -48,6 +49,7 @@ class LruCache {
     if (entries_.empty()) return;
     index_.erase(entries_.back().first);
     entries_.pop_back();
+    assert(index_.size() == entries_.size());
   }
 
   using Entries = std::list<std::pair<const Key, Value>>;

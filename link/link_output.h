@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <time.h>
@@ -46,6 +47,7 @@ class LinkOutput {
   // keep every stream from it.
   static constexpr size_t kMaxQueuedMessages = 15;
   bool IsCongested() const {
+    assert(datagrams_.GetCount() <= buffer_.GetQueuedItemCount());
     return buffer_.GetQueuedItemCount() - datagrams_.GetCount() >
            kMaxQueuedMessages;
   }

@@ -1,6 +1,7 @@
 #include "link_v2/message_decoder.h"
 
 #include <stdint.h>
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
@@ -27,6 +28,7 @@ void MessageDecoder::BufferData(const void* data, uint32_t length,
 }
 
 char* MessageDecoder::GetRoom(size_t size) {
+  assert(held_ + size <= buffer_.size());
   if (begin_ + held_ + size > buffer_.size()) {
     memmove(buffer_.data(), Front(), held_);
     begin_ = 0;
@@ -35,6 +37,7 @@ char* MessageDecoder::GetRoom(size_t size) {
 }
 
 void MessageDecoder::OnFilled(size_t count) {
+  assert(begin_ + held_ + count <= buffer_.size());
   const auto skipped = static_cast<uint32_t>(std::min<size_t>(skip_, count));
   skip_ -= skipped;
   held_ += count;
@@ -118,6 +121,7 @@ void MessageDecoder::ReportError(const char* what, uint32_t param,
 }
 
 void MessageDecoder::DiscardFront(size_t count) {
+  assert(count <= held_);
   held_ -= count;
   begin_ = held_ == 0 ? 0 : begin_ + count;
 }

@@ -1,5 +1,6 @@
 #include "reactor/write_buffer.h"
 
+#include <assert.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/uio.h>
@@ -63,6 +64,7 @@ bool WriteBuffer::Drain(const Socket& socket) {
 }
 
 void WriteBuffer::RemoveWritten(uint32_t bytes) {
+  assert(bytes <= queued_byte_count_);
   written_byte_count_ += bytes;
   queued_byte_count_ -= bytes;
   front_offset_ += bytes;
