@@ -1,7 +1,7 @@
 #include "link_v2/message_decoder.h"
 
-#include <stdint.h>
 #include <assert.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
