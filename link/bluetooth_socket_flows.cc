@@ -114,8 +114,7 @@ void BluetoothSocket::SendDatagramV1(const HostAndPort& local,
   if (known != nullptr) {
     known->local = local;
   } else {
-    const std::shared_ptr<UdpConduit> conduit =
-        udp_conduits_.MakeBound(remote);
+    const std::shared_ptr<UdpConduit> conduit = udp_conduits_.MakeBound(remote);
     if (conduit == nullptr) return;
     udp_v1_conduits_.Insert(remote, {conduit, local});
   }
