@@ -104,7 +104,7 @@ bool DatagramFlow::ReceiveOne() {
   LogDetail("answer of bytes: ", std::to_string(count).c_str());
   std::string message;
   link_.protocol.PutDatagram(&message, local_, remote_, payload);
-  link_.scheduler.Queue(this, std::move(message));
+  link_.scheduler.Queue(this, std::move(message), GetSteadyTime());
   return true;
 }
 
@@ -154,7 +154,7 @@ void DatagramFlow::QueueFailure(const std::string& request) {
   if (request.size() > link_.protocol.GetMaxDatagramBytes()) return;
   std::string message;
   link_.protocol.PutUdpFailure(&message, local_, remote_, request);
-  link_.scheduler.Queue(this, std::move(message));
+  link_.scheduler.Queue(this, std::move(message), GetSteadyTime());
 }
 
 void DatagramFlow::LogDetail(const char* what, const char* more) {

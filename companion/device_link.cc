@@ -20,15 +20,22 @@ constexpr int kMaxReadsPerTurn = 4;
 constexpr int kMaxWritesPerTurn = 8;
 constexpr size_t kMaxTransfers = 64;
 
-// Of the 40 ms that a message may wait in all on its way to the device: one
-// write, which is one turn of a flow or several short ones, what the kernel
-// holds, what waits of datagrams. Above kMaxHold everything is fast enough.
+// Of the 40 ms that the next message may wait in all on its way to the device:
+// one write, which is one turn of a flow or several short ones, and what the
+// kernel holds; the rest is the device's. Above kMaxHold everything is fast
+// enough.
 constexpr std::chrono::milliseconds kTurnTime{8};
 constexpr std::chrono::milliseconds kKernelTime{12};
-constexpr std::chrono::milliseconds kQueueTime{20};
 constexpr size_t kMinTurn = 1024;
 constexpr size_t kMinHold = 2048;
 constexpr size_t kMaxHold = 64 * 1024;
+
+// What all datagrams may wait before the next message is chosen: enough for the
+// first burst of several senders, and for what they send until they have heard
+// of a loss. It delays nobody but those that send too much.
+constexpr std::chrono::milliseconds kQueueTime{500};
+constexpr size_t kMinQueue = 32 * 1024;
+constexpr size_t kMaxQueue = 512 * 1024;
 
 std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
                                            std::string* control) {
@@ -159,7 +166,11 @@ bool DeviceLink::Fill() {
     Block();
     return false;
   }
-  while (out_.size() < write_size_ && scheduler_.Take(&out_)) {
+  // Not by another message, where that is more than a turn: nothing overtakes
+  // what is written.
+  const SteadyTime now = GetSteadyTime();
+  while (out_.size() + quantum_ / 2 < write_size_ &&
+         scheduler_.Take(&out_, now)) {
   }
   if (!out_.empty()) return true;
   pace_.OnIdle();
@@ -182,7 +193,7 @@ void DeviceLink::AdaptToPace() {
       pace_.GetBytesIn(kTurnTime, kMinTurn, LinkProtocol::kMaxStreamChunkBytes);
   write_size_ = pace_.GetBytesIn(kTurnTime, kMinTurn, kMaxHold);
   scheduler_.SetQuantum(quantum_);
-  scheduler_.SetQueueLimit(pace_.GetBytesIn(kQueueTime, kMinHold, kMaxHold));
+  scheduler_.SetQueueLimit(pace_.GetBytesIn(kQueueTime, kMinQueue, kMaxQueue));
   socket_->SetHold(pace_.GetBytesIn(kKernelTime, kMinHold, kMaxHold));
 }
 

@@ -2,19 +2,22 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace vantrel {
 
 bool FlowScheduler::QueuedFlow::TakeMessage(size_t, std::string* out) {
-  if (messages_.empty()) return false;
-  const size_t size = messages_.front().size();
-  out->append(messages_.front());
-  messages_.pop_front();
-  bytes_ -= size;
-  scheduler_->queued_bytes_ -= size;
-  --scheduler_->queued_messages_;
-  if (messages_.empty()) scheduler_->backlog_.remove(this);
-  return true;
+  while (!messages_.empty()) {
+    const message_t message = scheduler_->Pop(this);
+    const SteadyTime now = scheduler_->now_;
+    if (!codel_.ShouldDrop(now - message.queued, message.bytes.size(), bytes_,
+                           now)) {
+      out->append(message.bytes);
+      return true;
+    }
+    ++scheduler_->drop_count_;
+  }
+  return false;
 }
 
 void FlowScheduler::Activate(Flow* flow) {
@@ -23,27 +26,57 @@ void FlowScheduler::Activate(Flow* flow) {
   MoveTo(&new_flows_, flow);
 }
 
-void FlowScheduler::Queue(QueuedFlow* flow, std::string message) {
+void FlowScheduler::Queue(QueuedFlow* flow, std::string message,
+                          SteadyTime now) {
   if (flow->messages_.empty()) {
     flow->scheduler_ = this;
-    backlog_.push_back(flow);
+    flow->backlog_position_ = backlog_.insert(backlog_.end(), flow);
   }
   flow->bytes_ += message.size();
   queued_bytes_ += message.size();
   ++queued_messages_;
-  flow->messages_.push_back(std::move(message));
+  flow->messages_.push_back({std::move(message), now});
   Activate(flow);
-  while (queued_bytes_ > queue_limit_ && queued_messages_ > 1) DropOldest();
+  DropExcess();
 }
 
-void FlowScheduler::DropOldest() {
-  QueuedFlow* const fullest =
-      *std::max_element(backlog_.begin(), backlog_.end(),
-                        [](const QueuedFlow* a, const QueuedFlow* b) {
-                          return a->bytes_ < b->bytes_;
-                        });
-  std::string dropped;
-  if (fullest->TakeMessage(0, &dropped)) ++drop_count_;
+FlowScheduler::QueuedFlow::message_t FlowScheduler::Pop(QueuedFlow* flow) {
+  QueuedFlow::message_t message = std::move(flow->messages_.front());
+  flow->messages_.pop_front();
+  flow->bytes_ -= message.bytes.size();
+  queued_bytes_ -= message.bytes.size();
+  --queued_messages_;
+  if (flow->messages_.empty()) backlog_.erase(flow->backlog_position_);
+  return message;
+}
+
+void FlowScheduler::DropExcess() {
+  DropFromFullest(queued_messages_, kMaxQueuedMessages,
+                  [](const QueuedFlow& flow) { return flow.messages_.size(); });
+  DropFromFullest(queued_bytes_, queue_limit_,
+                  [](const QueuedFlow& flow) { return flow.bytes_; });
+}
+
+// Somewhat more than the excess, since to find the fullest flow all are looked
+// at: a flood of many senders would cost that for each message.
+void FlowScheduler::DropFromFullest(const size_t& total, size_t limit,
+                                    size_t (*size)(const QueuedFlow& flow)) {
+  if (total <= limit || queued_messages_ == 1) return;
+  const auto is_less = [size](const QueuedFlow* a, const QueuedFlow* b) {
+    return size(*a) < size(*b);
+  };
+  std::vector<QueuedFlow*> heap(backlog_.begin(), backlog_.end());
+  std::make_heap(heap.begin(), heap.end(), is_less);
+  while (total > limit - limit / 8 && queued_messages_ > 1) {
+    std::pop_heap(heap.begin(), heap.end(), is_less);
+    Pop(heap.back());
+    ++drop_count_;
+    if (heap.back()->messages_.empty()) {
+      heap.pop_back();
+    } else {
+      std::push_heap(heap.begin(), heap.end(), is_less);
+    }
+  }
 }
 
 void FlowScheduler::Remove(Flow* flow) {
@@ -52,12 +85,12 @@ void FlowScheduler::Remove(Flow* flow) {
 }
 
 void FlowScheduler::Remove(QueuedFlow* flow) {
-  std::string dropped;
-  while (flow->TakeMessage(0, &dropped)) dropped.clear();
+  while (!flow->messages_.empty()) Pop(flow);
   Remove(static_cast<Flow*>(flow));
 }
 
-bool FlowScheduler::Take(std::string* out) {
+bool FlowScheduler::Take(std::string* out, SteadyTime now) {
+  now_ = now;
   while (control_.empty()) {
     Flows* const flows = new_flows_.empty() ? &old_flows_ : &new_flows_;
     if (flows->empty()) return false;

@@ -7,17 +7,22 @@
 #include <list>
 #include <string>
 
+#include "companion/codel.h"
+#include "programs/steady_time.h"
+
 namespace vantrel {
 
 // Decides what goes onto a link next. Control messages first. Then the flows
 // by deficit round robin: each may send one quantum in its turn. A flow
 // that had nothing to send and now has something is served before the others
 // until it has used one quantum, so that a look-up or a key press does not wait
-// behind downloads (the scheme of RFC 8290, without its control of delay).
+// behind downloads (the scheme of RFC 8290).
 //
 // A Flow keeps its bytes where they are, for instance in a socket, until it is
-// asked. What cannot wait there, datagrams, is kept in a QueuedFlow; together
-// these have a bound, above which the fullest flow loses its oldest message.
+// asked. What cannot wait there, datagrams, is kept in a QueuedFlow. Each has a
+// queue of its own, so that it delays only itself, and Codel ends a queue that
+// stands. Against senders that do not care all queues together have a bound,
+// above which the fullest flow loses its oldest messages.
 class FlowScheduler {
  public:
   class Flow {
@@ -48,10 +53,20 @@ class FlowScheduler {
 
    private:
     friend class FlowScheduler;
+    struct message_t {
+      std::string bytes;
+      SteadyTime queued;
+    };
     FlowScheduler* scheduler_ = nullptr;  // set while messages wait
-    std::deque<std::string> messages_;
+    std::list<QueuedFlow*>::iterator backlog_position_;
+    std::deque<message_t> messages_;
     size_t bytes_ = 0;
+    Codel codel_;
   };
+
+  // What all QueuedFlows may hold together, for the smallest message costs
+  // memory, too. Above this bound or that in bytes an eighth of it is dropped.
+  static constexpr size_t kMaxQueuedMessages = 4096;
 
   FlowScheduler() = default;
   FlowScheduler(const FlowScheduler&) = delete;
@@ -59,21 +74,22 @@ class FlowScheduler {
 
   // In bytes; also the largest payload of a message that can be cut. Not 0.
   void SetQuantum(size_t bytes) { quantum_ = bytes; }
-  // What all QueuedFlows may hold together, though never less than one message.
+  // What all QueuedFlows may hold together, though one message may always wait.
   void SetQueueLimit(size_t bytes) { queue_limit_ = bytes; }
 
   // Where control messages are appended, whole.
   std::string* GetControl() { return &control_; }
   // |flow| has something to send, perhaps. Borrowed until Remove().
   void Activate(Flow* flow);
-  void Queue(QueuedFlow* flow, std::string message);
+  // The same, with |message|, whose time to wait begins |now|.
+  void Queue(QueuedFlow* flow, std::string message, SteadyTime now);
   // Forgets |flow| and what it has queued.
   void Remove(Flow* flow);
   void Remove(QueuedFlow* flow);
 
   // Appends the next message, or all control messages, to |out|. False when
   // nothing waits.
-  [[nodiscard]] bool Take(std::string* out);
+  [[nodiscard]] bool Take(std::string* out, SteadyTime now);
 
   // Whether a flow and no control message is next. The flow may turn out to
   // have nothing.
@@ -81,6 +97,7 @@ class FlowScheduler {
     return control_.empty() && !(new_flows_.empty() && old_flows_.empty());
   }
   size_t GetQueuedBytes() const { return queued_bytes_; }
+  // Of messages that were late or too many; not of flows that were removed.
   uint64_t GetDropCount() const { return drop_count_; }
 
  private:
@@ -90,13 +107,19 @@ class FlowScheduler {
   void Leave(Flow* flow);
   // Whether |flow| had a message. It may be destroyed afterwards.
   bool Ask(Flow* flow, std::string* out);
-  void DropOldest();
+  // Takes the oldest message of |flow|, which has one, off its queue.
+  QueuedFlow::message_t Pop(QueuedFlow* flow);
+  void DropExcess();
+  // When |total|, the sum of |size|, is above |limit|.
+  void DropFromFullest(const size_t& total, size_t limit,
+                       size_t (*size)(const QueuedFlow& flow));
 
   std::string control_;
   Flows new_flows_;
   Flows old_flows_;
   Flow* asked_ = nullptr;  // null again when it was removed meanwhile
   std::list<QueuedFlow*> backlog_;
+  SteadyTime now_{};  // of the last Take()
   size_t quantum_ = 1;
   size_t queue_limit_ = 64 * 1024;
   size_t queued_bytes_ = 0;

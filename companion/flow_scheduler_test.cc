@@ -36,12 +36,17 @@ class FlowSchedulerTest : public ::testing::Test {
   // The next |count| messages.
   std::string Take(int count) {
     std::string out;
-    for (int i = 0; i < count && scheduler_.Take(&out); ++i) {
+    for (int i = 0; i < count && scheduler_.Take(&out, now_); ++i) {
     }
     return out;
   }
 
+  void Queue(FlowScheduler::QueuedFlow* flow, const std::string& message) {
+    scheduler_.Queue(flow, message, now_);
+  }
+
   FlowScheduler scheduler_;
+  SteadyTime now_{};
 };
 
 // Streams and datagrams alike, however large their messages are.
@@ -50,10 +55,10 @@ TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
   FlowScheduler::QueuedFlow small, large;
   scheduler_.Activate(&a);
   scheduler_.Activate(&b);
-  for (int i = 0; i < 500; ++i) scheduler_.Queue(&small, "s");
-  for (int i = 0; i < 20; ++i) scheduler_.Queue(&large, std::string(25, 'l'));
+  for (int i = 0; i < 500; ++i) Queue(&small, "s");
+  for (int i = 0; i < 20; ++i) Queue(&large, std::string(25, 'l'));
   std::string sent;
-  while (sent.size() < 800) ASSERT_TRUE(scheduler_.Take(&sent));
+  while (sent.size() < 800) ASSERT_TRUE(scheduler_.Take(&sent, now_));
   for (const char letter : {'a', 'b', 's', 'l'}) {
     EXPECT_NEAR(200, Count(sent, letter), 25) << letter;
   }
@@ -84,15 +89,57 @@ TEST_F(FlowSchedulerTest, ServesSparseFlowsFirstButNotForEver) {
 TEST_F(FlowSchedulerTest, DropsTheOldestOfTheFullestFlow) {
   scheduler_.SetQueueLimit(100);
   FlowScheduler::QueuedFlow flood, look_up;
-  scheduler_.Queue(&look_up, "look-up");
-  for (char c = 'a'; c <= 'z'; ++c) scheduler_.Queue(&flood, std::string(9, c));
+  Queue(&look_up, "look-up");
+  for (char c = 'a'; c <= 'z'; ++c) Queue(&flood, std::string(9, c));
   EXPECT_EQ(16u, scheduler_.GetDropCount());
   EXPECT_EQ(97u, scheduler_.GetQueuedBytes());
   EXPECT_EQ("look-up" + std::string(9, 'q'), Take(2));
   // A message that is larger than all that may wait waits alone.
-  scheduler_.Queue(&flood, std::string(500, 'X'));
+  Queue(&flood, std::string(500, 'X'));
   EXPECT_EQ(std::string(500, 'X'), Take(1));
   EXPECT_EQ("", Take(1));
+
+  // Many small ones are the fullest, too, when it is their number that counts.
+  const uint64_t drops = scheduler_.GetDropCount();
+  scheduler_.SetQueueLimit(1 << 20);
+  Queue(&look_up, std::string(9000, 'L'));
+  for (size_t i = 0; i < FlowScheduler::kMaxQueuedMessages; ++i) {
+    Queue(&flood, "f");
+  }
+  EXPECT_EQ(drops + 513, scheduler_.GetDropCount());  // an eighth
+  EXPECT_EQ(9000u + 3583, scheduler_.GetQueuedBytes());
+}
+
+// The link carries one message in 5 ms, and as many come.
+TEST_F(FlowSchedulerTest, DropsFromAQueueThatStandsAndFromNoOther) {
+  FlowScheduler::QueuedFlow standing, sparse;
+  char next = 0;
+  std::string sent;  // of each message its number
+  const auto queue = [&] { Queue(&standing, std::string(1250, next++)); };
+  const auto pass = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      now_ += std::chrono::milliseconds(5);
+      sent += Take(1)[0];
+    }
+  };
+  for (int i = 0; i < 18; ++i) queue();
+  pass(18);
+  EXPECT_EQ(0u, scheduler_.GetDropCount());  // a burst
+
+  for (int i = 0; i < 10; ++i) queue();
+  for (int i = 0; i < 80; ++i) {
+    pass(1);
+    queue();
+  }
+  // After 100, 200, 271, 329 and 379 ms. What came last is still there.
+  EXPECT_EQ(5u, scheduler_.GetDropCount());
+  EXPECT_EQ(5u * 1250, scheduler_.GetQueuedBytes());
+  EXPECT_TRUE(std::is_sorted(sent.begin(), sent.end()));
+  EXPECT_EQ(next - 5 - 1, sent.back());
+  Queue(&sparse, "s");
+  EXPECT_EQ("s", Take(1));
+  scheduler_.Remove(&standing);
+  EXPECT_EQ(5u, scheduler_.GetDropCount());
 }
 
 TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {

@@ -304,6 +304,12 @@ void SeedRecords() {
     steps += Byte(step % 8 | step / 8 << 4) + Byte(step * 3);
   }
   Seed("scheduler", "all_steps", steps);
+  // A queue that stands: large datagrams, each taken 15 ms after the other.
+  steps.clear();
+  for (int i = 0; i < 12; ++i) steps += Byte(3) + Byte(255);
+  for (int i = 0; i < 24; ++i)
+    steps += Byte(5) + Byte(15 << 4 | 1) + Byte(3) + Byte(255);
+  Seed("scheduler", "standing_queue", steps);
 }
 
 }  // namespace

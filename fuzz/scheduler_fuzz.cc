@@ -1,6 +1,7 @@
 // What waits for a link: flows of both kinds come, go and change in any order,
-// also while they are asked. No byte is lost, doubled or out of its order but
-// what the scheduler counts as dropped, and no flow is passed over for long.
+// also while they are asked, and time passes. No byte is lost, doubled or out
+// of its order but what the scheduler counts as dropped, of a queue that is
+// late never the last message, and no flow is passed over for long.
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr size_t kFlows = 4;
 constexpr size_t kMaxMessage = 255;
+constexpr size_t kMaxDatagram = 2 + 16 * 255;
 
 // A flow with its bytes elsewhere, as a stream has them. Each message is its
 // number, as many times as it has bytes.
@@ -84,13 +86,16 @@ class Script {
         Forget(which);
         break;
       case 5:
-        for (int i = 0; i < argument % 16; ++i) TakeOne();
+        for (int i = 0; i < argument % 16; ++i) {
+          now_ += std::chrono::milliseconds(argument / 16);
+          TakeOne();
+        }
         break;
       case 6:
         scheduler_.SetQuantum(argument + size_t{1});
         break;
       case 7:
-        limit_ = argument * size_t{8};
+        limit_ = argument * size_t{256};
         scheduler_.SetQueueLimit(limit_);
         break;
     }
@@ -108,22 +113,21 @@ class Script {
 
  private:
   // 'A' + flow, its number, filler.
-  void Queue(size_t which, uint8_t filler) {
+  void Queue(size_t which, size_t filler) {
     queue_t& queue = queues_[which];
     std::string message = {static_cast<char>('A' + which),
                            static_cast<char>(++queue.last_in)};
-    message.append(filler, '.');
+    message.append(16 * filler, '.');
     in_ += message.size();
     const size_t before = scheduler_.GetQueuedBytes();
     const uint64_t drops = scheduler_.GetDropCount();
-    scheduler_.Queue(&queue.flow, message);
+    scheduler_.Queue(&queue.flow, message, now_);
     // What was dropped is of no flow that we know: only their sum is.
     const size_t dropped =
         before + message.size() - scheduler_.GetQueuedBytes();
     FUZZ_CHECK((dropped == 0) == (drops == scheduler_.GetDropCount()));
     out_ += dropped;
-    FUZZ_CHECK(scheduler_.GetQueuedBytes() <=
-               std::max(limit_, kMaxMessage + 2));
+    FUZZ_CHECK(scheduler_.GetQueuedBytes() <= std::max(limit_, kMaxDatagram));
   }
   void Forget(size_t which) {
     const size_t before = scheduler_.GetQueuedBytes();
@@ -132,11 +136,21 @@ class Script {
   }
   bool TakeOne() {
     std::string message;
-    if (!scheduler_.Take(&message)) return false;
-    FUZZ_CHECK(!message.empty());
+    const size_t before = scheduler_.GetQueuedBytes();
+    const uint64_t drops = scheduler_.GetDropCount();
+    const bool has_taken = scheduler_.Take(&message, now_);
+    FUZZ_CHECK(has_taken == !message.empty());
+    FUZZ_CHECK(has_taken || before == 0);
+    if (!has_taken) return false;
     const auto which = static_cast<size_t>(message[0] - 'A');
-    if (which >= kFlows) return true;
-    out_ += message.size();
+    if (which >= kFlows) {
+      FUZZ_CHECK(before == scheduler_.GetQueuedBytes());
+      return true;
+    }
+    const size_t gone = before - scheduler_.GetQueuedBytes();
+    FUZZ_CHECK((gone == message.size()) ==
+               (drops == scheduler_.GetDropCount()));
+    out_ += gone;
     queue_t& queue = queues_[which];
     // In order: it lies behind the last one and not behind what was queued.
     const auto number = static_cast<uint8_t>(message[1]);
@@ -150,6 +164,7 @@ class Script {
   FlowScheduler scheduler_;
   std::array<std::unique_ptr<Stream>, kFlows> streams_;
   std::array<queue_t, kFlows> queues_;
+  SteadyTime now_{};
   size_t limit_ = 64 * size_t{1024};
   size_t in_ = 0;   // bytes of datagrams queued
   size_t out_ = 0;  // taken, dropped or forgotten
