@@ -15,12 +15,13 @@
 
 namespace vantrel {
 
-// All UDP flows of one link. A flow ends when it was silent for a minute, or
-// when it is the one that was silent longest and there are too many.
+// All UDP flows of one link. A flow ends when it was silent for five minutes,
+// as RFC 4787 recommends (REQ-5), or when it is the one that was silent longest
+// and there are too many.
 class DatagramFlows final : public DatagramFlow::Owner {
  public:
   static constexpr size_t kMaxFlows = 512;
-  static constexpr uint32_t kMaxIdleTicks = 60;
+  static constexpr uint32_t kMaxIdleTicks = 5 * 60;
 
   // |dns_server| takes every datagram for port 53, whatever the policy says of
   // it; the flow still appears with the remote that the application asked.

@@ -44,8 +44,8 @@ class End {
 // A real server on the loopback address.
 class Server {
  public:
-  explicit Server(int receive_buffer = 100000)
-      : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+  explicit Server(int receive_buffer = 100000, int type = SOCK_STREAM)
+      : socket_(socket(AF_INET, type, 0)) {
     setsockopt(socket_.GetFd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer,
                sizeof(receive_buffer));
     sockaddr_in address = {};
@@ -64,6 +64,7 @@ class Server {
     connections.push_back(std::make_unique<End>(fd));
     return true;
   }
+  int GetFd() const { return socket_.GetFd(); }
   HostAndPort endpoint;
   std::vector<std::unique_ptr<End>> connections;
 
@@ -346,10 +347,11 @@ TEST_F(DeviceLinkTest, EndsWhileAFlowReportsAFailure) {
 
 TEST_F(DeviceLinkTest, ForgetsTheFlowThatWasSilentLongest) {
   Start();
-  const HostAndPort remote = Server().endpoint;  // nobody there any more
+  Server server(100000, SOCK_DGRAM);
   const auto send = [&](size_t local_port) {
-    const HostAndPort local(remote.host, static_cast<uint16_t>(local_port));
-    link_->OnDatagram(local, remote, "x");
+    link_->OnDatagram(
+        HostAndPort(server.endpoint.host, static_cast<uint16_t>(local_port)),
+        server.endpoint, "x");
   };
   const auto flows = [&] {
     link_->LogState();
@@ -358,14 +360,31 @@ TEST_F(DeviceLinkTest, ForgetsTheFlowThatWasSilentLongest) {
     const size_t end = log.rfind(" flows,");
     return std::stoul(log.substr(log.rfind(' ', end - 1)));
   };
-  const SteadyTime now = GetSteadyTime();
-  for (size_t i = 0; i <= DatagramFlows::kMaxFlows; ++i) send(1000 + i);
+  const auto tick = [&](int count) {
+    for (int i = 0; i < count; ++i) link_->OnTick(GetSteadyTime());
+  };
+  for (size_t i = 1; i <= DatagramFlows::kMaxFlows; ++i) send(1000 + i);
+  send(1001);  // the second is silent longest now
+  send(2000);
   EXPECT_EQ(DatagramFlows::kMaxFlows, flows());
-  for (uint32_t i = 1; i < DatagramFlows::kMaxIdleTicks; ++i)
-    link_->OnTick(now);
-  send(1001);  // had become the oldest
-  link_->OnTick(now);
+
+  // An answer to the first that is nearly five minutes late.
+  char question;
+  sockaddr_in asker = {};
+  socklen_t length = sizeof(asker);
+  ASSERT_EQ(1, recvfrom(server.GetFd(), &question, 1, 0,
+                        reinterpret_cast<sockaddr*>(&asker), &length));
+  tick(299);
+  ASSERT_EQ(6, sendto(server.GetFd(), "answer", 6, 0,
+                      reinterpret_cast<sockaddr*>(&asker), length));
+  const HostAndPort local(server.endpoint.host, 1001);
+  ASSERT_TRUE(Until([&] {
+    return Receives(v1::UdpDatagramV2(local, server.endpoint, 0, 6) + "answer");
+  }));
+  tick(1);
   EXPECT_EQ(1u, flows());
+  tick(299);
+  EXPECT_EQ(0u, flows());
 }
 
 }  // namespace

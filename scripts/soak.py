@@ -51,8 +51,8 @@ SAMPLE_SECONDS = 5
 # Above what the middle of a run had; a page here and there is no growth.
 MAX_GROWTH, MAX_GROWTH_KIB = 1.1, 1024
 MAX_REST_SHARE = .01  # of one processor
-# The flows of datagrams last for a minute, then a tick of the companion ends them.
-FLOWS_GONE_SECONDS = 65
+# The flows of datagrams last for five minutes, then a tick of the companion ends them.
+FLOWS_GONE_SECONDS = 305
 
 
 class Failures(list):
