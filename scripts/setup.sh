@@ -36,8 +36,9 @@ real=(
   openssh-client mosquitto-clients dnsperf
 )
 bench=(
-  # plots; two roads to measure beside ours; many name look-ups
+  # plots; two roads to measure beside ours; many name look-ups; QUIC
   git gnuplot-nox haproxy openssh-client openssh-server dnsperf
+  ngtcp2-client ngtcp2-server openssl
 )
 bluetooth=(
   # the virtual machine, its first file system; the controllers' emulator and tools
