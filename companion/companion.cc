@@ -89,7 +89,7 @@ bool Companion::OpenListeners() {
 }
 
 void Companion::TakeLink(int fd, const std::string& peer) {
-  if (CountUp() < options_.max_links || MakeRoom()) return AddLink(fd, peer);
+  if (MakeRoom()) return AddLink(fd, peer);
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                      "link of %s refused: there are %zu links already",
                      peer.c_str(), options_.max_links);
@@ -126,13 +126,24 @@ size_t Companion::CountUp() const {
 }
 
 bool Companion::MakeRoom() {
+  if (CountUp() < options_.max_links) return true;
   const SteadyTime now = GetSteadyTime();
   for (const auto& entry : links_) {
     if (!entry.second->IsSilent(now)) continue;
-    entry.second->Close("silent, and there is no room for another link");
+    entry.second->CloseAtOnce("silent, and there is no room for another link");
     return true;
   }
   return false;
+}
+
+void Companion::BoundRests() {
+  size_t rests = links_.size() - CountUp();
+  for (auto next = links_.begin(); rests > options_.max_links;) {
+    const auto entry = next++;
+    if (entry->second->IsUp()) continue;
+    links_.erase(entry);
+    --rests;
+  }
 }
 
 // Later, since a link that tells of its end is in the middle of it.
@@ -147,6 +158,7 @@ void Companion::RemoveLinksThatAreOver() {
     has_failed_ = options_.fd && entry->second->HasFailed();
     links_.erase(entry);
   }
+  BoundRests();
   if ((is_stopping_ && CountUp() == 0) || (options_.fd && links_.empty())) {
     loop_.stop();
   }

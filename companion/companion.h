@@ -43,8 +43,12 @@ class Companion {
   // How many streams one link may have at the moment.
   size_t GetMaxStreams() const;
   size_t CountUp() const;
-  // Ends the link that was silent longest, if there is one that may not be.
+  // Whether another link has a place. Ends the link that was silent longest, if
+  // there is one that may not be and no place otherwise.
   bool MakeRoom();
+  // As many links as may be up may deliver their rest after they have ended;
+  // above that the oldest lose it.
+  void BoundRests();
   void OnLinkChanged();
   void RemoveLinksThatAreOver();
 

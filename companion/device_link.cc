@@ -213,6 +213,11 @@ void DeviceLink::Close(const std::string& reason) {
   BeginClosing(reason);
 }
 
+void DeviceLink::CloseAtOnce(const std::string& reason) {
+  Close(reason);
+  if (IsUp()) End(false, "closed by the companion");
+}
+
 void DeviceLink::OnFailure(const std::string& reason) {
   if (is_closing_) return;
   has_failed_ = true;
@@ -264,7 +269,7 @@ void DeviceLink::OnTick(SteadyTime now) {
 }
 
 bool DeviceLink::IsSilent(SteadyTime now) const {
-  return IsUp() && deadlines_.IsSilent(now);
+  return IsUp() && !is_closing_ && deadlines_.IsSilent(now);
 }
 
 void DeviceLink::LogState() {

@@ -54,6 +54,9 @@ class DeviceLink final : public DeviceMessages {
   // Ends the link in order: |reason| is told to the device, and the link is
   // down when the device has closed its side, or some seconds later.
   void Close(const std::string& reason);
+  // Close(), and the link is down afterwards: for one whose place another has
+  // got.
+  void CloseAtOnce(const std::string& reason);
   void OnTick(SteadyTime now);  // once a second
 
   bool IsUp() const { return socket_ != nullptr; }

@@ -1,5 +1,6 @@
 """The real companion by itself; the test plays its devices."""
 
+import itertools
 import json
 import os
 import re
@@ -9,6 +10,7 @@ import stat
 import struct
 import subprocess
 import sys
+import time
 
 import pytest
 
@@ -119,6 +121,47 @@ def test_many_links_and_no_room(companion, link, remote):
     links.append(link())
     ping(links[-1])
     assert refused.recv(1) == b"" or "refused" not in process.log()
+
+
+def descriptors(process):
+    return len(os.listdir(f"/proc/{process.pid}/fd"))
+
+
+def test_no_more_links_than_allowed(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", "--max-links", "2")
+    before = descriptors(process)
+    made = itertools.count(1)
+
+    def make_links(count):
+        links = [link() for _ in range(count)]
+        number = [next(made) for _ in links][-1]
+        wait_until(lambda: process.log().count("unix: process") == number, "all links")
+        return links
+
+    make_links(2)
+    # Each further one gets the place of one that was silent for 10 s, once.
+    wait_until(lambda: "silent, and" in process.log() or time.sleep(.2) or not make_links(1),
+               "a place", 20)
+    make_links(10)
+    wait_until(lambda: descriptors(process) == before + 2, "two links")
+    assert "link 4 connected" in process.log() and "link 5" not in process.log()
+
+
+def test_rests_of_links_are_bounded(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", "--max-links", "2")
+    before = descriptors(process)
+    remote.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    peers = []
+    for number in range(1, 7):
+        one = link()
+        one.sendall(connect(1))
+        peers.append(remote.accept()[0])  # and does not read
+        one.sendall(data(1, bytes(65535)) * 8)
+        one.close()
+        wait_until(lambda: f"link {number}: link down" in process.log(), "the end")
+    wait_until(lambda: descriptors(process) <= before + 2, "two rests", 1)
+    for peer in peers:
+        peer.close()
 
 
 def test_no_application_takes_all_streams(companion, link, remote):
