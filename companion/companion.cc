@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <asio/post.hpp>
 #include <chrono>
+#include <vector>
 
 #include "common/capabilities.h"
 #include "companion/companion_log.h"
@@ -21,10 +22,8 @@ namespace {
 // From the signal to the end of the program, with a margin below the 2 s that
 // are promised.
 constexpr std::chrono::milliseconds kStopTime{1500};
-// What a link may always have, however much the others take.
-constexpr size_t kStreamsForSure = 64;
-// What the program needs besides links.
-constexpr size_t kOwnDescriptors = 64;
+// What the program needs besides links and listeners, and a little more.
+constexpr size_t kOwnDescriptors = 24;
 
 // Nothing that it does for devices needs a right.
 void GiveUpRights() {
@@ -33,14 +32,6 @@ void GiveUpRights() {
   }
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                      "cannot give up capabilities: %s", strerror(errno));
-}
-
-// How many of |max_descriptors| streams and flows may take beyond what each
-// link has for sure.
-size_t GetSharedDescriptors(const Options& options, size_t max_descriptors) {
-  const size_t links = options.fd ? 1 : options.max_links;
-  const size_t taken = kOwnDescriptors + links * kStreamsForSure;
-  return max_descriptors > taken ? max_descriptors - taken : 0;
 }
 
 }  // namespace
@@ -52,7 +43,9 @@ Companion::Companion(const Options& options, size_t max_descriptors)
               [this](const IpAddress& address) {
                 return routes_.IsLocal(address);
               }),
-      shared_descriptors_(GetSharedDescriptors(options, max_descriptors)),
+      sockets_(max_descriptors, kOwnDescriptors + options.listen.size(),
+               options.fd ? 1 : options.max_links),
+      turns_(loop_),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
       ticker_(loop_),
       watchdog_(loop_),
@@ -70,6 +63,11 @@ int Companion::Run() {
   }
   // Only now: a listener's port may be below 1024.
   GiveUpRights();
+  if (!options_.fd && sockets_.GetMaxLinks() < options_.max_links) {
+    ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
+                       "the limit of open files is enough for %zu links only",
+                       sockets_.GetMaxLinks());
+  }
   WaitForSignal();
   StartWatchdog();
   service_manager_.Notify("READY=1");
@@ -92,7 +90,7 @@ void Companion::TakeLink(int fd, const std::string& peer) {
   if (MakeRoom()) return AddLink(fd, peer);
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                      "link of %s refused: there are %zu links already",
-                     peer.c_str(), options_.max_links);
+                     peer.c_str(), sockets_.GetMaxLinks());
   close(fd);
 }
 
@@ -101,22 +99,12 @@ void Companion::AddLink(int fd, const std::string& peer) {
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
                      id, peer.c_str());
   auto link = std::make_unique<DeviceLink>(
-      loop_, fd, DeviceLink::settings_t{id, [this] { return GetMaxStreams(); }},
-      options_, policy_, [this] { OnLinkChanged(); });
+      DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_}, fd, id,
+      [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
   added.Start();
   StartTicking();
-}
-
-// As many as are left for all: a single link can have half of them, the next
-// one a third, and a greedy one never takes them all.
-size_t Companion::GetMaxStreams() const {
-  size_t used = 0;
-  for (const auto& entry : links_) used += entry.second->GetDescriptorCount();
-  const size_t left =
-      shared_descriptors_ > used ? shared_descriptors_ - used : 0;
-  return std::max(kStreamsForSure, left);
 }
 
 size_t Companion::CountUp() const {
@@ -126,7 +114,7 @@ size_t Companion::CountUp() const {
 }
 
 bool Companion::MakeRoom() {
-  if (CountUp() < options_.max_links) return true;
+  if (CountUp() < sockets_.GetMaxLinks()) return true;
   const SteadyTime now = GetSteadyTime();
   for (const auto& entry : links_) {
     if (!entry.second->IsSilent(now)) continue;
@@ -137,12 +125,20 @@ bool Companion::MakeRoom() {
 }
 
 void Companion::BoundRests() {
-  size_t rests = links_.size() - CountUp();
-  for (auto next = links_.begin(); rests > options_.max_links;) {
-    const auto entry = next++;
+  std::vector<Links::iterator> rests;
+  size_t sockets = 0;
+  for (auto entry = links_.begin(); entry != links_.end(); ++entry) {
     if (entry->second->IsUp()) continue;
-    links_.erase(entry);
-    --rests;
+    rests.push_back(entry);
+    sockets += entry->second->GetSocketCount();
+  }
+  for (size_t i = 0; i < rests.size(); ++i) {
+    if (rests.size() - i <= sockets_.GetMaxLinks() &&
+        sockets <= sockets_.GetSharedCount()) {
+      return;
+    }
+    sockets -= rests[i]->second->GetSocketCount();
+    links_.erase(rests[i]);
   }
 }
 
@@ -187,7 +183,7 @@ void Companion::OnSignal(int signal) {
 void Companion::LogState() {
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink,
                      "state: %zu links up of at most %zu", CountUp(),
-                     options_.max_links);
+                     sockets_.GetMaxLinks());
   for (const auto& entry : links_) entry.second->LogState();
 }
 
@@ -209,12 +205,20 @@ void Companion::StartTicking() {
   if (is_ticking_) return;
   is_ticking_ = true;
   ticker_.expires_after(std::chrono::seconds(1));
-  ticker_.async_wait([this](const asio::error_code&) {
-    is_ticking_ = false;
-    const SteadyTime now = GetSteadyTime();
-    for (const auto& entry : links_) entry.second->OnTick(now);
-    if (!links_.empty()) StartTicking();
-  });
+  ticker_.async_wait(
+      [this](const asio::error_code&) { TickNext(GetSteadyTime(), 0); });
+}
+
+void Companion::TickNext(SteadyTime now, uint32_t last_id) {
+  const auto next = links_.upper_bound(last_id);
+  if (next != links_.end()) {
+    const uint32_t id = next->first;
+    next->second->OnTick(now);
+    asio::post(loop_, [this, now, id] { TickNext(now, id); });
+    return;
+  }
+  is_ticking_ = false;
+  if (!links_.empty()) StartTicking();
 }
 
 void Companion::StartWatchdog() {

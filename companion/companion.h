@@ -15,6 +15,8 @@
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
 #include "companion/options.h"
+#include "companion/socket_pool.h"
+#include "companion/turn_queue.h"
 #include "programs/service_manager.h"
 
 namespace vantrel {
@@ -40,14 +42,12 @@ class Companion {
   [[nodiscard]] bool OpenListeners();
   void TakeLink(int fd, const std::string& peer);
   void AddLink(int fd, const std::string& peer);
-  // How many streams one link may have at the moment.
-  size_t GetMaxStreams() const;
   size_t CountUp() const;
   // Whether another link has a place. Ends the link that was silent longest, if
   // there is one that may not be and no place otherwise.
   bool MakeRoom();
-  // As many links as may be up may deliver their rest after they have ended;
-  // above that the oldest lose it.
+  // As many links as may be up may deliver their rest after they have ended,
+  // with as many sockets as links share; above that the oldest lose it.
   void BoundRests();
   void OnLinkChanged();
   void RemoveLinksThatAreOver();
@@ -57,6 +57,8 @@ class Companion {
   void LogState();
   void Stop();
   void StartTicking();
+  // One link at a time, so that other work comes in between.
+  void TickNext(SteadyTime now, uint32_t last_id);
   void StartWatchdog();
 
   const Options& options_;
@@ -64,7 +66,8 @@ class Companion {
   ServiceManager service_manager_;
   LocalRoutes routes_;
   const DestinationPolicy policy_;
-  const size_t shared_descriptors_;
+  SocketPool sockets_;
+  TurnQueue turns_;
   asio::signal_set signals_;
   asio::steady_timer ticker_;
   asio::steady_timer watchdog_;

@@ -47,23 +47,23 @@ std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
 
 }  // namespace
 
-DeviceLink::DeviceLink(asio::io_context& loop, int fd,
-                       const settings_t& settings, const Options& options,
-                       const DestinationPolicy& policy,
+DeviceLink::DeviceLink(const shared_t& shared, int fd, uint32_t id,
                        std::function<void()> on_change)
-    : options_(options),
-      log_(settings.id),
+    : options_(shared.options),
+      log_(id),
       on_change_(std::move(on_change)),
-      protocol_(MakeProtocol(options, scheduler_.GetControl())),
-      parts_{loop, *protocol_, scheduler_, log_, policy, [this] { Pump(); }},
+      protocol_(MakeProtocol(options_, scheduler_.GetControl())),
+      parts_{shared.loop,   *protocol_,     scheduler_,        log_,
+             shared.policy, shared.sockets, [this] { Pump(); }},
       streams_(
-          parts_, settings.get_max_streams, options.max_held_bytes,
+          parts_, options_.max_held_bytes,
           [this] { OnFailure("too many bytes wait for remotes"); },
           [this] { on_change_(); }),
-      flows_(parts_, options.dns_server),
+      flows_(parts_, options_.dns_server),
       socket_(std::make_unique<LinkSocket>(
-          loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); })),
-      deadlines_(GetSteadyTime()) {
+          shared.loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); })),
+      deadlines_(GetSteadyTime()),
+      turns_(shared.turns, [this] { TakeTurn(); }) {
   AdaptToPace();
 }
 
@@ -75,14 +75,18 @@ void DeviceLink::Start() {
     header.max_tx_size = options_.max_tx_size;
     scheduler_.GetControl()->append(EncodeConnectionHeader(header));
   }
-  HandleBytes("", 0);
-  Pump();
-  ReadOn();
+  TakeTurn();
 }
 
 void DeviceLink::OnReadable() {
+  if (!turns_.IsWaiting()) TakeTurn();
+}
+
+void DeviceLink::TakeTurn() {
+  turn_end_ = GetSteadyTime() + TurnQueue::kTurn;
+  HandleMessages();
   int reads = 0;
-  while (reads < kMaxReadsPerTurn && ReadOnce()) ++reads;
+  while (!has_unhandled_ && reads < kMaxReadsPerTurn && ReadOnce()) ++reads;
   Pump();
   ReadOn();
 }
@@ -97,7 +101,11 @@ bool DeviceLink::ReadOnce() {
   deadlines_.OnReceived();
   // What comes after the last message is read and dropped, so that closing
   // the socket resets nothing that is on its way to the device.
-  if (!is_closing_) HandleBytes(buffer, count);
+  if (!is_closing_) {
+    protocol_->Feed(buffer, count);
+    has_unhandled_ = true;
+    HandleMessages();
+  }
   return count == size && !IsControlFull();
 }
 
@@ -109,11 +117,11 @@ bool DeviceLink::IsDone(LinkSocket::Result result) {
   return result == LinkSocket::Result::kDone;
 }
 
-void DeviceLink::HandleBytes(const char* bytes, size_t length) {
+void DeviceLink::HandleMessages() {
   const LibraryLogScope scope(log_);
   is_handling_ = true;
-  protocol_->Feed(bytes, length);
-  while (!is_closing_ && protocol_->HandleNext(*this)) {
+  while (has_unhandled_ && GetSteadyTime() < turn_end_) {
+    has_unhandled_ = !is_closing_ && protocol_->HandleNext(*this);
   }
   streams_.Flush();
   is_handling_ = false;
@@ -124,7 +132,8 @@ bool DeviceLink::IsControlFull() {
 }
 
 void DeviceLink::ReadOn() {
-  if (socket_ != nullptr && !IsControlFull()) socket_->WaitReadable();
+  if (socket_ == nullptr || IsControlFull()) return;
+  has_unhandled_ ? turns_.Enter() : socket_->WaitReadable();
 }
 
 void DeviceLink::OnWritable() {
@@ -253,6 +262,7 @@ void DeviceLink::End(bool by_error, const std::string& why) {
   log_.Write(LogLevel::kInfo, LogKind::kLink, "link down: %s", why.c_str());
   has_failed_ = has_failed_ || by_error;
   is_closing_ = true;
+  turns_.Leave();
   socket_.reset();
   StopFlows();
   on_change_();

@@ -19,6 +19,8 @@
 #include "companion/link_socket.h"
 #include "companion/link_streams.h"
 #include "companion/options.h"
+#include "companion/socket_pool.h"
+#include "companion/turn_queue.h"
 #include "programs/pace_meter.h"
 #include "programs/steady_time.h"
 
@@ -31,18 +33,19 @@ namespace vantrel {
 // their rest; IsOver() tells when its owner should destroy it.
 class DeviceLink final : public DeviceMessages {
  public:
-  // What the link asks of the program.
-  struct settings_t {
-    uint32_t id = 0;  // names it in the log
-    // How many streams the link may have now; asked for each new one.
-    std::function<size_t()> get_max_streams;
+  // What all links share. All of it outlives them.
+  struct shared_t {
+    asio::io_context& loop;
+    const Options& options;
+    const DestinationPolicy& policy;
+    SocketPool& sockets;
+    TurnQueue& turns;
   };
 
-  // Takes ownership of the connected stream socket |fd|. |options| and |policy|
-  // outlive it. |on_change| is called when IsUp() or IsOver() may have changed,
+  // Takes ownership of the connected stream socket |fd|. |id| names the link in
+  // the log. |on_change| is called when IsUp() or IsOver() may have changed,
   // from within the link's handlers: it must not destroy the link.
-  DeviceLink(asio::io_context& loop, int fd, const settings_t& settings,
-             const Options& options, const DestinationPolicy& policy,
+  DeviceLink(const shared_t& shared, int fd, uint32_t id,
              std::function<void()> on_change);
   DeviceLink(const DeviceLink&) = delete;
   DeviceLink& operator=(const DeviceLink&) = delete;
@@ -60,8 +63,7 @@ class DeviceLink final : public DeviceMessages {
   void OnTick(SteadyTime now);  // once a second
 
   bool IsUp() const { return socket_ != nullptr; }
-  // What its streams and flows have open.
-  size_t GetDescriptorCount() const {
+  size_t GetSocketCount() const {  // of its streams and flows
     return streams_.GetCount() + flows_.GetCount();
   }
   bool IsOver() const { return !IsUp() && streams_.GetCount() == 0; }
@@ -87,13 +89,17 @@ class DeviceLink final : public DeviceMessages {
 
  private:
   void OnReadable();
+  // Handles what the device has sent, as much as a turn has time for.
+  void TakeTurn();
   // True when there may be more to read at once.
   bool ReadOnce();
   // Of what the socket was asked for. When it has ended, so does the link.
   bool IsDone(LinkSocket::Result result);
-  void HandleBytes(const char* bytes, size_t length);
+  // Of those that were read as many as the turn still has time for.
+  void HandleMessages();
   // Whether the device must take answers before it may ask for more.
   bool IsControlFull();
+  // Waits for the next turn, or for more bytes.
   void ReadOn();
   void OnWritable();
   // Sends as much of what waits as the socket takes.
@@ -130,7 +136,10 @@ class DeviceLink final : public DeviceMessages {
   size_t quantum_ = 0;
   size_t write_size_ = 0;  // bytes after which a write is full
   bool is_ready_ = false;
-  bool is_handling_ = false;  // the device's messages
+  TurnQueue::Member turns_;
+  SteadyTime turn_end_;
+  bool has_unhandled_ = true;  // the protocol, messages that were read
+  bool is_handling_ = false;   // the device's messages
   bool is_pumping_ = false;
   bool is_blocked_ = false;  // the socket takes no more
   bool is_closing_ = false;

@@ -86,14 +86,16 @@ class DeviceLinkTest : public ::testing::Test {
     if (!log_) testing::internal::GetCapturedStderr();
   }
 
-  void Start(size_t max_streams = 100) {
+  // A link gets a half of |max_descriptors|.
+  void Start(size_t max_descriptors = 10000) {
     int fds[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
     device_ = std::make_unique<End>(fds[0]);
+    link_.reset();
+    if (!sockets_) sockets_.emplace(max_descriptors, 0, 1);
     link_ = std::make_unique<DeviceLink>(
-        loop_, fds[1],
-        DeviceLink::settings_t{1, [max_streams] { return max_streams; }},
-        options_, policy_, [this] { ++changes_; });
+        DeviceLink::shared_t{loop_, options_, policy_, *sockets_, turns_},
+        fds[1], 1, [this] { ++changes_; });
     link_->Start();
   }
   // Runs the real loop until |condition| holds, which is tried in between. An
@@ -131,6 +133,8 @@ class DeviceLinkTest : public ::testing::Test {
   }
 
   asio::io_context loop_{1};
+  std::optional<SocketPool> sockets_;
+  TurnQueue turns_{loop_};
   Options options_;
   const DestinationPolicy policy_;
   std::unique_ptr<End> device_;
@@ -201,7 +205,7 @@ TEST_F(DeviceLinkCreditTest, AcknowledgesDeliveredWritesAndDeliversAfterClose) {
 TEST_F(DeviceLinkCreditTest, EndsAStreamOrALinkThatTakesTooMuch) {
   options_.max_held_bytes =
       2 * RemoteStream::kMaxUnacknowledgedWrites * kWriteBytes;
-  Start(4);
+  Start(17);  // enough for 4 streams
   ASSERT_TRUE(Connect(1, server_));
   FillUp();
   ASSERT_TRUE(SendData(1, "one more"));
@@ -324,6 +328,30 @@ TEST_F(DeviceLinkTest, ClosesInOrderOrAfterItsTime) {
     EXPECT_TRUE(Until([&] { return !link_->IsUp(); }));
     EXPECT_FALSE(link_->HasFailed());
   }
+}
+
+// A thousand new connections take more than one turn.
+TEST_F(DeviceLinkTest, LetsOthersHaveTheirTurnBetween) {
+  const HostAndPort remote = Server().endpoint;  // nobody there any more
+  constexpr uint32_t kConnects = 1000;
+  Start();
+  const auto busy_device = std::move(device_);
+  const auto busy_link = std::move(link_);
+  std::string connects;
+  for (uint32_t id = 1; id <= kConnects; ++id) {
+    connects += v1::TcpConnect(id, remote, static_cast<uint16_t>(id));
+  }
+  Start();
+  busy_device->Write(connects);
+  device_->Write(v1::PingEcho(7));
+  ASSERT_TRUE(Until([&] { return Receives(v1::PingEcho(7)); }));
+  EXPECT_LT(busy_link->GetSocketCount(), kConnects);
+  const size_t all_closed = kConnects * v1::TcpClose(1).size();
+  size_t received = 0;
+  EXPECT_TRUE(Until([&] {
+    received += busy_device->Read().size();
+    return received == all_closed;
+  }));
 }
 
 TEST_F(DeviceLinkTest, GivesUpADeviceThatSaysNothing) {

@@ -7,6 +7,7 @@
 #include "companion/destination_policy.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_protocol.h"
+#include "companion/socket_pool.h"
 
 namespace vantrel {
 
@@ -17,6 +18,7 @@ struct LinkParts {
   FlowScheduler& scheduler;
   CompanionLog& log;
   const DestinationPolicy& policy;
+  SocketPool& sockets;
   // To be called when something new waits in the scheduler, from the handlers
   // of streams and flows; not needed while the device's messages are handled.
   // The link may end by it: a flow is then destroyed, a stream finishes.

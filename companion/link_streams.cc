@@ -11,15 +11,15 @@ namespace {
 constexpr uint32_t kMaxPackageNames = 1024;
 // Longer than any name that a device's packages may have.
 constexpr size_t kMaxPackageNameBytes = 256;
+// Closing thousands of connections at once would keep other links waiting.
+constexpr int kMaxGivenUpPerTick = 512;
 
 }  // namespace
 
-LinkStreams::LinkStreams(const LinkParts& link,
-                         std::function<size_t()> get_max_streams,
-                         size_t max_held_bytes, std::function<void()> on_excess,
+LinkStreams::LinkStreams(const LinkParts& link, size_t max_held_bytes,
+                         std::function<void()> on_excess,
                          std::function<void()> on_idle)
     : link_(link),
-      get_max_streams_(std::move(get_max_streams)),
       held_(max_held_bytes),
       on_excess_(std::move(on_excess)),
       on_idle_(std::move(on_idle)),
@@ -47,12 +47,13 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
       std::make_unique<RemoteStream>(link_, *this, held_, id, remote, uid);
   if (!stream->Connect()) return TellClosed(id);
   streams_.emplace(id, std::move(stream));
+  ++counts_[uid];
 }
 
 const char* LinkStreams::GetRefusal(const HostAndPort& remote,
                                     uint32_t uid) const {
   if (remote.host.GetFamily() != AF_INET) return "not an IPv4 address";
-  const size_t max_streams = get_max_streams_();
+  const size_t max_streams = link_.sockets.GetShare();
   if (GetCount() >= max_streams) return "too many streams";
   // The last quarter is for the others.
   if (GetCount() >= max_streams - max_streams / 4 && HasMost(uid)) {
@@ -62,12 +63,8 @@ const char* LinkStreams::GetRefusal(const HostAndPort& remote,
 }
 
 bool LinkStreams::HasMost(uint32_t uid) const {
-  const auto is_own = [uid](const auto& stream) {
-    return stream->GetUid() == uid;
-  };
-  auto count = std::count_if(finishing_.begin(), finishing_.end(), is_own);
-  for (const auto& entry : streams_) count += is_own(entry.second) ? 1 : 0;
-  return static_cast<size_t>(count) * 2 >= GetCount();
+  const auto found = counts_.find(uid);
+  return found != counts_.end() && found->second * 2 >= GetCount();
 }
 
 void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
@@ -132,15 +129,21 @@ void LinkStreams::TellClosed(uint32_t id) {
 
 void LinkStreams::Finish(RemoteStream* stream, int max_idle_ticks) {
   const auto found = streams_.find(stream->GetId());
-  finishing_.push_back(std::move(found->second));
+  finishing_.emplace(stream, std::move(found->second));
   streams_.erase(found);
   stream->Finish(max_idle_ticks);
 }
 
 void LinkStreams::Drop(RemoteStream* stream) {
   const uint32_t id = stream->GetId();
+  Discount(stream->GetUid());
   streams_.erase(id);
   TellClosed(id);
+}
+
+void LinkStreams::Discount(uint32_t uid) {
+  const auto found = counts_.find(uid);
+  if (--found->second == 0) counts_.erase(found);
 }
 
 void LinkStreams::FinishAll() {
@@ -156,9 +159,14 @@ void LinkStreams::ReportIdle() {
 
 void LinkStreams::OnTick() {
   const size_t count = GetCount();
-  finishing_.remove_if([](const std::unique_ptr<RemoteStream>& stream) {
-    return stream->OnTick();
-  });
+  int given_up = 0;
+  for (auto next = finishing_.begin(); next != finishing_.end();) {
+    const auto entry = next++;
+    if (!entry->second->OnTick() || given_up == kMaxGivenUpPerTick) continue;
+    ++given_up;
+    Discount(entry->second->GetUid());
+    finishing_.erase(entry);
+  }
   if (GetCount() != count) ReportIdle();
 }
 
@@ -183,9 +191,8 @@ void LinkStreams::OnStreamOver(RemoteStream& stream) {
   if (!stream.IsFinishing()) {
     Drop(&stream);
   } else {
-    finishing_.remove_if([&stream](const std::unique_ptr<RemoteStream>& entry) {
-      return entry.get() == &stream;
-    });
+    Discount(stream.GetUid());
+    finishing_.erase(&stream);
   }
   ReportIdle();
 }

@@ -4,10 +4,10 @@
 #include <stdint.h>
 
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "common/host_and_port.h"
@@ -21,13 +21,11 @@ namespace vantrel {
 // The TCP streams of one link, and what the device said about their owners.
 class LinkStreams final : public RemoteStream::Owner {
  public:
-  // |get_max_streams| says how many there may be when one more is asked for,
-  // those included that only deliver their rest. All writes that wait for
-  // remotes have at most |max_held_bytes|; |on_excess| is called when they have
-  // more. |on_idle| is called when the last stream is gone.
-  LinkStreams(const LinkParts& link, std::function<size_t()> get_max_streams,
-              size_t max_held_bytes, std::function<void()> on_excess,
-              std::function<void()> on_idle);
+  // All writes that wait for remotes have at most |max_held_bytes|; |on_excess|
+  // is called when they have more. |on_idle| is called when the last stream is
+  // gone.
+  LinkStreams(const LinkParts& link, size_t max_held_bytes,
+              std::function<void()> on_excess, std::function<void()> on_idle);
   LinkStreams(const LinkStreams&) = delete;
   LinkStreams& operator=(const LinkStreams&) = delete;
   ~LinkStreams() override;
@@ -68,10 +66,10 @@ class LinkStreams final : public RemoteStream::Owner {
   void Finish(RemoteStream* stream, int max_idle_ticks);
   // Ends the stream at once; the device is told.
   void Drop(RemoteStream* stream);
+  void Discount(uint32_t uid);
   void ReportIdle();
 
   const LinkParts& link_;
-  const std::function<size_t()> get_max_streams_;
   ByteBudget held_;
   const std::function<void()> on_excess_;
   const std::function<void()> on_idle_;
@@ -79,7 +77,9 @@ class LinkStreams final : public RemoteStream::Owner {
   // The ids of those that were given a write since Flush(). Some may be gone.
   std::vector<uint32_t> unflushed_;
   // No longer known to the device, which may use their ids again.
-  std::list<std::unique_ptr<RemoteStream>> finishing_;
+  std::unordered_map<const RemoteStream*, std::unique_ptr<RemoteStream>>
+      finishing_;
+  std::unordered_map<uint32_t, size_t> counts_;    // of all streams, by UID
   LruCache<uint32_t, std::string> package_names_;  // by UID
 };
 

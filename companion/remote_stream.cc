@@ -41,7 +41,8 @@ RemoteStream::RemoteStream(const LinkParts& link, Owner& owner,
       held_(held),
       id_(id),
       remote_(remote),
-      uid_(uid) {}
+      uid_(uid),
+      place_(link.sockets) {}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);

@@ -92,6 +92,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   const uint32_t id_;
   const HostAndPort remote_;
   const uint32_t uid_;
+  const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
   std::deque<std::string> queue_;
   size_t front_offset_ = 0;  // bytes of the first write that are delivered

@@ -37,8 +37,8 @@ class Script {
     auto [fd, device] = MakeSocketPair();
     device_ = std::move(device);
     link_ = std::make_unique<DeviceLink>(
-        loop_, fd, DeviceLink::settings_t{1, [] { return size_t{6}; }},
-        options_, policy_, [] {});
+        DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_}, fd, 1,
+        [] {});
   }
 
   void Run() {
@@ -174,6 +174,8 @@ class Script {
   asio::io_context loop_{1};
   Options options_;
   const DestinationPolicy policy_;
+  SocketPool sockets_{25, 0, 1};  // enough for 6 streams
+  TurnQueue turns_{loop_};
   std::unique_ptr<Socket> device_;
   std::unique_ptr<DeviceLink> link_;
   SteadyTime now_ = GetSteadyTime();
