@@ -28,7 +28,8 @@ DatagramFlow::DatagramFlow(const LinkParts& link, Owner& owner,
       owner_(owner),
       local_(local),
       remote_(remote),
-      target_(target) {}
+      target_(target),
+      place_(link.sockets) {}
 
 DatagramFlow::~DatagramFlow() { link_.scheduler.Remove(this); }
 
@@ -54,7 +55,7 @@ void DatagramFlow::Send(const std::string& payload) {
 
 // A socket that reports ICMP errors together with what they quote.
 bool DatagramFlow::Open() {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int fd = OpenSocket(link_, SOCK_DGRAM);
   if (fd == -1) return false;
   auto opened = std::make_unique<Descriptor>(
       link_.loop, fd, [this] { OnReadable(); }, [] {});

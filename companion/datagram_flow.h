@@ -38,6 +38,8 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort& GetLocal() const { return local_; }
   const HostAndPort& GetRemote() const { return remote_; }
 
+  bool HasSocket() const { return socket_ != nullptr; }
+
   // Sends one datagram of the application. A failure waits in the scheduler
   // afterwards.
   void Send(const std::string& payload);
@@ -61,6 +63,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort local_;
   const HostAndPort remote_;
   const std::optional<HostAndPort> target_;
+  const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;
   std::string last_request_;
 };

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <iterator>
 
 namespace vantrel {
@@ -33,7 +34,7 @@ DatagramFlow& DatagramFlows::FindOrCreate(const Ends& ends) {
     Touch(found->second);
     return found->second->flow;
   }
-  if (flows_.size() >= kMaxFlows) ForgetOldest();
+  MakeRoom();
   flows_.emplace_back(link_, *this, ends, GetTarget(ends.second));
   flows_.back().last_used_tick = tick_;
   index_.emplace(ends, std::prev(flows_.end()));
@@ -54,17 +55,26 @@ void DatagramFlows::Touch(Entries::iterator entry) {
   flows_.splice(flows_.end(), flows_, entry);
 }
 
-void DatagramFlows::ForgetOldest() {
-  const DatagramFlow& flow = flows_.front().flow;
-  index_.erase(Ends(flow.GetLocal(), flow.GetRemote()));
-  flows_.pop_front();
+// Two go for the one that comes, so that a link whose share has become smaller
+// comes down to it.
+void DatagramFlows::MakeRoom() {
+  for (int i = 0; i < 2 && !flows_.empty(); ++i) {
+    const size_t limit = std::min(kMaxFlows, link_.sockets.GetShare());
+    if (flows_.size() < limit) return;
+    Forget(flows_.begin());
+  }
+}
+
+void DatagramFlows::Forget(Entries::iterator entry) {
+  index_.erase(Ends(entry->flow.GetLocal(), entry->flow.GetRemote()));
+  flows_.erase(entry);
 }
 
 void DatagramFlows::OnTick() {
   ++tick_;
   while (!flows_.empty() &&
          tick_ - flows_.front().last_used_tick >= kMaxIdleTicks) {
-    ForgetOldest();
+    Forget(flows_.begin());
   }
 }
 
@@ -75,6 +85,15 @@ void DatagramFlows::Clear() {
 
 void DatagramFlows::OnFlowUsed(DatagramFlow& flow) {
   Touch(index_.at(Ends(flow.GetLocal(), flow.GetRemote())));
+}
+
+bool DatagramFlows::FreeDescriptor() {
+  const auto oldest =
+      std::find_if(flows_.begin(), flows_.end(),
+                   [](const entry_t& entry) { return entry.flow.HasSocket(); });
+  if (oldest == flows_.end()) return false;
+  Forget(oldest);
+  return true;
 }
 
 }  // namespace vantrel

@@ -17,7 +17,8 @@ namespace vantrel {
 
 // All UDP flows of one link. A flow ends when it was silent for five minutes,
 // as RFC 4787 recommends (REQ-5), or when it is the one that was silent longest
-// and there are too many.
+// and there are too many: more than kMaxFlows, more than the link's share of
+// sockets, or than there are descriptors.
 class DatagramFlows final : public DatagramFlow::Owner {
  public:
   static constexpr size_t kMaxFlows = 512;
@@ -37,6 +38,9 @@ class DatagramFlows final : public DatagramFlow::Owner {
   void OnTick();  // once a second
   void Clear();
   size_t GetCount() const { return flows_.size(); }
+  // Ends the flow with a socket that was silent longest. False when there is
+  // none.
+  [[nodiscard]] bool FreeDescriptor();
 
   void OnFlowUsed(DatagramFlow& flow) override;
 
@@ -56,7 +60,8 @@ class DatagramFlows final : public DatagramFlow::Owner {
   // Where a flow for |remote| sends to; none when it may not, which is logged.
   std::optional<HostAndPort> GetTarget(const HostAndPort& remote);
   void Touch(Entries::iterator entry);
-  void ForgetOldest();
+  void MakeRoom();
+  void Forget(Entries::iterator entry);
 
   const LinkParts& link_;
   const std::optional<HostAndPort> dns_server_;

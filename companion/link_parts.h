@@ -1,5 +1,8 @@
 #pragma once
 
+#include <errno.h>
+#include <sys/socket.h>
+
 #include <asio/io_context.hpp>
 #include <functional>
 
@@ -23,6 +26,19 @@ struct LinkParts {
   // of streams and flows; not needed while the device's messages are handled.
   // The link may end by it: a flow is then destroyed, a stream finishes.
   std::function<void()> on_waiting;
+  // Ends the flow that was silent longest, of those with a socket. False when
+  // there is none.
+  std::function<bool()> free_descriptor;
 };
+
+// A new IPv4 socket of |type|, non-blocking, for a stream or flow of |link|. A
+// flow gives its descriptor when there is no other. -1 on failure, with errno.
+inline int OpenSocket(const LinkParts& link, int type) {
+  const int flags = SOCK_NONBLOCK | SOCK_CLOEXEC;
+  const int fd = socket(AF_INET, type | flags, 0);
+  const bool is_out = fd == -1 && (errno == EMFILE || errno == ENFILE);
+  return is_out && link.free_descriptor() ? socket(AF_INET, type | flags, 0)
+                                          : fd;
+}
 
 }  // namespace vantrel

@@ -50,7 +50,7 @@ RemoteStream::~RemoteStream() {
 }
 
 bool RemoteStream::Connect() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int fd = OpenSocket(link_, SOCK_STREAM);
   if (fd == -1) {
     LogConnectFailure(errno);
     return false;

@@ -193,12 +193,44 @@ def test_no_application_takes_all_streams(companion, link, remote):
     assert open_streams(range(101, 111), 10123) == 0
 
 
+def datagram(port, payload=b"x", address=REMOTE[0]):
+    return struct.pack(">B4sHH", 4, socket.inet_aton(address), port, len(payload)) + payload
+
+
+def test_no_device_takes_all_descriptors(companion, link, remote):
+    process = companion("--allow", "198.51.100.0/24", max_descriptors=256)
+    greedy, modest = link(), link()
+    ping(modest)
+    for first in (1, 301):  # its flows, and as many streams as it gets
+        greedy.sendall(b"".join(datagram(port) for port in range(first, first + 300)) +
+                       b"".join(connect(n, uid=n) for n in range(first, first + 300)))
+    wait_until(lambda: "too many streams" in process.log(), "the end of its share")
+    before = descriptors(process)
+    newcomer = link()
+    for one in modest, newcomer:
+        ping(one)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+            server.settimeout(10)
+            server.bind(REMOTE)
+            one.sendall(connect(1, port=9) + datagram(REMOTE[1]))
+            assert server.recvfrom(10)[0] == b"x"
+        assert take(one, 5) == close(1)  # by the remote, where nobody listens
+    assert before < 200 and process.poll() is None
+    assert "Too many open files" not in process.log()
+
+
 def test_out_of_descriptors(companion, link, remote):
     process = companion("--allow", "198.51.100.0/24")
     one, two = link(), link()
     ping(one)
     ping(two)
     resource.prlimit(process.pid, resource.RLIMIT_NOFILE, (descriptors(process) + 10,) * 2)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+        server.bind(("0.0.0.0", REMOTE[1]))
+        server.settimeout(10)
+        for n in range(1, 31):  # a new flow takes the place of the oldest
+            one.sendall(datagram(REMOTE[1], address=f"198.51.100.{n}"))
+            assert server.recvfrom(10)[0] == b"x"
     one.sendall(b"".join(connect(n, uid=n) for n in range(1, 61)) + b"\5abcd")
     refused = 0
     while (kind := take(one, 1)) == b"\2":
