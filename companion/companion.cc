@@ -68,6 +68,7 @@ int Companion::Run() {
                        "the limit of open files is enough for %zu links only",
                        sockets_.GetMaxLinks());
   }
+  routes_.Watch(loop_, [this] { policy_.OnChange(); });
   WaitForSignal();
   StartWatchdog();
   service_manager_.Notify("READY=1");

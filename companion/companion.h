@@ -65,7 +65,7 @@ class Companion {
   asio::io_context loop_;
   ServiceManager service_manager_;
   LocalRoutes routes_;
-  const DestinationPolicy policy_;
+  DestinationPolicy policy_;
   SocketPool sockets_;
   TurnQueue turns_;
   asio::signal_set signals_;

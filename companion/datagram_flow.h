@@ -38,6 +38,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort& GetLocal() const { return local_; }
   const HostAndPort& GetRemote() const { return remote_; }
 
+  bool HasTarget() const { return target_.has_value(); }
   bool HasSocket() const { return socket_ != nullptr; }
 
   // Sends one datagram of the application. A failure waits in the scheduler

@@ -30,24 +30,43 @@ void DatagramFlows::Send(const HostAndPort& local, const HostAndPort& remote,
 
 DatagramFlow& DatagramFlows::FindOrCreate(const Ends& ends) {
   const auto found = index_.find(ends);
-  if (found != index_.end()) {
-    Touch(found->second);
-    return found->second->flow;
+  if (found == index_.end()) return Create(ends);
+  const Entries::iterator entry = found->second;
+  if (!IsUpToDate(&*entry)) {
+    Forget(entry);
+    return Create(ends);
   }
+  Touch(entry);
+  return entry->flow;
+}
+
+DatagramFlow& DatagramFlows::Create(const Ends& ends) {
   MakeRoom();
-  flows_.emplace_back(link_, *this, ends, GetTarget(ends.second));
+  const std::optional<HostAndPort> target = GetTarget(ends.second);
+  if (!target) {
+    link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
+                    "datagrams to %s refused: not an allowed address",
+                    ends.second.ToString().c_str());
+  }
+  flows_.emplace_back(link_, *this, ends, target);
   flows_.back().last_used_tick = tick_;
   index_.emplace(ends, std::prev(flows_.end()));
   return flows_.back().flow;
 }
 
-std::optional<HostAndPort> DatagramFlows::GetTarget(const HostAndPort& remote) {
+bool DatagramFlows::IsUpToDate(entry_t* entry) const {
+  const uint32_t edition = link_.policy.GetEdition();
+  if (entry->edition == edition) return true;
+  entry->edition = edition;
+  return GetTarget(entry->flow.GetRemote()).has_value() ==
+         entry->flow.HasTarget();
+}
+
+std::optional<HostAndPort> DatagramFlows::GetTarget(
+    const HostAndPort& remote) const {
   if (remote.port == kDnsPort && dns_server_) return dns_server_;
-  if (link_.policy.Allows(remote.host)) return remote;
-  link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
-                  "datagrams to %s refused: not an allowed address",
-                  remote.ToString().c_str());
-  return std::nullopt;
+  return link_.policy.Allows(remote.host) ? std::optional(remote)
+                                          : std::nullopt;
 }
 
 void DatagramFlows::Touch(Entries::iterator entry) {

@@ -49,16 +49,21 @@ class DatagramFlows final : public DatagramFlow::Owner {
   struct entry_t {
     entry_t(const LinkParts& link, DatagramFlow::Owner& owner, const Ends& ends,
             const std::optional<HostAndPort>& target)
-        : flow(link, owner, ends.first, ends.second, target) {}
+        : flow(link, owner, ends.first, ends.second, target),
+          edition(link.policy.GetEdition()) {}
 
     DatagramFlow flow;
+    uint32_t edition;  // of the policy by which it was judged
     uint32_t last_used_tick = 0;
   };
   using Entries = std::list<entry_t>;
 
   DatagramFlow& FindOrCreate(const Ends& ends);
-  // Where a flow for |remote| sends to; none when it may not, which is logged.
-  std::optional<HostAndPort> GetTarget(const HostAndPort& remote);
+  DatagramFlow& Create(const Ends& ends);
+  // Whether |entry| still sends to where it may.
+  bool IsUpToDate(entry_t* entry) const;
+  // Where a flow for |remote| sends to; none when it may not.
+  std::optional<HostAndPort> GetTarget(const HostAndPort& remote) const;
   void Touch(Entries::iterator entry);
   void MakeRoom();
   void Forget(Entries::iterator entry);

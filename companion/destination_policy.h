@@ -34,9 +34,15 @@ class DestinationPolicy {
   // Only IPv4 is carried.
   bool Allows(const IpAddress& address) const;
 
+  // What is the machine's own has changed.
+  void OnChange() { ++edition_; }
+  // As long as it stays the same, so does Allows() for any address.
+  uint32_t GetEdition() const { return edition_; }
+
  private:
   const std::vector<rule_t> rules_;
   const IsLocal is_local_;
+  uint32_t edition_ = 0;
 };
 
 }  // namespace vantrel

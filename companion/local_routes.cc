@@ -1,12 +1,20 @@
 #include "companion/local_routes.h"
 
+#include <errno.h>
 #include <linux/rtnetlink.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <utility>
+
+#include "programs/unique_fd.h"
+
 namespace vantrel {
 namespace {
+
+// Of a busy router, before other work has its turn.
+constexpr int kMaxChangesPerTurn = 64;
 
 struct request_t {
   nlmsghdr header;
@@ -63,6 +71,38 @@ std::optional<bool> LocalRoutes::IsLocal(const IpAddress& address) {
     return type == RTN_LOCAL || type == RTN_BROADCAST || type == RTN_ANYCAST ||
            type == RTN_MULTICAST;
   }
+}
+
+void LocalRoutes::Watch(asio::io_context& loop,
+                        std::function<void()> on_change) {
+  UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  sockaddr_nl name = {};
+  name.nl_family = AF_NETLINK;
+  // A new address of the machine is in the first two; an address can also be
+  // made the machine's by a route or a rule alone.
+  name.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE;
+  if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)) ==
+      -1) {
+    return;
+  }
+  on_change_ = std::move(on_change);
+  changes_ = std::make_unique<Descriptor>(
+      loop, fd.Release(), [this] { OnChange(); }, [] {});
+  changes_->WaitReadable();
+}
+
+// What has changed does not matter: whoever asks next gets the new answer.
+void LocalRoutes::OnChange() {
+  char bytes[64];
+  for (int i = 0; i < kMaxChangesPerTurn; ++i) {
+    // An error other than these says that some changes were lost.
+    if (recv(changes_->GetFd(), bytes, sizeof(bytes), MSG_DONTWAIT) == -1 &&
+        (errno == EAGAIN || errno == EINTR)) {
+      break;
+    }
+  }
+  on_change_();
+  changes_->WaitReadable();
 }
 
 }  // namespace vantrel

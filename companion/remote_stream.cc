@@ -42,6 +42,7 @@ RemoteStream::RemoteStream(const LinkParts& link, Owner& owner,
       id_(id),
       remote_(remote),
       uid_(uid),
+      edition_(link.policy.GetEdition()),
       place_(link.sockets) {}
 
 RemoteStream::~RemoteStream() {
@@ -78,6 +79,15 @@ bool RemoteStream::CompleteConnect() {
   }
   if (error != 0) {
     LogConnectFailure(error);
+    return false;
+  }
+  // The address may have become the machine's own before it answered. When that
+  // happens later, the kernel there knows no such connection and resets it.
+  if (link_.policy.GetEdition() != edition_ &&
+      !link_.policy.Allows(remote_.host)) {
+    link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
+                    "stream %u: %s refused: not an allowed address any more",
+                    id_, remote_.ToString().c_str());
     return false;
   }
   link_.log.Write(LogLevel::kDebug, LogKind::kStream, "stream %u: connected",

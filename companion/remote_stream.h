@@ -74,7 +74,8 @@ class RemoteStream final : public FlowScheduler::Flow {
  private:
   void OnReadable();  // may destroy this
   void OnWritable();  // may destroy this
-  // False when the connection failed; the reason is logged.
+  // False when the connection failed or is not allowed any more; the reason is
+  // logged.
   bool CompleteConnect();
   void LogConnectFailure(int error);
   // As many bytes of the queue as the socket takes now. False when the remote
@@ -92,6 +93,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   const uint32_t id_;
   const HostAndPort remote_;
   const uint32_t uid_;
+  const uint32_t edition_;  // of the policy that allowed it
   const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
   std::deque<std::string> queue_;

@@ -270,6 +270,45 @@ def test_destinations(companion, link, remote):
     assert process.log().count("refused: not an allowed address") == 10
 
 
+@pytest.fixture
+def silent_network():
+    """ip(command): what is sent to 203.0.113.0/24 leaves this machine and vanishes."""
+    def ip(command):
+        subprocess.run(["ip", *command.split()], check=True)
+
+    ip("link add silent type veth peer name nobody")
+    ip("link set nobody up")
+    ip("link set silent up arp off")
+    ip("address add 203.0.113.1/24 dev silent")
+    yield ip
+    ip("link delete silent")
+
+
+def test_an_address_that_becomes_its_own(companion, link, silent_network):
+    process = companion()
+    one = link()
+    question = datagram(7000, address="203.0.113.7")
+    failure = b"\7" + question[1:]
+    one.sendall(question + connect(1, "203.0.113.7"))
+    ping(one)
+    silent_network("address add 203.0.113.7/32 dev silent")
+    with socket.create_server(("203.0.113.7", 7000)), \
+            socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+        server.bind(("203.0.113.7", 7000))
+        ping(one)  # it has seen the address then
+        one.sendall(question)
+        assert take(one, len(failure)) == failure
+        # The connection is made when the first packet of it is repeated.
+        assert take(one, 5) == close(1)
+        assert "203.0.113.7:7000 refused: not an allowed address any more" in process.log()
+        with pytest.raises(BlockingIOError):
+            server.recv(1, socket.MSG_DONTWAIT)
+    silent_network("address delete 203.0.113.7/32 dev silent")
+    ping(one)
+    one.sendall(question)
+    ping(one)  # and no failure in front of its answer
+
+
 @pytest.mark.parametrize("kind", ["unix", "tcp"])
 def test_an_abrupt_end_in_mid_message(companion, link, remote, kind):
     process = companion("--allow", "198.51.100.0/24", "--listen", "tcp:127.0.0.1:7777")
