@@ -182,7 +182,7 @@ void Companion::OnSignal(int signal) {
 }
 
 void Companion::LogState() {
-  ProgramLog().Write(LogLevel::kInfo, LogKind::kLink,
+  ProgramLog().Write(LogLevel::kInfo, LogKind::kState,
                      "state: %zu links up of at most %zu", CountUp(),
                      sockets_.GetMaxLinks());
   for (const auto& entry : links_) entry.second->LogState();

@@ -19,8 +19,8 @@ namespace {
 constexpr size_t kMaxLineBytes = 1024;
 
 constexpr const char* kLevelNames[] = {"error", "warning", "info", "debug"};
-constexpr const char* kKindNames[] = {"link",    "stream", "datagram",
-                                      "refusal", "device", "library"};
+constexpr const char* kKindNames[] = {
+    "link", "stream", "datagram", "refusal", "device", "library", "state"};
 
 LogLevel wanted_level = LogLevel::kInfo;
 bool is_json = false;
@@ -83,6 +83,12 @@ void Print(LogLevel level, LogKind kind, uint32_t link_id,
         count + " lines were lost: nobody read them");
 }
 
+void PrintLeftOut(LogKind kind, uint32_t link_id, unsigned count) {
+  Print(LogLevel::kWarning, kind, link_id,
+        std::to_string(count) + " more lines of the kind '" +
+            kKindNames[static_cast<size_t>(kind)] + "' were left out");
+}
+
 LogLevel ToLevel(int priority) {
   if (priority >= ANDROID_LOG_ERROR) return LogLevel::kError;
   return priority == ANDROID_LOG_WARN ? LogLevel::kWarning : LogLevel::kDebug;
@@ -95,9 +101,13 @@ void ConfigureLog(LogLevel level, bool as_json) {
   is_json = as_json;
 }
 
+CompanionLog::Windows CompanionLog::all_links;
+
 CompanionLog::~CompanionLog() {
+  const SteadyTime now = GetSteadyTime();
   for (size_t i = 0; i < kKinds; ++i) {
-    TellLeftOut(static_cast<LogKind>(i), &windows_[i]);
+    TellLeftOut(static_cast<LogKind>(i), now);
+    if (link_id_ == 0) TellLeftOutOfAll(static_cast<LogKind>(i));
   }
 }
 
@@ -115,20 +125,38 @@ void CompanionLog::Write(LogLevel level, LogKind kind, const char* format,
 bool CompanionLog::Admit(LogKind kind, SteadyTime now) {
   window_t& window = windows_[static_cast<size_t>(kind)];
   if (now - window.began >= kWindow) {
-    TellLeftOut(kind, &window);
+    TellLeftOut(kind, now);
     window = {now, 0, 0};
   }
-  if (++window.lines <= kMaxLinesPerWindow) return true;
+  if (++window.lines <= kMaxLinesPerWindow) return AdmitForAll(kind, now, 1);
   ++window.left_out;
   return false;
 }
 
-void CompanionLog::TellLeftOut(LogKind kind, window_t* window) {
-  if (window->left_out == 0) return;
-  Print(LogLevel::kWarning, kind, link_id_,
-        std::to_string(window->left_out) + " more lines of the kind '" +
-            kKindNames[static_cast<size_t>(kind)] + "' were left out");
-  window->left_out = 0;
+bool CompanionLog::AdmitForAll(LogKind kind, SteadyTime now, unsigned count) {
+  if (link_id_ == 0 || kind == LogKind::kState) return true;
+  window_t& window = all_links[static_cast<size_t>(kind)];
+  if (now - window.began >= kWindow) {
+    TellLeftOutOfAll(kind);
+    window = {now, 0, 0};
+  }
+  if (++window.lines <= kMaxLinesOfAllLinks) return true;
+  window.left_out += count;
+  return false;
+}
+
+void CompanionLog::TellLeftOut(LogKind kind, SteadyTime now) {
+  window_t& window = windows_[static_cast<size_t>(kind)];
+  if (window.left_out > 0 && AdmitForAll(kind, now, window.left_out)) {
+    PrintLeftOut(kind, link_id_, window.left_out);
+  }
+  window.left_out = 0;
+}
+
+void CompanionLog::TellLeftOutOfAll(LogKind kind) {
+  window_t& window = all_links[static_cast<size_t>(kind)];
+  if (window.left_out > 0) PrintLeftOut(kind, 0, window.left_out);
+  window.left_out = 0;
 }
 
 CompanionLog& ProgramLog() {

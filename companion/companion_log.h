@@ -16,8 +16,17 @@ namespace vantrel {
 // normal work; kDebug what happens so often that it is printed on request.
 enum class LogLevel { kError, kWarning, kInfo, kDebug };
 
-// What a line is about: each kind is limited in number by itself.
-enum class LogKind { kLink, kStream, kDatagram, kRefusal, kDevice, kLibrary };
+// What a line is about: each kind is limited in number by itself. kState is
+// what somebody has asked for.
+enum class LogKind {
+  kLink,
+  kStream,
+  kDatagram,
+  kRefusal,
+  kDevice,
+  kLibrary,
+  kState
+};
 
 // For the whole program: what less important than |level| is left out.
 void ConfigureLog(LogLevel level, bool as_json);
@@ -25,10 +34,13 @@ void ConfigureLog(LogLevel level, bool as_json);
 // The log of the program (id 0) or of one link, which each line names. Never
 // waits: a line that standard error cannot take at once is counted, and the
 // count is told when it takes lines again. Of each kind at most
-// kMaxLinesPerWindow lines a window are written, and the others counted.
+// kMaxLinesPerWindow lines a window are written, and the others counted; of all
+// links together, but for kState, at most kMaxLinesOfAllLinks.
 class CompanionLog {
  public:
   static constexpr int kMaxLinesPerWindow = 100;
+  // However fast links come and go.
+  static constexpr int kMaxLinesOfAllLinks = 500;
   static constexpr std::chrono::seconds kWindow{1};
 
   explicit CompanionLog(uint32_t link_id) : link_id_(link_id) {}
@@ -41,19 +53,25 @@ class CompanionLog {
       __attribute__((format(printf, 4, 5)));
 
  private:
-  static constexpr size_t kKinds = 6;
+  static constexpr size_t kKinds = 7;
   struct window_t {
     SteadyTime began;
     int lines = 0;
     unsigned left_out = 0;
   };
+  using Windows = std::array<window_t, kKinds>;
 
   // Whether one more line of |kind| is written at |now|.
   bool Admit(LogKind kind, SteadyTime now);
-  void TellLeftOut(LogKind kind, window_t* window);
+  // The same by the limit of all links. The line stands for |count| others if
+  // it is not written.
+  bool AdmitForAll(LogKind kind, SteadyTime now, unsigned count);
+  void TellLeftOut(LogKind kind, SteadyTime now);
+  static void TellLeftOutOfAll(LogKind kind);
 
+  static Windows all_links;
   const uint32_t link_id_;
-  std::array<window_t, kKinds> windows_;
+  Windows windows_;
 };
 
 // The log of what belongs to no link.

@@ -287,7 +287,7 @@ bool DeviceLink::IsSilent(SteadyTime now) const {
 void DeviceLink::LogState() {
   const size_t waiting = scheduler_.GetQueuedBytes() + out_.size() -
                          out_offset_ + scheduler_.GetControl()->size();
-  log_.Write(LogLevel::kInfo, LogKind::kLink,
+  log_.Write(LogLevel::kInfo, LogKind::kState,
              "state: %s, %zu streams, %zu flows, %.0f bytes/s, %zu bytes "
              "(%.0f ms) wait for the device, %zu for remotes, %llu datagrams "
              "dropped",
