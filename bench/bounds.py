@@ -9,6 +9,7 @@ Without --bin-dir VANTREL_BIN_DIR says where the programs are.
 """
 import argparse
 import contextlib
+import itertools
 import mmap
 import os
 import pathlib
@@ -137,13 +138,16 @@ class Companion:
 
     def __init__(self, options, directory):
         self.path = f"{directory}/link"
-        log = pathlib.Path(f"{directory}/companion.log")
+        self._log = log = pathlib.Path(f"{directory}/companion.log")
         with open(log, "wb") as output:
             self.process = subprocess.Popen(
                 [options.bin_dir / "vantrel-companion", "--protocol", "1", "--listen",
                  f"unix:{self.path}", "--allow", "198.51.100.0/24"],
                 stdout=output, stderr=output)
         bench.wait_until(lambda: "listening on" in log.read_text(), "the companion")
+
+    def log_size(self):
+        return self._log.stat().st_size
 
     def resident_megabytes(self):
         return roads.resident_bytes([self.process.pid]) / 1e6
@@ -416,8 +420,8 @@ def measure_idle(options, protocol):
     yield below("processor time while nothing moves", used / 2 * 1e3, 10, "ms/s")
 
 
-def v1_connect(stream, port):
-    return struct.pack(">BI4sHH", 1, stream, socket.inet_aton(ADDRESS), port, 10123)
+def v1_connect(stream, port, address=ADDRESS):
+    return struct.pack(">BI4sHH", 1, stream, socket.inet_aton(address), port, 10123)
 
 
 def v1_data(stream, data):
@@ -475,23 +479,27 @@ def measure_many(options, _):
     yield below("64 links, one hostile: memory", memory, 64, "MB")
 
 
-def measure_silent(options, _):
-    # What is sent there vanishes without a word.
+@contextlib.contextmanager
+def dark_address():
+    """What is sent to DARK_ADDRESS vanishes without a word."""
     dark = ["INPUT", "-d", DARK_ADDRESS, "-j", "DROP"]
     subprocess.run(["iptables-legacy", "-w", "-A", *dark], check=True)
-    with tempfile.TemporaryDirectory() as directory:
+    yield
+    subprocess.run(["iptables-legacy", "-w", "-D", *dark], check=True)
+
+
+def measure_silent(options, _):
+    with dark_address(), tempfile.TemporaryDirectory() as directory:
         companion = Companion(options, directory)
         with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as link:
             link.settimeout(5)
             link.connect(companion.path)
             for n in range(400):
-                link.sendall(struct.pack(">BI4sHH", 1, n, socket.inet_aton(DARK_ADDRESS), 80,
-                                         10123))
+                link.sendall(v1_connect(n, 80, DARK_ADDRESS))
                 link.sendall(b"".join(v1_data(n, bytes(65535)) for _ in range(8)))
             time.sleep(1)
         memory = companion.resident_megabytes()
         companion.close()
-    subprocess.run(["iptables-legacy", "-w", "-D", *dark], check=True)
     yield below("400 silent remotes, all written to: memory", memory, 64, "MB")
 
 
@@ -528,9 +536,114 @@ def measure_flooded(options, _):
     yield below("64 links that take nothing, flooded with datagrams: memory", memory, 64, "MB")
 
 
+class Crowd:
+    """32 links, in a process of their own, that send |pieces| in turn as fast as the
+    companion takes them, at most one each 10 ms, and drop every answer. What gives way
+    when there is too little processor time is the crowd, so that the figures are the
+    companion's."""
+
+    SIZE = 32
+
+    def __init__(self, path, pieces, ends_links=False):
+        self.pid = os.fork()
+        if self.pid == 0:
+            os.nice(10)
+            with contextlib.suppress(KeyboardInterrupt):
+                self._run(path, pieces, ends_links)
+            os._exit(1)
+
+    def _run(self, path, pieces, ends_links):
+        links = [self._connect(path) for _ in range(self.SIZE)]
+        begin = time.monotonic()
+        for turn in itertools.count():
+            for number, link in enumerate(links):
+                try:
+                    link.send(pieces[(turn + number) % len(pieces)])
+                    while len(link.recv(1 << 18)) == 1 << 18:
+                        pass
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    link.close()
+                    links[number] = self._connect(path)
+                if ends_links:
+                    link.close()
+                    links[number] = self._connect(path)
+            time.sleep(max(0, begin + turn * .01 - time.monotonic()))
+
+    @staticmethod
+    def _connect(path):
+        link = socket.socket(socket.AF_UNIX)
+        link.connect(path)
+        link.setblocking(False)
+        return link
+
+    def close(self):
+        os.kill(self.pid, 9)
+        os.waitpid(self.pid, 0)
+
+
+def connects_and_closes(address, port):
+    """2000 of either in a second, if a link sends one piece each 10 ms."""
+    return [b"".join(v1_connect(n, port, address) + struct.pack(">BI", 2, n)
+                     for n in range(100, 120))]
+
+
+def datagrams_to_new_remotes():
+    return [b"".join(struct.pack(">B4sHHc", 4, socket.inet_aton(f"198.51.100.{n + 100}"),
+                                 port, 1, b"x") for n in range(20))
+            for port in range(20000, 20200)]
+
+
+def dial(path):
+    """An honest link's exchange."""
+    link = socket.socket(socket.AF_UNIX)
+    link.settimeout(20)
+    link.connect(path)
+    link.sendall(v1_connect(1, EXCHANGE))
+
+    def exchange():
+        link.sendall(v1_data(1, REQUEST))
+        left = len(ANSWER)
+        while left:
+            kind, _ = struct.unpack(">BI", link.recv(5, socket.MSG_WAITALL))
+            if kind == 3:
+                size, = struct.unpack(">H", link.recv(2, socket.MSG_WAITALL))
+                left -= len(link.recv(size, socket.MSG_WAITALL))
+    return exchange
+
+
+CROWDS = {
+    "connect and close, refused": (connects_and_closes(ADDRESS, 9), False),
+    "connect and close, accepted": (connects_and_closes(ADDRESS, SINK), False),
+    "connect and close, no answer": (connects_and_closes(DARK_ADDRESS, 9), False),
+    "datagrams to new remotes": (datagrams_to_new_remotes(), False),
+    "garbage, new links": ([b"\xff no such message"], True),
+}
+
+
+def measure_churn(options, _):
+    with dark_address():
+        for name, (pieces, ends_links) in CROWDS.items():
+            with tempfile.TemporaryDirectory() as directory:
+                companion = Companion(options, directory)
+                exchange = dial(companion.path)
+                exchange()
+                crowd = Crowd(companion.path, pieces, ends_links)
+                time.sleep(1)
+                written, begin = companion.log_size(), time.monotonic()
+                times = timed(exchange, options.seconds)
+                written = (companion.log_size() - written) / (time.monotonic() - begin)
+                crowd.close()
+                companion.close()
+            yield below(f"32 links, {name}: 1 KB exchange, p99", percentile(times, .99), 50)
+            yield below(f"32 links, {name}: log", written / 1e3, 200, "kB/s")
+
+
 SHAPED = {"down": measure_down, "up": measure_up, "flood": measure_flood,
           "up flood": measure_up_flood, "quic": measure_quic, "idle": measure_idle}
-ONCE = {"many": measure_many, "silent": measure_silent, "flooded": measure_flooded}
+ONCE = {"many": measure_many, "silent": measure_silent, "flooded": measure_flooded,
+        "churn": measure_churn}
 
 
 def parse_options():
