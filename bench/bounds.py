@@ -548,9 +548,10 @@ class Crowd:
         self.pid = os.fork()
         if self.pid == 0:
             os.nice(10)
-            with contextlib.suppress(KeyboardInterrupt):
+            try:
                 self._run(path, pieces, ends_links)
-            os._exit(1)
+            finally:  # nothing of what the parent is about to do
+                os._exit(1)
 
     def _run(self, path, pieces, ends_links):
         links = [self._connect(path) for _ in range(self.SIZE)]

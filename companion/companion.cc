@@ -5,16 +5,19 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <asio/post.hpp>
 #include <chrono>
+#include <exception>
+#include <new>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/capabilities.h"
 #include "companion/companion_log.h"
-#include "companion/datagram_flows.h"
+#include "companion/memory_reserve.h"
 
 namespace vantrel {
 namespace {
@@ -22,6 +25,8 @@ namespace {
 // From the signal to the end of the program, with a margin below the 2 s that
 // are promised.
 constexpr std::chrono::milliseconds kStopTime{1500};
+// Failures that no link is the cause of make no busy loop.
+constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 // What the program needs besides links and listeners, and a little more.
 constexpr size_t kOwnDescriptors = 24;
 
@@ -57,7 +62,7 @@ Companion::~Companion() = default;
 
 int Companion::Run() {
   if (options_.fd) {
-    AddLink(*options_.fd, "inherited");
+    AddLink(UniqueFd(*options_.fd), "inherited");
   } else if (!OpenListeners()) {
     return EXIT_FAILURE;
   }
@@ -72,39 +77,72 @@ int Companion::Run() {
   WaitForSignal();
   StartWatchdog();
   service_manager_.Notify("READY=1");
-  loop_.run();
+  RunLoop();
   return has_failed_ ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+void Companion::RunLoop() {
+  bool has_failed = false;
+  while (true) {
+    try {
+      if (has_failed) GoOn();
+      loop_.run();
+      return;
+    } catch (const std::bad_alloc&) {
+      ProgramLog().Write(LogLevel::kError, LogKind::kLibrary, "out of memory");
+    } catch (const std::exception& e) {
+      ProgramLog().Write(LogLevel::kError, LogKind::kLibrary, "%s", e.what());
+    }
+    has_failed = true;
+    // Somebody else may have some memory back by then.
+    std::this_thread::sleep_for(kPauseAfterFailure);
+    KeepMemoryReserve();
+  }
+}
+
+// The handler that failed was no link's. Whichever it was, it has not begun to
+// wait again.
+void Companion::GoOn() {
+  for (LinkListener& listener : listeners_) listener.GoOn();
+  turns_.GoOn();
+  signals_.cancel();
+  WaitForSignal();
+  is_ticking_ = false;
+  StartTicking();
+  StartWatchdog();
+  if (is_stopping_) StartStopTimer();
 }
 
 bool Companion::OpenListeners() {
   const LinkListener::settings_t settings = {options_.allows_remote_links,
                                              options_.security};
   for (const link_address_t& address : options_.listen) {
-    listeners_.emplace_back(
-        loop_, [this](int fd, const std::string& peer) { TakeLink(fd, peer); });
+    listeners_.emplace_back(loop_,
+                            [this](UniqueFd fd, const std::string& peer) {
+                              TakeLink(std::move(fd), peer);
+                            });
     if (!listeners_.back().Open(address, settings)) return false;
   }
   return true;
 }
 
-void Companion::TakeLink(int fd, const std::string& peer) {
-  if (MakeRoom()) return AddLink(fd, peer);
+void Companion::TakeLink(UniqueFd fd, const std::string& peer) {
+  if (MakeRoom()) return AddLink(std::move(fd), peer);
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                      "link of %s refused: there are %zu links already",
                      peer.c_str(), sockets_.GetMaxLinks());
-  close(fd);
 }
 
-void Companion::AddLink(int fd, const std::string& peer) {
+void Companion::AddLink(UniqueFd fd, const std::string& peer) {
   const uint32_t id = ++last_id_;
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
                      id, peer.c_str());
   auto link = std::make_unique<DeviceLink>(
-      DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_}, fd, id,
-      [this] { OnLinkChanged(); });
+      DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_},
+      std::move(fd), id, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
-  added.Start();
+  Ask(added, [](DeviceLink& one) { one.Start(); });
   StartTicking();
 }
 
@@ -119,7 +157,9 @@ bool Companion::MakeRoom() {
   const SteadyTime now = GetSteadyTime();
   for (const auto& entry : links_) {
     if (!entry.second->IsSilent(now)) continue;
-    entry.second->CloseAtOnce("silent, and there is no room for another link");
+    Ask(*entry.second, [](DeviceLink& link) {
+      link.CloseAtOnce("silent, and there is no room for another link");
+    });
     return true;
   }
   return false;
@@ -172,8 +212,7 @@ void Companion::WaitForSignal() {
 void Companion::OnSignal(int signal) {
   switch (signal) {
     case SIGHUP:
-      for (const auto& entry : links_) entry.second->ReportNetwork();
-      return;
+      return AskAll([](DeviceLink& link) { link.ReportNetwork(); });
     case SIGUSR1:
       return LogState();
     default:
@@ -185,7 +224,7 @@ void Companion::LogState() {
   ProgramLog().Write(LogLevel::kInfo, LogKind::kState,
                      "state: %zu links up of at most %zu", CountUp(),
                      sockets_.GetMaxLinks());
-  for (const auto& entry : links_) entry.second->LogState();
+  AskAll([](DeviceLink& link) { link.LogState(); });
 }
 
 void Companion::Stop() {
@@ -193,12 +232,16 @@ void Companion::Stop() {
   is_stopping_ = true;
   service_manager_.Notify("STOPPING=1");
   listeners_.clear();
-  for (const auto& entry : links_) {
-    entry.second->Close("companion is shutting down");
-  }
-  stop_timer_.expires_after(kStopTime);
-  stop_timer_.async_wait([this](const asio::error_code&) { loop_.stop(); });
+  AskAll([](DeviceLink& link) { link.Close("companion is shutting down"); });
+  StartStopTimer();
   OnLinkChanged();
+}
+
+void Companion::StartStopTimer() {
+  stop_timer_.expires_after(kStopTime);
+  stop_timer_.async_wait([this](const asio::error_code& error) {
+    if (!error) loop_.stop();
+  });
 }
 
 // Only while there are links: nothing else has deadlines.
@@ -206,19 +249,23 @@ void Companion::StartTicking() {
   if (is_ticking_) return;
   is_ticking_ = true;
   ticker_.expires_after(std::chrono::seconds(1));
-  ticker_.async_wait(
-      [this](const asio::error_code&) { TickNext(GetSteadyTime(), 0); });
+  ticker_.async_wait([this](const asio::error_code& error) {
+    if (error) return;
+    KeepMemoryReserve();
+    TickNext(GetSteadyTime(), 0);
+  });
 }
 
 void Companion::TickNext(SteadyTime now, uint32_t last_id) {
   const auto next = links_.upper_bound(last_id);
   if (next != links_.end()) {
     const uint32_t id = next->first;
-    next->second->OnTick(now);
+    Ask(*next->second, [now](DeviceLink& link) { link.OnTick(now); });
     asio::post(loop_, [this, now, id] { TickNext(now, id); });
     return;
   }
   is_ticking_ = false;
+  RemoveLinksThatAreOver();
   if (!links_.empty()) StartTicking();
 }
 
@@ -226,7 +273,8 @@ void Companion::StartWatchdog() {
   const auto time = ServiceManager::GetWatchdogTime();
   if (!time) return;
   watchdog_.expires_after(*time / 2);
-  watchdog_.async_wait([this](const asio::error_code&) {
+  watchdog_.async_wait([this](const asio::error_code& error) {
+    if (error) return;
     service_manager_.Notify("WATCHDOG=1");
     StartWatchdog();
   });

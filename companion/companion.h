@@ -3,8 +3,6 @@
 #include <stdint.h>
 
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
-#include <asio/steady_timer.hpp>
 #include <list>
 #include <map>
 #include <memory>
@@ -14,6 +12,7 @@
 #include "companion/device_link.h"
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
+#include "companion/loop_objects.h"
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
@@ -40,8 +39,20 @@ class Companion {
 
   // False when one cannot be opened.
   [[nodiscard]] bool OpenListeners();
-  void TakeLink(int fd, const std::string& peer);
-  void AddLink(int fd, const std::string& peer);
+  // Runs the loop until it is stopped, whatever fails for want of memory.
+  void RunLoop();
+  void GoOn();
+  // Lets |link| do |work|, which takes a DeviceLink&.
+  template <typename Work>
+  static void Ask(DeviceLink& link, const Work& work) {
+    link.Run([&] { work(link); });
+  }
+  template <typename Work>
+  void AskAll(const Work& work) {
+    for (const auto& entry : links_) Ask(*entry.second, work);
+  }
+  void TakeLink(UniqueFd fd, const std::string& peer);
+  void AddLink(UniqueFd fd, const std::string& peer);
   size_t CountUp() const;
   // Whether another link has a place. Ends the link that was silent longest, if
   // there is one that may not be and no place otherwise.
@@ -56,6 +67,7 @@ class Companion {
   void OnSignal(int signal);
   void LogState();
   void Stop();
+  void StartStopTimer();
   void StartTicking();
   // One link at a time, so that other work comes in between.
   void TickNext(SteadyTime now, uint32_t last_id);
@@ -68,10 +80,10 @@ class Companion {
   DestinationPolicy policy_;
   SocketPool sockets_;
   TurnQueue turns_;
-  asio::signal_set signals_;
-  asio::steady_timer ticker_;
-  asio::steady_timer watchdog_;
-  asio::steady_timer stop_timer_;
+  LoopSignals signals_;
+  LoopTimer ticker_;
+  LoopTimer watchdog_;
+  LoopTimer stop_timer_;
   std::list<LinkListener> listeners_;
   Links links_;
   uint32_t last_id_ = 0;

@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <new>
 #include <nlohmann/json.hpp>
 
 #include "common/printable.h"
@@ -65,28 +66,40 @@ bool HasRoom() {
   return poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0;
 }
 
-void Print(LogLevel level, LogKind kind, uint32_t link_id,
-           const std::string& message) {
+// Whether somebody has it.
+bool PrintLine(LogLevel level, LogKind kind, uint32_t link_id,
+               const std::string& message) {
   // Text from the device or from a library must not be able to steer a terminal
   // or to forge a line of its own.
   const std::string text = ToPrintable(message);
   const std::string line = is_json ? FormatJson(level, kind, link_id, text)
                                    : FormatText(level, link_id, text);
-  if (!HasRoom() || write(STDERR_FILENO, line.data(), line.size()) < 0) {
+  return HasRoom() && write(STDERR_FILENO, line.data(), line.size()) >= 0;
+}
+
+void Print(LogLevel level, LogKind kind, uint32_t link_id,
+           const char* message) {
+  try {
+    if (!PrintLine(level, kind, link_id, message)) {
+      ++lost_lines;
+      return;
+    }
+    if (lost_lines == 0) return;
+    const std::string count = std::to_string(lost_lines);
+    lost_lines = 0;
+    Print(LogLevel::kWarning, LogKind::kLink, 0,
+          (count + " lines were lost: nobody read them").c_str());
+  } catch (const std::bad_alloc&) {
     ++lost_lines;
-    return;
   }
-  if (lost_lines == 0) return;
-  const std::string count = std::to_string(lost_lines);
-  lost_lines = 0;
-  Print(LogLevel::kWarning, LogKind::kLink, 0,
-        count + " lines were lost: nobody read them");
 }
 
 void PrintLeftOut(LogKind kind, uint32_t link_id, unsigned count) {
-  Print(LogLevel::kWarning, kind, link_id,
-        std::to_string(count) + " more lines of the kind '" +
-            kKindNames[static_cast<size_t>(kind)] + "' were left out");
+  char message[100];
+  snprintf(message, sizeof(message),
+           "%u more lines of the kind '%s' were left out", count,
+           kKindNames[static_cast<size_t>(kind)]);
+  Print(LogLevel::kWarning, kind, link_id, message);
 }
 
 LogLevel ToLevel(int priority) {

@@ -32,10 +32,11 @@ enum class LogKind {
 void ConfigureLog(LogLevel level, bool as_json);
 
 // The log of the program (id 0) or of one link, which each line names. Never
-// waits: a line that standard error cannot take at once is counted, and the
-// count is told when it takes lines again. Of each kind at most
-// kMaxLinesPerWindow lines a window are written, and the others counted; of all
-// links together, but for kState, at most kMaxLinesOfAllLinks.
+// waits and never throws: a line that standard error cannot take at once, or
+// for which there is no memory, is counted, and the count is told with a later
+// line. Of each kind at most kMaxLinesPerWindow lines a window are written, and
+// the others counted; of all links together, but for kState, at most
+// kMaxLinesOfAllLinks.
 class CompanionLog {
  public:
   static constexpr int kMaxLinesPerWindow = 100;

@@ -55,18 +55,18 @@ void DatagramFlow::Send(const std::string& payload) {
 
 // A socket that reports ICMP errors together with what they quote.
 bool DatagramFlow::Open() {
-  const int fd = OpenSocket(link_, SOCK_DGRAM);
-  if (fd == -1) return false;
-  auto opened = std::make_unique<Descriptor>(
-      link_.loop, fd, [this] { OnReadable(); }, [] {});
+  UniqueFd fd = OpenSocket(link_, SOCK_DGRAM);
+  if (fd.Get() == -1) return false;
   const int on = 1;
-  setsockopt(fd, SOL_IP, IP_RECVERR, &on, sizeof(on));
+  setsockopt(fd.Get(), SOL_IP, IP_RECVERR, &on, sizeof(on));
   const sockaddr_in address = target_->GetSockAddrV4();
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address),
+  if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address),
               sizeof(address)) == -1) {
     return false;
   }
-  socket_ = std::move(opened);
+  socket_ = std::make_unique<Descriptor>(
+      link_.loop, std::move(fd),
+      [this] { link_.run([this] { OnReadable(); }); }, [] {});
   socket_->WaitReadable();
   return true;
 }

@@ -6,14 +6,16 @@
 
 namespace vantrel {
 
-Descriptor::Descriptor(asio::io_context& loop, int fd, Handler on_readable,
+Descriptor::Descriptor(asio::io_context& loop, UniqueFd fd, Handler on_readable,
                        Handler on_writable)
-    : fd_(fd),
-      descriptor_(loop, fd),
+    : fd_(fd.Get()),
+      descriptor_(loop),
       readable_{std::move(on_readable)},
       writable_{std::move(on_writable)},
       alive_(std::make_shared<char>()) {
-  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
+  descriptor_.assign(fd_);
+  static_cast<void>(fd.Release());
 }
 
 Descriptor::~Descriptor() = default;
@@ -29,13 +31,13 @@ void Descriptor::WaitWritable() {
 void Descriptor::Wait(asio::posix::descriptor_base::wait_type type,
                       wait_t* wait) {
   if (wait->is_under_way) return;
-  wait->is_under_way = true;
   descriptor_.async_wait(
       type, [wait, alive = std::weak_ptr<void>(alive_)](asio::error_code) {
         if (alive.expired()) return;
         wait->is_under_way = false;
         wait->handler();
       });
+  wait->is_under_way = true;
 }
 
 }  // namespace vantrel

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
+#include <asio/posix/descriptor_base.hpp>
 #include <functional>
 #include <memory>
+
+#include "companion/loop_objects.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 
@@ -16,8 +19,8 @@ class Descriptor {
   using Handler = std::function<void()>;
 
   // |loop| outlives it. |on_readable| and |on_writable| may destroy it as their
-  // last act.
-  Descriptor(asio::io_context& loop, int fd, Handler on_readable,
+  // last act. Throws std::system_error when the system cannot watch |fd|.
+  Descriptor(asio::io_context& loop, UniqueFd fd, Handler on_readable,
              Handler on_writable);
   // No handler is called any more, also not for what has happened already.
   ~Descriptor();
@@ -38,7 +41,7 @@ class Descriptor {
   void Wait(asio::posix::descriptor_base::wait_type type, wait_t* wait);
 
   const int fd_;
-  asio::posix::stream_descriptor descriptor_;
+  LoopDescriptor descriptor_;
   wait_t readable_;
   wait_t writable_;
   // Held by this object only; the waits under way can see when it is gone.

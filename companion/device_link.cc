@@ -1,8 +1,11 @@
 #include "companion/device_link.h"
 
 #include <algorithm>
+#include <exception>
+#include <new>
 #include <utility>
 
+#include "companion/memory_reserve.h"
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link/connection_header.h"
@@ -47,29 +50,65 @@ std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
 
 }  // namespace
 
-DeviceLink::DeviceLink(const shared_t& shared, int fd, uint32_t id,
+DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
                        std::function<void()> on_change)
     : options_(shared.options),
       log_(id),
       on_change_(std::move(on_change)),
       protocol_(MakeProtocol(options_, scheduler_.GetControl())),
-      parts_{shared.loop,        *protocol_,
-             scheduler_,         log_,
-             shared.policy,      shared.sockets,
-             [this] { Pump(); }, [this] { return flows_.FreeDescriptor(); }},
+      parts_{shared.loop,
+             *protocol_,
+             scheduler_,
+             log_,
+             shared.policy,
+             shared.sockets,
+             [this] { Pump(); },
+             [this](const std::function<void()>& work) { Run(work); },
+             [this] { return flows_.FreeDescriptor(); }},
       streams_(
           parts_, options_.max_held_bytes,
           [this] { OnFailure("too many bytes wait for remotes"); },
           [this] { on_change_(); }),
       flows_(parts_, options_.dns_server),
       socket_(std::make_unique<LinkSocket>(
-          shared.loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); })),
+          shared.loop, std::move(fd), [this] { Run([this] { OnReadable(); }); },
+          [this] { Run([this] { OnWritable(); }); })),
       deadlines_(GetSteadyTime()),
-      turns_(shared.turns, [this] { TakeTurn(); }) {
+      turns_(shared.turns, [this] { Run([this] { TakeTurn(); }); }) {
   AdaptToPace();
 }
 
 DeviceLink::~DeviceLink() { DropTransfers(); }
+
+void DeviceLink::Run(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const std::bad_alloc&) {
+    OnException("out of memory");
+  } catch (const std::exception& e) {
+    OnException(e.what());
+  }
+}
+
+// First everything is given back, which takes no memory. What the exception has
+// left half done goes with it.
+void DeviceLink::OnException(const char* what) {
+  has_failed_ = is_closing_ = true;
+  turns_.Leave();
+  socket_.reset();
+  flows_.Clear();
+  streams_.Clear();
+  DropTransfers();
+  std::string().swap(out_);
+  std::string().swap(*scheduler_.GetControl());
+  KeepMemoryReserve();
+  log_.Write(LogLevel::kError, LogKind::kLink, "link down: %s", what);
+  try {
+    on_change_();
+  } catch (const std::exception&) {
+    // Its owner looks at it each second.
+  }
+}
 
 void DeviceLink::Start() {
   if (options_.send_header) {

@@ -42,14 +42,19 @@ class DeviceLink final : public DeviceMessages {
     TurnQueue& turns;
   };
 
-  // Takes ownership of the connected stream socket |fd|. |id| names the link in
-  // the log. |on_change| is called when IsUp() or IsOver() may have changed,
+  // |fd| is a connected stream socket. |id| names the link in the log.
+  // |on_change| is called when IsUp() or IsOver() may have changed,
   // from within the link's handlers: it must not destroy the link.
-  DeviceLink(const shared_t& shared, int fd, uint32_t id,
+  DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
              std::function<void()> on_change);
   DeviceLink(const DeviceLink&) = delete;
   DeviceLink& operator=(const DeviceLink&) = delete;
   ~DeviceLink() override;
+
+  // Does |work| of this link, which is how all of the below is called in the
+  // program. What it throws ends the link: there is no more memory, or the
+  // system cannot watch another descriptor.
+  void Run(const std::function<void()>& work);
 
   // Once, when the object is complete.
   void Start();
@@ -88,6 +93,8 @@ class DeviceLink final : public DeviceMessages {
   void OnFailure(const std::string& reason) override;
 
  private:
+  // Ends the link at once, after an exception of what it does.
+  void OnException(const char* what);
   void OnReadable();
   // Handles what the device has sent, as much as a turn has time for.
   void TakeTurn();

@@ -77,7 +77,10 @@ class DeviceLinkTest : public ::testing::Test {
  protected:
   DeviceLinkTest()
       : policy_({DestinationPolicy::ParseRule("127.0.0.0/8", true).value()},
-                [](const IpAddress&) { return std::nullopt; }) {
+                [this](const IpAddress&) {
+                  if (has_no_memory_) throw std::bad_alloc();
+                  return std::nullopt;
+                }) {
     testing::internal::CaptureStderr();
     options_.protocol = 1;
   }
@@ -95,7 +98,7 @@ class DeviceLinkTest : public ::testing::Test {
     if (!sockets_) sockets_.emplace(max_descriptors, 0, 1);
     link_ = std::make_unique<DeviceLink>(
         DeviceLink::shared_t{loop_, options_, policy_, *sockets_, turns_},
-        fds[1], 1, [this] { ++changes_; });
+        UniqueFd(fds[1]), 1, [this] { ++changes_; });
     link_->Start();
   }
   // Runs the real loop until |condition| holds, which is tried in between. An
@@ -136,6 +139,7 @@ class DeviceLinkTest : public ::testing::Test {
   std::optional<SocketPool> sockets_;
   TurnQueue turns_{loop_};
   Options options_;
+  bool has_no_memory_ = false;  // for an address that no rule names
   const DestinationPolicy policy_;
   std::unique_ptr<End> device_;
   std::unique_ptr<DeviceLink> link_;
@@ -328,6 +332,35 @@ TEST_F(DeviceLinkTest, ClosesInOrderOrAfterItsTime) {
     EXPECT_TRUE(Until([&] { return !link_->IsUp(); }));
     EXPECT_FALSE(link_->HasFailed());
   }
+}
+
+// In the middle of a message, with streams and flows of all kinds.
+TEST_F(DeviceLinkCreditTest, EndsAloneWhenThereIsNoMemory) {
+  Start();
+  const auto other_device = std::move(device_);
+  const auto other_link = std::move(link_);
+  Start();
+  ASSERT_TRUE(Connect(1, server_));
+  FillUp();
+  device_->Write(v1::TcpClose(1));
+  ASSERT_TRUE(Connect(2, server_));
+  link_->OnDatagram(server_.endpoint, server_.endpoint, "nobody there");
+  has_no_memory_ = true;
+  const HostAndPort unnamed(IpAddress::FromIPv4NetworkBytes(htonl(0xC0000201)),
+                            80);
+  device_->Write(v1::TcpConnect(3, unnamed, 3) + v1::PingEcho(7));
+  ASSERT_TRUE(Until([&] { return link_->IsOver(); }));
+  EXPECT_EQ(0u, link_->GetSocketCount());
+  EXPECT_TRUE(link_->HasFailed());
+  bool is_ended = false;
+  device_->Read();
+  device_->Read(&is_ended);
+  EXPECT_TRUE(is_ended);
+  EXPECT_GT(changes_, 0);
+  device_ = std::make_unique<End>(dup(other_device->GetFd()));
+  device_->Write(v1::PingEcho(8));
+  EXPECT_TRUE(Until([&] { return Receives(v1::PingEcho(8)); }));
+  EXPECT_TRUE(Logs("link 1: error: link down: out of memory"));
 }
 
 // A thousand new connections take more than one turn.

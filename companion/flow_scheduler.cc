@@ -127,8 +127,8 @@ bool FlowScheduler::Ask(Flow* flow, std::string* out) {
 
 void FlowScheduler::MoveTo(Flows* list, Flow* flow) {
   Leave(flow);
-  flow->list_ = list;
   flow->position_ = list->insert(list->end(), flow);
+  flow->list_ = list;
 }
 
 void FlowScheduler::Leave(Flow* flow) {

@@ -156,7 +156,7 @@ bool LinkListener::OpenRfcomm(const link_address_t& address,
 bool LinkListener::Listen(UniqueFd fd, const std::string& where) {
   if (listen(fd.Get(), kBacklog) == -1) return Fail(where);
   socket_ = std::make_unique<Descriptor>(
-      loop_, fd.Release(), [this] { OnReadable(); }, [] {});
+      loop_, std::move(fd), [this] { OnReadable(); }, [] {});
   socket_->WaitReadable();
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "listening on %s",
                      where.c_str());
@@ -171,7 +171,7 @@ void LinkListener::OnReadable() {
   if (fd.Get() != -1) {
     const std::string peer = DescribePeer(fd.Get(), address, length);
     if (file_.Admits(fd.Get())) {
-      on_link_(fd.Release(), peer);
+      on_link_(std::move(fd), peer);
     } else {
       ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                          "link of %s refused: another user", peer.c_str());

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "common/link_address.h"
 #include "companion/descriptor.h"
+#include "companion/loop_objects.h"
 #include "programs/peer_socket.h"
 #include "programs/socket_file.h"
 #include "programs/unique_fd.h"
@@ -17,8 +17,8 @@ namespace vantrel {
 // Waits for devices at one address.
 class LinkListener {
  public:
-  // Owns |fd|; |peer| says who has connected, for the log.
-  using OnLink = std::function<void(int fd, const std::string& peer)>;
+  // |peer| says who has connected, for the log.
+  using OnLink = std::function<void(UniqueFd fd, const std::string& peer)>;
   struct settings_t {
     // Whether TCP links may come from other machines.
     bool allows_remote_links = false;
@@ -33,6 +33,8 @@ class LinkListener {
   // socket file on which nobody listens any more is replaced.
   [[nodiscard]] bool Open(const link_address_t& address,
                           const settings_t& settings);
+  // After a handler of the loop has failed: it may have been ours.
+  void GoOn() { socket_->WaitReadable(); }
 
  private:
   // Each logs its failure.
@@ -44,7 +46,7 @@ class LinkListener {
 
   asio::io_context& loop_;
   const OnLink on_link_;
-  asio::steady_timer retry_;
+  LoopTimer retry_;
   std::unique_ptr<Descriptor> socket_;
   SocketFile file_;  // of a unix: address
 };

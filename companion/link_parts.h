@@ -11,6 +11,7 @@
 #include "companion/flow_scheduler.h"
 #include "companion/link_protocol.h"
 #include "companion/socket_pool.h"
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 
@@ -26,6 +27,10 @@ struct LinkParts {
   // of streams and flows; not needed while the device's messages are handled.
   // The link may end by it: a flow is then destroyed, a stream finishes.
   std::function<void()> on_waiting;
+  // Every handler of the link's descriptors does its work by this: what it
+  // throws then ends this link and no other. |work| may destroy its object as
+  // its last act.
+  std::function<void(const std::function<void()>& work)> run;
   // Ends the flow that was silent longest, of those with a socket. False when
   // there is none.
   std::function<bool()> free_descriptor;
@@ -33,12 +38,12 @@ struct LinkParts {
 
 // A new IPv4 socket of |type|, non-blocking, for a stream or flow of |link|. A
 // flow gives its descriptor when there is no other. -1 on failure, with errno.
-inline int OpenSocket(const LinkParts& link, int type) {
+inline UniqueFd OpenSocket(const LinkParts& link, int type) {
   const int flags = SOCK_NONBLOCK | SOCK_CLOEXEC;
   const int fd = socket(AF_INET, type | flags, 0);
   const bool is_out = fd == -1 && (errno == EMFILE || errno == ENFILE);
-  return is_out && link.free_descriptor() ? socket(AF_INET, type | flags, 0)
-                                          : fd;
+  return UniqueFd(
+      is_out && link.free_descriptor() ? socket(AF_INET, type | flags, 0) : fd);
 }
 
 }  // namespace vantrel

@@ -12,11 +12,12 @@
 
 namespace vantrel {
 
-LinkSocket::LinkSocket(asio::io_context& loop, int fd,
+LinkSocket::LinkSocket(asio::io_context& loop, UniqueFd fd,
                        Descriptor::Handler on_readable,
                        Descriptor::Handler on_writable)
-    : descriptor_(loop, fd, std::move(on_readable), std::move(on_writable)) {
-  TuneTcpLink(fd);
+    : descriptor_(loop, std::move(fd), std::move(on_readable),
+                  std::move(on_writable)) {
+  TuneTcpLink(GetFd());
 }
 
 LinkSocket::Result LinkSocket::Read(char* buffer, size_t size, size_t* count) {

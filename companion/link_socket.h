@@ -21,9 +21,8 @@ class LinkSocket {
     kFailed,  // GetReason() says why
   };
 
-  // Takes ownership of |fd|.
-  LinkSocket(asio::io_context& loop, int fd, Descriptor::Handler on_readable,
-             Descriptor::Handler on_writable);
+  LinkSocket(asio::io_context& loop, UniqueFd fd,
+             Descriptor::Handler on_readable, Descriptor::Handler on_writable);
 
   Result Read(char* buffer, size_t size, size_t* count);
   Result Write(const char* data, size_t size, size_t* count);

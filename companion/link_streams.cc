@@ -153,6 +153,13 @@ void LinkStreams::FinishAll() {
   ReportIdle();
 }
 
+void LinkStreams::Clear() {
+  streams_.clear();
+  finishing_.clear();
+  counts_.clear();
+  unflushed_.clear();
+}
+
 void LinkStreams::ReportIdle() {
   if (GetCount() == 0) on_idle_();
 }

@@ -40,6 +40,7 @@ class LinkStreams final : public RemoteStream::Owner {
 
   // The link is gone: every stream only delivers its rest.
   void FinishAll();
+  void Clear();   // without a word to anybody
   void OnTick();  // once a second
   size_t GetCount() const { return streams_.size() + finishing_.size(); }
   size_t GetHeldBytes() const { return held_.GetUsed(); }

@@ -87,7 +87,7 @@ void LocalRoutes::Watch(asio::io_context& loop,
   }
   on_change_ = std::move(on_change);
   changes_ = std::make_unique<Descriptor>(
-      loop, fd.Release(), [this] { OnChange(); }, [] {});
+      loop, std::move(fd), [this] { OnChange(); }, [] {});
   changes_->WaitReadable();
 }
 

@@ -51,13 +51,16 @@ RemoteStream::~RemoteStream() {
 }
 
 bool RemoteStream::Connect() {
-  const int fd = OpenSocket(link_, SOCK_STREAM);
-  if (fd == -1) {
+  UniqueFd opened = OpenSocket(link_, SOCK_STREAM);
+  if (opened.Get() == -1) {
     LogConnectFailure(errno);
     return false;
   }
   socket_ = std::make_unique<Descriptor>(
-      link_.loop, fd, [this] { OnReadable(); }, [this] { OnWritable(); });
+      link_.loop, std::move(opened),
+      [this] { link_.run([this] { OnReadable(); }); },
+      [this] { link_.run([this] { OnWritable(); }); });
+  const int fd = socket_->GetFd();
   TuneRemote(fd);
   const sockaddr_in address = remote_.GetSockAddrV4();
   const int result =

@@ -43,8 +43,10 @@ class TurnQueue {
   TurnQueue(const TurnQueue&) = delete;
   TurnQueue& operator=(const TurnQueue&) = delete;
 
- private:
+  // After a handler of the loop has failed: it may have been ours.
   void GoOn();
+
+ private:
   void GiveTurn();
 
   asio::io_context& loop_;

@@ -37,8 +37,8 @@ class Script {
     auto [fd, device] = MakeSocketPair();
     device_ = std::move(device);
     link_ = std::make_unique<DeviceLink>(
-        DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_}, fd, 1,
-        [] {});
+        DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_},
+        UniqueFd(fd), 1, [] {});
   }
 
   void Run() {

@@ -17,7 +17,9 @@ class ServiceManager {
 
   // |state| has assignments of sd_notify(3), one a line.
   void Notify(const std::string& state);
-  // How often it wants to hear WATCHDOG=1 at least; none when it does not.
+  // How often it wants to hear WATCHDOG=1 of this process at least; none when
+  // it does not. What is out of reach for a program is taken for the nearest
+  // that is not: 20 ms, an hour.
   static std::optional<std::chrono::microseconds> GetWatchdogTime();
 
  private:

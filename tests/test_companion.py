@@ -309,6 +309,28 @@ def test_an_address_that_becomes_its_own(companion, link, silent_network):
     ping(one)  # and no failure in front of its answer
 
 
+# Sanitizers need more addresses than there are in any limit.
+if b"__asan_init" not in (BIN_DIR / "vantrel-companion").read_bytes():
+    def test_out_of_memory(companion, link, silent_network):
+        process = companion("--max-pending", "1000000000")
+        honest = link()
+        ping(honest)
+        with open(f"/proc/{process.pid}/statm") as sizes:
+            size = int(sizes.read().split()[0]) * resource.getpagesize()
+        resource.prlimit(process.pid, resource.RLIMIT_AS, (size + (8 << 20),) * 2)
+        for number in range(2, 5):
+            greedy = link()
+            with pytest.raises((BrokenPipeError, ConnectionResetError)):
+                for n in range(1, 1000):
+                    greedy.sendall(connect(n, "203.0.113.7", uid=n) +
+                                   data(n, bytes(65535)) * 8)
+                    ping(honest)
+            wait_until(lambda: f"link {number}: error: link down: out of memory" in
+                       process.log(), "the end")
+        ping(honest)
+        ping(link())
+
+
 @pytest.mark.parametrize("kind", ["unix", "tcp"])
 def test_an_abrupt_end_in_mid_message(companion, link, remote, kind):
     process = companion("--allow", "198.51.100.0/24", "--listen", "tcp:127.0.0.1:7777")
@@ -337,6 +359,16 @@ def test_an_abrupt_end_in_mid_message(companion, link, remote, kind):
         ping(last)
     assert processor_seconds(process) - before < 1
     last.close()
+
+
+def test_closed_standard_descriptors(tmp_path):
+    """No log line is ever written to what has got the number of standard error."""
+    process = subprocess.Popen(
+        ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", BIN_DIR / "vantrel-companion",
+         "--listen", f"unix:{tmp_path}/link"])
+    wait_until((tmp_path / "link").exists, "the companion")
+    assert [os.readlink(f"/proc/{process.pid}/fd/{fd}") for fd in range(3)] == ["/dev/null"] * 3
+    bench.end_process(process)
 
 
 def test_who_may_listen(companion, tmp_path, link):

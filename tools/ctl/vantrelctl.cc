@@ -10,11 +10,11 @@
 #include "common/printable.h"
 #include "control/control_packets.h"
 #include "programs/command_line.h"
+#include "programs/standard_descriptors.h"
 #include "tools/ctl/control_command.h"
 #include "tools/ctl/top_command.h"
 #include "tools/lock_file.h"
 #include "tools/rules.h"
-#include "tools/standard_descriptors.h"
 
 namespace vantrel {
 namespace {

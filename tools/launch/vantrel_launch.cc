@@ -5,10 +5,10 @@
 #include <string>
 
 #include "programs/command_line.h"
+#include "programs/standard_descriptors.h"
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
 #include "tools/launch_state.h"
-#include "tools/standard_descriptors.h"
 
 namespace vantrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/standard_descriptors.h"
+#include "programs/standard_descriptors.h"
 
 #include <fcntl.h>
 #include <unistd.h>
