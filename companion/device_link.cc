@@ -296,7 +296,20 @@ void DeviceLink::DropTransfers() {
 
 void DeviceLink::EndByPeer() {
   const std::string reason = socket_->GetReason();
-  End(!reason.empty(), reason.empty() ? "closed by the device" : reason);
+  const std::string why = reason.empty() ? "closed by the device" : reason;
+  End(!reason.empty(), why + DescribeHandshake());
+}
+
+std::string DeviceLink::DescribeHandshake() const {
+  if (is_ready_ || is_closing_) return "";
+  const std::string fault = protocol_->GetOpening().GetFaultOfSilence();
+  if (!fault.empty()) return "; " + fault;
+  if (options_.send_header == deadlines_.HasReceived()) {
+    return options_.send_header
+               ? "; does a launcher relay the link, which needs no --header?"
+               : "; does it wait for a connection header, see --header?";
+  }
+  return "";
 }
 
 void DeviceLink::End(bool by_error, const std::string& why) {
@@ -315,7 +328,7 @@ void DeviceLink::OnTick(SteadyTime now) {
   if (!IsUp()) return;
   if (HasHungUp(socket_->GetFd())) socket_->WaitReadable();
   if (const char* const excess = deadlines_.GetExcess(now)) {
-    End(!is_closing_, excess);
+    End(!is_closing_, excess + DescribeHandshake());
   }
 }
 

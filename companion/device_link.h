@@ -121,6 +121,9 @@ class DeviceLink final : public DeviceMessages {
   void BeginClosing(const std::string& reason);
   void StopFlows();
   void DropTransfers();
+  // What may be the cause when a handshake does not come to its end; begins
+  // with "; ", or empty.
+  std::string DescribeHandshake() const;
   // The socket has ended, or failed.
   void EndByPeer();
   void End(bool by_error, const std::string& why);

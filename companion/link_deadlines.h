@@ -21,6 +21,7 @@ class LinkDeadlines {
   explicit LinkDeadlines(SteadyTime connected) : connected_(connected) {}
 
   void OnReceived() { has_received_ = true; }
+  bool HasReceived() const { return has_received_; }
   // The handshake is done, or the protocol has none.
   void OnReady() { is_ready_ = true; }
   // The link takes no bytes, though some wait, or takes them again.

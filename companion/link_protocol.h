@@ -5,10 +5,12 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "common/host_and_port.h"
 #include "common/uid.h"
 #include "companion/flow_scheduler.h"
+#include "programs/link_opening.h"
 
 namespace vantrel {
 
@@ -48,8 +50,10 @@ class LinkProtocol {
   // one fills what the device takes of version 2 in two reads, and no third.
   static constexpr size_t kMaxStreamChunkBytes = 16384 - 64;
 
-  // |control| receives the answers to messages, whole; it outlives this.
-  explicit LinkProtocol(std::string* control) : control_(control) {}
+  // |version| is 1, 5 or 20. |control| receives the answers to messages, whole;
+  // it outlives this.
+  LinkProtocol(int version, std::string* control)
+      : opening_(version, LinkOpening::Sender::kDevice), control_(control) {}
   LinkProtocol(const LinkProtocol&) = delete;
   LinkProtocol& operator=(const LinkProtocol&) = delete;
   virtual ~LinkProtocol() = default;
@@ -58,6 +62,7 @@ class LinkProtocol {
   // OnFailure() was called, after HandleNext() has returned false.
   virtual size_t GetAvailableSpace() const = 0;
   virtual void Feed(const char* data, size_t length) = 0;
+  const LinkOpening& GetOpening() const { return opening_; }
   // Handles the next whole message. False when there is none, or after
   // OnFailure().
   [[nodiscard]] virtual bool HandleNext(DeviceMessages& device) = 0;
@@ -83,8 +88,13 @@ class LinkProtocol {
 
  protected:
   std::string* GetControl() { return control_; }
+  // To be called with what Feed() gets.
+  void LookAtOpening(const char* data, size_t length) {
+    opening_.Append(std::string_view(data, length));
+  }
 
  private:
+  LinkOpening opening_;
   std::string* const control_;
 };
 

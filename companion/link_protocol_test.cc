@@ -147,7 +147,15 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
         "fatal 'unknown message type 19'"}},
       {5,
        Bytes("10 00000004 0000"),
-       {"reply 11000000050000", "fatal 'unsupported handshake version 4'"}},
+       {"reply 11000000050000",
+        "fatal 'the device sends version 4 in its handshake, not 5'"}},
+      // The device is told, too.
+      {20,
+       Bytes("564e 0009 0000 3795 0802ca0c0408011200"),
+       {"reply " + Hex(Frame(1, "c20c 3a 0a38" +
+                                    Hex("the device sends the sizes of its "
+                                        "first frame big-endian"))),
+        "fatal 'the device sends the sizes of its first frame big-endian'"}},
       // Each version of the companion with a device of another.
       {5,
        Bytes("02 00000003"),

@@ -17,23 +17,15 @@ constexpr size_t kMaxHeldBytes = 2 * v1::kMaxMessageBytes;
 constexpr size_t kMaxPushes = 64;
 // The low half of the UID that stands for an unknown one.
 constexpr uint16_t kUnknownUidOnWire = 0xFFFF;
-// The first byte of protocol 2.
-constexpr uint8_t kFirstByteOfV2 = 'V';
 
 uint32_t WidenUid(uint16_t uid) {
   return uid == kUnknownUidOnWire ? kNobodyUid : uid;
 }
 
-std::string DescribeUnknown(uint8_t type, bool is_first) {
-  if (is_first && type == kFirstByteOfV2)
-    return "the device speaks protocol 20";
-  return "unknown message type " + std::to_string(type);
-}
-
 }  // namespace
 
 ProtocolV1::ProtocolV1(int version, std::string* control)
-    : LinkProtocol(control), version_(version) {}
+    : LinkProtocol(version, control), version_(version) {}
 
 size_t ProtocolV1::GetAvailableSpace() const {
   return kMaxHeldBytes - received_.size();
@@ -41,6 +33,7 @@ size_t ProtocolV1::GetAvailableSpace() const {
 
 void ProtocolV1::Feed(const char* data, size_t length) {
   received_.append(data, length);
+  LookAtOpening(data, length);
 }
 
 bool ProtocolV1::HandleNext(DeviceMessages& device) {
@@ -51,8 +44,9 @@ bool ProtocolV1::HandleNext(DeviceMessages& device) {
   const char* const next = received_.data() + handled_;
   const size_t left = received_.size() - handled_;
   if (state_ == State::kFailed) return false;
+  if (left > 0 && IsUnclear(GetU8(next))) return false;
   if (left > 0 && v1::GetHeaderSize(GetU8(next)) == 0) {
-    Fail(device, DescribeUnknown(GetU8(next), !has_handled_));
+    Fail(device, "unknown message type " + std::to_string(GetU8(next)));
     return false;
   }
   const size_t size = v1::GetMessageSize(next, left);
@@ -63,8 +57,14 @@ bool ProtocolV1::HandleNext(DeviceMessages& device) {
   }
   handled_ += size;
   Handle(device, next, size);
-  has_handled_ = true;
   return state_ != State::kFailed;
+}
+
+// Version 1 lets a device begin with any message that exists.
+bool ProtocolV1::IsUnclear(uint8_t type) const {
+  if (GetOpening().IsOver()) return false;
+  return state_ == State::kNotStarted || type == TYPE_HANDSHAKE ||
+         v1::GetHeaderSize(type) == 0;
 }
 
 void ProtocolV1::Handle(DeviceMessages& device, const char* message,
@@ -136,7 +136,7 @@ void ProtocolV1::HandleHandshake(DeviceMessages& device, uint32_t version) {
   // for: it ends the link itself then.
   if (version_ == 1) {
     GetControl()->append(v1::Handshake(TYPE_HANDSHAKE_ACK, 1));
-    return Fail(device, "the device speaks protocol 5");
+    return Fail(device, "a handshake: the device speaks protocol 5");
   }
   if (state_ != State::kNotStarted) {
     device.OnUnexpected("a second handshake");
@@ -145,8 +145,7 @@ void ProtocolV1::HandleHandshake(DeviceMessages& device, uint32_t version) {
   GetControl()->append(
       v1::Handshake(TYPE_HANDSHAKE_ACK, v1::kHandshakeVersion));
   if (version != v1::kHandshakeVersion) {
-    return Fail(device,
-                "unsupported handshake version " + std::to_string(version));
+    return Fail(device, GetOpening().GetFault());
   }
   state_ = State::kAcknowledged;
 }
@@ -199,7 +198,8 @@ void ProtocolV1::ReportReady(DeviceMessages& device) {
 
 void ProtocolV1::Fail(DeviceMessages& device, const std::string& reason) {
   state_ = State::kFailed;
-  device.OnFailure(reason);
+  const std::string& fault = GetOpening().GetFault();
+  device.OnFailure(fault.empty() ? reason : fault);
 }
 
 size_t ProtocolV1::GetMaxDatagramBytes() const { return v1::kMaxPayloadBytes; }

@@ -46,6 +46,9 @@ class ProtocolV1 final : public LinkProtocol {
     uint64_t received_bytes;
   };
 
+  // Whether a message of |type| is not handled yet: with some more bytes the
+  // beginning of the link may turn out to be something else.
+  bool IsUnclear(uint8_t type) const;
   // |message| is one whole message and |size| its length.
   void Handle(DeviceMessages& device, const char* message, size_t size);
   void HandleHandshake(DeviceMessages& device, uint32_t version);
@@ -55,11 +58,11 @@ class ProtocolV1 final : public LinkProtocol {
   void HandlePushData(DeviceMessages& device, const char* message,
                       size_t length);
   void ReportReady(DeviceMessages& device);
+  // |reason| is told unless the beginning of the link has a better one.
   void Fail(DeviceMessages& device, const std::string& reason);
 
   const int version_;
   State state_ = State::kNotStarted;
-  bool has_handled_ = false;  // at least one message
   std::string received_;
   size_t handled_ = 0;  // bytes of |received_|
   std::unordered_map<uint32_t, push_t> pushes_;

@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "link/v1_wire.h"
 #include "link_v2/message_encoder.h"
 
 namespace vantrel {
@@ -32,27 +31,25 @@ HostAndPort DecodeReachable(const messages::IpAddressAndPort& wire) {
 }  // namespace
 
 ProtocolV2::ProtocolV2(std::string build_info, std::string* control)
-    : LinkProtocol(control), build_info_(std::move(build_info)) {}
+    : LinkProtocol(20, control), build_info_(std::move(build_info)) {}
 
 size_t ProtocolV2::GetAvailableSpace() const {
   return decoder_.GetAvailableBufferSpace();
 }
 
 void ProtocolV2::Feed(const char* data, size_t length) {
-  if (!first_byte_ && length > 0) first_byte_ = static_cast<uint8_t>(data[0]);
+  LookAtOpening(data, length);
   uint32_t consumed;  // all, within the space available
   decoder_.BufferData(data, static_cast<uint32_t>(length), &consumed);
 }
 
 bool ProtocolV2::HandleNext(DeviceMessages& device) {
   if (state_ == State::kFailed) return false;
-  // No frame begins with a type of protocol 1. Its handshake is shorter than a
-  // frame, and nothing need follow it.
-  if (state_ == State::kNotStarted && first_byte_ &&
-      v1::GetHeaderSize(*first_byte_) != 0) {
-    const bool has_handshake = first_byte_ == TYPE_HANDSHAKE;
-    Fail(device, std::string("the device speaks protocol ") +
-                     (has_handshake ? "5" : "1"));
+  if (state_ == State::kNotStarted && !GetOpening().IsOver()) return false;
+  const std::string& fault = GetOpening().GetFault();
+  if (state_ == State::kNotStarted && !fault.empty()) {
+    GetOpening().IsOtherProtocol() ? Fail(device, fault)
+                                   : FailWithTeardown(device, fault);
     return false;
   }
   if (decoder_.GetAndClearMessage(&message_)) {

@@ -2,7 +2,6 @@
 
 #include <stdint.h>
 
-#include <optional>
 #include <string>
 
 #include "companion/link_protocol.h"
@@ -56,7 +55,6 @@ class ProtocolV2 final : public LinkProtocol {
 
   const std::string build_info_;
   State state_ = State::kNotStarted;
-  std::optional<uint8_t> first_byte_;
   std::string device_build_info_;
   // The last acknowledgement: most often the next one is the same.
   std::string write_ack_;

@@ -1,5 +1,6 @@
 // Plays a device to the companion, in the protocol that the first byte chooses:
-// the same calls and answers must come out however the bytes are cut.
+// the same calls and answers must come out however the bytes are cut. So must
+// what the launcher says of them.
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 #include "companion/protocol_v2.h"
 #include "fuzz/fuzz_log.h"
 #include "fuzz/fuzz_messages.h"
+#include "programs/link_opening.h"
 
 namespace vantrel {
 namespace {
@@ -81,6 +83,16 @@ std::string Play(int protocol, const std::string& bytes, size_t piece) {
   return device.calls + device.control;
 }
 
+// The launcher's look at what a companion sends first.
+std::string LookAtOpening(int protocol, const std::string& bytes,
+                          size_t piece) {
+  LinkOpening opening(protocol, LinkOpening::Sender::kCompanion);
+  for (size_t at = 0; at < bytes.size(); at += piece) {
+    opening.Append(bytes.substr(at, piece));
+  }
+  return opening.GetFault() + opening.GetFaultOfSilence();
+}
+
 }  // namespace
 }  // namespace vantrel
 
@@ -96,5 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   FUZZ_CHECK(vantrel::Play(protocol, bytes, bytes.size()) ==
              vantrel::Play(protocol, bytes, 3));
+  FUZZ_CHECK(vantrel::LookAtOpening(protocol, bytes, bytes.size() + 1) ==
+             vantrel::LookAtOpening(protocol, bytes, 3));
   return 0;
 }

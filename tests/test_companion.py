@@ -17,6 +17,7 @@ import time
 import pytest
 
 import bench
+import wire
 from bench import BIN_DIR, program_environment, wait_until
 
 REMOTE = ("198.51.100.80", 7000)
@@ -369,6 +370,20 @@ def test_closed_standard_descriptors(tmp_path):
     wait_until((tmp_path / "link").exists, "the companion")
     assert [os.readlink(f"/proc/{process.pid}/fd/{fd}") for fd in range(3)] == ["/dev/null"] * 3
     bench.end_process(process)
+
+
+def test_what_is_wrong_with_a_device(companion, link):
+    process = companion(protocol="20")
+    start = wire.message(wire.HANDSHAKE_START, (1, 1))
+    for begin, cause in (
+            (start[:6] + start[7:5:-1] + start[8:], "checksum of its first header big-endian"),
+            (start[:4], "the device has sent only 56 4E 07 00"),
+            (bytes(24) + start, "the device sends a connection header"),
+            (b"", "closed by the device; does it wait for a connection header")):
+        with link() as one:
+            one.sendall(begin)
+            one.shutdown(socket.SHUT_WR)
+            wait_until(lambda: cause in process.log(), cause)
 
 
 def test_who_may_listen(companion, tmp_path, link):

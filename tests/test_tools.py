@@ -131,6 +131,27 @@ def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
         assert first.end() == 0
 
 
+def test_what_is_wrong_with_a_companion(make_device):
+    ack = wire.message(wire.HANDSHAKE_ACK, (1, 1))
+    device = make_device()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(f"{device.dir}/wrong")
+        listener.listen()
+        for begin, cause in (
+                (bytes(24) + ack, "sends a connection header"),
+                (ack[:2] + ack[3:1:-1] + ack[4:], "the sizes of its first frame big-endian"),
+                (ack[:30].replace(b"\1", b"\2"), "as checksum of its first header"),
+                (b"", "the link ended; does the companion speak protocol 20?")):
+            run = Launch(device, link="wrong", wait=False)
+            with listener.accept()[0] as companion:
+                companion.recv(1)  # the daemon speaks first
+                companion.sendall(begin)
+                if not begin:
+                    companion.shutdown(socket.SHUT_RDWR)
+                run.wait_for(run.err, cause)
+            run.process.wait(20)
+
+
 def test_a_link_without_a_relay(launch):
     direct = {"companion_options": ["--header"]}
     run = launch("--direct", **direct)

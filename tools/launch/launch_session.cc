@@ -58,7 +58,8 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       warning_timer_(loop.GetContext()),
       stats_timer_(loop.GetContext()),
       link_(loop.GetContext()),
-      near_end_(loop.GetContext()) {
+      near_end_(loop.GetContext()),
+      opening_(std::stoi(options.protocol), LinkOpening::Sender::kCompanion) {
   StartDaemon(std::move(link));
   reporter_.SetLinkCounter([this] { CountLinkBytes(); });
 }
@@ -132,6 +133,7 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
   RelayDirection::options_t in;
   RelayDirection::options_t out;
   in.shape = out.shape = options_.shape;
+  in.on_read = [this](std::string_view bytes) { LookAtOpening(bytes); };
   in.on_end = [this] { HandleInboundEnd(); };
   out.on_end = [this] { HandleOutboundEnd(); };
   out.feeder = far_end_.Get();
@@ -139,7 +141,11 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
     capture_->BeginLink("protocol " + options_.protocol + " over " +
                         options_.link.text);
     // Both at the link's own side of the relay.
-    in.on_read = MakeTap(PcapngWriter::kFromCompanion);
+    in.on_read = [this, tap = MakeTap(PcapngWriter::kFromCompanion)](
+                     std::string_view bytes) {
+      tap(bytes);
+      LookAtOpening(bytes);
+    };
     out.on_written = MakeTap(PcapngWriter::kToCompanion);
   }
   inbound_.emplace(link_, near_end_, std::move(in));
@@ -244,6 +250,12 @@ void LaunchSession::HandleStatus() {
 void LaunchSession::HandleRecord(const status_record_t& record) {
   CountLinkBytes();
   reporter_.Record(record);
+  if (options_.is_direct && record.kind == status_record_t::kExitCode &&
+      record.exit_code == kConnectFailed) {
+    reporter_.Say(
+        "with --direct the companion has to send the connection header; was it "
+        "started with --header?");
+  }
   if (record.kind != status_record_t::kStarted) return;
   end_.has_started = true;
   warning_timer_.cancel();
@@ -291,11 +303,23 @@ void LaunchSession::NoteSlowStart() {
 }
 
 void LaunchSession::NoteSilence() {
-  if (inbound_->GetMovedByteCount() > 0) return;
-  reporter_.Say(
-      "warning: the companion has not said anything yet; does it speak "
-      "protocol " +
-      options_.protocol + ", without --header?");
+  if (inbound_->GetMovedByteCount() == 0) {
+    reporter_.Say(
+        "warning: the companion has not said anything yet; does it speak "
+        "protocol " +
+        options_.protocol + ", without --header?");
+    return;
+  }
+  const std::string fault = opening_.GetFaultOfSilence();
+  if (!fault.empty()) reporter_.Say("warning: " + fault);
+}
+
+void LaunchSession::LookAtOpening(std::string_view bytes) {
+  const bool was_well = opening_.GetFault().empty();
+  opening_.Append(bytes);
+  if (was_well && !opening_.GetFault().empty()) {
+    reporter_.Say("warning: " + opening_.GetFault());
+  }
 }
 
 void LaunchSession::AskForStats() {
@@ -343,8 +367,14 @@ void LaunchSession::EndLink(int error) {
       end_.is_stop_wanted ||
       (outbound_ && outbound_->GetState() == RelayDirection::kEnded);
   if (is_ordered) return;
+  // A companion that hears another protocol says nothing and goes.
+  const bool is_unanswered = inbound_ && inbound_->GetMovedByteCount() == 0 &&
+                             outbound_->GetMovedByteCount() > 0;
   reporter_.Say(std::string("the link ended") +
-                (error != 0 ? std::string(": ") + strerror(error) : ""));
+                (error != 0 ? std::string(": ") + strerror(error) : "") +
+                (is_unanswered ? "; does the companion speak protocol " +
+                                     options_.protocol + "?"
+                               : ""));
 }
 
 void LaunchSession::CountLinkBytes() {

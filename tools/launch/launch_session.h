@@ -4,7 +4,9 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 #include <optional>
+#include <string_view>
 
+#include "programs/link_opening.h"
 #include "tools/control_port.h"
 #include "tools/launch/daemon_process.h"
 #include "tools/launch/event_loop.h"
@@ -65,6 +67,8 @@ class LaunchSession {
   void KillDaemon();
   void NoteSlowStart();
   void NoteSilence();
+  // Looks at what the companion sends first.
+  void LookAtOpening(std::string_view bytes);
   void HandleInboundEnd();
   void HandleOutboundEnd();
   void EndLink(int error);
@@ -101,6 +105,7 @@ class LaunchSession {
   UniqueFd far_end_;
   std::optional<RelayDirection> inbound_;   // companion to daemon
   std::optional<RelayDirection> outbound_;  // daemon to companion
+  LinkOpening opening_;                     // of the companion
   bool is_link_over_ = false;
   uint64_t counted_inbound_ = 0;
   uint64_t counted_outbound_ = 0;
