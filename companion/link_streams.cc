@@ -11,6 +11,8 @@ namespace {
 constexpr uint32_t kMaxPackageNames = 1024;
 // Longer than any name that a device's packages may have.
 constexpr size_t kMaxPackageNameBytes = 256;
+// Handing more of them on at once would make a link's turn too long.
+constexpr size_t kMaxUnflushed = 32;
 // Closing thousands of connections at once would keep other links waiting.
 constexpr int kMaxGivenUpPerTick = 512;
 
@@ -83,6 +85,7 @@ void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
                     id);
     return Drop(stream);
   }
+  if (unflushed_.size() >= kMaxUnflushed) Flush();
 }
 
 void LinkStreams::Flush() {

@@ -31,7 +31,7 @@ class LinkStreams final : public RemoteStream::Owner {
   ~LinkStreams() override;
 
   void Connect(uint32_t id, const HostAndPort& remote, uint32_t uid);
-  // Takes one write; Flush() hands those on that came since its last call.
+  // Takes one write; Flush() hands those on that were not yet.
   void Write(uint32_t id, const char* bytes, size_t length);
   void Flush();
   void Close(uint32_t id);
