@@ -12,21 +12,19 @@ namespace {
 
 constexpr char kProgram[] = "vantrel-launch: ";
 
-// How long the end waits for a reader of each stream.
-constexpr int kLastMomentMs = 200;
-
-LineWriter MakeRecordWriter(bool is_json) {
-  return is_json
-             ? LineWriter(STDOUT_FILENO, R"({"record":"dropped","lines":)", "}")
-             : LineWriter(STDOUT_FILENO, "dropped ", " lines");
+const char* GetTextBeforeDropped(bool is_json) {
+  return is_json ? R"({"record":"dropped","lines":)" : "dropped ";
 }
 
 }  // namespace
 
 LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
     : options_(options),
-      records_(MakeRecordWriter(options.is_json)),
-      talk_(STDERR_FILENO, std::string(kProgram) + "dropped ", " messages"),
+      records_(loop.GetContext(), STDOUT_FILENO,
+               GetTextBeforeDropped(options.is_json),
+               options.is_json ? "}" : " lines"),
+      talk_(loop.GetContext(), STDERR_FILENO,
+            std::string(kProgram) + "dropped ", " messages"),
       has_metrics_file_(!options.metrics.empty()) {
   state_.link = options.link.text;
   state_.protocol = options.protocol;
@@ -121,15 +119,6 @@ uint64_t LaunchReporter::GetTimeMs() const {
 
 void LaunchReporter::Say(const std::string& message) {
   talk_.Write(kProgram + EscapeControls(message));
-}
-
-std::array<int, 2> LaunchReporter::GetFdsToWrite() const {
-  return {records_.GetFdToWrite(), talk_.GetFdToWrite()};
-}
-
-void LaunchReporter::Flush() {
-  records_.Flush();
-  talk_.Flush();
 }
 
 void LaunchReporter::Finish() {

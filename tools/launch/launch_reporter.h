@@ -2,7 +2,6 @@
 
 #include <stdint.h>
 
-#include <array>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -48,12 +47,10 @@ class LaunchReporter {
   // One line for a person.
   void Say(const std::string& message);
 
-  // Where something waits to be written, each a descriptor or -1; and to be
-  // called when one of them is writable.
-  std::array<int, 2> GetFdsToWrite() const;
-  void Flush();
   // At the end: gives readers a last moment, and says what they did not read.
   void Finish();
+  // How long that is for each of them.
+  static constexpr int kLastMomentMs = 200;
 
  private:
   void Enter(launch_state_t::Phase phase);

@@ -51,8 +51,6 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       reporter_(reporter),
       capture_(capture),
       status_(loop.GetContext()),
-      report_outputs_{asio::posix::stream_descriptor(loop.GetContext()),
-                      asio::posix::stream_descriptor(loop.GetContext())},
       grace_timer_(loop.GetContext()),
       kill_timer_(loop.GetContext()),
       warning_timer_(loop.GetContext()),
@@ -74,9 +72,6 @@ LaunchSession::~LaunchSession() {
   if (rules_look_) rules_look_->Stop();
   if (link_watch_) link_watch_->Stop();
   for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
-  for (auto& borrowed : report_outputs_) {
-    if (borrowed.is_open()) borrowed.release();
-  }
   for (auto* timer :
        {&grace_timer_, &kill_timer_, &warning_timer_, &stats_timer_}) {
     timer->cancel();
@@ -165,10 +160,7 @@ LaunchSession::end_t LaunchSession::Run() {
     inbound_->Start();
     outbound_->Start();
   }
-  while (!IsOver()) {
-    loop_.GetContext().run_one();
-    WatchReports();
-  }
+  while (!IsOver()) loop_.GetContext().run_one();
   if (status_.is_open()) EndStatus();
   CountLinkBytes();
   end_.wait_status = daemon_->GetWaitStatus();
@@ -195,21 +187,6 @@ void LaunchSession::After(asio::steady_timer& timer, std::chrono::seconds time,
   timer.async_wait([this, handler](const std::error_code& error) {
     if (!error) (this->*handler)();
   });
-}
-
-void LaunchSession::WatchReports() {
-  const auto outputs = reporter_.GetFdsToWrite();
-  for (size_t i = 0; i < outputs.size(); ++i) {
-    auto& output = report_outputs_[i];
-    if (outputs[i] < 0 || output.is_open()) continue;
-    output.assign(outputs[i]);
-    output.async_wait(asio::posix::descriptor_base::wait_write,
-                      [this, &output](const std::error_code& error) {
-                        if (error) return;
-                        output.release();
-                        reporter_.Flush();
-                      });
-  }
 }
 
 void LaunchSession::HandleSignal(int signal) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 #include <optional>
@@ -55,7 +54,6 @@ class LaunchSession {
   void OnReadable(asio::posix::stream_descriptor& descriptor, Handler handler);
   void After(asio::steady_timer& timer, std::chrono::seconds time,
              Handler handler);
-  void WatchReports();
 
   void HandleSignal(int signal);
   void HandleStatus();
@@ -83,8 +81,6 @@ class LaunchSession {
   StatusReader status_reader_;
   std::optional<DaemonProcess> daemon_;  // empty only while starting
   std::optional<RulesLook> rules_look_;  // after the start
-  // Borrowed while a report waits for its reader.
-  std::array<asio::posix::stream_descriptor, 2> report_outputs_;
 
   asio::steady_timer grace_timer_;    // from the daemon's end
   asio::steady_timer kill_timer_;     // from when the daemon is to end

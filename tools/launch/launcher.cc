@@ -36,7 +36,9 @@ bool IsUsageError(int wait_status) {
 Launcher::Launcher(const launch_options_t& options)
     : options_(options), lock_(options.lock), reporter_(options, loop_) {
   if (!options.capture.empty()) {
-    capture_ = std::make_unique<PcapngWriter>(options.capture);
+    capture_ = std::make_unique<PcapngWriter>(
+        loop_.GetContext(), options.capture,
+        [this](const std::string& message) { reporter_.Say(message); });
   }
 }
 
@@ -57,6 +59,7 @@ int Launcher::Run() {
 
 int Launcher::End(int exit_status) {
   if (loop_.GetStopSignal() != 0) reporter_.Stopping();
+  if (capture_) capture_->Finish(LaunchReporter::kLastMomentMs);
   reporter_.Finish();
   return exit_status;
 }

@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <asio/io_context.hpp>
 #include <string>
+
+#include "programs/unique_fd.h"
 
 namespace vantrel {
 namespace {
@@ -20,20 +23,21 @@ TEST(LineWriter, NeverWaitsAndTellsWhatItDropped) {
         0, is_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, ends) : pipe(ends));
     const UniqueFd reader(ends[0]);
     UniqueFd writer(ends[1]);
-    LineWriter lines(writer.Get(), "dropped ", " lines");
+    asio::io_context loop;
+    LineWriter lines(loop, writer.Get(), "dropped ", " lines");
     constexpr size_t kLines = 50000;
     const std::string line(19, 'x');
     for (size_t i = 0; i < kLines; ++i) lines.Write(line);
-    EXPECT_EQ(0, fcntl(writer.Get(), F_GETFL) & O_NONBLOCK);
 
     fcntl(reader.Get(), F_SETFL, O_NONBLOCK);
     std::string got;
     char piece[4096];
-    while (lines.GetFdToWrite() >= 0) {
+    while (got.find(" lines\n") == std::string::npos) {
       const ssize_t count = read(reader.Get(), piece, sizeof(piece));
       if (count > 0) got.append(piece, static_cast<size_t>(count));
-      lines.Flush();
+      loop.poll();
     }
+    EXPECT_EQ(0, fcntl(writer.Get(), F_GETFL) & O_NONBLOCK);
     lines.Write("the last");
     EXPECT_EQ(0u, lines.Finish(0));
     ssize_t count;

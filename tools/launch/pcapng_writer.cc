@@ -2,9 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <utility>
 
 #include "common/byte_order.h"
 #include "tools/system_failure.h"
@@ -41,12 +42,23 @@ void PutEndOfOptions(std::string* out) {
   PutLe16(out, 0);
 }
 
+// A pipe without a reader can be opened only by one who might read from it.
+UniqueFd Open(const std::string& path) {
+  constexpr int kFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  UniqueFd file(
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kFlags, 0600));
+  if (file.Get() < 0 && errno == ENXIO) {
+    file.Reset(open(path.c_str(), O_RDWR | kFlags));
+  }
+  if (file.Get() < 0) throw SystemFailure("cannot write " + path);
+  return file;
+}
+
 }  // namespace
 
-PcapngWriter::PcapngWriter(const std::string& path)
-    : file_(
-          open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
-  if (file_.Get() < 0) throw SystemFailure("cannot write " + path);
+PcapngWriter::PcapngWriter(asio::io_context& loop, const std::string& path,
+                           Say say)
+    : say_(std::move(say)), file_(Open(path)), output_(loop, file_.Get()) {
   std::string body;
   PutLe32(&body, kByteOrderMagic);
   PutLe16(&body, 1);  // version 1.0
@@ -92,18 +104,41 @@ void PcapngWriter::WriteBytes(Direction direction, const std::string& bytes,
 }
 
 void PcapngWriter::WriteBlock(uint32_t type, const std::string& body) {
-  if (file_.Get() < 0) return;
+  if (is_over_) return;
   const auto length = static_cast<uint32_t>(body.size() + 12);
+  if (output_.GetKept().size() + length > kMaxWaitingBytes) {
+    End("its reader does not keep up");
+    return;
+  }
   std::string block;
   PutLe32(&block, type);
   PutLe32(&block, length);
   block += body;
   PutLe32(&block, length);
-  const ssize_t written = write(file_.Get(), block.data(), block.size());
-  if (written == static_cast<ssize_t>(block.size())) return;
-  fprintf(stderr, "vantrel-launch: the capture ends here: %s\n",
-          written < 0 ? strerror(errno) : "the file took only a part");
-  file_.Reset();
+  // What was kept may have failed since, and lost the end of a block.
+  if (output_.GetError() == 0) output_.Write(block);
+  if (output_.GetError() == 0) {
+    byte_count_ += length;
+    return;
+  }
+  End(strerror(output_.GetError()));
+  // Of a file that took only a part: readers complain of half a block.
+  static_cast<void>(!ftruncate(file_.Get(), static_cast<off_t>(byte_count_)));
+}
+
+void PcapngWriter::End(const std::string& reason) {
+  is_over_ = true;
+  say_("the capture ends here: " + reason);
+}
+
+void PcapngWriter::Finish(int timeout_ms) {
+  if (is_over_) return;
+  output_.Finish(timeout_ms);
+  if (output_.GetError() != 0) End(strerror(output_.GetError()));
+  const size_t kept = output_.GetKept().size();
+  if (kept == 0) return;
+  say_("nobody has read the last " + std::to_string(kept) +
+       " bytes of the capture");
 }
 
 }  // namespace vantrel
