@@ -377,24 +377,42 @@ def test_nobody_reads_what_the_launcher_says(make_device):
 def test_what_the_launcher_cannot_write_or_ask(make_device, tmp_path, monkeypatch):
     device = make_device()
     companion = listening_companion(device)
+    metrics = tmp_path / "none" / "metrics"
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
         manager.bind(str(tmp_path / "notify"))
         manager.settimeout(10)
         monkeypatch.setenv("NOTIFY_SOCKET", str(tmp_path / "notify"))
         run = Launch(device, "--protocol", "5", "--json", "--stats-every", "1",
-                     "--metrics", "/none/metrics", pass_fds=[manager.fileno()])
+                     "--metrics", metrics, pass_fds=[manager.fileno()])
         link = f"unix:{device.dir}/link"
-        for state in (f"STATUS=connecting {link}", f"READY=1\nSTATUS=running over {link}"):
+        for state in ("READY=1", f"STATUS=connecting {link}", f"STATUS=running over {link}",
+                      f"STATUS=running over {link}, network 7, not metered"):
             assert manager.recv(1000).decode() == state
         # What the launcher has inherited is not handed on.
         daemon = f"/proc/{run.daemon()}/fd"
         assert f"socket:[{os.fstat(manager.fileno()).st_ino}]" not in {
             os.readlink(f"{daemon}/{fd}") for fd in os.listdir(daemon)}
         run.wait_for(run.err, "the control port does not listen; statistics come only when")
+        # One failed write is not the last, and later ones need no record.
+        metrics.parent.mkdir()
+        run.wait_for(metrics, "vantrel_up 1")
+        sent = re.compile(r"^vantrel_link_sent_bytes_total (\d+)$", re.M)
+        before = int(sent.search(metrics.read_text())[1])
+        device.connect(*REMOTE).close()
+        wait_until(lambda: int(sent.search(metrics.read_text())[1]) > before, "the stream's bytes")
+        # Nor does it take the place of what is no file.
+        metrics.unlink()
+        metrics.symlink_to(tmp_path / "victim")
+        device.connect(*REMOTE).close()
+        run.wait_for(run.err, f"cannot write {metrics}: not a regular file")
+        assert metrics.is_symlink() and not metrics.exists()
         assert run.end() == 0
-    assert run.err.read_text().count("\n") == 2
-    assert run.err.read_text().startswith("vantrel-launch: cannot write /none/metrics: No such "
-                                          "file or directory; no more metrics\n")
+    prefix = "vantrel-launch: "
+    assert [line.removeprefix(prefix) for line in run.err.read_text().splitlines()
+            if "control port" not in line] == [
+        f"cannot write {metrics}: No such file or directory; trying again every second",
+        f"{metrics} is written again",
+        f"cannot write {metrics}: not a regular file; trying again every second"]
     assert [json.loads(line)["record"] for line in run.out.read_text().splitlines()] == [
         "started", "network", "stats", "daemon_ended"]
     bench.end_process(companion)

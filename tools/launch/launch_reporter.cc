@@ -2,9 +2,10 @@
 
 #include <unistd.h>
 
-#include <exception>
+#include <utility>
 
 #include "common/printable.h"
+#include "tools/launch/metrics.h"
 #include "tools/launch/status_text.h"
 
 namespace vantrel {
@@ -25,73 +26,91 @@ LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
                options.is_json ? "}" : " lines"),
       talk_(loop.GetContext(), STDERR_FILENO,
             std::string(kProgram) + "dropped ", " messages"),
-      has_metrics_file_(!options.metrics.empty()) {
+      network_change_(loop.GetContext(), [this] { TellNetwork(); }) {
   state_.link = options.link.text;
   state_.protocol = options.protocol;
   if (!options.is_direct) state_.link_traffic.emplace();
-  if (options.status_socket.empty()) return;
-  status_server_.emplace(
-      loop, options.status_socket,
-      StatusServer::callbacks_t{
-          [this] { return GetStateLine(); },
-          [this](const std::string& message) { Say(message); }});
+  const auto say = [this](const std::string& message) { Say(message); };
+  if (!options.metrics.empty()) {
+    const auto get_text = [this] {
+      return FormatMetrics(state_, packages_.GetNames(GetSteadyTime()));
+    };
+    metrics_.emplace(loop.GetContext(), options.metrics,
+                     MetricsFile::callbacks_t{get_text, say});
+  }
+  if (!options.status_socket.empty()) {
+    const auto get_state = [this] { return GetStateLine(); };
+    status_server_.emplace(loop, options.status_socket,
+                           StatusServer::callbacks_t{get_state, say});
+  }
 }
 
 void LaunchReporter::Connecting() {
-  service_manager_.Notify("STATUS=connecting " + options_.link.text);
-  Enter(launch_state_t::kConnecting);
+  // However long the companion is away: it is the link that is not ready then.
+  if (!std::exchange(is_ready_told_, true)) service_manager_.Notify("READY=1");
+  Enter(launch_state_t::kConnecting, "connecting " + options_.link.text);
+}
+
+void LaunchReporter::Failed(const std::string& reason) {
+  Say(reason);
+  last_failure_ = reason;
 }
 
 void LaunchReporter::Record(const status_record_t& record) {
-  // Read afresh: packages come and go while the daemon runs.
-  const PackageNames names = PackageNames::Load();
+  const PackageNames& names = packages_.GetNames(GetSteadyTime());
   const std::string text = RecordToText(record, names);
-  Print(text, RecordToJson(record, names));
+  Print(text, WantsJson() ? RecordToJson(record, names) : "");
   CountRecord(record, names, &state_);
   switch (record.kind) {
     case status_record_t::kStarted:
       ++state_.starts;
       started_ms_ = GetTimeMs();
-      service_manager_.Notify("READY=1\nSTATUS=running over " +
-                              options_.link.text);
-      Enter(launch_state_t::kRunning);
+      network_.clear();
+      Enter(launch_state_t::kRunning, "running over " + options_.link.text);
       break;
     case status_record_t::kNetworkState:
-      service_manager_.Notify("STATUS=running over " + options_.link.text +
-                              ", " + text);
-      Enter(state_.phase);
+      // Most often the same as before.
+      if (std::exchange(network_, text) != text) network_change_.Ask();
       break;
     case status_record_t::kTransferStats:
       state_.stats_time_ms = GetTimeMs();
+      UpdateMetrics();
       break;
     case status_record_t::kExitCode:
       break;
   }
-  WriteMetrics(names);
+}
+
+void LaunchReporter::TellNetwork() {
+  // The run may have ended since, and the next one has none yet.
+  if (state_.phase != launch_state_t::kRunning || network_.empty()) return;
+  Enter(state_.phase, "running over " + options_.link.text + ", " + network_);
 }
 
 void LaunchReporter::Stopping() {
-  service_manager_.Notify("STOPPING=1\nSTATUS=stopping");
-  Enter(launch_state_t::kStopping);
+  service_manager_.Notify("STOPPING=1");
+  Enter(launch_state_t::kStopping, "stopping");
 }
 
 void LaunchReporter::DaemonEnded(int wait_status) {
   started_ms_ = 0;
-  const std::string text = DaemonEndToText(wait_status);
-  service_manager_.Notify("STATUS=" + text);
-  Print(text, DaemonEndToJson(wait_status));
-  Enter(launch_state_t::kEnded);
-  WriteMetrics(PackageNames::Load());
+  last_failure_ = DaemonEndToText(wait_status);
+  Print(last_failure_, DaemonEndToJson(wait_status));
+  Enter(launch_state_t::kEnded, last_failure_);
 }
 
 void LaunchReporter::Waiting(std::chrono::seconds time) {
-  Say("connecting again in " + std::to_string(time.count()) + " s");
-  Enter(launch_state_t::kWaiting);
+  const std::string text =
+      "connecting again in " + std::to_string(time.count()) + " s";
+  Say(text);
+  Enter(launch_state_t::kWaiting, text + ": " + last_failure_);
 }
 
 void LaunchReporter::AddLinkBytes(uint64_t received, uint64_t sent) {
+  if (received + sent == 0) return;
   state_.link_traffic->rx_bytes += received;
   state_.link_traffic->tx_bytes += sent;
+  UpdateMetrics();
 }
 
 void LaunchReporter::Print(const std::string& text, const std::string& json) {
@@ -99,13 +118,23 @@ void LaunchReporter::Print(const std::string& text, const std::string& json) {
   if (status_server_) status_server_->Send(json);
 }
 
-void LaunchReporter::Enter(launch_state_t::Phase phase) {
+bool LaunchReporter::WantsJson() const {
+  return options_.is_json || (status_server_ && status_server_->HasReaders());
+}
+
+void LaunchReporter::Enter(launch_state_t::Phase phase,
+                           const std::string& status) {
   state_.phase = phase;
+  service_manager_.Notify("STATUS=" + EscapeControls(status));
   if (status_server_) status_server_->SendState();
+  UpdateMetrics();
+}
+
+void LaunchReporter::UpdateMetrics() {
+  if (metrics_) metrics_->Update();
 }
 
 std::string LaunchReporter::GetStateLine() {
-  if (count_link_bytes_) count_link_bytes_();
   state_.time_ms = GetTimeMs();
   state_.uptime_ms = started_ms_ == 0 ? 0 : state_.time_ms - started_ms_;
   return StateToJson(state_);
@@ -122,22 +151,13 @@ void LaunchReporter::Say(const std::string& message) {
 }
 
 void LaunchReporter::Finish() {
+  if (metrics_) metrics_->Finish();
   const size_t unread = records_.Finish(kLastMomentMs);
   if (unread > 0) {
     Say("nobody has read " + std::to_string(unread) +
         " lines on standard output");
   }
   talk_.Finish(kLastMomentMs);
-}
-
-void LaunchReporter::WriteMetrics(const PackageNames& names) {
-  if (!has_metrics_file_) return;
-  try {
-    WriteFileAtomically(options_.metrics, FormatMetrics(state_, names));
-  } catch (const std::exception& e) {
-    Say(std::string(e.what()) + "; no more metrics");
-    has_metrics_file_ = false;
-  }
 }
 
 }  // namespace vantrel

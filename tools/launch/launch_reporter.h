@@ -13,10 +13,12 @@
 #include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/line_writer.h"
-#include "tools/launch/metrics.h"
+#include "tools/launch/metrics_file.h"
+#include "tools/launch/paced_task.h"
 #include "tools/launch/status_reader.h"
 #include "tools/launch/status_server.h"
 #include "tools/launch_state.h"
+#include "tools/package_names.h"
 
 namespace vantrel {
 
@@ -31,17 +33,14 @@ class LaunchReporter {
   LaunchReporter(const launch_options_t& options, EventLoop& loop);
 
   void Connecting();
+  // An attempt has ended without a daemon.
+  void Failed(const std::string& reason);
   void Record(const status_record_t& record);
   void Stopping();
   void DaemonEnded(int wait_status);
   // Before connecting again.
   void Waiting(std::chrono::seconds time);
-
-  // |count_link_bytes| calls AddLinkBytes() with what is new, whenever the
-  // totals are wanted; empty: there is no relay.
-  void SetLinkCounter(std::function<void()> count_link_bytes) {
-    count_link_bytes_ = std::move(count_link_bytes);
-  }
+  // What the relay has moved since the last call.
   void AddLinkBytes(uint64_t received, uint64_t sent);
 
   // One line for a person.
@@ -53,22 +52,30 @@ class LaunchReporter {
   static constexpr int kLastMomentMs = 200;
 
  private:
-  void Enter(launch_state_t::Phase phase);
+  // |status| is for the service manager.
+  void Enter(launch_state_t::Phase phase, const std::string& status);
+  void TellNetwork();
+  // To be called when something of the totals has changed.
+  void UpdateMetrics();
   std::string GetStateLine();
   uint64_t GetTimeMs() const;
   // A record, in both of its forms.
   void Print(const std::string& text, const std::string& json);
-  void WriteMetrics(const PackageNames& names);
+  bool WantsJson() const;
 
   const launch_options_t& options_;  // not owned
   LineWriter records_;
   LineWriter talk_;
+  PackageList packages_;
   launch_state_t state_;
   const SteadyTime began_ = GetSteadyTime();
-  uint64_t started_ms_ = 0;  // when the daemon did, if it runs
-  std::function<void()> count_link_bytes_;
+  uint64_t started_ms_ = 0;   // when the daemon did, if it runs
+  std::string network_;       // the record of the run's last one, in words
+  std::string last_failure_;  // why the last attempt ended
+  bool is_ready_told_ = false;
   ServiceManager service_manager_;
-  bool has_metrics_file_;
+  PacedTask network_change_;  // a companion can report one after the other
+  std::optional<MetricsFile> metrics_;
   std::optional<StatusServer> status_server_;
 };
 

@@ -59,11 +59,9 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       near_end_(loop.GetContext()),
       opening_(std::stoi(options.protocol), LinkOpening::Sender::kCompanion) {
   StartDaemon(std::move(link));
-  reporter_.SetLinkCounter([this] { CountLinkBytes(); });
 }
 
 LaunchSession::~LaunchSession() {
-  reporter_.SetLinkCounter({});
   loop_.SetSignalHandler({});
   for (RelayDirection* direction :
        {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {
@@ -160,9 +158,11 @@ LaunchSession::end_t LaunchSession::Run() {
     inbound_->Start();
     outbound_->Start();
   }
-  while (!IsOver()) loop_.GetContext().run_one();
+  while (!IsOver()) {
+    loop_.GetContext().run_one();
+    CountLinkBytes();
+  }
   if (status_.is_open()) EndStatus();
-  CountLinkBytes();
   end_.wait_status = daemon_->GetWaitStatus();
   return end_;
 }
@@ -225,7 +225,6 @@ void LaunchSession::HandleStatus() {
 }
 
 void LaunchSession::HandleRecord(const status_record_t& record) {
-  CountLinkBytes();
   reporter_.Record(record);
   if (options_.is_direct && record.kind == status_record_t::kExitCode &&
       record.exit_code == kConnectFailed) {

@@ -70,7 +70,7 @@ Launcher::attempt_t Launcher::Attempt() {
     return RunSession(
         ConnectLink(options_.link, options_.security, &loop_, kConnectTimeout));
   } catch (const std::exception& e) {
-    reporter_.Say(e.what());
+    reporter_.Failed(e.what());
   }
   attempt_t attempt;
   const int stop_signal = loop_.GetStopSignal();

@@ -1,14 +1,5 @@
 #include "tools/launch/metrics.h"
 
-#include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "programs/unique_fd.h"
-#include "tools/system_failure.h"
-
 namespace vantrel {
 namespace {
 
@@ -89,22 +80,6 @@ std::string FormatMetrics(const launch_state_t& state,
               "Bytes relayed to the companion.") +
          "vantrel_link_sent_bytes_total " + std::to_string(link.tx_bytes) +
          "\n" + FormatNetwork(state) + FormatUids(state, names);
-}
-
-void WriteFileAtomically(const std::string& path, const std::string& text) {
-  // A new file with a name that nobody can foresee, so that no link leads
-  // elsewhere; its reader may be another user, whatever our umask.
-  std::string temporary = path + ".XXXXXX";
-  const UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
-  if (file.Get() < 0) throw SystemFailure("cannot write " + path);
-  if (write(file.Get(), text.data(), text.size()) !=
-          static_cast<ssize_t>(text.size()) ||
-      fchmod(file.Get(), 0644) != 0 ||
-      rename(temporary.c_str(), path.c_str()) != 0) {
-    const auto failure = SystemFailure("cannot write " + path);
-    unlink(temporary.c_str());
-    throw failure;
-  }
 }
 
 }  // namespace vantrel

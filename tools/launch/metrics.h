@@ -20,9 +20,4 @@ std::string FormatMetrics(const launch_state_t& state,
 // |value| as it stands between the quotes of a label.
 std::string EscapeLabelValue(const std::string& value);
 
-// Replaces |path| in one step: a reader, which may be anybody, sees the old
-// text or the new one. A link at |path| is replaced, not followed.
-// Throws std::system_error, with |path| as it was.
-void WriteFileAtomically(const std::string& path, const std::string& text);
-
 }  // namespace vantrel

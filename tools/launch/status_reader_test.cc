@@ -1,12 +1,18 @@
 #include "tools/launch/status_reader.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <sstream>
 #include <string>
 
+#include "platform/linux/device_files_testing.h"
 #include "tools/launch/metrics.h"
 #include "tools/launch/status_text.h"
+#include "tools/package_names.h"
 
 namespace vantrel {
 namespace {
@@ -76,6 +82,38 @@ TEST(StatusReader, EveryRecordInWordsAndAsJsonInPiecesOfAnySize) {
       EXPECT_EQ(c.text, Read(c.bytes, piece_bytes));
     }
   }
+}
+
+// Shown by a change that a look cannot see: it keeps size and time.
+TEST(PackageList, IsReadAgainOnceItHasChanged) {
+  const std::string path =
+      testing::TempDir() + "packages." + std::to_string(getpid());
+  SetDeviceFile(DeviceFile::kPackageList, path);
+  const auto write = [&path](const std::string& text, time_t time) {
+    std::ofstream(path) << text << " 10123 0 /data/x\n";
+    const timespec times[2] = {{time, 0}, {time, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
+  };
+  PackageList list;
+  const struct {
+    const char* name;
+    time_t file_time;
+    int look_ms;
+    std::string expected;
+  } steps[] = {{"a", 1, 0, "a"},
+               {"b", 2, 999, "a"},
+               {"b", 2, 1000, "b"},
+               {"c", 2, 5000, "b"},
+               {"d", 3, 6000, "d"}};
+  const SteadyTime start = GetSteadyTime();
+  for (const auto& step : steps) {
+    write(step.name, step.file_time);
+    const auto now = start + std::chrono::milliseconds(step.look_ms);
+    EXPECT_EQ(step.expected, list.GetNames(now).Find(10123)) << step.look_ms;
+  }
+  unlink(path.c_str());
+  const auto end = start + std::chrono::seconds(10);
+  EXPECT_EQ("", list.GetNames(end).Find(10123));
 }
 
 TEST(Metrics, ReportsAddUpUnderEscapedLabels) {

@@ -8,6 +8,7 @@
 #include "programs/standard_descriptors.h"
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
+#include "tools/launch/metrics_file.h"
 #include "tools/launch_state.h"
 
 namespace vantrel {
@@ -80,7 +81,8 @@ void AddReportOptions(CLI::App* app, launch_options_t* options) {
                 "Print records as JSON objects, one a line");
   app->add_option("--metrics", options->metrics,
                   "Keep totals in this file, in Prometheus' text format")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(FindFaultOfMetricsPath);
   app->add_option("--status-socket", options->status_socket,
                   "Tell whoever connects to this socket what happens, for "
                   "vantrelctl top")

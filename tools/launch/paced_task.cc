@@ -1,0 +1,33 @@
+#include "tools/launch/paced_task.h"
+
+#include <system_error>
+#include <utility>
+
+namespace vantrel {
+
+PacedTask::PacedTask(asio::io_context& loop, std::function<void()> work)
+    : work_(std::move(work)), timer_(loop) {}
+
+void PacedTask::Ask() {
+  if (std::exchange(is_asked_, true)) return;
+  if (GetSteadyTime() >= next_) {
+    Run();
+    return;
+  }
+  timer_.expires_at(next_);
+  timer_.async_wait([this](const std::error_code& error) {
+    if (!error && is_asked_) Run();
+  });
+}
+
+void PacedTask::Run() {
+  is_asked_ = false;
+  next_ = GetSteadyTime() + kPause;
+  work_();
+}
+
+void PacedTask::Finish() {
+  if (is_asked_) Run();
+}
+
+}  // namespace vantrel
