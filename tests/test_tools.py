@@ -1,5 +1,6 @@
 """The control port at the wire, and the programs a person works with."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -8,6 +9,7 @@ import signal
 import socket
 import struct
 import subprocess
+import threading
 
 import pytest
 
@@ -108,6 +110,12 @@ def test_only_the_daemons_own_lines_count(launch):
     assert re.fullmatch(r"round trip: \d{1,4} ms\n", ping.communicate(timeout=10)[0])
 
 
+def hang_up_on_each(listener):
+    with contextlib.suppress(OSError):
+        while True:
+            listener.accept()[0].close()
+
+
 def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
     device = make_device()
     with socket.socket(socket.AF_UNIX) as listener:
@@ -125,6 +133,30 @@ def test_one_daemon_on_a_device_and_a_silent_companion(make_device):
         assert standing_rules(device) == []
         first.wait_for(first.err, "warning: the companion has not said anything yet")
         assert first.end() == 0
+    notes = device.dir / "notes"
+    notes.write_text("10 o'clock")
+    wrong = device.run(BIN_DIR / "vantrel-launch", "--lock", notes, "unix:/none", check=False)
+    assert wrong.returncode == 1 and "is no lock file" in wrong.stderr
+    assert notes.read_text() == "10 o'clock"
+
+
+def test_what_leads_past_the_daemon_or_ends_it_at_once(make_device):
+    device = make_device()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(f"{device.dir}/hasty")
+        listener.listen()
+        threading.Thread(target=hang_up_on_each, args=[listener], daemon=True).start()
+        run = Launch(device, "--restart", link="hasty")
+        run.wait_for(run.err, "connecting again in 1 s")
+        device.run("ip", "route", "del", "local", "default")
+        run.wait_for(run.err, "warning: there is no route to the daemon")
+        run.wait_for(run.err, "connecting again in 2 s")
+        device.run("sh", "-ec", "ip link add eth0 type ifb || ip link add eth0 type dummy; "
+                   "ip link set eth0 up; ip route add default dev eth0")
+        run.wait_for(run.err, "warning: the route to 192.0.2.1 leads through eth0, past")
+        run.wait_for(run.err, "connecting again in 4 s")
+        assert run.end() == 128 + signal.SIGTERM
+    assert run.err.read_text().count("warning: ") == 2
 
 
 def test_what_is_wrong_with_a_companion(make_device):

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tools/system_failure.h"
 
@@ -17,10 +18,22 @@ struct flock WholeFile() {
   return range;
 }
 
-std::string DescribeHolder(int file) {
+// The number of a process, as a rule; empty for a new file.
+std::string ReadLock(int file) {
   char text[16] = {};
   static_cast<void>(!pread(file, text, sizeof(text) - 1, 0));
-  const long pid = strtol(text, nullptr, 10);
+  return text;
+}
+
+bool IsLock(int file) {
+  struct stat kind = {};
+  fstat(file, &kind);
+  return S_ISREG(kind.st_mode) && kind.st_size < 16 &&
+         ReadLock(file).find_first_not_of("0123456789\n") == std::string::npos;
+}
+
+std::string DescribeHolder(int file) {
+  const long pid = strtol(ReadLock(file).c_str(), nullptr, 10);
   return pid > 0 ? "process " + std::to_string(pid) : "another process";
 }
 
@@ -37,6 +50,9 @@ LockFile::LockFile(const std::string& path)
     }
     throw DeviceInUse("a daemon of " + DescribeHolder(file_.Get()) +
                       " runs on this device (" + path + ")");
+  }
+  if (!IsLock(file_.Get())) {
+    throw std::runtime_error(path + " is no lock file and is left alone");
   }
   const std::string pid = std::to_string(getpid()) + "\n";
   if (ftruncate(file_.Get(), 0) != 0 ||

@@ -22,8 +22,9 @@ class DeviceInUse : public std::runtime_error {
 // and not by the programs that its owner starts.
 class LockFile {
  public:
-  // Creates |path| where it is missing. Throws DeviceInUse when another process
-  // holds the lock, std::system_error when the file cannot be had.
+  // Creates |path| where it is missing, and writes into no file of another
+  // kind. Throws DeviceInUse when another process holds the lock,
+  // std::runtime_error when the file cannot be had.
   explicit LockFile(const std::string& path);
 
  private:

@@ -30,6 +30,7 @@ class DaemonProcess {
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   bool IsRunning() const { return pid_ >= 0; }
+  pid_t GetPid() const { return pid_; }  // -1 once it has ended
   // Does nothing once it has ended.
   void Signal(int signal) const;
   // Ends it and its commands without asking.

@@ -11,6 +11,7 @@
 #include <exception>
 #include <utility>
 
+#include "tools/launch/route_look.h"
 #include "tools/system_failure.h"
 
 namespace vantrel {
@@ -164,6 +165,7 @@ LaunchSession::end_t LaunchSession::Run() {
   }
   if (status_.is_open()) EndStatus();
   end_.wait_status = daemon_->GetWaitStatus();
+  end_.uptime = GetUptime();
   return end_;
 }
 
@@ -171,6 +173,14 @@ bool LaunchSession::IsOver() const {
   if (daemon_->IsRunning()) return false;
   const bool is_flushed = !outbound_ || outbound_->IsOver();
   return (!status_.is_open() && is_flushed) || is_grace_over_;
+}
+
+SteadyTime::duration LaunchSession::GetUptime() const {
+  if (!started_) return {};
+  const SteadyTime end = link_end_      ? *link_end_
+                         : last_report_ ? *last_report_
+                                        : GetSteadyTime();
+  return end - *started_;
 }
 
 void LaunchSession::OnReadable(asio::posix::stream_descriptor& descriptor,
@@ -232,10 +242,14 @@ void LaunchSession::HandleRecord(const status_record_t& record) {
         "with --direct the companion has to send the connection header; was it "
         "started with --header?");
   }
+  if (record.kind == status_record_t::kTransferStats) {
+    last_report_ = GetSteadyTime();
+  }
   if (record.kind != status_record_t::kStarted) return;
-  end_.has_started = true;
+  started_ = GetSteadyTime();
   warning_timer_.cancel();
   LookAtRules();
+  LookAtRoute();
   if (inbound_ && options_.protocol != "1") {
     After(warning_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
   }
@@ -264,6 +278,11 @@ void LaunchSession::LookAtRules() {
     reporter_.Say(std::string("warning: cannot look at the rules: ") +
                   e.what());
   }
+}
+
+void LaunchSession::LookAtRoute() {
+  const std::string fault = FindFaultOfRoute(daemon_->GetPid());
+  if (!fault.empty()) reporter_.Say("warning: " + fault);
 }
 
 void LaunchSession::KillDaemon() {
@@ -333,8 +352,8 @@ void LaunchSession::HandleOutboundEnd() {
 }
 
 void LaunchSession::EndLink(int error) {
-  if (is_link_over_ || !daemon_->IsRunning()) return;
-  is_link_over_ = true;
+  if (link_end_ || !daemon_->IsRunning()) return;
+  link_end_ = GetSteadyTime();
   if (!std::exchange(is_ending_, true)) {
     After(kill_timer_, kDaemonEndTimeout, &LaunchSession::KillDaemon);
   }

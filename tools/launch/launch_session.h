@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "programs/link_opening.h"
+#include "programs/steady_time.h"
 #include "tools/control_port.h"
 #include "tools/launch/daemon_process.h"
 #include "tools/launch/event_loop.h"
@@ -26,7 +27,9 @@ class LaunchSession {
  public:
   struct end_t {
     int wait_status = 0;
-    bool has_started = false;     // the daemon reported its start
+    // From the daemon's start, if it came so far, to the first sign of its end:
+    // the end of the link, its last record, or its own.
+    SteadyTime::duration uptime{0};
     bool is_stop_wanted = false;  // a signal was passed on
   };
 
@@ -49,6 +52,7 @@ class LaunchSession {
   void StartRelay(connected_link_t link, UniqueFd near_end);
   RelayDirection::Tap MakeTap(PcapngWriter::Direction direction) const;
   bool IsOver() const;
+  SteadyTime::duration GetUptime() const;
 
   // Calls |handler| once, if all goes well until then.
   void OnReadable(asio::posix::stream_descriptor& descriptor, Handler handler);
@@ -60,6 +64,7 @@ class LaunchSession {
   void HandleRecord(const status_record_t& record);
   void EndStatus();
   void LookAtRules();
+  void LookAtRoute();
   void HandleGraceEnd() { is_grace_over_ = true; }
   void AskForStats();
   void KillDaemon();
@@ -86,6 +91,9 @@ class LaunchSession {
   asio::steady_timer kill_timer_;     // from when the daemon is to end
   asio::steady_timer warning_timer_;  // of a slow start, then of silence
   asio::steady_timer stats_timer_;
+  std::optional<SteadyTime> started_;  // when the daemon reported it
+  std::optional<SteadyTime> link_end_;
+  std::optional<SteadyTime> last_report_;
   bool is_grace_over_ = false;
   bool is_ending_ = false;                   // the daemon is to end
   std::optional<ControlPort> control_port_;  // made when first needed
@@ -102,7 +110,6 @@ class LaunchSession {
   std::optional<RelayDirection> inbound_;   // companion to daemon
   std::optional<RelayDirection> outbound_;  // daemon to companion
   LinkOpening opening_;                     // of the companion
-  bool is_link_over_ = false;
   uint64_t counted_inbound_ = 0;
   uint64_t counted_outbound_ = 0;
 };

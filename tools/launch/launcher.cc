@@ -24,6 +24,10 @@ constexpr std::chrono::seconds kHurriedRulesTime{2};
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{60};
 
+// What ends earlier has done no work: most often the companion speaks another
+// protocol, or sends the device away. It will again.
+constexpr std::chrono::seconds kAtOnce{1};
+
 // The daemon refused its arguments, as it will the next time.
 bool IsUsageError(int wait_status) {
   return WIFEXITED(wait_status) &&
@@ -49,7 +53,7 @@ int Launcher::Run() {
     if (!options_.is_restarting || attempt.is_final) {
       return End(attempt.exit_status);
     }
-    if (attempt.has_started) pause = kFirstPause;
+    if (attempt.has_worked) pause = kFirstPause;
     reporter_.Waiting(pause);
     loop_.WaitFor(-1, EventLoop::Readiness::wait_read, GetSteadyTime() + pause);
     if (loop_.GetStopSignal() != 0) return End(128 + loop_.GetStopSignal());
@@ -84,7 +88,7 @@ Launcher::attempt_t Launcher::RunSession(connected_link_t link) {
       LaunchSession(options_, std::move(link), loop_, reporter_, capture_.get())
           .Run();
   attempt_t attempt;
-  attempt.has_started = end.has_started;
+  attempt.has_worked = end.uptime >= kAtOnce;
   attempt.exit_status = WIFSIGNALED(end.wait_status)
                             ? 128 + WTERMSIG(end.wait_status)
                             : WEXITSTATUS(end.wait_status);

@@ -31,7 +31,7 @@ class Launcher {
   // What one attempt came to. Without a session the daemon never ran.
   struct attempt_t {
     int exit_status = 1;
-    bool has_started = false;
+    bool has_worked = false;
     bool is_final = false;  // another attempt is not wanted or cannot help
   };
   attempt_t Attempt();

@@ -38,11 +38,8 @@ constexpr double kPaceStep = 1.5;
 size_t GetCapacity(const shape_t& shape) {
   if (!shape.IsNeeded()) return kMaxHeldBytes;
   if (shape.bits_per_second == 0) return 16 * kMaxHeldBytes;
-  const double seconds = static_cast<double>(shape.delay.count()) / 1e6;
-  const double on_its_way =
-      static_cast<double>(shape.bits_per_second) / 8 * seconds;
   return kMaxHeldBytes + shape.chunk_bytes +
-         static_cast<size_t>(std::min(on_its_way, 64e6));
+         static_cast<size_t>(shape.GetBytesOnTheWay());
 }
 
 }  // namespace

@@ -19,9 +19,11 @@ TEST(Shape, TakesEachPartAndRefusesTheRest) {
   ASSERT_TRUE(shape) << reason;
   EXPECT_EQ(2500000u, shape->bits_per_second);
   EXPECT_EQ(milliseconds(30), shape->delay);
+  EXPECT_TRUE(ParseShape("rate=1Gbit,delay=536ms", &reason)) << reason;
   for (const char* text :
-       {"rate", "rate=", "rate=0Mbit", "rate=-1Mbit", "rate=2", "delay=61s",
-        "chunk=0", "chunk=65536", "speed=1", "rate=2Mbit,,", "rate=nan"}) {
+       {"rate=1Gbit,delay=537ms", "rate=1Gbit,delay=60ms,chunk=1", "rate",
+        "rate=", "rate=0Mbit", "rate=-1Mbit", "rate=2", "delay=61s", "chunk=0",
+        "chunk=65536", "speed=1", "rate=2Mbit,,", "rate=nan"}) {
     EXPECT_FALSE(ParseShape(text, &reason)) << text;
   }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <initializer_list>
 #include <sstream>
 
@@ -49,6 +50,10 @@ bool ParsePart(const std::string& name, const std::string& value,
   return amount.has_value();
 }
 
+std::string ToMebibytes(double bytes) {
+  return std::to_string(static_cast<uint64_t>(std::ceil(bytes / (1 << 20))));
+}
+
 }  // namespace
 
 std::optional<shape_t> ParseShape(const std::string& text,
@@ -65,7 +70,26 @@ std::optional<shape_t> ParseShape(const std::string& text,
       return std::nullopt;
     }
   }
+  const double memory = Shaper::GetMemoryBytes(shape);
+  if (memory > Shaper::kMaxMemoryBytes) {
+    *reason = "such a link needs " + ToMebibytes(memory) +
+              " MiB of memory each way, and " +
+              ToMebibytes(Shaper::kMaxMemoryBytes) + " is the limit";
+    return std::nullopt;
+  }
   return shape;
+}
+
+double shape_t::GetBytesOnTheWay() const {
+  const double seconds = static_cast<double>(delay.count()) / 1e6;
+  return static_cast<double>(bits_per_second) / 8 * seconds;
+}
+
+double Shaper::GetMemoryBytes(const shape_t& shape) {
+  const double bytes = shape.GetBytesOnTheWay();
+  if (shape.chunk_bytes == 0) return bytes;
+  return bytes * (1 + static_cast<double>(sizeof(run_t)) /
+                          static_cast<double>(shape.chunk_bytes));
 }
 
 void Shaper::Enter(size_t bytes, SteadyTime now) {

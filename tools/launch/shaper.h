@@ -21,11 +21,15 @@ struct shape_t {
   bool IsNeeded() const {
     return bits_per_second > 0 || delay.count() > 0 || chunk_bytes > 0;
   }
+  // How many bytes are between the two ends of a full link; 0 without a rate.
+  double GetBytesOnTheWay() const;
 };
 
 // "rate=2Mbit,delay=30ms,chunk=990", each part at most once and none needed:
 // rate in bit, kbit, Mbit or Gbit per second, delay in us, ms or s, chunk in
-// bytes up to 65535. None when |text| is something else; |reason| says what.
+// bytes up to 65535, all together within
+// Shaper::kMaxMemoryBytes. None when |text| is something else; |reason| says
+// what.
 std::optional<shape_t> ParseShape(const std::string& text, std::string* reason);
 
 // Decides when bytes may leave one direction of a slow link. Holds no bytes
@@ -34,7 +38,13 @@ std::optional<shape_t> ParseShape(const std::string& text, std::string* reason);
 // delay later.
 class Shaper {
  public:
+  static constexpr size_t kMaxMemoryBytes = 64 * 1024 * 1024;
+
   explicit Shaper(const shape_t& shape) : shape_(shape) {}
+
+  // What a full link takes in each direction: its bytes, and a run for each of
+  // their chunks.
+  static double GetMemoryBytes(const shape_t& shape);
 
   // |bytes| entered the link.
   void Enter(size_t bytes, SteadyTime now);

@@ -1,0 +1,104 @@
+#include "tools/launch/route_look.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <net/if.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include "common/interception.h"
+#include "programs/route_request.h"
+#include "programs/unique_fd.h"
+
+namespace vantrel {
+namespace {
+
+// No network has it (RFC 5737), so only a default route leads there.
+constexpr char kSomewhere[] = "192.0.2.1";
+
+struct route_t {
+  int error = 0;           // there is none
+  unsigned char type = 0;  // RTN_LOCAL, RTN_UNICAST, ...
+  unsigned interface = 0;
+  uint32_t source = 0;  // network byte order; 0: none
+};
+
+uint32_t GetValue(const rtattr* attribute) {
+  uint32_t value = 0;
+  if (RTA_PAYLOAD(attribute) == sizeof(value)) {
+    memcpy(&value, RTA_DATA(attribute), sizeof(value));
+  }
+  return value;
+}
+
+route_t ReadRoute(const nlmsghdr* header) {
+  route_t found;
+  const auto* const route = static_cast<const rtmsg*>(NLMSG_DATA(header));
+  found.type = route->rtm_type;
+  auto length = RTM_PAYLOAD(header);
+  for (const rtattr* attribute = RTM_RTA(route); RTA_OK(attribute, length);
+       attribute = RTA_NEXT(attribute, length)) {
+    if (attribute->rta_type == RTA_OIF) found.interface = GetValue(attribute);
+    if (attribute->rta_type == RTA_PREFSRC) found.source = GetValue(attribute);
+  }
+  return found;
+}
+
+// False when the kernel cannot be asked.
+[[nodiscard]] bool FindRoute(const char* destination, route_t* route) {
+  const UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const route_request_t request =
+      MakeRouteRequest(inet_addr(destination), /*sequence=*/1);
+  if (send(fd.Get(), &request, sizeof(request), 0) < 0) return false;
+  // The answer is there when the question was taken.
+  alignas(nlmsghdr) char bytes[4096];
+  const ssize_t count = recv(fd.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
+  const auto* const header = reinterpret_cast<const nlmsghdr*>(bytes);
+  if (count < 0 || !NLMSG_OK(header, static_cast<size_t>(count))) return false;
+  if (header->nlmsg_type == NLMSG_ERROR) {
+    const auto* const error = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
+    route->error = -error->error;
+  } else {
+    *route = ReadRoute(header);
+  }
+  return true;
+}
+
+// True also when nobody tells.
+bool HasOurNetwork(pid_t process) {
+  struct stat ours = {};
+  struct stat theirs = {};
+  const std::string path = "/proc/" + std::to_string(process) + "/ns/net";
+  return stat("/proc/self/ns/net", &ours) != 0 ||
+         stat(path.c_str(), &theirs) != 0 || ours.st_ino == theirs.st_ino;
+}
+
+}  // namespace
+
+std::string FindFaultOfRoute(pid_t daemon) {
+  route_t route;
+  if (!HasOurNetwork(daemon) || !FindRoute(kSomewhere, &route)) return "";
+  const std::string where = std::string("the route to ") + kSomewhere;
+  if (route.error != 0) {
+    return "there is no route to the daemon, applications have no network: " +
+           where + ": " + strerror(route.error);
+  }
+  char name[IF_NAMESIZE] = "?";
+  if (route.type != RTN_LOCAL) {
+    if_indextoname(route.interface, name);
+    return where + " leads through " + name +
+           ", past the daemon, and not \"local\" through lo; see ip route "
+           "get " +
+           kSomewhere;
+  }
+  if (route.source != inet_addr(kApplicationAddressText)) {
+    in_addr source = {route.source};
+    return where + " has the source address " + inet_ntoa(source) +
+           " and not " + kApplicationAddressText +
+           ": owners of connections will not be found";
+  }
+  return "";
+}
+
+}  // namespace vantrel
