@@ -42,12 +42,12 @@ SuccessAction=exit
 FailureAction=exit
 [Service]
 Type=oneshot
-TimeoutStartSec=90
+TimeoutStartSec=150
 ExecStart=/bin/bash -eEu -o pipefail /srv/check/check_install_steps.sh /srv/check
 StandardOutput=file:/srv/check/output
 StandardError=file:/srv/check/output
 UNIT
-if ! timeout --kill-after=10 120 systemd-nspawn --quiet --register=no --keep-unit \
+if ! timeout --kill-after=10 180 systemd-nspawn --quiet --register=no --keep-unit \
   --private-network --directory="$work/root" --bind="$dir:/srv/check" \
   --boot systemd.unit=check-install.service >"$dir/console" 2>&1 </dev/null; then
   cat "$dir/console" "$dir/companion.log" "$dir/output" >&2 || true

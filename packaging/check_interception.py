@@ -12,8 +12,8 @@ HEADERS = ROOT / "common/interception.h", ROOT / "daemon/interception_rules.h"
 # Each file, and what of the definitions it must mention.
 USERS = {
     "scripts/lib/device.sh": ["kApplicationAddressText", "kInterface", "kIptablesWrapper"],
-    "packaging/linux/systemd/vantrel-network.service.in":
-        ["kApplicationAddressText", "kInterface"],
+    "packaging/linux/network": ["kApplicationAddressText", "kInterface"],
+    "packaging/linux/no_tunnel.nft": ["kInterface"],
     "tests/bench.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
     "scripts/lib/demo_steps.sh": [],
     "docs/android.md": ["kApplicationAddressText", "kInterface", "kIptablesWrapper", "kTcpChain",

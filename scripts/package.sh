@@ -15,7 +15,7 @@ for arch in "$@"; do
   esac
 done
 out=build/package
-scripts/setup.sh all
+scripts/setup.sh package
 
 # build ARCH CMAKE_OPTION...: leaves the programs in build/package/ARCH/bin.
 build() {

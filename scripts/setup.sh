@@ -1,21 +1,26 @@
 #!/bin/bash
-# scripts/setup.sh build|test|real|bench|bluetooth|cross|all: installs what is missing to
-# build the programs and their unit tests (build), to run the tests too (test), among
-# them those with many real programs (real), to measure too (bench), to run
-# scripts/bluetooth.sh too (bluetooth), to build and test for ARM (cross), to run every
-# check and make the package too (all). Asks no question; says nothing when nothing is
-# missing.
+# scripts/setup.sh package|build|test|real|bench|bluetooth|cross|all: installs what is
+# missing to make the packages (package), to build the programs and their unit tests
+# (build), to run the tests too (test), among them those with many real programs (real),
+# to measure too (bench), to run scripts/bluetooth.sh too (bluetooth), to build and test
+# for ARM (cross), to run every check and make the packages too (all). Asks no question;
+# says nothing when nothing is missing. Waits for another apt, 10 minutes at most.
 set -euo pipefail
 
-build=(
+programs=(
   cmake ninja-build g++
   # wire messages, command lines, JSON records, Bluetooth addresses
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev
   # the event loop of the programs beside the daemon; what draws on a terminal
   libasio-dev libncurses-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
 )
+package=(
+  "${programs[@]}"
+  # man pages; what a package depends on
+  scdoc dpkg-dev file
+)
+build=("${programs[@]}" libgtest-dev libgmock-dev libbenchmark-dev)
 test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
@@ -57,10 +62,10 @@ all=(
   gcovr
   # format and linters
   git clang-format clang-tidy cppcheck shellcheck python3-flake8 lua-check
-  # man pages and package; real headers of the device
-  scdoc dpkg-dev lintian
-  # the package's services
-  systemd systemd-container
+  lintian
+  # the package's services, and what they use
+  systemd systemd-container nftables logrotate
+  # real headers of the device
   android-liblog-dev android-libcutils-dev android-libutils-dev
   # the device's build system, which reads Android.bp
   golang-go golang-android-soong-dev golang-github-google-blueprint-dev
@@ -83,6 +88,20 @@ as_root() {
   fi
 }
 
+patience=600 # seconds
+
+# Of its own accord apt never waits for the lock on its lists.
+update_lists() {
+  local tries output
+  for ((tries = 0; tries < patience; tries++)); do
+    ! output=$(as_root apt-get -qq update 2>&1) || return 0
+    [[ $output == *lists/lock* ]] || break
+    sleep 1
+  done
+  echo "$output" >&2
+  return 1
+}
+
 install_missing() {
   local missing=() package
   for package in "$@"; do
@@ -94,9 +113,10 @@ install_missing() {
     exit 1
   fi
   echo "setup: installing ${missing[*]}" >&2
-  as_root apt-get -qq update
+  update_lists
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y \
-    --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
+    -o "DPkg::Lock::Timeout=$patience" --no-install-recommends install "${missing[@]}" \
+    </dev/null >/dev/null
 }
 
 # install_idle PACKAGE...: installs servers, and ends what the new ones started.
@@ -116,6 +136,7 @@ install_idle() {
 }
 
 case ${1:-} in
+  package) install_missing "${package[@]}" ;;
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
   real)
@@ -128,12 +149,12 @@ case ${1:-} in
   cross) install_missing "${build[@]}" "${cross[@]}" ;;
   all)
     install_idle "${real[@]}"
-    install_missing "${build[@]}" "${test[@]}" "${bench[@]}" "${bluetooth[@]}" \
-      "${cross[@]}" "${all[@]}"
+    install_missing "${package[@]}" "${build[@]}" "${test[@]}" "${bench[@]}" \
+      "${bluetooth[@]}" "${cross[@]}" "${all[@]}"
     "$(dirname "$0")/bluetooth.sh" --prepare
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh build|test|real|bench|bluetooth|cross|all" >&2
+    echo "usage: setup.sh package|build|test|real|bench|bluetooth|cross|all" >&2
     exit 2 ;;
 esac

@@ -92,6 +92,8 @@ def test_a_session(launch, tmp_path):
     assert received >= 65536
     assert metrics.stat().st_mode & 0o777 == 0o644
     assert device.run(BIN_DIR / "vantrelctl", "rules", "status").stdout == ""
+    with pytest.raises(ConnectionRefusedError):
+        device.connect("198.51.100.80", 80)
 
 
 def test_only_the_daemons_own_lines_count(launch):
