@@ -10,6 +10,7 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
 import pytest
 
@@ -350,7 +351,9 @@ def test_readers_of_the_status_channel(start):
 
 
 def test_nobody_reads_what_the_launcher_says(make_device):
-    """It keeps some lines and counts the others, and all the rest goes on."""
+    """It keeps some lines and counts the others, and all the rest goes on. What
+    comes without end it takes at a pace: 4096 bytes, of 6 a record, every 20 ms."""
+    records = 60000
     device = make_device()
     os.mkfifo(device.dir / "status.txt")
     output = os.open(device.dir / "status.txt", os.O_RDONLY | os.O_NONBLOCK)
@@ -361,17 +364,20 @@ def test_nobody_reads_what_the_launcher_says(make_device):
         run = Launch(device, "--protocol", "20", wait=False)
         companion = wire.ScriptedCompanion(listener.accept()[0])
     companion.shake_hands()
-    companion.sock.sendall(12000 * wire.message(wire.NETWORK_STATE, (1, 9)))
-    companion.send(wire.TEARDOWN, (1, b"enough"))
     daemon = run.daemon()
+    began = time.monotonic()
+    companion.sock.sendall(records * wire.message(wire.NETWORK_STATE, (1, 9)))
+    companion.send(wire.TEARDOWN, (1, b"enough"))
     wait_until(lambda: is_gone(daemon), "the daemon's end")
+    # The pipe has room for some, the first ones are read at once, and the end takes 1 s.
+    assert time.monotonic() - began > (records * 6 - 65536 - 2 * 4096) / 4096 * 0.02 + 1
     os.set_blocking(output, True)
     with open(output) as lines:
         text = lines.read()
     assert run.process.wait(10) == 0
     dropped, = re.findall(r"^dropped (\d+) lines$", text, re.MULTILINE)
     # Those of start, statistics and end are among them.
-    assert text.count("\n") - 1 + int(dropped) == 12000 + 3
+    assert text.count("\n") - 1 + int(dropped) == records + 3
 
 
 def test_what_the_launcher_cannot_write_or_ask(make_device, tmp_path, monkeypatch):

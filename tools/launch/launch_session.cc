@@ -34,6 +34,10 @@ constexpr std::chrono::seconds kSlowStart{10};
 // Protocol 1 has none.
 constexpr std::chrono::seconds kSilenceTimeout{8};
 
+// Between two looks at the status channel: a companion can have the daemon
+// report without end.
+constexpr std::chrono::milliseconds kStatusPause{20};
+
 // What a shaped link over TCP holds before it is let in: the kernel's smallest.
 constexpr int kShapedReceiveBufferBytes = 2 * 1024;
 
@@ -52,6 +56,7 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       reporter_(reporter),
       capture_(capture),
       status_(loop.GetContext()),
+      status_timer_(loop.GetContext()),
       grace_timer_(loop.GetContext()),
       kill_timer_(loop.GetContext()),
       warning_timer_(loop.GetContext()),
@@ -71,8 +76,8 @@ LaunchSession::~LaunchSession() {
   if (rules_look_) rules_look_->Stop();
   if (link_watch_) link_watch_->Stop();
   for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
-  for (auto* timer :
-       {&grace_timer_, &kill_timer_, &warning_timer_, &stats_timer_}) {
+  for (auto* timer : {&status_timer_, &grace_timer_, &kill_timer_,
+                      &warning_timer_, &stats_timer_}) {
     timer->cancel();
   }
   loop_.GetContext().poll();  // the handlers that were just cancelled
@@ -107,7 +112,7 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   }
   daemon_.emplace(std::move(start));
   loop_.SetSignalHandler([this](int signal) { HandleSignal(signal); });
-  OnReadable(status_, &LaunchSession::HandleStatus);
+  AwaitStatus();
   After(warning_timer_, kSlowStart, &LaunchSession::NoteSlowStart);
 }
 
@@ -191,8 +196,8 @@ void LaunchSession::OnReadable(asio::posix::stream_descriptor& descriptor,
                         });
 }
 
-void LaunchSession::After(asio::steady_timer& timer, std::chrono::seconds time,
-                          Handler handler) {
+void LaunchSession::After(asio::steady_timer& timer,
+                          std::chrono::milliseconds time, Handler handler) {
   timer.expires_after(time);
   timer.async_wait([this, handler](const std::error_code& error) {
     if (!error) (this->*handler)();
@@ -218,11 +223,19 @@ void LaunchSession::HandleSignal(int signal) {
   After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
 }
 
+void LaunchSession::AwaitStatus() {
+  OnReadable(status_, &LaunchSession::HandleStatus);
+}
+
 void LaunchSession::HandleStatus() {
   char bytes[4096];
   const ssize_t count = read(status_.native_handle(), bytes, sizeof(bytes));
   if (count <= 0 && !(count < 0 && errno == EINTR)) return EndStatus();
-  OnReadable(status_, &LaunchSession::HandleStatus);
+  if (is_ending_) {
+    AwaitStatus();
+  } else {
+    After(status_timer_, kStatusPause, &LaunchSession::AwaitStatus);
+  }
   if (count < 0) return;
   status_reader_.Append(bytes, static_cast<size_t>(count));
   const bool was_well = status_reader_.GetProblem().empty();

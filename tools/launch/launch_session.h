@@ -56,10 +56,11 @@ class LaunchSession {
 
   // Calls |handler| once, if all goes well until then.
   void OnReadable(asio::posix::stream_descriptor& descriptor, Handler handler);
-  void After(asio::steady_timer& timer, std::chrono::seconds time,
+  void After(asio::steady_timer& timer, std::chrono::milliseconds time,
              Handler handler);
 
   void HandleSignal(int signal);
+  void AwaitStatus();
   void HandleStatus();
   void HandleRecord(const status_record_t& record);
   void EndStatus();
@@ -83,6 +84,7 @@ class LaunchSession {
   PcapngWriter* const capture_;
 
   asio::posix::stream_descriptor status_;  // closed once the channel has ended
+  asio::steady_timer status_timer_;        // while it rests
   StatusReader status_reader_;
   std::optional<DaemonProcess> daemon_;  // empty only while starting
   std::optional<RulesLook> rules_look_;  // after the start
