@@ -1,10 +1,11 @@
 #pragma once
 
-#include <stddef.h>
-#include <stdint.h>
+#include <linux/netlink.h>
 
 #include <string>
+#include <string_view>
 
+#include "capture/netlink_socket.h"
 #include "common/host_and_port.h"
 
 namespace vantrel {
@@ -22,11 +23,6 @@ struct tracked_connection_t {
 // (linux/netfilter/nfnetlink_conntrack.h).
 class ConnectionTracking {
  public:
-  ConnectionTracking() = default;
-  ConnectionTracking(const ConnectionTracking&) = delete;
-  ConnectionTracking& operator=(const ConnectionTracking&) = delete;
-  ~ConnectionTracking();
-
   // Of the connection between |local|, the accepted socket's own end, and
   // |peer|, both IPv4. False where the kernel says nothing: it has no tracking
   // over netlink, the right to ask is missing, or the connection is forgotten.
@@ -35,25 +31,16 @@ class ConnectionTracking {
                           tracked_connection_t* found);
 
  private:
-  bool Open();
-  // 0, or what DecodeTrackingAnswer() or a system call says.
-  int Ask(const std::string& question, tracked_connection_t* found);
-  void GiveUp(int error);
-
-  int fd_ = -1;  // kept open: later there may be no free descriptor
-  uint32_t sequence_ = 0;
-  bool is_given_up_ = false;
+  NetlinkSocket socket_{NETLINK_NETFILTER, "connection tracking"};
 };
 
-// The question for the connection whose answers go from |local| to |peer|.
+// The question for the connection whose answers go from |local| to |peer|,
+// without the header of netlink.
 std::string EncodeTrackingQuestion(const HostAndPort& local,
-                                   const HostAndPort& peer, uint32_t sequence);
-// Reads |answer|, |size| bytes as the kernel sends them. 0 when it is about an
-// IPv4 connection; otherwise an errno: EAGAIN for the answer to another
-// question than |sequence|, EBADMSG for what is none, or the kernel's refusal,
-// ENOENT for a connection that it does not know.
-[[nodiscard]] int DecodeTrackingAnswer(const char* answer, size_t size,
-                                       uint32_t sequence,
-                                       tracked_connection_t* found);
+                                   const HostAndPort& peer);
+// Reads what the kernel has answered, without that header. False when it is not
+// about an IPv4 connection.
+[[nodiscard]] bool DecodeTrackingAnswer(std::string_view answer,
+                                        tracked_connection_t* found);
 
 }  // namespace vantrel

@@ -27,11 +27,6 @@ int64_t GetMillisecondsSince(const timespec& begin) {
          (now.tv_nsec - begin.tv_nsec) / 1000000;
 }
 
-// What has lost its socket has no inode, and as a rule no owner any more.
-bool HasEnded(const tcp_row_t& row) {
-  return row.state == kTimeWait || (row.inode == 0 && row.uid == 0);
-}
-
 // Established, and without a descriptor as yet.
 bool WaitsToBeAccepted(const tcp_row_t& row) {
   return row.inode == 0 &&
@@ -59,6 +54,11 @@ bool ToIPv4(const tcp6_row_t& row, tcp_row_t* out) {
 }
 
 }  // namespace
+
+// What has lost its socket has no inode, and as a rule no owner any more.
+bool HasEnded(const tcp_row_t& row) {
+  return row.state == kTimeWait || (row.inode == 0 && row.uid == 0);
+}
 
 uint32_t TcpOwners::Find(const connection_t& connection) {
   uint32_t uid = kNobodyUid;

@@ -11,6 +11,9 @@
 
 namespace vantrel {
 
+// Whether the connection of |row| has, so that it has no owner any more.
+bool HasEnded(const tcp_row_t& row);
+
 // Whose captured TCP connections are, from the kernel's tables of sockets.
 //
 // A row counts for its own connection only: it is at the applications' address,

@@ -1,5 +1,6 @@
 #include "capture/uid_helper.h"
 
+#include <arpa/inet.h>
 #include <binder/IPermissionController.h>
 #include <binder/IServiceManager.h>
 #include <errno.h>
@@ -19,8 +20,10 @@
 
 #include "capture/connection_tracking.h"
 #include "capture/original_destination.h"
+#include "capture/socket_diagnosis.h"
 #include "capture/socket_table.h"
 #include "capture/tcp_owners.h"
+#include "common/interception.h"
 #include "common/log.h"
 #include "common/lru_cache.h"
 #include "common/monotonic_clock.h"
@@ -36,6 +39,7 @@ LruCache<Flow, std::pair<uint32_t, timespec>> datagram_owners(kCacheCapacity);
 
 TcpOwners tcp_owners;
 ConnectionTracking connection_tracking;
+SocketDiagnosis socket_diagnosis;
 
 using GetName = int (*)(int fd, sockaddr* address, socklen_t* length);
 
@@ -62,6 +66,21 @@ bool FindConnection(int fd, TcpOwners::connection_t* connection) {
     return true;
   }
   return GetOriginalDestination(fd, &connection->destination);
+}
+
+// Asks for the application's socket alone. False when only the tables can tell.
+bool FindOwnerByItself(const TcpOwners::connection_t& connection,
+                       uint32_t* uid) {
+  const HostAndPort source(
+      IpAddress::FromIPv4NetworkBytes(htonl(kApplicationAddress)),
+      connection.source_port);
+  tcp_row_t row;
+  if (connection.source_port == 0 ||
+      !socket_diagnosis.Find(source, connection.destination, &row)) {
+    return false;
+  }
+  *uid = HasEnded(row) ? UidHelper::kUidNotFound : row.uid;
+  return true;
 }
 
 // Joins the owners of the rows that match one flow: the first match counts
@@ -105,7 +124,9 @@ uint32_t UidHelper::FindOwnerUidForTcpSocket(int fd) {
   }
   TcpOwners::connection_t connection;
   if (!FindConnection(fd, &connection)) return kUidNotFound;
-  return tcp_owners.Find(connection);
+  uint32_t uid;
+  return FindOwnerByItself(connection, &uid) ? uid
+                                             : tcp_owners.Find(connection);
 }
 
 uint32_t UidHelper::FindOwnerUidForDatagram(const HostAndPort& local,

@@ -25,8 +25,8 @@ test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
   util-linux mount procps iproute2 iptables net-tools
-  # a clock that jumps
-  libfaketime
+  # a clock that jumps; a kernel that refuses
+  libfaketime python3-seccomp
   # clients and servers of tests and demonstration
   curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test; a terminal for vantrelctl top
