@@ -4,7 +4,6 @@
 #include <linux/netlink.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "common/log.h"
 
@@ -45,10 +44,6 @@ int DecodeNetlinkAnswer(std::string_view answer, uint32_t sequence,
   return 0;
 }
 
-NetlinkSocket::~NetlinkSocket() {
-  if (fd_ != -1) close(fd_);
-}
-
 int NetlinkSocket::Ask(uint16_t type, const std::string& body,
                        uint16_t answer_type, std::string* answer) {
   if (is_given_up_ || !Open()) return EOPNOTSUPP;
@@ -62,9 +57,9 @@ int NetlinkSocket::Ask(uint16_t type, const std::string& body,
 }
 
 bool NetlinkSocket::Open() {
-  if (fd_ != -1) return true;
-  fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol_);
-  if (fd_ != -1) return true;
+  if (fd_.Get() != -1) return true;
+  fd_.Reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol_));
+  if (fd_.Get() != -1) return true;
   const int error = errno;
   const bool is_want =
       error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
@@ -76,13 +71,13 @@ bool NetlinkSocket::Open() {
 // waits.
 int NetlinkSocket::Exchange(const std::string& question, uint16_t answer_type,
                             std::string* answer) {
-  if (send(fd_, question.data(), question.size(), MSG_DONTWAIT) == -1) {
+  if (send(fd_.Get(), question.data(), question.size(), MSG_DONTWAIT) == -1) {
     return errno;
   }
   int error = EAGAIN;
   for (int i = 0; error == EAGAIN && i <= kMaxStaleAnswers; ++i) {
     char bytes[kMaxAnswerBytes];
-    const ssize_t count = recv(fd_, bytes, sizeof(bytes), MSG_DONTWAIT);
+    const ssize_t count = recv(fd_.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
     if (count == -1) return errno;
     std::string_view body;
     error = DecodeNetlinkAnswer({bytes, static_cast<size_t>(count)}, sequence_,

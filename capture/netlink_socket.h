@@ -6,10 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "common/unique_fd.h"
+
 namespace vantrel {
 
 // Questions to one part of the kernel over netlink (RFC 3549), each with one
-// answer. Closes the descriptor.
+// answer.
 class NetlinkSocket {
  public:
   // |protocol| as socket(2) takes it; |name|, of static storage, says in the
@@ -18,7 +20,6 @@ class NetlinkSocket {
       : protocol_(protocol), name_(name) {}
   NetlinkSocket(const NetlinkSocket&) = delete;
   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
-  ~NetlinkSocket();
 
   // Puts what follows the header of the answer, a message of |answer_type|,
   // into |answer| and returns 0. Otherwise an errno: what DecodeNetlinkAnswer()
@@ -38,7 +39,7 @@ class NetlinkSocket {
 
   const int protocol_;
   const char* const name_;
-  int fd_ = -1;  // kept open: later there may be no free descriptor
+  UniqueFd fd_;  // kept open: later there may be no free descriptor
   uint32_t sequence_ = 0;
   bool is_given_up_ = false;
 };

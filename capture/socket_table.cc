@@ -104,8 +104,8 @@ void CopyDigits(const char* digits, char* out) {
 
 std::unique_ptr<SocketTable> SocketTable::Open(const std::string& name) {
   const std::string path = GetSocketTablePath(name);
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd == -1) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.Get() == -1) {
     const int error = errno;
     static LogLimiter limiter;
     if (limiter.AdmitFailure(error)) {
@@ -113,13 +113,13 @@ std::unique_ptr<SocketTable> SocketTable::Open(const std::string& name) {
     }
     return nullptr;
   }
-  std::unique_ptr<SocketTable> table(new SocketTable(fd));
+  std::unique_ptr<SocketTable> table(new SocketTable(std::move(fd)));
   table->SkipHeading();
   return table;
 }
 
 SocketTable::~SocketTable() {
-  if (!is_kept_open_) close(fd_);
+  if (is_kept_open_) static_cast<void>(fd_.Release());
 }
 
 bool SocketTable::ParseMapped(const char* digits, uint32_t* address) {
@@ -273,7 +273,7 @@ bool SocketTable::ReadMore() {
   if (is_at_end_ || end_ == buffer_.size()) return false;
   ssize_t count;
   do {
-    count = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
+    count = read(fd_.Get(), buffer_.data() + end_, buffer_.size() - end_);
   } while (count == -1 && errno == EINTR);
   // Asked once more behind its end, the kernel would walk all of the table.
   is_at_end_ = count <= 0;

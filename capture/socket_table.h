@@ -7,6 +7,9 @@
 #include <array>
 #include <memory>
 #include <string>
+#include <utility>
+
+#include "common/unique_fd.h"
 
 namespace vantrel {
 
@@ -91,7 +94,7 @@ class SocketTable {
     unsigned long inode;
   };
 
-  explicit SocketTable(int fd) : fd_(fd) {}
+  explicit SocketTable(UniqueFd fd) : fd_(std::move(fd)) {}
   // |address_digits| is 8 or 32. False when the next row is not plain.
   bool NextPlain(size_t address_digits, plain_row_t* row);
   static bool ParsePlain(const char* line, const char* end,
@@ -106,7 +109,7 @@ class SocketTable {
   // What has not been read yet, for the formats; null when that is nothing.
   FILE* GetRest();
 
-  const int fd_;
+  UniqueFd fd_;
   bool is_kept_open_ = false;
   std::array<char, 32 * 1024> buffer_;
   size_t begin_ = 0;  // of what is not used yet in |buffer_|

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "capture/tcp_conduit.h"
 #include "common/log.h"
@@ -30,10 +29,7 @@ bool IsOutOfDescriptors(int error) {
 TcpServer::TcpServer(Reactor& reactor, ProxySocket& link)
     : ServerSocket("[S]"), reactor_(reactor), link_(link) {}
 
-TcpServer::~TcpServer() {
-  reactor_.Unregister(*this, Reactor::kRead);
-  if (reserve_fd_ != -1) close(reserve_fd_);
-}
+TcpServer::~TcpServer() { reactor_.Unregister(*this, Reactor::kRead); }
 
 uint16_t TcpServer::Listen() {
   if (!Open(SOCK_STREAM) || !Bind(INADDR_LOOPBACK, 0)) return 0;
@@ -55,7 +51,7 @@ void TcpServer::OnReadReady() {
   const int accepted = AcceptRetrying(GetFd());
   if (accepted == -1) {
     const int error = errno;
-    const bool is_refused = IsOutOfDescriptors(error) && reserve_fd_ != -1;
+    const bool is_refused = IsOutOfDescriptors(error) && reserve_.Get() != -1;
     if (is_refused || no_reserve_log_.AdmitFailure(error)) {
       LOGW("[S] Error accepting client socket: %s", strerror(error));
     }
@@ -66,9 +62,8 @@ void TcpServer::OnReadReady() {
 }
 
 void TcpServer::RefuseConnection() {
-  if (reserve_fd_ != -1) {
-    close(reserve_fd_);
-    reserve_fd_ = -1;
+  if (reserve_.Get() != -1) {
+    reserve_.Reset();
     const int accepted = AcceptRetrying(GetFd());
     if (accepted != -1) Socket(accepted).ResetOnClose();
   }
@@ -76,7 +71,7 @@ void TcpServer::RefuseConnection() {
 }
 
 void TcpServer::TakeReserve() {
-  reserve_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  reserve_.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 void TcpServer::ResetConnections() {

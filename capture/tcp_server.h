@@ -4,6 +4,7 @@
 
 #include "capture/open_conduits.h"
 #include "common/log_limiter.h"
+#include "common/unique_fd.h"
 #include "link/proxy_socket.h"
 #include "reactor/reactor.h"
 #include "reactor/server_socket.h"
@@ -40,8 +41,8 @@ class TcpServer : public ServerSocket {
   Reactor& reactor_;
   ProxySocket& link_;
   OpenConduits open_conduits_;
-  // Held only to be given up for RefuseConnection(); -1 when there was none.
-  int reserve_fd_ = -1;
+  // Held only to be given up for RefuseConnection(); none when there was none.
+  UniqueFd reserve_;
   LogLimiter no_reserve_log_;
 };
 

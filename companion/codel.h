@@ -6,7 +6,7 @@
 #include <chrono>
 #include <optional>
 
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

@@ -16,7 +16,7 @@
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
-#include "programs/service_manager.h"
+#include "support/service_manager.h"
 
 namespace vantrel {
 

@@ -5,8 +5,8 @@
 #include <functional>
 #include <memory>
 
+#include "common/unique_fd.h"
 #include "companion/loop_objects.h"
-#include "programs/unique_fd.h"
 
 namespace vantrel {
 

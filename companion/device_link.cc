@@ -9,7 +9,7 @@
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link/connection_header.h"
-#include "programs/peer_socket.h"
+#include "support/peer_socket.h"
 
 namespace vantrel {
 namespace {

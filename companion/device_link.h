@@ -21,8 +21,8 @@
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
-#include "programs/pace_meter.h"
-#include "programs/steady_time.h"
+#include "support/pace_meter.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "companion/codel.h"
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

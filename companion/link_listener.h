@@ -6,11 +6,11 @@
 #include <string>
 
 #include "common/link_address.h"
+#include "common/unique_fd.h"
 #include "companion/descriptor.h"
 #include "companion/loop_objects.h"
-#include "programs/peer_socket.h"
-#include "programs/socket_file.h"
-#include "programs/unique_fd.h"
+#include "support/peer_socket.h"
+#include "support/socket_file.h"
 
 namespace vantrel {
 

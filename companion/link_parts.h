@@ -6,12 +6,12 @@
 #include <asio/io_context.hpp>
 #include <functional>
 
+#include "common/unique_fd.h"
 #include "companion/companion_log.h"
 #include "companion/destination_policy.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_protocol.h"
 #include "companion/socket_pool.h"
-#include "programs/unique_fd.h"
 
 namespace vantrel {
 

@@ -10,7 +10,7 @@
 #include "common/host_and_port.h"
 #include "common/uid.h"
 #include "companion/flow_scheduler.h"
-#include "programs/link_opening.h"
+#include "support/link_opening.h"
 
 namespace vantrel {
 

@@ -8,7 +8,7 @@
 
 #include <utility>
 
-#include "programs/peer_socket.h"
+#include "support/peer_socket.h"
 
 namespace vantrel {
 

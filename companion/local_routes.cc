@@ -1,27 +1,18 @@
 #include "companion/local_routes.h"
 
 #include <errno.h>
-#include <linux/rtnetlink.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <utility>
 
-#include "programs/unique_fd.h"
+#include "support/route_request.h"
 
 namespace vantrel {
 namespace {
 
 // Of a busy router, before other work has its turn.
 constexpr int kMaxChangesPerTurn = 64;
-
-struct request_t {
-  nlmsghdr header;
-  rtmsg route;
-  rtattr attribute;
-  uint32_t address;  // network byte order
-};
 
 // The front of an answer; an error, which is larger, has its number in place of
 // the route.
@@ -30,37 +21,23 @@ struct answer_t {
   rtmsg route;
 };
 
-request_t MakeRequest(const IpAddress& address, uint32_t sequence) {
-  request_t request = {};
-  request.header.nlmsg_len = sizeof(request);
-  request.header.nlmsg_type = RTM_GETROUTE;
-  request.header.nlmsg_flags = NLM_F_REQUEST;
-  request.header.nlmsg_seq = sequence;
-  request.route.rtm_family = AF_INET;
-  request.route.rtm_dst_len = 32;
-  request.attribute.rta_type = RTA_DST;
-  request.attribute.rta_len = RTA_LENGTH(sizeof(request.address));
-  request.address = address.GetAddrV4();
-  return request;
+UniqueFd OpenRoutes() {
+  return UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
 }
 
 }  // namespace
 
-LocalRoutes::LocalRoutes()
-    : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)) {}
-
-LocalRoutes::~LocalRoutes() {
-  if (fd_ != -1) close(fd_);
-}
+LocalRoutes::LocalRoutes() : fd_(OpenRoutes()) {}
 
 std::optional<bool> LocalRoutes::IsLocal(const IpAddress& address) {
-  const request_t request = MakeRequest(address, ++sequence_);
-  if (send(fd_, &request, sizeof(request), 0) == -1) return std::nullopt;
+  const route_request_t request =
+      MakeRouteRequest(address.GetAddrV4(), ++sequence_);
+  if (send(fd_.Get(), &request, sizeof(request), 0) == -1) return std::nullopt;
   // The answer is there when the question was taken. One to an earlier question
   // may be in front of it, if that could not be read.
   while (true) {
     alignas(nlmsghdr) char bytes[4096];
-    const ssize_t length = recv(fd_, bytes, sizeof(bytes), MSG_DONTWAIT);
+    const ssize_t length = recv(fd_.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
     answer_t answer;
     if (length < static_cast<ssize_t>(sizeof(answer))) return std::nullopt;
     memcpy(&answer, bytes, sizeof(answer));
@@ -75,7 +52,7 @@ std::optional<bool> LocalRoutes::IsLocal(const IpAddress& address) {
 
 void LocalRoutes::Watch(asio::io_context& loop,
                         std::function<void()> on_change) {
-  UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  UniqueFd fd = OpenRoutes();
   sockaddr_nl name = {};
   name.nl_family = AF_NETLINK;
   // A new address of the machine is in the first two; an address can also be

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "common/ip_address.h"
+#include "common/unique_fd.h"
 #include "companion/descriptor.h"
 
 namespace vantrel {
@@ -18,7 +19,6 @@ class LocalRoutes {
   LocalRoutes();
   LocalRoutes(const LocalRoutes&) = delete;
   LocalRoutes& operator=(const LocalRoutes&) = delete;
-  ~LocalRoutes();
 
   // Whether what is sent to |address|, which is IPv4, stays on this machine or
   // goes to more than one. None when the kernel cannot be asked.
@@ -31,7 +31,7 @@ class LocalRoutes {
  private:
   void OnChange();
 
-  const int fd_;           // -1: it could not be opened
+  const UniqueFd fd_;      // none: it could not be opened
   uint32_t sequence_ = 0;  // of the last question
   std::function<void()> on_change_;
   std::unique_ptr<Descriptor> changes_;  // null: nobody watches

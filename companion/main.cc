@@ -10,8 +10,8 @@
 #include "companion/companion_log.h"
 #include "companion/memory_reserve.h"
 #include "companion/options.h"
-#include "programs/open_file_limit.h"
-#include "programs/standard_descriptors.h"
+#include "support/open_file_limit.h"
+#include "support/standard_descriptors.h"
 
 int main(int argc, char** argv) {
   vantrel::OpenMissingStandardDescriptors();

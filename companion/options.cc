@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include "programs/command_line.h"
+#include "support/command_line.h"
 
 namespace vantrel {
 namespace {

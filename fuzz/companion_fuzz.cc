@@ -9,7 +9,7 @@
 #include "companion/protocol_v2.h"
 #include "fuzz/fuzz_log.h"
 #include "fuzz/fuzz_messages.h"
-#include "programs/link_opening.h"
+#include "support/link_opening.h"
 
 namespace vantrel {
 namespace {

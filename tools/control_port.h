@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "common/unique_fd.h"
 #include "control/control_packets.h"
-#include "programs/unique_fd.h"
 
 namespace vantrel {
 

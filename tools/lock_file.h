@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace vantrel {
 

@@ -5,21 +5,17 @@
 
 namespace vantrel {
 
-LogFile::~LogFile() {
-  if (fd_ != -1) close(fd_);
-}
-
 bool LogFile::Follow(time_t now) {
   if (now != looked_at_) {
     looked_at_ = now;
-    if (fd_ == -1 || !HasName()) Open();
+    if (fd_.Get() == -1 || !HasName()) Open();
   }
-  return fd_ != -1;
+  return fd_.Get() != -1;
 }
 
 bool LogFile::Append(const std::string& line) {
   const std::string text = is_cut_ ? '\n' + line : line;
-  const ssize_t written = write(fd_, text.data(), text.size());
+  const ssize_t written = write(fd_.Get(), text.data(), text.size());
   // The next line must not go on where a full disk has cut this one.
   const bool is_whole = written == static_cast<ssize_t>(text.size());
   if (written > 0) is_cut_ = !is_whole;
@@ -33,14 +29,13 @@ bool LogFile::HasName() const {
 }
 
 void LogFile::Open() {
-  const int fd = open(
+  UniqueFd fd(open(
       path_.c_str(),
-      O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
-  if (fd == -1) return;
-  if (fd_ != -1) close(fd_);
-  fd_ = fd;
+      O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
+  if (fd.Get() == -1) return;
+  fd_ = std::move(fd);
   is_cut_ = false;
-  fstat(fd_, &opened_);
+  fstat(fd_.Get(), &opened_);
 }
 
 }  // namespace vantrel

@@ -5,6 +5,9 @@
 #include <time.h>
 
 #include <string>
+#include <utility>
+
+#include "common/unique_fd.h"
 
 namespace vantrel {
 
@@ -13,11 +16,10 @@ namespace vantrel {
 // files have mode 0600, for the log tells what applications connect to. A
 // relative path is taken from the directory that is the current one at each
 // look. Nothing here waits: a pipe that nobody reads does not open, one that is
-// full takes nothing. Owns its descriptor. For one thread.
+// full takes nothing. For one thread.
 class LogFile {
  public:
   explicit LogFile(std::string path) : path_(std::move(path)) {}
-  ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
 
@@ -36,8 +38,8 @@ class LogFile {
   void Open();
 
   const std::string path_;
-  int fd_ = -1;
-  struct stat opened_ = {};  // of |fd_|, while that is not -1
+  UniqueFd fd_;
+  struct stat opened_ = {};  // of |fd_|, while there is one
   time_t looked_at_ = -1;    // |now| of the last look
   bool is_cut_ = false;      // what stands last in the file is no whole line
 };

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace vantrel {
 

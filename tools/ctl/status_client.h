@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 #include "tools/launch_state.h"
 
 namespace vantrel {

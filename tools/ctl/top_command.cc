@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 #include "tools/ctl/dump_follower.h"
 #include "tools/ctl/status_client.h"
 #include "tools/ctl/top_json.h"

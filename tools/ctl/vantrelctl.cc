@@ -9,8 +9,8 @@
 
 #include "common/printable.h"
 #include "control/control_packets.h"
-#include "programs/command_line.h"
-#include "programs/standard_descriptors.h"
+#include "support/command_line.h"
+#include "support/standard_descriptors.h"
 #include "tools/ctl/control_command.h"
 #include "tools/ctl/top_command.h"
 #include "tools/lock_file.h"

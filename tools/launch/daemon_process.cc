@@ -11,7 +11,7 @@
 
 #include <utility>
 
-#include "programs/open_file_limit.h"
+#include "support/open_file_limit.h"
 #include "tools/process_group.h"
 #include "tools/system_failure.h"
 

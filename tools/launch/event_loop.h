@@ -5,7 +5,7 @@
 #include <asio/signal_set.hpp>
 #include <functional>
 
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "programs/service_manager.h"
-#include "programs/steady_time.h"
+#include "support/service_manager.h"
+#include "support/steady_time.h"
 #include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/line_writer.h"

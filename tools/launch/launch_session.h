@@ -5,8 +5,8 @@
 #include <optional>
 #include <string_view>
 
-#include "programs/link_opening.h"
-#include "programs/steady_time.h"
+#include "support/link_opening.h"
+#include "support/steady_time.h"
 #include "tools/control_port.h"
 #include "tools/launch/daemon_process.h"
 #include "tools/launch/event_loop.h"

@@ -8,7 +8,7 @@
 #include <asio/io_context.hpp>
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace vantrel {
 namespace {

@@ -4,9 +4,9 @@
 #include <string>
 
 #include "common/link_address.h"
+#include "common/unique_fd.h"
 #include "link/connection_header.h"
-#include "programs/peer_socket.h"
-#include "programs/unique_fd.h"
+#include "support/peer_socket.h"
 #include "tools/launch/event_loop.h"
 
 namespace vantrel {

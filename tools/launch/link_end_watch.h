@@ -4,7 +4,7 @@
 #include <asio/steady_timer.hpp>
 #include <functional>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace vantrel {
 

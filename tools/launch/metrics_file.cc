@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 #include "tools/system_failure.h"
 
 namespace vantrel {

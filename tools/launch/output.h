@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace vantrel {
 

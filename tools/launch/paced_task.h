@@ -4,7 +4,7 @@
 #include <asio/steady_timer.hpp>
 #include <functional>
 
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

@@ -13,7 +13,7 @@
 #include <functional>
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 #include "tools/launch/output.h"
 
 namespace vantrel {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string_view>
 
-#include "programs/pace_meter.h"
+#include "support/pace_meter.h"
 #include "tools/launch/relay_buffer.h"
 #include "tools/launch/shaper.h"
 

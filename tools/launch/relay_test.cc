@@ -5,7 +5,7 @@
 #include <asio/io_context.hpp>
 #include <string>
 
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
 #include "tools/launch/relay_direction.h"
 
 namespace vantrel {

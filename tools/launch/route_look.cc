@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 
 #include "common/interception.h"
-#include "programs/route_request.h"
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
+#include "support/route_request.h"
 
 namespace vantrel {
 namespace {

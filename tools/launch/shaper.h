@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "programs/steady_time.h"
+#include "support/steady_time.h"
 
 namespace vantrel {
 

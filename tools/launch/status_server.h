@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "programs/socket_file.h"
-#include "programs/unique_fd.h"
+#include "common/unique_fd.h"
+#include "support/socket_file.h"
 #include "tools/launch/event_loop.h"
 
 namespace vantrel {

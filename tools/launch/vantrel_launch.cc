@@ -4,8 +4,8 @@
 #include <iostream>
 #include <string>
 
-#include "programs/command_line.h"
-#include "programs/standard_descriptors.h"
+#include "support/command_line.h"
+#include "support/standard_descriptors.h"
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
 #include "tools/launch/metrics_file.h"

@@ -1,4 +1,4 @@
-#include "programs/open_file_limit.h"
+#include "support/open_file_limit.h"
 
 #include <stdint.h>
 #include <sys/resource.h>

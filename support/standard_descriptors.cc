@@ -1,4 +1,4 @@
-#include "programs/standard_descriptors.h"
+#include "support/standard_descriptors.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "programs/service_manager.h"
+#include "support/service_manager.h"
 
 #include <stdint.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-#include "programs/peer_socket.h"
+#include "support/peer_socket.h"
 
 // The RFCOMM header uses the types of this one without including it.
 #include <bluetooth/bluetooth.h>

@@ -6,15 +6,15 @@
 
 namespace vantrel {
 
-// Owns one descriptor that is handed from function to function; closes it when
-// destroyed.
+// Owns one open descriptor, or none, and closes it when destroyed. Passed by
+// value, it says who owns what: the caller has none afterwards.
 class UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    Reset(std::exchange(other.fd_, -1));
+    Reset(other.Release());
     return *this;
   }
   ~UniqueFd() { Reset(); }

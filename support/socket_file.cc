@@ -1,4 +1,4 @@
-#include "programs/socket_file.h"
+#include "support/socket_file.h"
 
 #include <errno.h>
 #include <sys/socket.h>

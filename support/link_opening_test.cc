@@ -1,4 +1,4 @@
-#include "programs/link_opening.h"
+#include "support/link_opening.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "programs/pace_meter.h"
+#include "support/pace_meter.h"
 
 #include <gtest/gtest.h>
 

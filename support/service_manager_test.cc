@@ -1,4 +1,4 @@
-#include "programs/service_manager.h"
+#include "support/service_manager.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

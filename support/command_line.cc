@@ -1,4 +1,4 @@
-#include "programs/command_line.h"
+#include "support/command_line.h"
 
 #include <algorithm>
 
