@@ -52,9 +52,9 @@ Companion::Companion(const Options& options, size_t max_descriptors)
                options.fd ? 1 : options.max_links),
       turns_(loop_),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
-      ticker_(loop_),
-      watchdog_(loop_),
-      stop_timer_(loop_) {
+      ticker_(loop_, [this] { OnTick(); }),
+      watchdog_(loop_, [this] { OnWatchdog(); }),
+      stop_timer_(loop_, [this] { loop_.stop(); }) {
   signals_.add(SIGUSR1);
 }
 
@@ -110,7 +110,7 @@ void Companion::GoOn() {
   is_ticking_ = false;
   StartTicking();
   StartWatchdog();
-  if (is_stopping_) StartStopTimer();
+  if (is_stopping_) stop_timer_.WaitFor(kStopTime);
 }
 
 bool Companion::OpenListeners() {
@@ -233,27 +233,20 @@ void Companion::Stop() {
   service_manager_.Notify("STOPPING=1");
   listeners_.clear();
   AskAll([](DeviceLink& link) { link.Close("companion is shutting down"); });
-  StartStopTimer();
+  stop_timer_.WaitFor(kStopTime);
   OnLinkChanged();
-}
-
-void Companion::StartStopTimer() {
-  stop_timer_.expires_after(kStopTime);
-  stop_timer_.async_wait([this](const asio::error_code& error) {
-    if (!error) loop_.stop();
-  });
 }
 
 // Only while there are links: nothing else has deadlines.
 void Companion::StartTicking() {
   if (is_ticking_) return;
   is_ticking_ = true;
-  ticker_.expires_after(std::chrono::seconds(1));
-  ticker_.async_wait([this](const asio::error_code& error) {
-    if (error) return;
-    KeepMemoryReserve();
-    TickNext(GetSteadyTime(), 0);
-  });
+  ticker_.WaitFor(std::chrono::seconds(1));
+}
+
+void Companion::OnTick() {
+  KeepMemoryReserve();
+  TickNext(GetSteadyTime(), 0);
 }
 
 void Companion::TickNext(SteadyTime now, uint32_t last_id) {
@@ -271,13 +264,12 @@ void Companion::TickNext(SteadyTime now, uint32_t last_id) {
 
 void Companion::StartWatchdog() {
   const auto time = ServiceManager::GetWatchdogTime();
-  if (!time) return;
-  watchdog_.expires_after(*time / 2);
-  watchdog_.async_wait([this](const asio::error_code& error) {
-    if (error) return;
-    service_manager_.Notify("WATCHDOG=1");
-    StartWatchdog();
-  });
+  if (time) watchdog_.WaitFor(*time / 2);
+}
+
+void Companion::OnWatchdog() {
+  service_manager_.Notify("WATCHDOG=1");
+  StartWatchdog();
 }
 
 }  // namespace vantrel

@@ -12,11 +12,12 @@
 #include "companion/device_link.h"
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
-#include "companion/loop_objects.h"
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
+#include "support/loop_objects.h"
 #include "support/service_manager.h"
+#include "support/timer.h"
 
 namespace vantrel {
 
@@ -67,11 +68,12 @@ class Companion {
   void OnSignal(int signal);
   void LogState();
   void Stop();
-  void StartStopTimer();
   void StartTicking();
+  void OnTick();
   // One link at a time, so that other work comes in between.
   void TickNext(SteadyTime now, uint32_t last_id);
   void StartWatchdog();
+  void OnWatchdog();
 
   const Options& options_;
   asio::io_context loop_;
@@ -81,9 +83,9 @@ class Companion {
   SocketPool sockets_;
   TurnQueue turns_;
   LoopSignals signals_;
-  LoopTimer ticker_;
-  LoopTimer watchdog_;
-  LoopTimer stop_timer_;
+  Timer ticker_;
+  Timer watchdog_;
+  Timer stop_timer_;
   std::list<LinkListener> listeners_;
   Links links_;
   uint32_t last_id_ = 0;

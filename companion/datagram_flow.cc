@@ -64,9 +64,9 @@ bool DatagramFlow::Open() {
               sizeof(address)) == -1) {
     return false;
   }
-  socket_ = std::make_unique<Descriptor>(
-      link_.loop, std::move(fd),
-      [this] { link_.run([this] { OnReadable(); }); }, [] {});
+  socket_ = std::make_unique<Descriptor>(link_.loop, std::move(fd), [this] {
+    link_.run([this] { OnReadable(); });
+  });
   socket_->WaitReadable();
   return true;
 }

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "common/host_and_port.h"
-#include "companion/descriptor.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_parts.h"
+#include "support/descriptor.h"
 
 struct sock_extended_err;
 

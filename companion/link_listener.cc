@@ -82,7 +82,9 @@ bool IsLoopback(const sockaddr& address) {
 }  // namespace
 
 LinkListener::LinkListener(asio::io_context& loop, OnLink on_link)
-    : loop_(loop), on_link_(std::move(on_link)), retry_(loop) {}
+    : loop_(loop),
+      on_link_(std::move(on_link)),
+      retry_(loop, [this] { socket_->WaitReadable(); }) {}
 
 bool LinkListener::Open(const link_address_t& address,
                         const settings_t& settings) {
@@ -155,8 +157,8 @@ bool LinkListener::OpenRfcomm(const link_address_t& address,
 
 bool LinkListener::Listen(UniqueFd fd, const std::string& where) {
   if (listen(fd.Get(), kBacklog) == -1) return Fail(where);
-  socket_ = std::make_unique<Descriptor>(
-      loop_, std::move(fd), [this] { OnReadable(); }, [] {});
+  socket_ = std::make_unique<Descriptor>(loop_, std::move(fd),
+                                         [this] { OnReadable(); });
   socket_->WaitReadable();
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "listening on %s",
                      where.c_str());
@@ -184,10 +186,7 @@ void LinkListener::OnReadable() {
   }
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink, "no link accepted: %s",
                      strerror(errno));
-  retry_.expires_after(kRetryTime);
-  retry_.async_wait([this](const asio::error_code& error) {
-    if (!error) socket_->WaitReadable();
-  });
+  retry_.WaitFor(kRetryTime);
 }
 
 }  // namespace vantrel

@@ -7,10 +7,10 @@
 
 #include "common/link_address.h"
 #include "common/unique_fd.h"
-#include "companion/descriptor.h"
-#include "companion/loop_objects.h"
+#include "support/descriptor.h"
 #include "support/peer_socket.h"
 #include "support/socket_file.h"
+#include "support/timer.h"
 
 namespace vantrel {
 
@@ -46,7 +46,7 @@ class LinkListener {
 
   asio::io_context& loop_;
   const OnLink on_link_;
-  LoopTimer retry_;
+  Timer retry_;
   std::unique_ptr<Descriptor> socket_;
   SocketFile file_;  // of a unix: address
 };

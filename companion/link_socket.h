@@ -6,7 +6,7 @@
 #include <asio/io_context.hpp>
 #include <string>
 
-#include "companion/descriptor.h"
+#include "support/descriptor.h"
 
 namespace vantrel {
 

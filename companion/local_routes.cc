@@ -63,8 +63,8 @@ void LocalRoutes::Watch(asio::io_context& loop,
     return;
   }
   on_change_ = std::move(on_change);
-  changes_ = std::make_unique<Descriptor>(
-      loop, std::move(fd), [this] { OnChange(); }, [] {});
+  changes_ =
+      std::make_unique<Descriptor>(loop, std::move(fd), [this] { OnChange(); });
   changes_->WaitReadable();
 }
 

@@ -9,7 +9,7 @@
 
 #include "common/ip_address.h"
 #include "common/unique_fd.h"
-#include "companion/descriptor.h"
+#include "support/descriptor.h"
 
 namespace vantrel {
 

@@ -9,9 +9,9 @@
 
 #include "common/host_and_port.h"
 #include "companion/byte_budget.h"
-#include "companion/descriptor.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_parts.h"
+#include "support/descriptor.h"
 
 namespace vantrel {
 

@@ -1,4 +1,4 @@
-#include "companion/descriptor.h"
+#include "support/descriptor.h"
 
 #include <fcntl.h>
 
@@ -11,8 +11,7 @@ Descriptor::Descriptor(asio::io_context& loop, UniqueFd fd, Handler on_readable,
     : fd_(fd.Get()),
       descriptor_(loop),
       readable_{std::move(on_readable)},
-      writable_{std::move(on_writable)},
-      alive_(std::make_shared<char>()) {
+      writable_{std::move(on_writable)} {
   fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
   descriptor_.assign(fd_);
   static_cast<void>(fd.Release());
@@ -31,12 +30,11 @@ void Descriptor::WaitWritable() {
 void Descriptor::Wait(asio::posix::descriptor_base::wait_type type,
                       wait_t* wait) {
   if (wait->is_under_way) return;
-  descriptor_.async_wait(
-      type, [wait, alive = std::weak_ptr<void>(alive_)](asio::error_code) {
-        if (alive.expired()) return;
-        wait->is_under_way = false;
-        wait->handler();
-      });
+  descriptor_.async_wait(type,
+                         lifetime_.MakeHandler([wait](const asio::error_code&) {
+                           wait->is_under_way = false;
+                           wait->handler();
+                         }));
   wait->is_under_way = true;
 }
 

@@ -3,10 +3,10 @@
 #include <asio/io_context.hpp>
 #include <asio/posix/descriptor_base.hpp>
 #include <functional>
-#include <memory>
 
 #include "common/unique_fd.h"
-#include "companion/loop_objects.h"
+#include "support/lifetime.h"
+#include "support/loop_objects.h"
 
 namespace vantrel {
 
@@ -19,13 +19,14 @@ class Descriptor {
   using Handler = std::function<void()>;
 
   // |loop| outlives it. |on_readable| and |on_writable| may destroy it as their
-  // last act. Throws std::system_error when the system cannot watch |fd|.
+  // last act; one that is never waited for may be left out. Throws
+  // std::system_error when the system cannot watch |fd|.
   Descriptor(asio::io_context& loop, UniqueFd fd, Handler on_readable,
-             Handler on_writable);
-  // No handler is called any more, also not for what has happened already.
-  ~Descriptor();
+             Handler on_writable = {});
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  // No handler is called any more, also not for what has happened already.
+  ~Descriptor();
 
   int GetFd() const { return fd_; }
 
@@ -44,8 +45,7 @@ class Descriptor {
   LoopDescriptor descriptor_;
   wait_t readable_;
   wait_t writable_;
-  // Held by this object only; the waits under way can see when it is gone.
-  const std::shared_ptr<void> alive_;
+  const Lifetime lifetime_;
 };
 
 }  // namespace vantrel
