@@ -18,27 +18,9 @@ constexpr size_t kReadBytes = 64 * 1024;
 // The device is not read while more answers than this wait for it: one that
 // asks and does not read costs no more memory.
 constexpr size_t kMaxControlBytes = 64 * 1024;
-// Reads and writes before other links have their turn.
+// Reads before other links have their turn.
 constexpr int kMaxReadsPerTurn = 4;
-constexpr int kMaxWritesPerTurn = 8;
 constexpr size_t kMaxTransfers = 64;
-
-// Of the 40 ms that the next message may wait in all on its way to the device:
-// one write, which is one turn of a flow or several short ones, and what the
-// kernel holds; the rest is the device's. Above kMaxHold everything is fast
-// enough.
-constexpr std::chrono::milliseconds kTurnTime{8};
-constexpr std::chrono::milliseconds kKernelTime{12};
-constexpr size_t kMinTurn = 1024;
-constexpr size_t kMinHold = 2048;
-constexpr size_t kMaxHold = 64 * 1024;
-
-// What all datagrams may wait before the next message is chosen: enough for the
-// first burst of several senders, and for what they send until they have heard
-// of a loss. It delays nobody but those that send too much.
-constexpr std::chrono::milliseconds kQueueTime{500};
-constexpr size_t kMinQueue = 32 * 1024;
-constexpr size_t kMaxQueue = 512 * 1024;
 
 std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
                                            std::string* control) {
@@ -70,13 +52,12 @@ DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
           [this] { OnFailure("too many bytes wait for remotes"); },
           [this] { on_change_(); }),
       flows_(parts_, options_.dns_server),
-      socket_(std::make_unique<LinkSocket>(
+      socket_(
           shared.loop, std::move(fd), [this] { Run([this] { OnReadable(); }); },
-          [this] { Run([this] { OnWritable(); }); })),
+          [this] { Run([this] { OnWritable(); }); }),
       deadlines_(GetSteadyTime()),
-      turns_(shared.turns, [this] { Run([this] { TakeTurn(); }); }) {
-  AdaptToPace();
-}
+      writer_(socket_, scheduler_, deadlines_),
+      turns_(shared.turns, [this] { Run([this] { TakeTurn(); }); }) {}
 
 DeviceLink::~DeviceLink() { DropTransfers(); }
 
@@ -93,13 +74,14 @@ void DeviceLink::Run(const std::function<void()>& work) {
 // First everything is given back, which takes no memory. What the exception has
 // left half done goes with it.
 void DeviceLink::OnException(const char* what) {
-  has_failed_ = is_closing_ = true;
+  has_failed_ = true;
+  state_ = State::kEnded;
   turns_.Leave();
-  socket_.reset();
+  socket_.Close();
   flows_.Clear();
   streams_.Clear();
   DropTransfers();
-  std::string().swap(out_);
+  writer_.Clear();
   std::string().swap(*scheduler_.GetControl());
   KeepMemoryReserve();
   log_.Write(LogLevel::kError, LogKind::kLink, "link down: %s", what);
@@ -134,15 +116,15 @@ void DeviceLink::TakeTurn() {
 
 bool DeviceLink::ReadOnce() {
   char buffer[kReadBytes];
-  const size_t size =
-      is_closing_ ? kReadBytes
-                  : std::min(kReadBytes, protocol_->GetAvailableSpace());
+  const size_t size = state_ == State::kOpen
+                          ? std::min(kReadBytes, protocol_->GetAvailableSpace())
+                          : kReadBytes;
   size_t count = 0;
-  if (!IsDone(socket_->Read(buffer, size, &count))) return false;
+  if (!IsDone(socket_.Read(buffer, size, &count))) return false;
   deadlines_.OnReceived();
   // What comes after the last message is read and dropped, so that closing
   // the socket resets nothing that is on its way to the device.
-  if (!is_closing_) {
+  if (state_ == State::kOpen) {
     protocol_->Feed(buffer, count);
     has_unhandled_ = true;
     HandleMessages();
@@ -162,7 +144,7 @@ void DeviceLink::HandleMessages() {
   const LibraryLogScope scope(log_);
   is_handling_ = true;
   while (has_unhandled_ && GetSteadyTime() < turn_end_) {
-    has_unhandled_ = !is_closing_ && protocol_->HandleNext(*this);
+    has_unhandled_ = state_ == State::kOpen && protocol_->HandleNext(*this);
   }
   streams_.Flush();
   is_handling_ = false;
@@ -173,82 +155,34 @@ bool DeviceLink::IsControlFull() {
 }
 
 void DeviceLink::ReadOn() {
-  if (socket_ == nullptr || IsControlFull()) return;
-  has_unhandled_ ? turns_.Enter() : socket_->WaitReadable();
+  if (!IsUp() || IsControlFull()) return;
+  has_unhandled_ ? turns_.Enter() : socket_.WaitReadable();
 }
 
 void DeviceLink::OnWritable() {
-  is_blocked_ = false;
+  writer_.OnWritable();
   Pump();
   ReadOn();
 }
 
 void DeviceLink::Pump() {
-  if (is_pumping_ || is_handling_ || is_blocked_ || socket_ == nullptr) return;
-  is_pumping_ = true;
-  int writes = 0;
-  while (writes < kMaxWritesPerTurn && WriteNext()) ++writes;
-  is_pumping_ = false;
-  if (writes == kMaxWritesPerTurn) socket_->WaitWritable();
-}
-
-bool DeviceLink::WriteNext() {
-  if (out_offset_ == out_.size() && !Fill()) return false;
-  size_t count = 0;
-  const LinkSocket::Result result = socket_->Write(
-      out_.data() + out_offset_, out_.size() - out_offset_, &count);
-  if (result == LinkSocket::Result::kWait) Block();
-  if (!IsDone(result)) return false;
-  pace_.OnWritten(count, GetSteadyTime());
-  AdaptToPace();
-  deadlines_.OnWritten();
-  out_offset_ += count;
-  return true;
-}
-
-bool DeviceLink::Fill() {
-  out_.clear();
-  out_offset_ = 0;
-  // On a slow link nothing is taken before there is room: what is newer and
-  // more urgent could still come first.
-  const bool is_slow = quantum_ < LinkProtocol::kMaxStreamChunkBytes;
-  if (is_slow && scheduler_.HasFlows() && !socket_->HasRoom()) {
-    Block();
-    return false;
+  if (is_handling_ || !IsUp()) return;
+  switch (writer_.Write()) {
+    case LinkWriter::Result::kDone:
+      if (state_ == State::kClosing) socket_.EndWriting();
+      break;
+    case LinkWriter::Result::kWaiting:
+      break;
+    case LinkWriter::Result::kOver:
+      EndByPeer();
+      break;
   }
-  // Not by another message, where that is more than a turn: nothing overtakes
-  // what is written.
-  const SteadyTime now = GetSteadyTime();
-  while (out_.size() + quantum_ / 2 < write_size_ &&
-         scheduler_.Take(&out_, now)) {
-  }
-  if (!out_.empty()) return true;
-  pace_.OnIdle();
-  deadlines_.OnWritten();
-  if (is_closing_) socket_->EndWriting();
-  return false;
-}
-
-void DeviceLink::Block() {
-  const SteadyTime now = GetSteadyTime();
-  is_blocked_ = true;
-  pace_.OnBlocked(now);
-  deadlines_.OnBlocked(now);
-  AdaptToPace();
-  socket_->WaitWritable();
-}
-
-void DeviceLink::AdaptToPace() {
-  quantum_ =
-      pace_.GetBytesIn(kTurnTime, kMinTurn, LinkProtocol::kMaxStreamChunkBytes);
-  write_size_ = pace_.GetBytesIn(kTurnTime, kMinTurn, kMaxHold);
-  scheduler_.SetQuantum(quantum_);
-  scheduler_.SetQueueLimit(pace_.GetBytesIn(kQueueTime, kMinQueue, kMaxQueue));
-  socket_->SetHold(pace_.GetBytesIn(kKernelTime, kMinHold, kMaxHold));
 }
 
 void DeviceLink::ReportNetwork() {
-  if (!options_.network || !is_ready_ || is_closing_ || !IsUp()) return;
+  if (!options_.network || !deadlines_.IsReady() || state_ != State::kOpen) {
+    return;
+  }
   log_.Write(LogLevel::kInfo, LogKind::kLink, "reporting active network %d%s",
              options_.network->id,
              options_.network->is_metered ? " (metered)" : "");
@@ -258,7 +192,7 @@ void DeviceLink::ReportNetwork() {
 }
 
 void DeviceLink::Close(const std::string& reason) {
-  if (is_closing_ || !IsUp()) return;
+  if (state_ != State::kOpen) return;
   protocol_->PutTeardown(scheduler_.GetControl(), reason);
   BeginClosing(reason);
 }
@@ -269,7 +203,7 @@ void DeviceLink::CloseAtOnce(const std::string& reason) {
 }
 
 void DeviceLink::OnFailure(const std::string& reason) {
-  if (is_closing_) return;
+  if (state_ != State::kOpen) return;
   has_failed_ = true;
   BeginClosing(reason);
 }
@@ -277,7 +211,7 @@ void DeviceLink::OnFailure(const std::string& reason) {
 void DeviceLink::BeginClosing(const std::string& reason) {
   log_.Write(LogLevel::kInfo, LogKind::kLink, "closing the link: %s",
              reason.c_str());
-  is_closing_ = true;
+  state_ = State::kClosing;
   deadlines_.OnClosing(GetSteadyTime());
   StopFlows();
   Pump();
@@ -295,13 +229,13 @@ void DeviceLink::DropTransfers() {
 }
 
 void DeviceLink::EndByPeer() {
-  const std::string reason = socket_->GetReason();
+  const std::string reason = socket_.GetReason();
   const std::string why = reason.empty() ? "closed by the device" : reason;
   End(!reason.empty(), why + DescribeHandshake());
 }
 
 std::string DeviceLink::DescribeHandshake() const {
-  if (is_ready_ || is_closing_) return "";
+  if (deadlines_.IsReady() || state_ != State::kOpen) return "";
   const std::string fault = protocol_->GetOpening().GetFaultOfSilence();
   if (!fault.empty()) return "; " + fault;
   if (options_.send_header == deadlines_.HasReceived()) {
@@ -315,9 +249,9 @@ std::string DeviceLink::DescribeHandshake() const {
 void DeviceLink::End(bool by_error, const std::string& why) {
   log_.Write(LogLevel::kInfo, LogKind::kLink, "link down: %s", why.c_str());
   has_failed_ = has_failed_ || by_error;
-  is_closing_ = true;
+  state_ = State::kEnded;
   turns_.Leave();
-  socket_.reset();
+  socket_.Close();
   StopFlows();
   on_change_();
 }
@@ -326,28 +260,29 @@ void DeviceLink::OnTick(SteadyTime now) {
   streams_.OnTick();
   flows_.OnTick();
   if (!IsUp()) return;
-  if (HasHungUp(socket_->GetFd())) socket_->WaitReadable();
+  if (HasHungUp(socket_.GetFd())) socket_.WaitReadable();
   if (const char* const excess = deadlines_.GetExcess(now)) {
-    End(!is_closing_, excess + DescribeHandshake());
+    End(state_ == State::kOpen, excess + DescribeHandshake());
   }
 }
 
 bool DeviceLink::IsSilent(SteadyTime now) const {
-  return IsUp() && !is_closing_ && deadlines_.IsSilent(now);
+  return state_ == State::kOpen && deadlines_.IsSilent(now);
 }
 
 void DeviceLink::LogState() {
-  const size_t waiting = scheduler_.GetQueuedBytes() + out_.size() -
-                         out_offset_ + scheduler_.GetControl()->size();
+  const size_t waiting = scheduler_.GetQueuedBytes() +
+                         writer_.GetUnwrittenBytes() +
+                         scheduler_.GetControl()->size();
   log_.Write(LogLevel::kInfo, LogKind::kState,
              "state: %s, %zu streams, %zu flows, %.0f bytes/s, %zu bytes "
              "(%.0f ms) wait for the device, %zu for remotes, %llu datagrams "
              "dropped",
-             !IsUp()     ? "ended"
-             : is_ready_ ? "up"
-                         : "connecting",
-             streams_.GetCount(), flows_.GetCount(), pace_.GetPace(), waiting,
-             1e3 * static_cast<double>(waiting) / pace_.GetPace(),
+             !IsUp()                ? "ended"
+             : deadlines_.IsReady() ? "up"
+                                    : "connecting",
+             streams_.GetCount(), flows_.GetCount(), writer_.GetPace(), waiting,
+             1e3 * static_cast<double>(waiting) / writer_.GetPace(),
              streams_.GetHeldBytes(),
              static_cast<unsigned long long>(scheduler_.GetDropCount()));
 }
@@ -355,7 +290,6 @@ void DeviceLink::LogState() {
 void DeviceLink::OnReady(const std::string& description) {
   log_.Write(LogLevel::kInfo, LogKind::kLink, "link up: %s",
              description.c_str());
-  is_ready_ = true;
   deadlines_.OnReady();
   ReportNetwork();
 }

@@ -18,10 +18,10 @@
 #include "companion/link_protocol.h"
 #include "companion/link_socket.h"
 #include "companion/link_streams.h"
+#include "companion/link_writer.h"
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
-#include "support/pace_meter.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -67,7 +67,7 @@ class DeviceLink final : public DeviceMessages {
   void CloseAtOnce(const std::string& reason);
   void OnTick(SteadyTime now);  // once a second
 
-  bool IsUp() const { return socket_ != nullptr; }
+  bool IsUp() const { return state_ != State::kEnded; }
   size_t GetSocketCount() const {  // of its streams and flows
     return streams_.GetCount() + flows_.GetCount();
   }
@@ -93,6 +93,12 @@ class DeviceLink final : public DeviceMessages {
   void OnFailure(const std::string& reason) override;
 
  private:
+  enum class State {
+    kOpen,     // from the start on, before the handshake, too
+    kClosing,  // only control messages are sent, up to the last one
+    kEnded,    // the socket is closed; streams may deliver their rest
+  };
+
   // Ends the link at once, after an exception of what it does.
   void OnException(const char* what);
   void OnReadable();
@@ -111,13 +117,6 @@ class DeviceLink final : public DeviceMessages {
   void OnWritable();
   // Sends as much of what waits as the socket takes.
   void Pump();
-  // True when something was written and more may be.
-  bool WriteNext();
-  // Whether |out_| has something to write after that.
-  bool Fill();
-  void Block();
-  void AdaptToPace();
-  // From now on only control messages are sent, up to the last one.
   void BeginClosing(const std::string& reason);
   void StopFlows();
   void DropTransfers();
@@ -137,22 +136,14 @@ class DeviceLink final : public DeviceMessages {
   LinkStreams streams_;
   DatagramFlows flows_;
   std::list<std::unique_ptr<FlowScheduler::Flow>> transfers_;
-  std::unique_ptr<LinkSocket> socket_;  // null: the link has ended
-  PaceMeter pace_;
+  LinkSocket socket_;
   LinkDeadlines deadlines_;
-  std::string
-      out_;  // taken from the scheduler, from |out_offset_| on unwritten
-  size_t out_offset_ = 0;
-  size_t quantum_ = 0;
-  size_t write_size_ = 0;  // bytes after which a write is full
-  bool is_ready_ = false;
+  LinkWriter writer_;
+  State state_ = State::kOpen;
   TurnQueue::Member turns_;
   SteadyTime turn_end_;
   bool has_unhandled_ = true;  // the protocol, messages that were read
   bool is_handling_ = false;   // the device's messages
-  bool is_pumping_ = false;
-  bool is_blocked_ = false;  // the socket takes no more
-  bool is_closing_ = false;
   bool has_failed_ = false;
 };
 

@@ -24,6 +24,7 @@ class LinkDeadlines {
   bool HasReceived() const { return has_received_; }
   // The handshake is done, or the protocol has none.
   void OnReady() { is_ready_ = true; }
+  bool IsReady() const { return is_ready_; }
   // The link takes no bytes, though some wait, or takes them again.
   void OnBlocked(SteadyTime now);
   void OnWritten() { blocked_.reset(); }

@@ -15,27 +15,26 @@ namespace vantrel {
 LinkSocket::LinkSocket(asio::io_context& loop, UniqueFd fd,
                        Descriptor::Handler on_readable,
                        Descriptor::Handler on_writable)
-    : descriptor_(loop, std::move(fd), std::move(on_readable),
+    : descriptor_(std::in_place, loop, std::move(fd), std::move(on_readable),
                   std::move(on_writable)) {
   TuneTcpLink(GetFd());
 }
 
 LinkSocket::Result LinkSocket::Read(char* buffer, size_t size, size_t* count) {
-  const ssize_t result = read(descriptor_.GetFd(), buffer, size);
+  const ssize_t result = read(GetFd(), buffer, size);
   if (result > 0) {
     *count = static_cast<size_t>(result);
     return Result::kDone;
   }
   if (result == 0) return Result::kEnded;
   if (errno == EAGAIN)
-    return HasHungUp(descriptor_.GetFd()) ? Result::kEnded : Result::kWait;
+    return HasHungUp(GetFd()) ? Result::kEnded : Result::kWait;
   return Fail(errno);
 }
 
 LinkSocket::Result LinkSocket::Write(const char* data, size_t size,
                                      size_t* count) {
-  const ssize_t result =
-      send(descriptor_.GetFd(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  const ssize_t result = send(GetFd(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (result > 0) {
     *count = static_cast<size_t>(result);
     return Result::kDone;
@@ -52,18 +51,16 @@ LinkSocket::Result LinkSocket::Fail(int error) {
 }
 
 bool LinkSocket::HasRoom() const {
-  pollfd out = {descriptor_.GetFd(), POLLOUT, 0};
+  pollfd out = {GetFd(), POLLOUT, 0};
   return poll(&out, 1, 0) == 1;
 }
 
-void LinkSocket::EndWriting() {
-  static_cast<void>(shutdown(descriptor_.GetFd(), SHUT_WR));
-}
+void LinkSocket::EndWriting() { static_cast<void>(shutdown(GetFd(), SHUT_WR)); }
 
 void LinkSocket::SetHold(size_t bytes) {
   if (bytes < hold_ + hold_ / 4 && bytes + hold_ / 4 > hold_) return;
   hold_ = bytes;
-  LimitUnsent(descriptor_.GetFd(), bytes);
+  LimitUnsent(GetFd(), bytes);
 }
 
 }  // namespace vantrel

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <asio/io_context.hpp>
+#include <optional>
 #include <string>
 
 #include "support/descriptor.h"
@@ -28,19 +29,21 @@ class LinkSocket {
   Result Write(const char* data, size_t size, size_t* count);
   // Whether the kernel holds so little that more should be written.
   bool HasRoom() const;
-  int GetFd() const { return descriptor_.GetFd(); }
+  int GetFd() const { return descriptor_->GetFd(); }
   void EndWriting();
+  // Nothing but GetReason() may be called afterwards, and no handler is.
+  void Close() { descriptor_.reset(); }
   // About how many bytes the kernel holds before HasRoom() says no.
   void SetHold(size_t bytes);
 
-  void WaitReadable() { descriptor_.WaitReadable(); }
-  void WaitWritable() { descriptor_.WaitWritable(); }
+  void WaitReadable() { descriptor_->WaitReadable(); }
+  void WaitWritable() { descriptor_->WaitWritable(); }
   const std::string& GetReason() const { return reason_; }
 
  private:
   Result Fail(int error);
 
-  Descriptor descriptor_;
+  std::optional<Descriptor> descriptor_;  // none: closed
   size_t hold_ = 0;
   std::string reason_;
 };
