@@ -1,5 +1,4 @@
-#!/usr/bin/python3
-"""bounds.py [--bin-dir DIR] [--protocol 1|5|20]... [--seconds N] [--measure NAME]...
+"""bounds.sh [--bin-dir DIR] [--protocol 1|5|20]... [--seconds N] [--measure NAME]...
 
 What has to hold on a slow link, and of a companion whose devices do their worst.
 Measures on a link of 2 Mbit (250,000 bytes/s each way) of an internet and a device
@@ -22,13 +21,18 @@ import tempfile
 import threading
 import time
 
-import roads
-from roads import bench
+from testbed import internet
+from testbed.internet import NAME_SERVER, SERVER_ADDRESS
+from testbed.processes import Missing, end_process, find_program, resident_bytes
+from testbed.programs import BIN_DIR
+from testbed.roads import VantrelRoad, wait_for_rest
+from testbed.waiting import wait_until
+
 
 RATE = 250000
 SOURCE, SINK, EXCHANGE, KEYS = 7001, 7002, 7003, 7004
 UDP_ECHO, FLOOD, UDP_SINK, UDP_SOURCE, QUIC = 4000, 4001, 4002, 4003, 4433
-ADDRESS, NAME_SERVER, DARK_ADDRESS = roads.SERVER_ADDRESS, "198.51.100.53", "198.51.100.99"
+ADDRESS, DARK_ADDRESS = SERVER_ADDRESS, "198.51.100.99"
 REQUEST, ANSWER = b"q" * 100, b"a" * 1024
 FLOOD_RATE, FLOOD_SIZE = 600000, 1200
 UPLOAD_FLOOD_RATE = RATE * 1.3
@@ -127,7 +131,7 @@ def run_servers():
 
 @contextlib.contextmanager
 def slow_road(options, protocol, shape="rate=2Mbit"):
-    with tempfile.TemporaryDirectory() as name, contextlib.closing(roads.VantrelRoad(
+    with tempfile.TemporaryDirectory() as name, contextlib.closing(VantrelRoad(
             "slow", pathlib.Path(name), protocol, shape=shape,
             bin_dir=options.bin_dir)) as road:
         yield road
@@ -144,16 +148,16 @@ class Companion:
                 [options.bin_dir / "vantrel-companion", "--protocol", "1", "--listen",
                  f"unix:{self.path}", "--allow", "198.51.100.0/24"],
                 stdout=output, stderr=output)
-        bench.wait_until(lambda: "listening on" in log.read_text(), "the companion")
+        wait_until(lambda: "listening on" in log.read_text(), "the companion")
 
     def log_size(self):
         return self._log.stat().st_size
 
     def resident_megabytes(self):
-        return roads.resident_bytes([self.process.pid]) / 1e6
+        return resident_bytes([self.process.pid]) / 1e6
 
     def close(self):
-        bench.end_process(self.process)
+        end_process(self.process)
 
 
 class Load:
@@ -192,7 +196,7 @@ class QuicServer:
     one of ngtcp2's congestion controls."""
 
     def __init__(self, directory, control):
-        program, openssl = roads.find_program("gtlsserver"), roads.find_program("openssl")
+        program, openssl = find_program("gtlsserver"), find_program("openssl")
         key, certificate = directory / "key.pem", directory / "certificate.pem"
         subprocess.run([openssl, "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj",
                         f"/CN={ADDRESS}", "-keyout", key, "-out", certificate],
@@ -202,11 +206,11 @@ class QuicServer:
              key, certificate], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         # It answers what is no QUIC with nothing, so look for its socket.
         row = f":{QUIC:04X} 00000000:0000"
-        bench.wait_until(lambda: row in pathlib.Path("/proc/net/udp").read_text(),
-                         "the QUIC server")
+        wait_until(lambda: row in pathlib.Path("/proc/net/udp").read_text(),
+                   "the QUIC server")
 
     def close(self):
-        bench.end_process(self.process)
+        end_process(self.process)
 
 
 class QuicDownload:
@@ -215,20 +219,20 @@ class QuicDownload:
     in bursts."""
 
     def __init__(self, device, name, directory):
-        program = roads.find_program("gtlsclient")
+        program = find_program("gtlsclient")
         self._file = directory / name
         self.process = subprocess.Popen(
             device.command([program, "--quiet", "--ack-thresh=10", f"--download={directory}",
                             ADDRESS, QUIC, f"https://{ADDRESS}:{QUIC}/{name}"]),
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        bench.wait_until(self._file.exists, "the first bytes by QUIC")
+        wait_until(self._file.exists, "the first bytes by QUIC")
 
     @property
     def moved(self):
         return self._file.stat().st_size
 
     def close(self):
-        bench.end_process(self.process)
+        end_process(self.process)
 
 
 def timed(action, seconds, pause=0.05):
@@ -413,7 +417,7 @@ def measure_idle(options, protocol):
         load = Load(road.device, SOURCE, 4)
         time.sleep(1)
         load.close()
-        roads.wait_for_rest(road)
+        wait_for_rest(road)
         before = sum(road.used_seconds().values())
         time.sleep(2)
         used = sum(road.used_seconds().values()) - before
@@ -649,7 +653,7 @@ ONCE = {"many": measure_many, "silent": measure_silent, "flooded": measure_flood
 
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[1])
-    parser.add_argument("--bin-dir", type=pathlib.Path, default=bench.BIN_DIR)
+    parser.add_argument("--bin-dir", type=pathlib.Path, default=BIN_DIR)
     parser.add_argument("--protocol", action="append", choices=["1", "5", "20"])
     parser.add_argument("--seconds", type=float, default=8)
     parser.add_argument("--measure", action="append", choices=[*SHAPED, *ONCE])
@@ -660,7 +664,7 @@ def parse_options():
 
 def main():
     options = parse_options()
-    roads.enter_internet()
+    internet.enter()
     servers = os.fork()
     if servers == 0:
         run_servers()
@@ -677,7 +681,7 @@ def main():
                 all_hold = all_hold and holds
                 print(f"{protocol:>2}  {figure:70} {value:>12}  {bound:18} "
                       f"{'ok' if holds else 'NOT MET'}", flush=True)
-        except roads.Missing as missing:
+        except Missing as missing:
             name = measure.__name__.split("_")[1]
             print(f"{protocol:>2}  {name}: skipped, {missing}", flush=True)
     os.kill(servers, 9)

@@ -1,9 +1,8 @@
-#!/usr/bin/python3
 """measure.py [--mode quick|full] [--only WORD]... [--base-bin DIR --base NAME] OUT.json
 
 The end-to-end measurements, and the micro benchmarks after them. Makes an internet
 and devices in namespaces of its own, which needs root. Every measurement goes over
-all roads (roads.py) before it is repeated, so that what else the machine does falls
+all roads (testbed/roads.py) before it is repeated, so that what else the machine does falls
 on all of them. One that fails is said and left out, and makes the exit status 1.
 Writes all values to OUT.json, which report.py turns into tables and
 plots. With --base the programs in DIR are measured beside ours; --only takes the
@@ -20,8 +19,12 @@ import sys
 import tempfile
 import time
 
-import roads
-from roads import Load, bench
+from testbed import internet
+from testbed.load import Load
+from testbed.processes import Missing, end_process, resident_bytes
+from testbed.programs import SOURCE_DIR
+from testbed.roads import DEVICE_SETTINGS, CableRoad, ProxyRoad, SshRoad, VantrelRoad, wait_for_rest
+from testbed.servers import start_load_server
 
 REQUEST = {"up": 100, "down": 1024}
 IDLE_CONNECTIONS = 1000
@@ -89,7 +92,7 @@ def run_load_and_count(road, kind, seconds, **options):
         result = json.loads(load.result(seconds + 60))
     finally:
         load.close()
-    roads.wait_for_rest(road)
+    wait_for_rest(road)
     return result, {role: used - before[role] for role, used in road.used_seconds().items()}
 
 
@@ -124,16 +127,16 @@ def requests_beside_bulk(road, seconds):
 def requests_beside_idle(road, seconds):
     """On a road that has carried nothing yet also what a connection costs in memory:
     later the programs use again what earlier loads have left."""
-    resident = {role: roads.resident_bytes(pids) for role, pids in road.pids().items()}
+    resident = {role: resident_bytes(pids) for role, pids in road.pids().items()}
     idle = Load(road, "hold", clients=IDLE_CONNECTIONS, **REQUEST)
     try:
         memory = {f"{role} B/connection":
-                  (roads.resident_bytes(pids) - resident[role]) / IDLE_CONNECTIONS
+                  (resident_bytes(pids) - resident[role]) / IDLE_CONNECTIONS
                   for role, pids in road.pids().items()}
         figures = requests(road, seconds)
     finally:
         idle.close()
-    roads.wait_for_rest(road)
+    wait_for_rest(road)
     if road.is_fresh:
         figures.update(memory)
         road.is_fresh = False
@@ -175,11 +178,11 @@ def burst_beside(road, _seconds):
 
 def at_rest(road, _seconds):
     """Before anything else: memory, and work where there is nothing to do."""
-    roads.wait_for_rest(road)
+    wait_for_rest(road)
     before = road.used_seconds()
     time.sleep(1)
     used = road.used_seconds()
-    return {**{f"{role} resident KiB": roads.resident_bytes(pids) / 1024
+    return {**{f"{role} resident KiB": resident_bytes(pids) / 1024
                for role, pids in road.pids().items()},
             **{f"{role} ms/s at rest": (used[role] - before[role]) * 1000 for role in used}}
 
@@ -246,7 +249,7 @@ ONCE = ["at rest", f"requests beside {IDLE_CONNECTIONS} idle", "overhead on the 
 def is_possible(measure, road):
     if measure.startswith("datagrams"):
         return road.has_datagrams
-    return measure != "overhead on the link" or isinstance(road, roads.VantrelRoad)
+    return measure != "overhead on the link" or isinstance(road, VantrelRoad)
 
 
 def measure_roads(options, mode, directory, results, names):
@@ -255,11 +258,11 @@ def measure_roads(options, mode, directory, results, names):
         for name, make in road_makers(options):
             try:
                 road = make(name, directory / f"road{len(made)}")
-            except roads.Missing as reason:
+            except Missing as reason:
                 print(f"skipped: {name}: {reason}", file=sys.stderr)
                 continue
             stack.callback(road.close)
-            road.device.run(*roads.DEVICE_SETTINGS)
+            road.device.run(*DEVICE_SETTINGS)
             made.append(road)
             names.append(name)
         for measure, action in MEASURES.items():
@@ -273,16 +276,16 @@ def measure_roads(options, mode, directory, results, names):
 def road_makers(options):
     """(name, constructor of (name, directory)) in the order of the tables."""
     def vantrel(protocol, **kwargs):
-        return lambda name, directory: roads.VantrelRoad(name, directory, protocol, **kwargs)
+        return lambda name, directory: VantrelRoad(name, directory, protocol, **kwargs)
 
-    makers = [("direct", roads.CableRoad), ("vantrel 5", vantrel("5")),
+    makers = [("direct", CableRoad), ("vantrel 5", vantrel("5")),
               ("vantrel 20", vantrel("20"))]
     if options.base:
         for protocol in "5", "20":
             makers.append((f"vantrel {protocol} at {options.base}",
                            vantrel(protocol, bin_dir=options.base_bin)))
     makers += [("vantrel 20, relayed", vantrel("20", relayed=True)),
-               ("transparent proxy", roads.ProxyRoad), ("ssh tunnel", roads.SshRoad)]
+               ("transparent proxy", ProxyRoad), ("ssh tunnel", SshRoad)]
     return makers
 
 
@@ -303,7 +306,7 @@ def measure_slow_links(options, directory, results):
     for number, (measure, shape, action) in enumerate(slow_links(options.mode)):
         if not is_wanted(options, measure):
             continue
-        with results.step(measure), contextlib.closing(roads.VantrelRoad(
+        with results.step(measure), contextlib.closing(VantrelRoad(
                 "vantrel 20", directory / f"slow{number}", "20", shape=shape)) as road:
             results.add(measure, road.name, action(road))
 
@@ -342,7 +345,7 @@ def about_machine():
     processor = [line.split(":")[1].strip()
                  for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
                  if line.startswith("model name")]
-    commit = subprocess.run(["git", "-C", roads.SOURCE_DIR, "describe", "--always", "--dirty"],
+    commit = subprocess.run(["git", "-C", SOURCE_DIR, "describe", "--always", "--dirty"],
                             capture_output=True, text=True, check=False).stdout.strip()
     return {"when": datetime.datetime.now().isoformat(" ", "minutes"), "commit": commit,
             "processors": len(processor), "processor": processor[0] if processor else "",
@@ -363,19 +366,19 @@ def main():
         if not any(word in measure for measure in known_measures(options.mode)):
             parser.exit(2, f"bench: no measurement of the mode {options.mode} has {word!r} in its "
                         f"name; there are: {'; '.join(known_measures(options.mode))}\n")
-    roads.enter_internet()
+    internet.enter()
     mode = MODES[options.mode]
     mode.update({name: value for name in ("seconds", "repeats")
                  if (value := getattr(options, name)) is not None})
     about = {**about_machine(), "mode": options.mode, **mode, "base": options.base, "roads": []}
     results = Results(options.out, about)
-    server = roads.start_server()
+    server = start_load_server()
     try:
         with tempfile.TemporaryDirectory() as name:
             measure_roads(options, mode, pathlib.Path(name), results, about["roads"])
             measure_slow_links(options, pathlib.Path(name), results)
     finally:
-        bench.end_process(server)
+        end_process(server)
         server.stdout.close()
     measure_micro(options, mode, results)
     progress("")

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """report.py RESULTS.json... [--plots DIR] [--document FILE.md]
 
 Tables of what measure.py has written. In them every value is the median of its runs
@@ -11,8 +10,9 @@ import json
 import pathlib
 import re
 import statistics
-import subprocess
 import sys
+
+from testbed.plot import draw
 
 # Name, which measures, which figures of them.
 TABLES = [
@@ -153,17 +153,6 @@ def write_document(path, made):
                       lambda found, name=name: found[1] + as_markdown(made[name]) + "\n" + found[2],
                       text, count=1, flags=re.S)
     path.write_text(text)
-
-
-def draw(path, commands, blocks, size="760,420"):
-    """A plot from named blocks of data: {name: rows of values}."""
-    data = "".join(f"${name} << EOD\n" + "\n".join(
-        " ".join(f'"{value}"' if isinstance(value, str) else f"{value:g}" for value in row)
-        for row in rows) + "\nEOD\n" for name, rows in blocks.items())
-    script = (f'set terminal svg size {size} background "white" font "sans,12"\n'
-              f'set output "{path}"\nset grid ytics\nset key outside top center horizontal\n'
-              f"{data}{commands}\n")
-    subprocess.run(["gnuplot"], input=script, text=True, check=True)
 
 
 def draw_bulk(results, directory):

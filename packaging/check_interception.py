@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""check_interception.py: scripts, units, documents and the bench use the address, interface,
+"""check_interception.py: scripts, units, documents and the testbed use the address, interface,
 chains and packet-filter tool that the daemon's headers define. Differences go to
 standard error and make the exit status 1.
 """
@@ -11,10 +11,10 @@ ROOT = Path(__file__).resolve().parent.parent
 HEADERS = ROOT / "common/interception.h", ROOT / "daemon/interception_rules.h"
 # Each file, and what of the definitions it must mention.
 USERS = {
-    "scripts/lib/device.sh": ["kApplicationAddressText", "kInterface", "kIptablesWrapper"],
+    "testbed/device.sh": ["kApplicationAddressText", "kInterface", "kIptablesWrapper"],
     "packaging/linux/network": ["kApplicationAddressText", "kInterface"],
     "packaging/linux/no_tunnel.nft": ["kInterface"],
-    "tests/bench.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
+    "testbed/device.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
     "scripts/lib/demo_steps.sh": [],
     "docs/android.md": ["kApplicationAddressText", "kInterface", "kIptablesWrapper", "kTcpChain",
                         "kUdpChain"],

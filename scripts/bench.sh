@@ -63,9 +63,9 @@ if [ -n "$base" ]; then
 fi
 
 status=0
-VANTREL_BIN_DIR=$PWD/build/$preset/bin run bench/measure.py --mode "$mode" \
+VANTREL_BIN_DIR=$PWD/build/$preset/bin run /usr/bin/python3 -B -m bench.measure --mode "$mode" \
   "${compare[@]}" "${only[@]}" "$out/$mode.json" || status=$?
 [ "$status" -ne 2 ] || exit 2 # nothing was measured
-bench/report.py "$out/$mode.json" --plots "$out"
+/usr/bin/python3 -B -m bench.report "$out/$mode.json" --plots "$out"
 echo "bench: $out/$mode.json, plots in $out" >&2
 exit "$status"

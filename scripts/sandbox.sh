@@ -106,7 +106,7 @@ listens || fail "the companion did not start: $(cat "$log_dir/companion.log")"
 trap '' INT
 signals=INT,QUIT,TERM,HUP
 env --ignore-signal=$signals unshare "${namespaces[@]}" env --default-signal=$signals \
-  "$scripts/lib/device.sh" "$work" "$scripts/lib/session.py" \
+  "$scripts/../testbed/device.sh" "$work" "$scripts/lib/session.py" \
   "$log_dir" "$bin" "$PWD" --protocol "$protocol" "${to_launcher[@]}" "unix:$work/link" \
   -- "$@" <&0 &
 device=$!

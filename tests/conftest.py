@@ -1,59 +1,47 @@
-"""Runs the whole session inside namespaces of its own: its network is the
-internet that devices reach, and everything left behind ends with it."""
+"""Runs the whole session inside namespaces of its own, the internet of its devices."""
 
 import os
 import shutil
-import subprocess
-import sys
 
 import pytest
 
-sys.path.insert(0, os.path.dirname(__file__))
-import bench  # noqa: E402 the line before is what finds it
+from testbed import internet, namespaces
+from testbed.device import Device, set_wrapper
+from testbed.processes import end_process
+from testbed.programs import Daemon, Launch, listening_companion, sanitizer_reports
 
 SKIPPED = 77  # the exit status by which a session says that nothing could run
-NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
-INTERNET = [
-    ["mount", "--make-rprivate", "/"],
-    ["ip", "link", "set", "lo", "up"],
-    # On lo every address of the network is local: servers take what they like.
-    ["ip", "address", "add", "198.51.100.1/24", "dev", "lo"],
-]
-# What a device's rules need of the kernel.
-KERNEL_PROBE = """
-mount -t tmpfs none /run && iptables-legacy -w -t nat -N probe &&
-iptables-legacy -w -t nat -A probe -p tcp -j REDIRECT --to-ports 1 &&
-iptables-legacy -w -t mangle -N probe &&
-iptables-legacy -w -t mangle -A probe -p udp -j TPROXY --on-port 1 --tproxy-mark 1
-"""
 
 
 def pytest_addoption(parser):
     parser.addoption("--before", metavar="DIR", help="programs of an earlier version, which "
                      "test_real_programs.py runs beside these for its table")
+    parser.addoption("--part", metavar="N/PARTS", help="every PARTS-th case, from the N-th on")
 
 
 def pytest_configure(config):
     os.environ["PATH"] += ":/usr/sbin:/sbin"
-    if "VANTREL_BENCH" not in os.environ:
+    if not namespaces.are_entered():
         enter_namespaces(config)
     config.closing_lines = []  # what the session prints at its end
-    for command in INTERNET:
-        subprocess.run(command, check=True)
+    internet.make()
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("part"):
+        number, parts = map(int, config.getoption("part").split("/"))
+        config.hook.pytest_deselected(items=[item for at, item in enumerate(items)
+                                             if at % parts != number - 1])
+        items[:] = items[number - 1::parts]
 
 
 def enter_namespaces(config):
-    become = NAMESPACES if os.getuid() == 0 else ["--user", "--map-root-user", *NAMESPACES]
-    probe = subprocess.run(["unshare", *become, "sh", "-ec", KERNEL_PROBE],
-                           capture_output=True, text=True)
-    if probe.returncode != 0:
-        pytest.exit(f"skipped, not passed: no namespaces or rules here: {probe.stderr}",
+    if refusal := namespaces.refusal():
+        pytest.exit(f"skipped, not passed: no namespaces or rules here: {refusal}",
                     returncode=1 if os.environ.get("CI") else SKIPPED)
     # The descriptors must be the terminal's again before the program changes.
     config.pluginmanager.getplugin("capturemanager").stop_global_capturing()
-    os.environ["VANTREL_BENCH"] = "root" if os.getuid() == 0 else "user"
-    os.execvp("unshare", ["unshare", *become, sys.executable, "-m", "pytest",
-                          *sys.argv[1:]])
+    namespaces.enter()
 
 
 def pytest_sessionfinish(session, exitstatus):
@@ -73,7 +61,7 @@ def pytest_terminal_summary(terminalreporter, config):
 
 @pytest.fixture
 def needs_root():
-    if os.environ["VANTREL_BENCH"] != "root":
+    if not namespaces.has_root():
         pytest.skip("needs root: a user namespace has one UID only")
 
 
@@ -82,13 +70,13 @@ def make_device(tmp_path):
     devices = []
 
     def make(**kwargs):
-        devices.append(bench.Device(tmp_path / f"device{len(devices)}", **kwargs))
+        devices.append(Device(tmp_path / f"device{len(devices)}", **kwargs))
         return devices[-1]
 
     yield make
     for device in devices:
         device.close()
-    reports = bench.sanitizer_reports(tmp_path)
+    reports = sanitizer_reports(tmp_path)
     shutil.rmtree(tmp_path, ignore_errors=True)
     assert not reports, reports
 
@@ -104,7 +92,7 @@ def start(device):
     daemons = []
 
     def make(**kwargs):
-        daemons.append(bench.Daemon(device, **kwargs))
+        daemons.append(Daemon(device, **kwargs))
         return daemons[-1]
 
     yield make
@@ -130,14 +118,14 @@ def launch(make_device):
 
     def make(*options, wrapper="", companion_options=(), **kwargs):
         device = make_device(debuggable=True)
-        bench.set_wrapper(device, wrapper)
-        companion = bench.listening_companion(device, *companion_options)
+        set_wrapper(device, wrapper)
+        companion = listening_companion(device, *companion_options)
         running.append(companion)
-        launched = bench.Launch(device, "--protocol", "5", *options, **kwargs)
+        launched = Launch(device, "--protocol", "5", *options, **kwargs)
         running.append(launched.process)
         launched.companion = companion
         return launched
 
     yield make
     for process in running:
-        bench.end_process(process)
+        end_process(process)

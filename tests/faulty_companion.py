@@ -4,15 +4,13 @@ without a fault. FAULTS says which check has to find each fault, and what it say
 
 import asyncio
 import contextlib
-import os
 import socket
 import struct
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "examples"))
-import companion as example  # noqa: E402 the line before is what finds it
-from companion import Companion, TCP_CLOSE, TCP_CONNECT  # noqa: E402
-from companion import TCP_WRITE, TCP_WRITE_ACK, UDP_FAILURE, UDP_SEND  # noqa: E402
+from examples import companion as example
+from examples.companion import Companion, TCP_CLOSE, TCP_CONNECT
+from examples.companion import TCP_WRITE, TCP_WRITE_ACK, UDP_FAILURE, UDP_SEND
 
 FAULTS = {}  # name -> (protocol, check, words of its reason, class)
 

@@ -3,11 +3,12 @@ PROGRAMS is all that test_real_programs.py runs over each road."""
 
 from typing import NamedTuple
 
-import bench
+from testbed.device import BROWSER_UID, PACKAGES
+
 
 # Each application writes to an address of its own, so that the address of a stream
 # tells whose it is.
-ADDRESSES = {uid: f"198.51.100.{80 + n}" for n, uid in enumerate(bench.PACKAGES)}
+ADDRESSES = {uid: f"198.51.100.{80 + n}" for n, uid in enumerate(PACKAGES)}
 
 
 class Program(NamedTuple):
@@ -37,7 +38,7 @@ class Program(NamedTuple):
 
 NEEDED = """ab apache2 dnsperf git gtlsclient gtlsserver lftp mosquitto mosquitto_pub nc nsd
   openssl psql redis-benchmark redis-server rsync socat ssh sshd tnftp vsftpd wget""".split()
-ONE = [bench.BROWSER_UID]
+ONE = [BROWSER_UID]
 # arrived N FILE WORDS: the first N lines with WORDS in FILE, once they are there.
 FUNCTIONS = """
 arrived() {

@@ -16,10 +16,11 @@ import time
 
 import pytest
 
-import bench
-import wire
-from bench import BIN_DIR, BROWSER_UID, wait_until
-from test_traffic import DATA, dns, web  # noqa: F401 fixtures
+from testbed import wire
+from testbed.device import BROWSER_UID
+from testbed.programs import BIN_DIR, program_environment
+from testbed.waiting import wait_until
+from tests.test_traffic import DATA, dns, web  # noqa: F401 fixtures
 
 if "BLUETOOTH_OUTPUT" not in os.environ:
     pytest.skip("needs scripts/bluetooth.sh", allow_module_level=True)
@@ -77,7 +78,7 @@ def companion(tmp_path, programs):
             tmp_path / f"companion{number}.log",
             [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--listen",
              f"rfcomm:{CHANNEL}", "--allow", "198.51.100.0/24", "--network", "7",
-             *options], env=bench.program_environment(tmp_path)))
+             *options], env=program_environment(tmp_path)))
         programs[-1].wait_for("listening on")
         return programs[-1]
     return start
@@ -104,7 +105,7 @@ exec {network} {program} "$@"
         command.remove("--net")
         programs.append(Program(
             device.dir / "launch.log", command,
-            env={**bench.program_environment(device.dir),
+            env={**program_environment(device.dir),
                  "VANTREL_LOG_FILE": str(device.dir / "daemon.log")}))
         return programs[-1]
     return start

@@ -7,23 +7,21 @@ import subprocess
 import sys
 import xml.etree.ElementTree
 from concurrent.futures import ThreadPoolExecutor
-from pathlib import Path
 from threading import Thread
 from types import SimpleNamespace
 
 import pytest
 
-import bench
-from bench import BIN_DIR, wait_until
-from faulty_companion import FAULTS, PLAIN
+from check.vantrel_check import checks  # noqa: F401 it registers them
+from check.vantrel_check.environment import LinkSource
+from check.vantrel_check.links import LinkAddress
+from check.vantrel_check.registry import CHECKS, DOCUMENTS, RULES
+from check.vantrel_check.runner import Runner
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR, SOURCE_DIR, program_environment, sanitizer_reports
+from testbed.waiting import wait_until
+from tests.faulty_companion import FAULTS, PLAIN
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "check"))
-from vantrel_check import checks  # noqa: E402, F401 it registers them
-from vantrel_check.environment import LinkSource  # noqa: E402
-from vantrel_check.links import LinkAddress  # noqa: E402
-from vantrel_check.registry import CHECKS, DOCUMENTS, RULES  # noqa: E402
-from vantrel_check.runner import Runner  # noqa: E402
 
 CHECK = str(BIN_DIR / "vantrel-check")
 ALL_BUT_FIGURES = "[!f]*"
@@ -37,15 +35,15 @@ def serve(tmp_path):
 
     def start(path, *command):
         log = open(f"{path}.log", "wb")
-        running.append(subprocess.Popen(command, stderr=log,
-                                        env=bench.program_environment(tmp_path)))
+        running.append(subprocess.Popen(command, stderr=log, cwd=SOURCE_DIR,
+                                        env=program_environment(tmp_path)))
         wait_until(path.exists, "the companion")
         return running[-1]
 
     yield start
     for process in running:
-        bench.end_process(process)
-    assert bench.sanitizer_reports(tmp_path) == ""
+        end_process(process)
+    assert sanitizer_reports(tmp_path) == ""
 
 
 def check(*arguments, wrapper=()):
@@ -77,7 +75,7 @@ def test_own_companion(serve, tmp_path, protocol):
 
 
 def test_example_companion(serve, tmp_path):
-    serve(tmp_path / "link", ROOT / "examples/companion.py", f"unix:{tmp_path}/link")
+    serve(tmp_path / "link", SOURCE_DIR / "examples/companion.py", f"unix:{tmp_path}/link")
     status, results = check(f"unix:{tmp_path}/link", "--only", ALL_BUT_FIGURES)
     assert (status, not_ok(results)) == (0, {})
 
@@ -94,7 +92,7 @@ def find(path, name):
 
 
 def test_each_fault_is_found(serve, tmp_path):
-    serve(tmp_path / "plain-1", sys.executable, "-B", ROOT / "tests/faulty_companion.py", tmp_path)
+    serve(tmp_path / "plain-1", sys.executable, "-B", "-m", "tests.faulty_companion", tmp_path)
     wait_until((tmp_path / list(FAULTS)[-1]).exists, "all of them")
     for name in PLAIN:  # which pass: it is the fault that is found
         status, results = check("--protocol", name[-1], f"unix:{tmp_path}/{name}", "--only",
@@ -123,7 +121,7 @@ def test_one_fault_is_told_once(serve, tmp_path):
     assert status == 1 and list(results)[0] == "reach-server"
     assert "refuses 127.0.0.1" in not_ok(results)["reach-server"]
     assert len(not_ok(results)) == 1 and results["handshake"]["result"] == "ok"
-    serve(tmp_path / "plain-1", sys.executable, "-B", ROOT / "tests/faulty_companion.py", tmp_path)
+    serve(tmp_path / "plain-1", sys.executable, "-B", "-m", "tests.faulty_companion", tmp_path)
     link = f"unix:{tmp_path}/AcknowledgesNothing"
     wait_until((tmp_path / list(FAULTS)[-1]).exists, "all of them")
     arguments = ["--timeout", "0.5", link, "--only", "stream-[eiosu]*"]
@@ -158,7 +156,7 @@ def test_a_companion_that_connects_by_itself(tmp_path):
 
 def test_documents_have_the_sections():
     for protocol, name in DOCUMENTS.items():
-        headings = set(re.findall(r"^## (.*)", (ROOT / "docs" / name).read_text(), re.M))
+        headings = set(re.findall(r"^## (.*)", (SOURCE_DIR / "docs" / name).read_text(), re.M))
         of_others = {id(one.rule) for one in CHECKS if protocol not in one.protocols}
         used = {rule.section[protocol] for rule in RULES if id(rule) not in of_others}
         assert used <= headings

@@ -16,9 +16,12 @@ import time
 
 import pytest
 
-import bench
-import wire
-from bench import BIN_DIR, program_environment, wait_until
+from testbed import wire
+from testbed.device import MAIL_UID
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR, program_environment, sanitizer_reports
+from testbed.waiting import wait_until
+
 
 REMOTE = ("198.51.100.80", 7000)
 
@@ -57,8 +60,8 @@ def companion(tmp_path):
     yield start
     for process in running:
         process.send_signal(signal.SIGCONT)
-        bench.end_process(process)
-    assert bench.sanitizer_reports(tmp_path) == ""
+        end_process(process)
+    assert sanitizer_reports(tmp_path) == ""
 
 
 @pytest.fixture
@@ -369,7 +372,7 @@ def test_closed_standard_descriptors(tmp_path):
          "--listen", f"unix:{tmp_path}/link"])
     wait_until((tmp_path / "link").exists, "the companion")
     assert [os.readlink(f"/proc/{process.pid}/fd/{fd}") for fd in range(3)] == ["/dev/null"] * 3
-    bench.end_process(process)
+    end_process(process)
 
 
 def test_what_is_wrong_with_a_device(companion, link):
@@ -407,7 +410,7 @@ def test_who_may_listen(companion, tmp_path, link):
                            (("--allow-remote-links",), "put a tunnel in front")):
         other = companion("--listen", "tcp:0.0.0.0:0", *options)
         assert words in other.log()
-        bench.end_process(other)
+        end_process(other)
 
 
 def test_an_abstract_name_is_for_its_own_user(companion):
@@ -415,7 +418,7 @@ def test_an_abstract_name_is_for_its_own_user(companion):
     process = companion("--listen", f"unix:@{name}")
     stranger = ("import socket; s = socket.socket(socket.AF_UNIX); "
                 f"s.connect('\\0{name}'); print(s.recv(1))")
-    run = subprocess.run([sys.executable, "-c", stranger], user=bench.MAIL_UID, check=True,
+    run = subprocess.run([sys.executable, "-c", stranger], user=MAIL_UID, check=True,
                          capture_output=True, timeout=10)
     assert run.stdout == b"b''\n"
     assert "refused: another user" in process.log()
@@ -447,7 +450,7 @@ def test_signals_log_and_service_manager(companion, link, tmp_path, monkeypatch)
         ping(one)
         process.send_signal(signal.SIGUSR1)
         wait_until(lambda: "bytes/s" in process.log(), "the state")
-        bench.end_process(process)
+        end_process(process)
         lines = [json.loads(line) for line in process.log().splitlines()]
         assert {"level", "kind", "message", "time"} <= lines[0].keys()
         unexpected = [line for line in lines if "unexpected" in line["message"]]

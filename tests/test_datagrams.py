@@ -3,9 +3,11 @@
 import signal
 import socket
 
-import bench
-import wire
-from bench import DEVICE_ADDRESS, wait_until
+from testbed import wire
+from testbed.device import DEVICE_ADDRESS
+from testbed.programs import Daemon
+from testbed.waiting import wait_until
+
 
 # From 192.168.167.239:5000 to 198.51.100.53:53, written out by hand.
 SEND = ("08 0A  {checksum}  8A 0D 15"
@@ -74,7 +76,7 @@ def test_names_are_logged(device, connected):
 def test_answers_reach_only_those_who_asked(make_device):
     """Otherwise the companion could talk to every service of the device."""
     device = make_device(debuggable=True)
-    daemon = bench.Daemon(device)
+    daemon = Daemon(device)
     companion = daemon.companion
     companion.shake_hands()
     daemon.ports()
@@ -97,7 +99,7 @@ def test_a_flood_is_dropped_and_others_go_on(make_device):
     """What waits for a slow link is bounded, and the log with it. Streams and small
     datagrams of others find room beside it."""
     device = make_device()
-    daemon = bench.Daemon(device, link_buffer=16384)
+    daemon = Daemon(device, link_buffer=16384)
     daemon.companion.shake_hands()
     daemon.ports()
     app, look_up = udp_app(device, 5000), udp_app(device, 5001)

@@ -14,9 +14,12 @@ import time
 
 import pytest
 
-import bench
-import wire
-from bench import BIN_DIR, Launch, listening_companion, set_wrapper, standing_rules, wait_until
+from testbed import wire
+from testbed.device import set_wrapper, standing_rules
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR, Daemon, Launch, listening_companion
+from testbed.waiting import wait_until
+
 
 ALLOWED = "--allow", "198.51.100.0/24"
 REMOTE = ("198.51.100.80", 7000)
@@ -88,7 +91,7 @@ def test_killed_in_mid_transfer(launch, remote, victim, options, status):
         run.process.terminate()
     assert run.process.wait(20) == status
     if again:
-        bench.end_process(again)
+        end_process(again)
     if victim == "launcher and daemon":
         assert standing_rules(device)
         device.run(BIN_DIR / "vantrelctl", "rules", "teardown")
@@ -138,7 +141,7 @@ def test_every_command_of_the_rules_can_fail(make_device):
         set_wrapper(device, f"{count}; [ $n -ne {step} ] || {{ echo refused; exit 3; }}")
         if step == 17:
             device.run("rm", "/system/bin/iptables-wrapper-1.0")
-        daemons.append(bench.Daemon(device))
+        daemons.append(Daemon(device))
     for daemon in daemons:
         daemon.ports()
         assert daemon.status() == bytes(4)
@@ -169,6 +172,9 @@ def test_rules_that_are_missing_or_stay_behind_are_told(launch):
 
 def test_a_packet_filter_tool_that_hangs(launch):
     run = launch()
+    # The launcher looks at the rules of a daemon that has started, too.
+    run.wait_for(run.out, "network 7")
+    wait_until(lambda: len(run.children()) == 1, "the end of that look")
     set_wrapper(run.device, "sleep 1000")
     look = subprocess.Popen(run.device.command([BIN_DIR / "vantrelctl", "rules", "status"]),
                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
@@ -195,11 +201,11 @@ def test_somebody_holds_the_lock_of_the_packet_filter(make_device):
     assert "rules may be left" in run.err.read_text()
     run = Launch(device, "--protocol", "5", wait=False)
     run.wait_for(run.err, "warning: the daemon has not started yet", 15)
-    bench.end_process(holder)
+    end_process(holder)
     run.wait_for(run.out, "started")
     assert run.end() == 0
     assert standing_rules(device) == []
-    bench.end_process(companion)
+    end_process(companion)
 
 
 def test_a_companion_that_takes_nothing_for_15_s(launch):
@@ -318,7 +324,7 @@ def test_without_a_log_file_the_lines_go_to_syslog(device, start):
         wait_until(lambda: "Vantrel started" in "".join(lines), "the start")
         daemon.companion.send(15)  # which no companion says
         wait_until(lambda: "Unexpected message" in "".join(lines), "the warning")
-        assert bench.end_process(daemon.process) == 0
+        assert end_process(daemon.process) == 0
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as own:
             own.sendto(b"", syslog.getsockname())
         collector.join()
@@ -342,7 +348,7 @@ def test_readers_of_the_status_channel(start):
         os.dup2(nothing.fileno(), daemon._status_fd)
     daemon.companion.send(wire.NETWORK_STATE, (1, 9))
     assert daemon.frames_before_later_ones() == []
-    assert bench.end_process(daemon.process) == 0
+    assert end_process(daemon.process) == 0
     # None from the beginning.
     daemon = start(wrap=["sh", "-c", 'exec "$@" >&-', "sh"])
     daemon.companion.shake_hands()
@@ -421,4 +427,4 @@ def test_what_the_launcher_cannot_write_or_ask(make_device, tmp_path, monkeypatc
         f"cannot write {metrics}: not a regular file; trying again every second"]
     assert [json.loads(line)["record"] for line in run.out.read_text().splitlines()] == [
         "started", "network", "stats", "daemon_ended"]
-    bench.end_process(companion)
+    end_process(companion)

@@ -9,9 +9,10 @@ import threading
 
 import pytest
 
-import bench
-import wire
-from bench import BROWSER_UID, MAIL_UID
+from testbed import wire
+from testbed.device import BROWSER_UID, MAIL_UID
+from testbed.programs import Daemon
+
 
 UIDS = [0, BROWSER_UID, MAIL_UID]
 PORTS = range(41000, 41010)
@@ -159,7 +160,7 @@ def test_no_owner_is_wrong_and_none_is_missing(needs_root, make_device, version,
     device = make_device()
     device.run("sysctl", "-qw", "net.ipv4.ip_local_port_range=42000 42999")
     wrap = () if has_diagnosis else ("/usr/bin/python3", "-c", WITHOUT_DIAGNOSIS)
-    daemon = bench.Daemon(device, args=(version,), wrap=wrap)
+    daemon = Daemon(device, args=(version,), wrap=wrap)
     if version == "20":
         daemon.companion.shake_hands()
     elif version == "5":

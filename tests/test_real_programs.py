@@ -10,22 +10,21 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import time
 from typing import NamedTuple
 
 import pytest
 
-import bench
-import wire
-from programs import ADDRESSES, FUNCTIONS, NEEDED, PROGRAMS
-from servers import SERVERS, Servers
+from testbed import namespaces
+from testbed.device import PACKAGES
+from testbed.programs import BIN_DIR, sanitizer_reports
+from testbed.roads import CableRoad, VantrelRoad
+from testbed.servers import SERVERS, Servers
+from testbed.waiting import PATIENCE
+from tests.programs import ADDRESSES, FUNCTIONS, NEEDED, PROGRAMS
 
-sys.path.insert(0, str(bench.SOURCE_DIR / "bench"))
-import roads  # noqa: E402 the line before is what finds it
-
-SECONDS = 20 * wire.PATIENCE  # in which every program has ended
+SECONDS = 20 * PATIENCE  # in which every program has ended
 PROTOCOLS = ["20", "5"]
 # A stream's owner, as the daemon has found it and as the companion was told. It hears
 # the name of a UID after the first stream, and leaves lines out when there are many.
@@ -56,7 +55,7 @@ class Roads:
         # piece of an answer, which is then never a whole one.
         subprocess.run("ip link set lo mtu 1500".split(), check=True)
 
-    def run(self, program, protocol=None, bin_dir=bench.BIN_DIR):
+    def run(self, program, protocol=None, bin_dir=BIN_DIR):
         """The result of |program| over that protocol or, without one, over the cable."""
         for name in program.servers.split():
             self.servers.start(name)
@@ -75,10 +74,10 @@ class Roads:
         directory = pathlib.Path(tempfile.mkdtemp(dir=self.base))
         directory.chmod(0o755)
         if protocol:
-            road = roads.VantrelRoad("tunnel", directory, protocol, bin_dir=bin_dir,
-                                     shape="rate=2Mbit,delay=30ms" if slow else None)
+            road = VantrelRoad("tunnel", directory, protocol, bin_dir=bin_dir,
+                               shape="rate=2Mbit,delay=30ms" if slow else None)
         else:
-            road = roads.CableRoad("cable", directory, rate="2mbit" if slow else None)
+            road = CableRoad("cable", directory, rate="2mbit" if slow else None)
         # Some clients do not start for a user without a name.
         names = directory / "passwd"
         names.write_text(pathlib.Path("/etc/passwd").read_text() + "".join(
@@ -156,7 +155,7 @@ def read(path):
 def wrong_owners(log, lines, most_of_nobody):
     """Of the streams in |lines|, those that are not charged to who has that address; of
     each address so many may be charged to nobody."""
-    owners = {address: (str(uid), bench.PACKAGES[uid]) for uid, address in ADDRESSES.items()}
+    owners = {address: (str(uid), PACKAGES[uid]) for uid, address in ADDRESSES.items()}
     wrong = collections.Counter()
     for address, uid, name in OWNERS[log].findall(lines):
         is_unnamed = log == "companion.out" and uid == owners[address][0] and not name
@@ -188,7 +187,7 @@ def cell(result, cable):
 
 @pytest.fixture(scope="module")
 def all_roads():
-    if os.environ["VANTREL_BENCH"] != "root":
+    if not namespaces.has_root():
         pytest.skip("needs root: a user namespace has one UID only")
     missing = [name for name in NEEDED if not shutil.which(name)]
     if missing:
@@ -199,7 +198,7 @@ def all_roads():
         base.chmod(0o755)
         with contextlib.closing(Roads(base)) as made:
             yield made
-        reports = bench.sanitizer_reports(base)
+        reports = sanitizer_reports(base)
     assert not reports, reports
 
 

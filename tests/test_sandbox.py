@@ -7,7 +7,9 @@ import subprocess
 
 import pytest
 
-from bench import BIN_DIR, SOURCE_DIR, program_environment, sanitizer_reports, wait_until
+from testbed.programs import BIN_DIR, SOURCE_DIR, program_environment, sanitizer_reports
+from testbed.waiting import wait_until
+
 
 LOOK_UP = "dig +short +tries=1 +time=8 www.example.test"
 

@@ -5,8 +5,10 @@ import socket
 
 import pytest
 
-import bench
-import wire
+from testbed import wire
+from testbed.processes import end_process
+from testbed.programs import DAY
+
 
 END = [
     "D Sending transfer stats before vantrel shuts down",
@@ -28,7 +30,7 @@ def assert_ends_in_order(daemon, reason_lines, stats=b"\2\0\0"):
     assert lines[:-1] == [*reason_lines, *END]
     assert lines[-1].startswith("D [B] Total bytes RX/TX: ")
     when = {line: seconds for seconds, line in daemon.timed_log()}
-    assert 1.0 <= (when[END[2]] - when[END[1]]) % bench.DAY < 9  # a busy machine takes longer
+    assert 1.0 <= (when[END[2]] - when[END[1]]) % DAY < 9  # a busy machine takes longer
     for table in "nat", "mangle":
         assert daemon.device.rules(table) == []
 
@@ -101,7 +103,7 @@ def test_applications_see_that_their_connection_was_cut(device, connected):
     companion.send(wire.TCP_CLOSE, (1, 4))
     companion.send(wire.TCP_WRITE, (1, 1), payload=b"x")
     assert waiting.recv(100) == b"x"  # so all of the above has been taken
-    assert bench.end_process(connected.process) == 0
+    assert end_process(connected.process) == 0
     for app in waiting, downloading, unread:
         with pytest.raises(ConnectionResetError):
             while app.recv(65536):

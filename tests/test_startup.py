@@ -9,8 +9,11 @@ import subprocess
 
 import pytest
 
-import bench
-import wire
+from testbed import wire
+from testbed.device import MANGLE_RULES, NAT_RULES
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR, DAY, Daemon
+
 
 START_UP_V2 = [
     "D Vantrel launched, version=20.",
@@ -69,7 +72,7 @@ def test_link_that_does_not_stand(start, header, lines):
 
 
 def test_link_that_was_not_handed_over():
-    result = subprocess.run(["bash", "-c", 'exec 0<&-; exec "$0" 20', bench.BIN_DIR / "vantrel"],
+    result = subprocess.run(["bash", "-c", 'exec 0<&-; exec "$0" 20', BIN_DIR / "vantrel"],
                             capture_output=True, timeout=10)
     assert (result.returncode, result.stdout, result.stderr) == (1, b"\1\0\0\0", b"")
 
@@ -78,7 +81,7 @@ def test_what_the_daemon_takes_over_and_hands_on(device, start):
     # An ignored SIGCHLD would make every command of the rules look failed.
     daemon = start(wrap=["env", "--ignore-signal=CHLD"])
     _, tcp, _ = daemon.ports()
-    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in bench.NAT_RULES]
+    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in NAT_RULES]
     app = device.connect("198.51.100.7", 80)
     daemon.companion.expect(wire.HANDSHAKE_START)
     daemon.companion.expect(wire.TCP_CONNECT)
@@ -93,7 +96,7 @@ def test_what_the_daemon_takes_over_and_hands_on(device, start):
     # 10, 12 and 13: low ports, net_admin, net_raw.
     assert {int(value, 16) for value in re.findall(r"Cap(?:Prm|Eff|Bnd):\s+(\w+)", rights)} == {
         1 << 10 | 1 << 12 | 1 << 13}
-    assert bench.end_process(daemon.process) == 0
+    assert end_process(daemon.process) == 0
     assert [line for line in daemon.log() if line.startswith("E ")] == []
 
 
@@ -102,12 +105,12 @@ def test_silent_link(start):
     assert_aborts(daemon, 1)
     assert daemon.log()[-2] == "E [B] Timed out waiting for connection header."
     times = [seconds for seconds, _ in daemon.timed_log()]
-    assert 4.9 <= (times[-1] - times[0]) % bench.DAY < 20  # a busy machine takes longer
+    assert 4.9 <= (times[-1] - times[0]) % DAY < 20  # a busy machine takes longer
 
 
 def test_listeners_that_fail(make_device):
     def abort_of(device, code, **kwargs):
-        daemon = bench.Daemon(device, **kwargs)
+        daemon = Daemon(device, **kwargs)
         assert_aborts(daemon, code)
         daemon.close()
         return daemon.log()
@@ -139,16 +142,16 @@ def test_start(device, start):
         "I [B] ProxySocketV2 HandshakeAck: version=1, build_info=bench",
     ]
     assert daemon.status() == b"\0\0\0\0"
-    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in bench.NAT_RULES]
+    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in NAT_RULES]
     assert device.rules("mangle") == [
-        rule.format(udp=udp) for rule in bench.MANGLE_RULES]
+        rule.format(udp=udp) for rule in MANGLE_RULES]
     assert "inet 192.168.167.239/32 " in device.run(
         "ip", "-4", "address", "show", "ifb0").stdout
 
 
 def test_start_of_a_debuggable_build(make_device):
     device = make_device(debuggable=True)
-    daemon = bench.Daemon(device)
+    daemon = Daemon(device)
     control, tcp, udp = daemon.ports()
     assert control == 2374
     expected = [*START_UP_V2, f"D Vantrel started on ports C:2374, T:{tcp}, U:{udp}."]
@@ -168,6 +171,6 @@ def test_rules_of_a_killed_run_are_replaced(device, start):
     first.wait()
     assert device.rules("nat") != []
     _, tcp, udp = start().ports()
-    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in bench.NAT_RULES]
+    assert device.rules("nat") == [rule.format(tcp=tcp) for rule in NAT_RULES]
     assert device.rules("mangle") == [
-        rule.format(udp=udp) for rule in bench.MANGLE_RULES]
+        rule.format(udp=udp) for rule in MANGLE_RULES]

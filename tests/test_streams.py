@@ -7,9 +7,11 @@ import subprocess
 
 import pytest
 
-import bench
-import wire
-from bench import BROWSER_UID, MAIL_UID, wait_until
+from testbed import wire
+from testbed.device import BROWSER_UID, MAIL_UID
+from testbed.programs import Daemon
+from testbed.waiting import wait_until
+
 
 # Stream 1 of UID 0 to 198.51.100.7:80, written out by hand.
 CONNECT = "08 05  E2 0C 0E  08 01  12 08 0A 04 C6 33 64 07 10 50  18 00"
@@ -192,7 +194,7 @@ def test_messages_that_are_no_stream_s(connected):
 def test_a_companion_that_does_not_read(make_device):
     """What waits for the link is bounded: the applications are held instead."""
     device = make_device(debuggable=True)
-    daemon = bench.Daemon(device, link_buffer=16384)
+    daemon = Daemon(device, link_buffer=16384)
     daemon.companion.shake_hands()
     daemon.ports()
     apps = []
@@ -223,7 +225,7 @@ def test_more_connections_than_descriptors(make_device):
     """Those that find no descriptor are refused, one line each; then all goes on,
     and the commands that remove the rules find descriptors of their own."""
     device = make_device()
-    daemon = bench.Daemon(device, max_descriptors=40)
+    daemon = Daemon(device, max_descriptors=40)
     daemon.companion.shake_hands()
     daemon.ports()
     apps = [device.socket(socket.SOCK_STREAM) for _ in range(60)]

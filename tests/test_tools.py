@@ -13,15 +13,16 @@ import threading
 
 import pytest
 
-import bench
-import wire
-from bench import (BIN_DIR, SOURCE_DIR, Launch, program_environment, standing_rules,
-                   wait_until)
+from testbed import wire
+from testbed.device import standing_rules
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR, SOURCE_DIR, Daemon, Launch, program_environment
+from testbed.waiting import wait_until
 
 
 def test_control_packets(make_device):
     device = make_device(debuggable=True)
-    daemon = bench.Daemon(device, args=("5",))
+    daemon = Daemon(device, args=("5",))
     link = daemon.companion
     assert link.take(7) == bytes.fromhex("10000000050000")
     link.sock.sendall(bytes.fromhex("11000000050000"))
@@ -217,7 +218,7 @@ def test_a_tcp_link_by_a_name_whose_first_address_is_dead(make_device):
                      device.run("ss", "-tno").stdout)
     run.wait_for(run.out, "stats")
     assert run.end() == 0
-    bench.end_process(companion)
+    end_process(companion)
     records = [json.loads(line) for line in run.out.read_text().splitlines()]
     assert records[0] == {"record": "started"}
     assert records[1]["record"] == "stats"

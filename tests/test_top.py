@@ -6,7 +6,10 @@ import re
 import socket
 import subprocess
 
-from bench import BIN_DIR, BROWSER_UID, Launch, wait_until
+from testbed.device import BROWSER_UID
+from testbed.programs import BIN_DIR, Launch
+from testbed.waiting import wait_until
+
 
 MIB = 1 << 20
 INTERNET = {"companion_options": ["--allow", "198.51.100.0/24"]}

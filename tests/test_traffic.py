@@ -14,8 +14,12 @@ import threading
 
 import pytest
 
-import bench
-from bench import wait_until
+from testbed.device import BROWSER_UID, MAIL_UID
+from testbed.processes import end_process
+from testbed.programs import Companion
+from testbed.servers import start_name_server
+from testbed.waiting import wait_until
+
 
 MIB = 1 << 20
 DATA = random.Random(1).randbytes(16 * MIB)
@@ -59,23 +63,17 @@ def web():
 
 @pytest.fixture
 def dns():
-    server = subprocess.Popen([
-        "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-        "--listen-address=198.51.100.53", "--bind-interfaces",
-        "--address=/www.example.test/198.51.100.80"], stderr=subprocess.DEVNULL)
-    probe = ["dig", "+short", "+tries=1", "+time=1", "@198.51.100.53", "www.example.test"]
-    wait_until(lambda: b"198.51.100.80" in subprocess.run(
-        probe, capture_output=True).stdout, "the name server")
+    server = start_name_server("www.example.test")
     yield
-    bench.end_process(server)
+    end_process(server)
 
 
 @pytest.fixture(params=["20", "5", "1"])
 def tunnel(request, tmp_path, device, start):
     """(daemon, companion), connected, over each form of the link."""
-    companion = bench.Companion(tmp_path, "--build-info", "bench", "--network",
-                                "7,metered", "--dns", "198.51.100.53",
-                                protocol=request.param)
+    companion = Companion(tmp_path, "--build-info", "bench", "--network",
+                          "7,metered", "--dns", "198.51.100.53",
+                          protocol=request.param)
     daemon = start(args=(request.param,), link=companion.link)
     companion.link.close()
     wait_until(lambda: "link up" in companion.log(), "the link")
@@ -249,7 +247,7 @@ def greeting_servers(ports, is_first):
 def test_many_connections_at_one_instant(needs_root, device, tunnel, is_server_first):
     """All are answered, and charged to the right one of three applications."""
     daemon, _ = tunnel
-    owners = {7100: 0, 7101: bench.BROWSER_UID, 7102: bench.MAIL_UID}
+    owners = {7100: 0, 7101: BROWSER_UID, 7102: MAIL_UID}
     expected = 0
     with greeting_servers(owners, is_server_first):
         for count in 51, 258, 999:
@@ -307,6 +305,6 @@ def test_networks_and_the_end(tunnel):
     wait_until(lambda: daemon.status() == b"\0\0\0\0" + network, "the network")
     companion.process.send_signal(signal.SIGHUP)
     wait_until(lambda: daemon.status() == b"\0\0\0\0" + network * 2, "it again")
-    bench.end_process(companion.process)
+    end_process(companion.process)
     assert daemon.wait() == 0
     assert daemon.status().startswith(b"\0\0\0\0" + network * 2 + b"\2")

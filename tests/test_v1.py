@@ -7,9 +7,12 @@ import subprocess
 
 import pytest
 
-import bench
-import wire
-from bench import BROWSER_UID, MAIL_UID, wait_until
+from testbed import wire
+from testbed.device import BROWSER_UID, MAIL_UID
+from testbed.processes import end_process
+from testbed.programs import Daemon
+from testbed.waiting import wait_until
+
 
 NOBODY = 0xFFFFFFFF
 REMOTE = socket.inet_aton("198.51.100.7")
@@ -113,7 +116,7 @@ def test_bytes_and_what_they_are_charged_to(device, connect_link, version):
     link.send("0B 00000007 00")  # network 7, not metered
     wait_until(lambda: link.daemon.status()[4:] == b"\1\7\0\0\0\0", "the network")
     daemon = link.daemon
-    assert bench.end_process(daemon.process) == 0
+    assert end_process(daemon.process) == 0
     expected = {0: (received, sent), NOBODY: (5 + 6, 0)}
     if version == "5":
         expected[NOBODY] = (5 + 6 + 7, 7 + 7)
@@ -141,7 +144,7 @@ def test_owners_of_both_kinds_of_flow(needs_root, device, connect_link):
         assert header[7:] == REMOTE + b"\0\x09" + little + b"\0\1x"
         link.send("0E" + header[1:13].hex() + "0000 0003", b"ok\n")
         assert app.wait(10) == 0
-    assert bench.end_process(link.daemon.process) == 0
+    assert end_process(link.daemon.process) == 0
     report = stats(link.daemon.status())
     assert report[BROWSER_UID] == (5 * 2 + 20, (13 + 5 + 19) * 2 + 18)
     assert report[MAIL_UID] == (5 * 2 + 20, (13 + 5 + 16) * 2 + 18)
@@ -210,7 +213,7 @@ def test_streams_take_turns(device, connect_link):
 def test_messages_that_the_write_limit_cuts(make_device):
     """65536 bytes and more left to write are cut to 16 bits: none may stall."""
     device = make_device(debuggable=True)
-    daemon = bench.Daemon(device, args=("5",), link_buffer=16384)
+    daemon = Daemon(device, args=("5",), link_buffer=16384)
     link = Link(daemon)
     daemon.ports()
     link.expect("10 00000005 0000")

@@ -4,18 +4,14 @@ The exchange is a script: this test is the companion, a script in the daemon's
 place sends the rest, and vantrel-launch records between the two. tshark then
 reads the file with wireshark/vantrel.lua."""
 
-import os
 import socket
 import subprocess
-import sys
 import xml.etree.ElementTree
-from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "tests"))
-import wire  # noqa: E402: the wire as the end-to-end tests write it
+from testbed import wire
+from testbed.programs import BIN_DIR, SOURCE_DIR
 
 IN, OUT = 1, 2
 
@@ -41,7 +37,7 @@ def record(tmp_path, protocol, chunk, exchange):
     link, far_end = socket.socketpair()
     with link, far_end:
         launcher = subprocess.Popen(
-            [Path(os.environ["VANTREL_BIN_DIR"]) / "vantrel-launch", "--protocol", protocol,
+            [BIN_DIR / "vantrel-launch", "--protocol", protocol,
              "--daemon", daemon, "--lock", tmp_path / "lock", "--capture", capture,
              "--shape", f"rate=100Mbit,chunk={chunk}",
              f"fd:{far_end.fileno()}"], pass_fds=[far_end.fileno()], stdout=subprocess.DEVNULL)
@@ -55,7 +51,7 @@ def record(tmp_path, protocol, chunk, exchange):
 def dissect(capture, *options):
     """By direction, the messages in order: name of a field to its values."""
     pdml = subprocess.run(
-        ["tshark", "-X", f"lua_script:{ROOT}/wireshark/vantrel.lua", "-r", capture, "-T", "pdml", *options],
+        ["tshark", "-X", f"lua_script:{SOURCE_DIR}/wireshark/vantrel.lua", "-r", capture, "-T", "pdml", *options],
         check=True, timeout=120, capture_output=True)
     assert b"Lua" not in pdml.stderr, pdml.stderr
     assert b"Lua Error" not in pdml.stdout

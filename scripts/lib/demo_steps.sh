@@ -96,7 +96,7 @@ make_device() {
 com.example.browser $browser 0 /data/data/com.example.browser default none
 com.example.mail $mail 0 /data/data/com.example.mail default none
 LIST
-  unshare --net --mount "$(dirname "$0")/device.sh" "$work" \
+  unshare --net --mount "$(dirname "$0")/../../testbed/device.sh" "$work" \
     sh -c "touch $work/device.ready; exec sleep infinity" 2>"$work/device.log" &
   enter=(nsenter "--target=$!" --net --mount --root --wd)
   wait_for "the device" test -e "$work/device.ready"

@@ -1,5 +1,4 @@
-#!/usr/bin/python3
-"""stress.py [--seed N] [--runs N] [--protocol 1|5|20]
+"""stress.sh [--seed N] [--runs N] [--protocol 1|5|20]
 
 Random runs of the real daemon, launcher and companion, on a device in namespaces of
 its own. A seed makes a plan: how the link is shaped, streams that are opened,
@@ -27,11 +26,12 @@ import tempfile
 import time
 import traceback
 
-SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
-sys.path[:0] = [str(SOURCE_DIR / "bench"), str(SOURCE_DIR / "scripts/lib")]
-import roads  # noqa: E402 the line before is what finds it
-from conversations import WHENS, Conversations  # noqa: E402
-from roads import bench  # noqa: E402
+from testbed import internet
+from testbed.conversations import WHENS, Conversations
+from testbed.processes import descriptors, end_process, with_children
+from testbed.programs import sanitizer_reports
+from testbed.roads import VantrelRoad
+from testbed.waiting import wait_until
 
 # (kind of socket, what a launcher is given, bytes that a run moves at most)
 LINKS = [
@@ -50,7 +50,7 @@ _PIDFD_GETFD = 438
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-class LinkRoad(roads.VantrelRoad):
+class LinkRoad(VantrelRoad):
     """Its link can be cut, and is made again then."""
 
     def __init__(self, directory, protocol, kind, options):
@@ -88,7 +88,7 @@ class LinkRoad(roads.VantrelRoad):
         """{role: how many}. Of the daemon sockets only: it keeps what it finds the owners
         of datagrams with."""
         return {role: sum(role != "daemon" or "socket:" in name
-                          for name in roads.descriptors([self.pid(role)])) for role in ROLES}
+                          for name in descriptors([self.pid(role)])) for role in ROLES}
 
 
 class Run:
@@ -126,7 +126,7 @@ class Run:
 
     def everything(self):
         road = self.road
-        bench.wait_until(road.is_ready, "the link")
+        wait_until(road.is_ready, "the link")
         self.fresh = road.descriptors()
         self.talk = Conversations(road.device, correspondents=self.rng.randrange(1, 4))
         steps = self.rng.randrange(40, 200)
@@ -296,8 +296,8 @@ class Run:
         assert re.search(r"buf_bytes: 0$", dump, re.MULTILINE), f"bytes are left: {dump}"
         os.kill(self.road.pid("companion"), signal.SIGUSR1)
         state = r"state: up, 0 streams, (\d+) flows"
-        flows = bench.wait_until(lambda: re.search(state, self.road.output("companion")),
-                                 "a companion without streams")
+        flows = wait_until(lambda: re.search(state, self.road.output("companion")),
+                           "a companion without streams")
         # What carries datagrams stays for a while.
         remotes = {remote for one in self.talk.correspondents for remote, _ in one.waiting}
         limits = {"daemon": self.fresh["daemon"] + len(remotes) +
@@ -318,22 +318,22 @@ class Run:
 
     def stop(self):
         daemon = self.road.pid("daemon")
-        assert bench.end_process(self.road.process("launcher")) == 0, "the launcher's status"
+        assert end_process(self.road.process("launcher")) == 0, "the launcher's status"
         assert not pathlib.Path(f"/proc/{daemon}").exists(), "the daemon is left"
         rules = self.road.device.rules("nat") + self.road.device.rules("mangle")
         assert rules == [], f"rules are left: {rules}"
-        assert bench.end_process(self.road.process("companion")) == 0, "the companion's status"
+        assert end_process(self.road.process("companion")) == 0, "the companion's status"
         own = {os.getpid(), self.road.device.holder_pid}
         left = {path.name for path in pathlib.Path("/proc").glob("[0-9]*")
                 if int(path.name) not in own and (path / "cmdline").read_bytes()}
         assert not left, f"processes are left: {left}"
-        reports = bench.sanitizer_reports(self.dir)
+        reports = sanitizer_reports(self.dir)
         assert not reports, reports
 
 
 def end_all():
     """What a failed run has left would be blamed on the next one."""
-    for pid in roads.with_children(os.getpid())[1:]:
+    for pid in with_children(os.getpid())[1:]:
         with contextlib.suppress(ProcessLookupError):
             os.kill(pid, signal.SIGKILL)
 
@@ -350,7 +350,7 @@ def run_seed(seed, options):
         traceback.print_exception(fault)
         end_all()
         print(f"{run or f'seed {seed}'}: FAILED: {fault}\n  logs: {directory}\n  again: "
-              f"scripts/stress.py --seed {seed} --runs 1" + (
+              f"scripts/stress.sh --seed {seed} --runs 1" + (
                   f" --protocol {options.protocol}" if options.protocol else ""), flush=True)
         if run:
             run.write_trace()
@@ -366,7 +366,7 @@ def main():
     parser.add_argument("--runs", type=int, default=20)
     parser.add_argument("--protocol", choices=["1", "5", "20"])
     options = parser.parse_args()
-    roads.enter_internet()
+    internet.enter()
     # Segments that small receive buffers of remotes can hold.
     subprocess.run("ip link set lo mtu 1500".split(), check=True)
     failed = [seed for seed in range(options.seed, options.seed + options.runs)

@@ -1,5 +1,4 @@
-#!/usr/bin/python3
-"""soak.py load|mixed [--protocol 1|5|20] [--seconds N] [--out DIR]
+"""soak.sh load|mixed [--protocol 1|5|20] [--seconds N] [--out DIR]
 
 How daemon, launcher and companion bear what goes on for long or is much. Makes an
 internet and a device in namespaces of its own.
@@ -26,14 +25,16 @@ import sys
 import tempfile
 import time
 
-SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_DIR / "bench"))
-import report  # noqa: E402 the line before is what finds it
-import roads  # noqa: E402
-from roads import Load, bench  # noqa: E402
+from testbed import internet
+from testbed.internet import NAME_SERVER
+from testbed.load import Load
+from testbed.plot import draw
+from testbed.processes import descriptors as descriptors_of, end_process, resident_bytes
+from testbed.programs import SOURCE_DIR
+from testbed.roads import DEVICE_SETTINGS, VantrelRoad, wait_for_rest
+from testbed.servers import start_load_server, start_name_server
 
 ROLES = "daemon", "launcher", "companion"
-NAME_SERVER = "198.51.100.53"
 NAMES = 10000
 HELD, ACTIVE = 800, 200
 REQUEST = {"up": 100, "down": 1024}
@@ -62,17 +63,6 @@ class Failures(list):
             print(f"NOT MET: {text}", flush=True)
 
 
-def start_name_server():
-    server = subprocess.Popen([
-        "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-        f"--listen-address={NAME_SERVER}", "--bind-interfaces",
-        "--address=/example.test/198.51.100.80"], stderr=subprocess.DEVNULL)
-    probe = ["dig", "+short", "+tries=1", "+time=1", f"@{NAME_SERVER}", "www.example.test"]
-    bench.wait_until(lambda: b"198.51.100.80" in subprocess.run(
-        probe, capture_output=True).stdout, "the name server")
-    return server
-
-
 def start_look_ups(road, *options):
     """NAMES different ones, from the beginning again when need be. Protocol 1 gives all
     answers of a server to the client that wrote last, so there is one then."""
@@ -95,7 +85,7 @@ def finish_look_ups(process, seconds):
 
 def resources(road):
     """{role: (KiB, descriptors)}."""
-    return {role: (roads.resident_bytes(pids) // 1024, len(roads.descriptors(pids)))
+    return {role: (resident_bytes(pids) // 1024, len(descriptors_of(pids)))
             for role, pids in road.pids().items()}
 
 
@@ -160,14 +150,14 @@ class Loads:
                     self.road, "run", clients=ACTIVE, seconds=self.seconds, **REQUEST)) as active:
                 self.tell(name, json.loads(active.result(self.seconds + 120)))
             print(f"{HELD} open: {describe(resources(self.road))}")
-        roads.wait_for_rest(self.road)
+        wait_for_rest(self.road)
 
     def many_short(self):
         name = "10000 connections, one after the other"
         with self.measured(name), running(lambda: Load(
                 self.road, "open", new=True, exchanges=10000, **REQUEST)) as short:
             self.tell(name, json.loads(short.result(600)))
-        roads.wait_for_rest(self.road)
+        wait_for_rest(self.road)
 
     def many_names(self):
         name = f"{NAMES} name look-ups"
@@ -251,7 +241,7 @@ class Soak:
         print(f"name look-ups: {completed}, {lost} lost, {delay:.1f} ms on average")
 
     def check_rest(self):
-        roads.wait_for_rest(self.road)
+        wait_for_rest(self.road)
         time.sleep(FLOWS_GONE_SECONDS)
         used, begin = self.road.used_seconds(), time.monotonic()
         time.sleep(5)
@@ -290,9 +280,9 @@ class Soak:
                   f'"" using 1:{kept + 1} with lines title "request on a new connection"')
         rows = [[sample["seconds"] / 60, *list(sample.values())[1:]] for sample in (
             {field: sample[field] for field in self.FIELDS} for sample in self.samples)]
-        report.draw(self.out / "soak.svg",
-                    f"set multiplot layout 4,1\nset lmargin 10\nset yrange [0:*]\n{plots}\nunset multiplot",
-                    {"samples": rows}, size="760,900")
+        draw(self.out / "soak.svg",
+             f"set multiplot layout 4,1\nset lmargin 10\nset yrange [0:*]\n{plots}\nunset multiplot",
+             {"samples": rows}, size="760,900")
 
 
 def main():
@@ -303,17 +293,17 @@ def main():
     parser.add_argument("--out", type=pathlib.Path, default=SOURCE_DIR / "build/soak")
     options = parser.parse_args()
     options.out = options.out.resolve()
-    roads.enter_internet()
+    internet.enter()
     failures = Failures()
-    servers = [roads.start_server(), start_name_server()]
-    with tempfile.TemporaryDirectory() as name, contextlib.closing(roads.VantrelRoad(
+    servers = [start_load_server(), start_name_server("example.test")]
+    with tempfile.TemporaryDirectory() as name, contextlib.closing(VantrelRoad(
             "", pathlib.Path(name) / "road", options.protocol, relayed=True)) as road:
-        road.device.run(*roads.DEVICE_SETTINGS)
-        roads.wait_for_rest(road)
+        road.device.run(*DEVICE_SETTINGS)
+        wait_for_rest(road)
         road.fresh = resources(road)
         {"load": Loads, "mixed": Soak}[options.kind](road, options, failures).run()
     for server in servers:
-        bench.end_process(server)
+        end_process(server)
     return 1 if failures else 0
 
 

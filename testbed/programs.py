@@ -1,56 +1,22 @@
-"""The bench: devices in namespaces, and the programs on and beside them."""
+"""The programs on a device and beside it."""
 
 import contextlib
-import ctypes
 import os
 import pathlib
 import re
 import signal
 import socket
 import subprocess
-import time
 
-import wire
+from testbed import wire
+from testbed.internet import NETWORK
+from testbed.processes import end_process
+from testbed.waiting import PATIENCE, wait_until
 
 SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
 BIN_DIR = pathlib.Path(
     os.environ.get("VANTREL_BIN_DIR", SOURCE_DIR / "build/release/bin")).resolve()
-DEVICE_ADDRESS = "192.168.167.239"
-BROWSER_UID, MAIL_UID = 10123, 10124
-PACKAGES = {
-    0: "com.example.settings",
-    BROWSER_UID: "com.example.browser",
-    MAIL_UID: "com.example.mail",
-}
-NAT_RULES = [
-    "-N oem_PROXY_TCP",
-    "-A OUTPUT -o lo -p tcp -j oem_PROXY_TCP",
-    "-A oem_PROXY_TCP -d 127.0.0.0/8 -o lo -j RETURN",
-    "-A oem_PROXY_TCP -d 192.168.167.239/32 -o lo -j RETURN",
-    "-A oem_PROXY_TCP -o lo -p tcp -j REDIRECT --to-ports {tcp}",
-]
-MANGLE_RULES = [
-    "-N oem_PROXY_UDP",
-    "-A PREROUTING -i lo -p udp -j oem_PROXY_UDP",
-    "-A oem_PROXY_UDP -d 127.0.0.0/8 -i lo -j RETURN",
-    "-A oem_PROXY_UDP -d 192.168.167.239/32 -i lo -j RETURN",
-    "-A oem_PROXY_UDP -i lo -p udp -j TPROXY --on-port {udp} --on-ip 0.0.0.0"
-    " --tproxy-mark 0x1/0x1",
-]
-_libc = ctypes.CDLL(None, use_errno=True)
-_CLONE_NEWNET = 0x40000000
 DAY = 24 * 60 * 60
-
-
-def wait_until(state, what, seconds=10):
-    """The first true result of |state|; fails when |seconds| have passed."""
-    end = time.monotonic() + seconds * wire.PATIENCE
-    while True:
-        result = state()
-        if result:
-            return result
-        assert time.monotonic() < end, f"waited {seconds} s for {what}"
-        time.sleep(0.01)
 
 
 def program_environment(directory, find_leaks=True):
@@ -65,84 +31,6 @@ def program_environment(directory, find_leaks=True):
 
 def sanitizer_reports(directory):
     return "\n".join(path.read_text() for path in directory.rglob("sanitizer.*"))
-
-
-def end_process(process, signum=signal.SIGTERM):
-    if process.poll() is None:
-        process.send_signal(signum)
-    try:
-        return process.wait(10 * wire.PATIENCE)
-    except subprocess.TimeoutExpired:
-        process.kill()
-        process.wait()
-        raise
-
-
-class Device:
-    """A network and a mount namespace, held open by one idle process."""
-
-    def __init__(self, directory, debuggable=False):
-        self.dir = directory
-        directory.mkdir(parents=True, exist_ok=True)
-        (directory / "build.prop").write_text(
-            f"# bench\nro.debuggable={str(debuggable).lower()}\n")
-        (directory / "packages.list").write_text("".join(
-            f"{name} {uid} 0 /data/data/{name} default none\n"
-            for uid, name in PACKAGES.items()))
-        (directory / "resolv.conf").write_text("nameserver 198.51.100.53\n")
-        self._holder = subprocess.Popen(
-            ["unshare", "--net", "--mount", SOURCE_DIR / "scripts/lib/device.sh",
-             directory, "sh", "-c", "echo ready; exec sleep infinity"],
-            stdout=subprocess.PIPE)
-        assert self._holder.stdout.readline() == b"ready\n"
-
-    @property
-    def holder_pid(self):
-        return self._holder.pid
-
-    def close(self):
-        end_process(self._holder, signal.SIGKILL)
-        self._holder.stdout.close()
-
-    def command(self, args, uid=0):
-        """The command line that runs |args| on the device."""
-        become = [] if uid == 0 else [
-            "setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups"]
-        return ["nsenter", f"--target={self._holder.pid}", "--net", "--mount",
-                "--root", "--wd", *become, *map(str, args)]
-
-    def run(self, *args, uid=0, check=True, **kwargs):
-        return subprocess.run(self.command(args, uid), check=check, text=True,
-                              capture_output=True, timeout=60 * wire.PATIENCE, **kwargs)
-
-    @contextlib.contextmanager
-    def network(self):
-        """What is opened inside stays in the device's network for good."""
-        with open("/proc/self/ns/net", "rb") as home, \
-                open(f"/proc/{self._holder.pid}/ns/net", "rb") as there:
-            assert _libc.setns(there.fileno(), _CLONE_NEWNET) == 0
-            try:
-                yield
-            finally:
-                assert _libc.setns(home.fileno(), _CLONE_NEWNET) == 0
-
-    def socket(self, kind, bind=None):
-        with self.network():
-            app = socket.socket(socket.AF_INET, kind)
-        app.settimeout(10 * wire.PATIENCE)
-        if bind:
-            app.bind(bind)
-        return app
-
-    def connect(self, address, port):
-        app = self.socket(socket.SOCK_STREAM)
-        app.connect((address, port))
-        return app
-
-    def rules(self, table):
-        """The lines of a table that are not the built-in chains' policies."""
-        lines = self.run("iptables-legacy", "-w", "-t", table, "-S").stdout
-        return [line for line in lines.splitlines() if not line.startswith("-P ")]
 
 
 class Daemon:
@@ -187,7 +75,7 @@ class Daemon:
         os.close(self._status_fd)
 
     def wait(self):
-        return self.process.wait(20 * wire.PATIENCE)
+        return self.process.wait(20 * PATIENCE)
 
     def status(self):
         """All bytes so far on the status channel."""
@@ -248,7 +136,7 @@ class Companion:
         with open(self.log_file, "wb") as log:
             self.process = subprocess.Popen(
                 [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--header",
-                 "--fd", str(ours.fileno()), "--allow", "198.51.100.0/24", *options],
+                 "--fd", str(ours.fileno()), "--allow", NETWORK, *options],
                 pass_fds=[ours.fileno()], stdin=subprocess.DEVNULL, stdout=log,
                 stderr=log, env=program_environment(directory))
         ours.close()
@@ -294,21 +182,13 @@ class Launch:
     def wait_for(self, path, text, seconds=10):
         return wait_until(lambda: path.exists() and text in path.read_text(), text, seconds)
 
+    def children(self):
+        path = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        return [int(pid) for pid in path.read_text().split()]
+
     def daemon(self):
-        children = pathlib.Path(
-            f"/proc/{self.process.pid}/task/{self.process.pid}/children")
-        return int(wait_until(children.read_text, "the daemon").split()[0])
+        return wait_until(self.children, "the daemon")[0]
 
     def end(self, signum=signal.SIGTERM, seconds=20):
         self.process.send_signal(signum)
         return self.process.wait(seconds)
-
-
-def set_wrapper(device, lines):
-    script = f'#!/bin/sh\n{lines}\nexec iptables-legacy "$@"\n'
-    device.run("sh", "-c", 'echo "$1" >/system/bin/new && chmod 755 /system/bin/new && '
-               "mv /system/bin/new /system/bin/iptables-wrapper-1.0", "sh", script)
-
-
-def standing_rules(device):
-    return device.rules("nat") + device.rules("mangle")

@@ -8,7 +8,13 @@ import shutil
 import subprocess
 from typing import NamedTuple
 
-import bench
+from testbed.internet import NAME_SERVER, SERVER_ADDRESS
+from testbed.processes import end_process
+from testbed.programs import BIN_DIR
+from testbed.waiting import wait_until
+
+LOAD_PORT = 7000
+LOAD_PROGRAM = BIN_DIR.parent / "bench-bin/load"  # see load.cc
 
 
 class Server(NamedTuple):
@@ -163,9 +169,9 @@ class Servers:
             glob.glob("/usr/lib/postgresql/*/bin"), default="")}
 
     def start(self, name):
-        """Returns when it listens; one that runs already goes on."""
+        """Its process, once it listens; one that runs already goes on."""
         if name in self._processes:
-            return
+            return self._processes[name]
         server, directory = SERVERS[name], self.dir / name
         directory.mkdir()
         shutil.chown(directory, server.user)
@@ -177,18 +183,40 @@ class Servers:
             setup = subprocess.run([*shell, server.setup], **options)
             assert setup.returncode == 0, self._log(name)
             process = self._processes[name] = subprocess.Popen([*shell, server.command], **options)
-        bench.wait_until(lambda: is_listening(server.port) or process.poll() is not None, name)
+        wait_until(lambda: is_listening(server.port) or process.poll() is not None, name)
         assert process.poll() is None, self._log(name)
+        return process
 
     def _log(self, name):
         return (self.dir / f"{name}.log").read_text(errors="replace")
 
     def close(self):
         for process in self._processes.values():
-            bench.end_process(process)
+            end_process(process)
 
 
 def is_listening(port):
     kind, number = port.split()
     return subprocess.run(["ss", "-Hln", f"--{kind}", f"sport = :{number}"], check=True,
                           capture_output=True).stdout != b""
+
+
+def start_name_server(*names):
+    """One for which |names|, and all below them, are at SERVER_ADDRESS."""
+    server = subprocess.Popen([
+        "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+        f"--listen-address={NAME_SERVER}", "--bind-interfaces",
+        *(f"--address=/{name}/{SERVER_ADDRESS}" for name in names)], stderr=subprocess.DEVNULL)
+    probe = ["dig", "+short", "+tries=1", "+time=1", f"@{NAME_SERVER}", names[0]]
+    wait_until(lambda: SERVER_ADDRESS.encode() in subprocess.run(
+        probe, capture_output=True).stdout, "the name server")
+    return server
+
+
+def start_load_server():
+    """The internet's end of all loads, in the network of the caller."""
+    process = subprocess.Popen(
+        [LOAD_PROGRAM, "serve", "--address", SERVER_ADDRESS, "--port", str(LOAD_PORT)],
+        stdout=subprocess.PIPE)
+    assert process.stdout.readline() == b"ready\n"
+    return process

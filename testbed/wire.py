@@ -1,17 +1,15 @@
 """Protocol v2 as a companion sees it, written apart from the daemon's code: its
 own checksum, its own field encoding, so that a shared mistake cannot hide."""
 
-import os
 import socket
 import struct
 from typing import NamedTuple
 
+from testbed.waiting import PATIENCE
+
 TEARDOWN, HANDSHAKE_START, HANDSHAKE_ACK, HANDSHAKE_DONE = 1, 2, 3, 4
 TCP_CONNECT, TCP_CONNECT_ACK, TCP_CLOSE, TCP_WRITE, TCP_WRITE_ACK = 5, 6, 7, 8, 9
 UDP_SEND, UDP_FAILURE, DNS_SERVERS, PACKAGE_NAMES, NETWORK_STATE = 10, 11, 12, 13, 14
-
-# How many times longer than usual a test waits: slow machines are no fault.
-PATIENCE = float(os.environ.get("VANTREL_PATIENCE", "1"))
 
 # Channel 5, companion 01:02:03:04:05:06, status 0, both sizes 990: what the device's
 # Bluetooth stack puts before the first byte of the link.

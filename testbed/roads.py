@@ -2,104 +2,24 @@
 might choose instead, and a plain connection. Each is a device in namespaces of its
 own with the programs that the road needs, all of them at rest until traffic comes.
 """
+
 import contextlib
-import os
 import pathlib
-import resource
-import shutil
-import signal
 import subprocess
-import sys
 import time
 
-SOURCE_DIR = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_DIR / "tests"))
-import bench  # noqa: E402 the line before is what finds it
+from testbed.device import BROWSER_UID, Device
+from testbed.internet import NETWORK, SERVER_ADDRESS
+from testbed.processes import end_process, find_program, processor_seconds, with_children
+from testbed.programs import BIN_DIR, program_environment
+from testbed.servers import LOAD_PORT, Servers
+from testbed.waiting import wait_until
 
-NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
-INTERNET = [
-    "mount --make-rprivate /",
-    "mount -t tmpfs run /run",
-    "ip link set lo up",
-    "ip address add 198.51.100.1/24 dev lo",
-    # A new connection for each request uses up ports and waits for none.
-    "sysctl -qw net.ipv4.tcp_max_tw_buckets=1000 net.core.somaxconn=4096",
-    # The devices' kernels have a table of connections as a small machine has it. To
-    # list its entries, which finds a connection's owner, walks the whole table.
-    "sysctl -eqw net.ipv4.tcp_child_ehash_entries=8192",
-]
 # Without these the second run of new connections waits for ports of the first.
 DEVICE_SETTINGS = ["sysctl", "-qw", "net.ipv4.ip_local_port_range=2048 65000",
                    "net.ipv4.tcp_max_tw_buckets=1000"]
-SERVER_ADDRESS, SERVER_PORT = "198.51.100.80", 7000
 GATEWAY = "10.99.{}.1"  # the internet's end of a device's cable, by number
 LINK_PORT = 4747
-
-
-def enter_internet():
-    """Goes on in namespaces of its own, whose network is the internet of the devices;
-    what is left in them ends with this program. The first thing to do in it."""
-    if "VANTREL_BENCH" not in os.environ:
-        become = [] if os.getuid() == 0 else ["--user", "--map-root-user"]
-        os.environ["VANTREL_BENCH"] = "user" if become else "root"
-        os.environ["PATH"] += ":/usr/sbin:/sbin"
-        os.execvp("unshare", ["unshare", *become, *NAMESPACES, sys.executable, "-B", *sys.argv])
-    # The first process of its namespace gets only the signals that it asks for.
-    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
-    for command in INTERNET:
-        subprocess.run(command.split(), check=True)
-
-
-class Missing(Exception):
-    """A program of this road is not installed; the text says which."""
-
-
-def find_program(name):
-    path = shutil.which(name, path=os.environ["PATH"] + ":/usr/sbin:/sbin")
-    if not path:
-        raise Missing(f"{name} is not installed")
-    return path
-
-
-def threads_of(pid):
-    return [path.name for path in pathlib.Path(f"/proc/{pid}/task").iterdir()]
-
-
-def with_children(pid):
-    """|pid| and every process that it or one of those has started."""
-    pids = [pid]
-    with contextlib.suppress(OSError):
-        for thread in threads_of(pid):
-            children = pathlib.Path(f"/proc/{pid}/task/{thread}/children").read_text()
-            for child in children.split():
-                pids += with_children(int(child))
-    return pids
-
-
-def processor_seconds(pids):
-    """Of threads that still live; what works here starts none for a moment only."""
-    nanoseconds = 0
-    for pid in pids:
-        with contextlib.suppress(OSError):
-            for thread in threads_of(pid):
-                text = pathlib.Path(f"/proc/{pid}/task/{thread}/schedstat").read_text()
-                nanoseconds += int(text.split()[0])
-    return nanoseconds / 1e9
-
-
-def resident_bytes(pids):
-    return sum(int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1])
-               for pid in pids) * resource.getpagesize()
-
-
-def descriptors(pids):
-    """What each open descriptor of these processes is, as /proc names it."""
-    names = []
-    for pid in pids:
-        for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
-            with contextlib.suppress(OSError):
-                names.append(os.readlink(path))
-    return names
 
 
 class Road:
@@ -108,12 +28,12 @@ class Road:
     has_datagrams = False
     is_fresh = True  # it has carried nothing yet; whoever asks clears it
     cables = 0  # of all roads
-    server = (SERVER_ADDRESS, SERVER_PORT)  # where its clients connect to
+    server = (SERVER_ADDRESS, LOAD_PORT)  # where its clients connect to
 
     def __init__(self, name, directory):
         self.name = name
         self.dir = directory
-        self.device = bench.Device(directory, debuggable=True)
+        self.device = Device(directory, debuggable=True)
         self._processes = {}
 
     def add_cable(self):
@@ -158,7 +78,7 @@ class Road:
 
     def close(self):
         for process in reversed(self._processes.values()):
-            bench.end_process(process)
+            end_process(process)
         self.device.close()
 
 
@@ -167,7 +87,7 @@ def companion_options(bin_dir):
     a companion, which may be an older one, has options for that."""
     usage = subprocess.run([bin_dir / "vantrel-companion", "--help"], capture_output=True,
                            text=True, check=True).stdout
-    wanted = {"--allow": "198.51.100.0/24", "--max-links": "1"}
+    wanted = {"--allow": NETWORK, "--max-links": "1"}
     return [word for option in wanted.items() if option[0] + " " in usage for word in option]
 
 
@@ -179,7 +99,7 @@ class VantrelRoad(Road):
     has_datagrams = True
 
     def __init__(self, name, directory, protocol, relayed=False, shape=None,
-                 bin_dir=bench.BIN_DIR, launch_options=(), over_tcp=False):
+                 bin_dir=BIN_DIR, launch_options=(), over_tcp=False):
         super().__init__(name, directory)
         self.protocol = protocol
         if over_tcp:
@@ -189,18 +109,18 @@ class VantrelRoad(Road):
             self.link_address = str(directory / "link")
             link = f"unix:{self.link_address}"
         relayed = relayed or shape
-        environment = {**bench.program_environment(directory),
+        environment = {**program_environment(directory),
                        "VANTREL_LOG_FILE": str(directory / "daemon.log")}
         self.start("companion", [
             bin_dir / "vantrel-companion", "--protocol", protocol, "--listen", link,
             *(["--allow-remote-links"] if over_tcp else []),
             *([] if relayed else ["--header"]), *companion_options(bin_dir)], env=environment)
-        bench.wait_until(lambda: "listening on" in self.output("companion"), "the companion")
+        wait_until(lambda: "listening on" in self.output("companion"), "the companion")
         options = ["--shape", shape] if shape else [] if relayed else ["--direct"]
         self._launcher = self.start("launcher", self.device.command([
             bin_dir / "vantrel-launch", "--protocol", protocol, "--daemon", bin_dir / "vantrel",
             *options, *launch_options, link]), env=environment)
-        bench.wait_until(lambda: "started" in self.output("launcher"), "the daemon")
+        wait_until(lambda: "started" in self.output("launcher"), "the daemon")
 
     def pids(self):
         """The daemon is the launcher's child."""
@@ -217,7 +137,7 @@ class VantrelRoad(Road):
     def dump(self):
         """What the daemon says of its state."""
         args = ["vantrelctl", "dump", "--log", self.dir / "daemon.log"]
-        return self.device.run(bench.BIN_DIR / args[0], *args[1:]).stdout
+        return self.device.run(BIN_DIR / args[0], *args[1:]).stdout
 
     def link_bytes(self):
         """What the daemon has received and sent on the link, as its dump says."""
@@ -250,7 +170,7 @@ class ProxyRoad(CableRoad):
     # Its own connections are another user's, so that no rule takes them again.
     CONFIGURATION = f"""
 global
-  uid {bench.BROWSER_UID}
+  uid {BROWSER_UID}
   nbthread 1
   maxconn 5000
 defaults
@@ -271,89 +191,30 @@ listen proxy
         process = self.start("proxy", self.device.command(
             [program, "-db", "-f", configuration]))
         self.device.run(*"iptables-legacy -w -t nat -A OUTPUT -p tcp -m owner !".split(),
-                        "--uid-owner", bench.BROWSER_UID,
-                        *"-d 198.51.100.0/24 -j REDIRECT --to-ports 12345".split())
-        bench.wait_until(lambda: ":12345" in self.device.run("ss", "-Hlnt").stdout, "haproxy")
+                        "--uid-owner", BROWSER_UID,
+                        *f"-d {NETWORK} -j REDIRECT --to-ports 12345".split())
+        wait_until(lambda: ":12345" in self.device.run("ss", "-Hlnt").stdout, "haproxy")
         assert process.poll() is None, self.output("proxy")
 
 
 class SshRoad(CableRoad):
     """An ssh client on the device that forwards one port to the server."""
 
-    server = ("127.0.0.1", SERVER_PORT)
+    server = ("127.0.0.1", LOAD_PORT)
 
     def __init__(self, name, directory):
-        server, client = find_program("sshd"), find_program("ssh")
+        find_program("sshd")
+        client = find_program("ssh")
         super().__init__(name, directory)
-        for key in "host_key", "user_key":
-            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / key],
-                           check=True)
-        pathlib.Path("/run/sshd").mkdir(exist_ok=True)  # in a /run of our own
-        self.start("sshd", [
-            server, "-D", "-e", "-f", "/dev/null", "-p", "2222", "-h", directory / "host_key",
-            "-o", f"ListenAddress={self.gateway}", "-o", "StrictModes=no", "-o", "PidFile=none",
-            "-o", f"AuthorizedKeysFile={directory}/user_key.pub",
-            "-o", "PermitRootLogin=yes"])
-        bench.wait_until(lambda: "listening" in self.output("sshd"), "sshd")
+        self._processes["sshd"] = Servers(directory).start("ssh")
         self.start("ssh", self.device.command([
-            client, "-N", "-F", "none", "-i", directory / "user_key", "-p", "2222",
+            client, "-N", "-F", "none", "-i", directory / "ssh/user",
             "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
             "-o", "ExitOnForwardFailure=yes",
             "-L", "127.0.0.1:{}:{}:{}".format(self.server[1], *Road.server),
             f"root@{self.gateway}"]))
-        bench.wait_until(
+        wait_until(
             lambda: f"127.0.0.1:{self.server[1]}" in self.device.run("ss", "-Hlnt").stdout, "ssh")
-
-
-class Load:
-    """What |road|'s device asks of the server, see load.cc. Its connections stand
-    when it is made, unless to make them is part of the measurement."""
-
-    PROGRAM = bench.BIN_DIR.parent / "bench-bin/load"
-
-    def __init__(self, road, kind, **options):
-        args = [self.PROGRAM, kind, "--address", road.server[0], "--port", road.server[1]]
-        for name, value in options.items():
-            args += [f"--{name}"] if value is True else [f"--{name}", value]
-        self.process = subprocess.Popen(
-            road.device.command(args), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True)
-
-        if self.process.stdout.readline() != "ready\n":
-            errors = self.process.stderr.read()
-            self.close()
-            raise AssertionError(errors)
-
-    def start(self):
-        """From now on it works; what comes before is no part of a measurement."""
-        self.process.stdin.write("\n")
-        self.process.stdin.flush()
-
-    def result(self, seconds):
-        """What it prints at its end; ends it after |seconds|."""
-        try:
-            out, errors = self.process.communicate(timeout=seconds)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.communicate()
-            raise
-        assert self.process.returncode == 0, errors
-        return out
-
-    def close(self):
-        self.process.stdin.close()
-        bench.end_process(self.process)
-        self.process.stdout.close()
-        self.process.stderr.close()
-
-
-def start_server():
-    """The internet's end of all loads, in the network of the caller."""
-    process = subprocess.Popen(
-        [Load.PROGRAM, "serve", "--address", SERVER_ADDRESS, "--port", str(SERVER_PORT)],
-        stdout=subprocess.PIPE)
-    assert process.stdout.readline() == b"ready\n"
-    return process
 
 
 def wait_for_rest(road, seconds=10):
