@@ -15,7 +15,7 @@ USERS = {
     "packaging/linux/network": ["kApplicationAddressText", "kInterface"],
     "packaging/linux/no_tunnel.nft": ["kInterface"],
     "testbed/device.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
-    "scripts/lib/demo_steps.sh": [],
+    "scripts/lib/demo_steps.py": [],
     "docs/android.md": ["kApplicationAddressText", "kInterface", "kIptablesWrapper", "kTcpChain",
                         "kUdpChain"],
     "docs/bluetooth.md": ["kApplicationAddressText", "kInterface"],

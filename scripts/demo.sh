@@ -38,5 +38,5 @@ bin=$(realpath "$bin")
 
 work=$(mktemp -d /tmp/vantrel-demo.XXXXXX)
 trap '"${as_root[@]}" rm -rf "$work"' EXIT
-"${as_root[@]}" unshare --net --mount --pid --fork --kill-child --mount-proc \
-  "$scripts/lib/demo_steps.sh" "$work" "$bin" "$protocol"
+"${as_root[@]}" env PYTHONPATH="$scripts/.." VANTREL_BIN_DIR="$bin" /usr/bin/python3 -BP \
+  "$scripts/lib/demo_steps.py" "$work" "$protocol"

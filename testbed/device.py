@@ -52,9 +52,10 @@ def write_files(directory, debuggable=False, packages=PACKAGES, name_server=NAME
 class Device:
     """A network and a mount namespace, held open by one idle process."""
 
-    def __init__(self, directory, debuggable=False):
+    def __init__(self, directory, **files):
+        """|files| as write_files() has them."""
         self.dir = directory
-        write_files(directory, debuggable)
+        write_files(directory, **files)
         self._holder = subprocess.Popen(
             ["unshare", "--net", "--mount", SCRIPT, directory, "sh", "-c",
              "echo ready; exec sleep infinity"], stdout=subprocess.PIPE)

@@ -149,11 +149,11 @@ class Companion:
         end_process(self.process)
 
 
-def listening_companion(device, *options):
+def listening_companion(device, *options, protocol="5"):
     log = device.dir / "companion.log"
     with open(log, "wb") as output:
         companion = subprocess.Popen(
-            [BIN_DIR / "vantrel-companion", "--protocol", "5", "--network", "7",
+            [BIN_DIR / "vantrel-companion", "--protocol", protocol, "--network", "7",
              "--listen", f"unix:{device.dir}/link", *options],
             stderr=output, env=program_environment(device.dir))
     # The socket's file is there a moment before anybody listens on it.

@@ -45,6 +45,7 @@ secure_chroot_dir=$PWD/empty
 END"""),
     "web": Server("tcp 80", "exec apache2 -d $PWD -f $PWD/conf -DFOREGROUND", """
         mkdir files
+        install -d -o www-data files/up locks
         head -c 50000 /dev/urandom >files/50k
         for n in {1..100}; do
           head -c $((n * 100)) /dev/urandom >files/$n
@@ -55,6 +56,8 @@ LoadModule mpm_event_module /usr/lib/apache2/modules/mod_mpm_event.so
 LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
 LoadModule dir_module /usr/lib/apache2/modules/mod_dir.so
 LoadModule mime_module /usr/lib/apache2/modules/mod_mime.so
+LoadModule dav_module /usr/lib/apache2/modules/mod_dav.so
+LoadModule dav_fs_module /usr/lib/apache2/modules/mod_dav_fs.so
 ServerName www.example.test
 DefaultRuntimeDir $PWD
 PidFile $PWD/pid
@@ -65,6 +68,12 @@ Listen 0.0.0.0:80
 MaxKeepAliveRequests 0
 DocumentRoot $PWD/files
 DirectoryIndex index.html
+DavLockDB $PWD/locks/db
+User www-data
+Group www-data
+<Location /up>
+  Dav on
+</Location>
 END"""),
     # Of its dumps only that of bodies, which shows what an upload has brought.
     "http3": Server("udp 443", "exec gtlsserver --no-quic-dump -d files 0.0.0.0 443 key cert", """
