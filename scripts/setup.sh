@@ -20,7 +20,7 @@ package=(
   # man pages; what a package depends on
   scdoc dpkg-dev file
 )
-build=("${programs[@]}" libgtest-dev libgmock-dev libbenchmark-dev)
+build=("${programs[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev)
 test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
