@@ -6,6 +6,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "capture/socket_table_path.h"
 #include "common/log.h"
 #include "common/log_limiter.h"
@@ -113,9 +115,7 @@ std::unique_ptr<SocketTable> SocketTable::Open(const std::string& name) {
     }
     return nullptr;
   }
-  std::unique_ptr<SocketTable> table(new SocketTable(std::move(fd)));
-  table->SkipHeading();
-  return table;
+  return std::unique_ptr<SocketTable>(new SocketTable(std::move(fd)));
 }
 
 SocketTable::~SocketTable() {
@@ -205,6 +205,7 @@ bool SocketTable::Next(udp6_row_t* row) {
 }
 
 bool SocketTable::NextPlain(size_t address_digits, plain_row_t* row) {
+  if (!std::exchange(is_begun_, true)) SkipHeading();
   if (has_rest_) return false;
   const char* const line_end = FindLineEnd();
   const char* const line = buffer_.data() + begin_;

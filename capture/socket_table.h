@@ -61,8 +61,8 @@ struct udp6_row_t {
 // formats.
 class SocketTable {
  public:
-  // Opens "tcp", "udp6", ... and skips its heading. Null on failure, which is
-  // logged; want of descriptors at most once a second.
+  // Opens "tcp", "udp6", ... Null on failure, which is logged; want of
+  // descriptors at most once a second.
   static std::unique_ptr<SocketTable> Open(const std::string& name);
   ~SocketTable();
   SocketTable(const SocketTable&) = delete;
@@ -114,6 +114,7 @@ class SocketTable {
   std::array<char, 32 * 1024> buffer_;
   size_t begin_ = 0;  // of what is not used yet in |buffer_|
   size_t end_ = 0;
+  bool is_begun_ = false;  // with reading; the heading is skipped then
   bool is_at_end_ = false;
   bool has_rest_ = false;
   std::string rest_text_;

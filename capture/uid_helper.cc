@@ -68,7 +68,8 @@ bool FindConnection(int fd, TcpOwners::connection_t* connection) {
   return GetOriginalDestination(fd, &connection->destination);
 }
 
-// Asks for the application's socket alone. False when only the tables can tell.
+// Asks for the application's socket alone. False when only the rows of the
+// tables can tell.
 bool FindOwnerByItself(const TcpOwners::connection_t& connection,
                        uint32_t* uid) {
   const HostAndPort source(
@@ -124,6 +125,8 @@ uint32_t UidHelper::FindOwnerUidForTcpSocket(int fd) {
   }
   TcpOwners::connection_t connection;
   if (!FindConnection(fd, &connection)) return kUidNotFound;
+  // Kept for compatibility: without the table there is no owner.
+  if (SocketTable::Open("tcp") == nullptr) return kUidNotFound;
   uint32_t uid;
   return FindOwnerByItself(connection, &uid) ? uid
                                              : tcp_owners.Find(connection);
