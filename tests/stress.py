@@ -301,8 +301,8 @@ class Run:
         # What carries datagrams stays for a while.
         remotes = {remote for one in self.talk.correspondents for remote, _ in one.waiting}
         limits = {"daemon": self.fresh["daemon"] + len(remotes) +
-                  # One to ask for connections' own ports, from the first one on.
-                  bool(self.talk.streams),
+                  # For connections' own ports and for their owners, from the first on.
+                  2 * bool(self.talk.streams),
                   # One to ask for statistics, from the first time on.
                   "launcher": self.fresh["launcher"] + ("--stats-every" in self.options),
                   "companion": self.fresh["companion"] + int(flows[1])}
