@@ -4,8 +4,11 @@ install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
 vantrel_install_gzip(${CMAKE_CURRENT_LIST_DIR}/changelog changelog.Debian
                      ${CMAKE_INSTALL_DOCDIR})
+vantrel_install_gzip(${PROJECT_SOURCE_DIR}/NEWS NEWS ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright
         DESTINATION ${companion_docdir} COMPONENT companion)
+vantrel_install_gzip(${PROJECT_SOURCE_DIR}/NEWS NEWS ${companion_docdir}
+                     COMPONENT companion)
 vantrel_install_gzip(${CMAKE_CURRENT_LIST_DIR}/changelog changelog.Debian
                      ${companion_docdir} COMPONENT companion
                      FILTER "sed 's/^vantrel /vantrel-companion /'")
