@@ -28,6 +28,20 @@
 #include "common/lru_cache.h"
 #include "common/monotonic_clock.h"
 
+// Of a TCP connection the row in the kernel's table tells the UID: the one at
+// the applications' address with the connection's own port and its original
+// destination. The accepted socket does not tell that port, since the packet
+// filter changes it when another connection that it knows has it. The kernel's
+// connection tracking does, over netlink. Without an answer all rows to that
+// destination count, if they have one owner. A connection from any other address
+// has no owner: an application could bind 127.0.0.1 with the port of another.
+//
+// Of a datagram the row with both endpoints tells it; protocol 20 does not ask.
+// When two owners match, there is none. An unconnected socket has no remote
+// endpoint in the table, so it is never found.
+//
+// Package names come from the platform's "permission" service.
+
 namespace vantrel {
 namespace {
 

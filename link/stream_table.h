@@ -8,6 +8,24 @@
 
 #include "link/proxy_socket.h"
 
+// How an application's bytes get onto the link:
+//
+//   TcpConduit::OnReadReady   reads a chunk; calls link.OnTcpDataAvailable()
+//   OnTcpDataAvailable        MarkReady() here, and registers the link for
+//                             writing
+//   link.OnWriteReady         TakeTurns(), while LinkOutput is not congested:
+//                             a pass that has begun is finished, so that its
+//                             queue exceeds the bound by one message a stream;
+//                             then it drains the queue into the socket
+//   TcpConduit::GetNextBuffer gives a chunk away, and reads again where it had
+//                             stopped
+//   an acknowledgement        Acknowledge() gives one credit back, and registers
+//                             the link for writing: a stream that ran dry would
+//                             never be asked again
+//
+// The link stays registered for writing while its queue is not empty, while it
+// is congested, and while the last turns found something.
+
 namespace vantrel {
 
 // A link's open TCP streams by id, and what both protocols do with them. Owns

@@ -12,6 +12,20 @@
 
 #include "common/log.h"
 
+// One cycle: poll() waits for the signal descriptor and everything registered.
+// A pending signal ends the loop before anything else is dispatched. Then each
+// ready descriptor has its handlers called, in the order of registration, and
+// the write handler before the read handler. Stop() raises SIGTERM: the current
+// cycle finishes, and the next one ends the loop.
+//
+// Nobody is woken by time. poll() has no time-out but one of 0, directly after a
+// handler has asked for writing. POLLERR or POLLHUP alone calls no handler.
+//
+// Whoever registers an object unregisters it before destroying it; destructors
+// do so. A handler may register and unregister anything, also its own object,
+// and may destroy that as its last act. What is registered during a cycle is
+// first polled in the next one.
+
 namespace vantrel {
 namespace {
 
