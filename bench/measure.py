@@ -44,12 +44,15 @@ class Results:
         self.has_failed = False
         self._path = path
         self._about = about
+        self._begin = time.monotonic()
 
     def save(self):
         """After every step, so that no later one can lose what is measured."""
         results = [{"measure": measure, "road": road, "figure": figure, "values": values}
                    for (measure, road, figure), values in self.values.items()]
-        self._path.write_text(json.dumps({**self._about, "results": results}, indent=1))
+        minutes = round((time.monotonic() - self._begin) / 60, 1)
+        self._path.write_text(json.dumps({**self._about, "minutes": minutes,
+                                          "results": results}, indent=1))
 
     def add(self, measure, road, figures):
         for figure, value in figures.items():
@@ -349,7 +352,7 @@ def about_machine():
                             capture_output=True, text=True, check=False).stdout.strip()
     return {"when": datetime.datetime.now().isoformat(" ", "minutes"), "commit": commit,
             "processors": len(processor), "processor": processor[0] if processor else "",
-            "kernel": os.uname().release, "load before": os.getloadavg()[0]}
+            "kernel": os.uname().release, "load before": round(os.getloadavg()[0], 1)}
 
 
 def main():

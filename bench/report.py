@@ -106,9 +106,9 @@ def tables(results):
     made["delay rates"] = delay_table(results)
     made["compare"] = compare_table(results)
     made["micro"] = micro_table(results)
-    made["about"] = [["", ""], *([key, str(results.about[key])] for key in (
+    made["about"] = [["", ""], *([key, str(results.about.get(key, ""))] for key in (
         "when", "commit", "processors", "processor", "kernel", "load before", "seconds",
-        "repeats"))]
+        "repeats", "minutes"))]
     return {name: lines for name, lines in made.items() if lines and len(lines) > 1}
 
 

@@ -2,9 +2,10 @@
 # scripts/bench.sh [quick|full] [--compare BASE] [--only WORD]...: measures vantrel
 # beside a plain connection and, where they are installed, a transparent proxy
 # (haproxy) and an ssh tunnel. Needs root. Prints tables with ratios to the first
-# column, and leaves build/bench/MODE.json and plots beside it. quick takes under 3
-# minutes, full about 8. With --compare the commit BASE is built, too, and measured
-# in the same run. --only takes the measurements with one of the words in their name.
+# column, and leaves build/bench/MODE.json and plots beside it. quick takes
+# each measurement once and briefly; full is what docs/performance.md has. With
+# --compare the commit BASE is built, too, and measured in the same run. --only takes
+# the measurements with one of the words in their name.
 # VANTREL_PRESET names another preset to build than release.
 set -euo pipefail
 cd "$(dirname "$0")/.."
