@@ -28,16 +28,16 @@
 #include "common/lru_cache.h"
 #include "common/monotonic_clock.h"
 
-// Of a TCP connection the application's own socket tells the UID: the one at the
-// applications' address with the connection's own port and its original
+// Of a TCP connection the application's own socket tells the UID: the one at
+// the applications' address with the connection's own port and its original
 // destination. The accepted socket does not tell that port, since the packet
 // filter changes it when another connection that it knows has it; the kernel's
 // connection tracking does. Then SocketDiagnosis asks the kernel for that one
 // socket. Where it knows none, for want of the diagnosis or because the
-// connection is gone, TcpOwners reads the tables of all. Without the port all rows
-// to that destination count, if they have one owner. A connection from any other
-// address has no owner: an application could bind 127.0.0.1 with the port of
-// another.
+// connection is gone, TcpOwners reads the tables of all. Without the port all
+// rows to that destination count, if they have one owner. A connection from any
+// other address has no owner: an application could bind 127.0.0.1 with the port
+// of another.
 //
 // Of a datagram the row with both endpoints tells it; protocol 20 does not ask.
 // When two owners match, there is none. An unconnected socket has no remote

@@ -19,9 +19,9 @@
 //                             then it drains the queue into the socket
 //   TcpConduit::GetNextBuffer gives a chunk away, and reads again where it had
 //                             stopped
-//   an acknowledgement        Acknowledge() gives one credit back, and registers
-//                             the link for writing: a stream that ran dry would
-//                             never be asked again
+//   an acknowledgement        Acknowledge() gives one credit back, and the link
+//                             registers for writing: a stream that ran dry
+//                             would never be asked again
 //
 // The link stays registered for writing while its queue is not empty, while it
 // is congested, and while the last turns found something.

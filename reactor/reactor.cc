@@ -18,8 +18,8 @@
 // the write handler before the read handler. Stop() raises SIGTERM: the current
 // cycle finishes, and the next one ends the loop.
 //
-// Nobody is woken by time. poll() has no time-out but one of 0, directly after a
-// handler has asked for writing. POLLERR or POLLHUP alone calls no handler.
+// Nobody is woken by time. poll() has no time-out but one of 0, directly after
+// a handler has asked for writing. POLLERR or POLLHUP alone calls no handler.
 //
 // Whoever registers an object unregisters it before destroying it; destructors
 // do so. A handler may register and unregister anything, also its own object,
