@@ -48,7 +48,7 @@ void DecodeFrame(benchmark::State& state) {
   while (frames.size() < 8 * kPieceBytes) frames += frame;
 
   MessageDecoder decoder;
-  MessageDecoder::Message message;
+  MessageDecoder::message_t message;
   int64_t count = 0;
   size_t next = 0;
   while (state.KeepRunningBatch(

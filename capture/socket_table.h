@@ -13,7 +13,8 @@
 
 namespace vantrel {
 
-struct FileCloser {
+class FileCloser {
+ public:
   void operator()(FILE* file) const { fclose(file); }
 };
 

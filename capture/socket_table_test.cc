@@ -54,10 +54,10 @@ TEST_F(SocketTableTest, ReadsAnyTextAsTheFormatsDo) {
       snprintf(row, sizeof(row),
                "%4zu: %s:%04X %s:%04X %02X %08X:%08X %02X:%08X %08X %5u %8d "
                "%u 1 0000000000000000 20 4 30 10 -1\n",
-               n, address.c_str(), static_cast<unsigned>(below(65536)),
-               address.c_str(), static_cast<unsigned>(below(65536)), 1, 0, 0, 0,
-               0, 0, static_cast<unsigned>(random()), 0,
-               static_cast<unsigned>(random()));
+               n, address.c_str(), static_cast<uint32_t>(below(65536)),
+               address.c_str(), static_cast<uint32_t>(below(65536)), 1, 0, 0, 0,
+               0, 0, static_cast<uint32_t>(random()), 0,
+               static_cast<uint32_t>(random()));
       text += row;
     }
     for (size_t n = below(4); n > 0; --n) {

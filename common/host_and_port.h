@@ -14,8 +14,10 @@
 namespace vantrel {
 
 // One endpoint of a flow. A plain value, copied freely. Default-constructed it
-// is empty: no address, port 0.
-struct HostAndPort {
+// is empty: no address, port 0. Any address goes with any port, so both are
+// public.
+class HostAndPort {
+ public:
   HostAndPort() = default;
   // |port_in_host_order| as in 53 for DNS.
   HostAndPort(const IpAddress& address, unsigned short port_in_host_order)

@@ -109,10 +109,10 @@ std::optional<link_address_t> ParseLinkAddress(const std::string& text,
     Parser parse;
   };
   static constexpr kind_t kKinds[] = {
-      {"unix:", link_address_t::kUnix, ParseUnix},
-      {"tcp:", link_address_t::kTcp, ParseTcp},
-      {"rfcomm:", link_address_t::kRfcomm, ParseRfcomm},
-      {"fd:", link_address_t::kFd, ParseFd},
+      {"unix:", link_address_t::Kind::kUnix, ParseUnix},
+      {"tcp:", link_address_t::Kind::kTcp, ParseTcp},
+      {"rfcomm:", link_address_t::Kind::kRfcomm, ParseRfcomm},
+      {"fd:", link_address_t::Kind::kFd, ParseFd},
   };
   for (const kind_t& kind : kKinds) {
     const size_t length = strlen(kind.prefix);

@@ -16,9 +16,9 @@ namespace vantrel {
 //   unix:PATH, tcp:HOST:PORT (0: any port), rfcomm:CHANNEL (any adapter)
 // A PATH that begins with "@" is an abstract name; an IPv6 HOST has brackets.
 struct link_address_t {
-  enum Kind { kUnix, kTcp, kRfcomm, kFd };
+  enum class Kind { kUnix, kTcp, kRfcomm, kFd };
 
-  Kind kind = kUnix;
+  Kind kind = Kind::kUnix;
   std::string text;                       // as given, for messages
   std::string path;                       // unix; not empty, fits sockaddr_un
   std::string host;                       // tcp, without brackets

@@ -12,15 +12,15 @@ std::string Parse(const std::string& text, LinkSide side) {
   if (!link) return reason.empty() ? "no reason" : "!";
   EXPECT_EQ(text, link->text);
   switch (link->kind) {
-    case link_address_t::kUnix:
+    case link_address_t::Kind::kUnix:
       return "path " + link->path;
-    case link_address_t::kTcp:
+    case link_address_t::Kind::kTcp:
       return link->host + " port " + link->port;
-    case link_address_t::kRfcomm:
+    case link_address_t::Kind::kRfcomm:
       return std::to_string(link->bluetooth[0]) + ".." +
              std::to_string(link->bluetooth[5]) + " channel " +
              std::to_string(link->channel);
-    case link_address_t::kFd:
+    case link_address_t::Kind::kFd:
       return "descriptor " + std::to_string(link->fd);
   }
   return "";

@@ -25,12 +25,12 @@ inline size_t GetUtf8Length(const std::string& text, size_t at) {
   const auto byte = [&text](size_t i) {
     return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
   };
-  const unsigned first = byte(at);
+  const uint32_t first = byte(at);
   if (first < 0x80) return 1;
   if (first < 0xC2 || first > 0xF4) return 0;
   const size_t length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
   // Neither longer than needed, nor a surrogate, nor above U+10FFFF.
-  const unsigned second = byte(at + 1);
+  const uint32_t second = byte(at + 1);
   if ((first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
       (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F)) {
     return 0;

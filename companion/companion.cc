@@ -41,7 +41,7 @@ void GiveUpRights() {
 
 }  // namespace
 
-Companion::Companion(const Options& options, size_t max_descriptors)
+Companion::Companion(const companion_options_t& options, size_t max_descriptors)
     : options_(options),
       loop_(1),
       policy_(options.destination_rules,

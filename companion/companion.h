@@ -26,7 +26,7 @@ namespace vantrel {
 class Companion {
  public:
   // |options| outlive it. |max_descriptors| is what the process may open.
-  Companion(const Options& options, size_t max_descriptors);
+  Companion(const companion_options_t& options, size_t max_descriptors);
   Companion(const Companion&) = delete;
   Companion& operator=(const Companion&) = delete;
   ~Companion();
@@ -75,7 +75,7 @@ class Companion {
   void StartWatchdog();
   void OnWatchdog();
 
-  const Options& options_;
+  const companion_options_t& options_;
   asio::io_context loop_;
   ServiceManager service_manager_;
   LocalRoutes routes_;

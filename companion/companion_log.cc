@@ -25,7 +25,7 @@ constexpr const char* kKindNames[] = {
 
 LogLevel wanted_level = LogLevel::kInfo;
 bool is_json = false;
-unsigned lost_lines = 0;
+uint32_t lost_lines = 0;
 CompanionLog* library_log = nullptr;
 
 std::string FormatTime() {
@@ -94,7 +94,7 @@ void Print(LogLevel level, LogKind kind, uint32_t link_id,
   }
 }
 
-void PrintLeftOut(LogKind kind, uint32_t link_id, unsigned count) {
+void PrintLeftOut(LogKind kind, uint32_t link_id, uint32_t count) {
   char message[100];
   snprintf(message, sizeof(message),
            "%u more lines of the kind '%s' were left out", count,
@@ -146,7 +146,7 @@ bool CompanionLog::Admit(LogKind kind, SteadyTime now) {
   return false;
 }
 
-bool CompanionLog::AdmitForAll(LogKind kind, SteadyTime now, unsigned count) {
+bool CompanionLog::AdmitForAll(LogKind kind, SteadyTime now, uint32_t count) {
   if (link_id_ == 0 || kind == LogKind::kState) return true;
   window_t& window = all_links[static_cast<size_t>(kind)];
   if (now - window.began >= kWindow) {

@@ -58,7 +58,7 @@ class CompanionLog {
   struct window_t {
     SteadyTime began;
     int lines = 0;
-    unsigned left_out = 0;
+    uint32_t left_out = 0;
   };
   using Windows = std::array<window_t, kKinds>;
 
@@ -66,7 +66,7 @@ class CompanionLog {
   bool Admit(LogKind kind, SteadyTime now);
   // The same by the limit of all links. The line stands for |count| others if
   // it is not written.
-  bool AdmitForAll(LogKind kind, SteadyTime now, unsigned count);
+  bool AdmitForAll(LogKind kind, SteadyTime now, uint32_t count);
   void TellLeftOut(LogKind kind, SteadyTime now);
   static void TellLeftOutOfAll(LogKind kind);
 

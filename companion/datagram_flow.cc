@@ -21,7 +21,7 @@ constexpr int kMaxReceivesPerTurn = 16;
 
 }  // namespace
 
-DatagramFlow::DatagramFlow(const LinkParts& link, Owner& owner,
+DatagramFlow::DatagramFlow(const link_parts_t& link, Owner& owner,
                            const HostAndPort& local, const HostAndPort& remote,
                            const std::optional<HostAndPort>& target)
     : link_(link),

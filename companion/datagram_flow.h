@@ -30,7 +30,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
 
   // |target| is where the socket sends to, for the device the flow's remote
   // stays |remote|. Without |target| nothing is sent and every datagram fails.
-  DatagramFlow(const LinkParts& link, Owner& owner, const HostAndPort& local,
+  DatagramFlow(const link_parts_t& link, Owner& owner, const HostAndPort& local,
                const HostAndPort& remote,
                const std::optional<HostAndPort>& target);
   ~DatagramFlow() override;
@@ -59,7 +59,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   void QueueFailure(const std::string& request);
   void LogDetail(const char* what, const char* more);
 
-  const LinkParts& link_;
+  const link_parts_t& link_;
   Owner& owner_;
   const HostAndPort local_;
   const HostAndPort remote_;

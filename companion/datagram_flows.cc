@@ -12,7 +12,7 @@ constexpr uint16_t kDnsPort = 53;
 
 }  // namespace
 
-DatagramFlows::DatagramFlows(const LinkParts& link,
+DatagramFlows::DatagramFlows(const link_parts_t& link,
                              std::optional<HostAndPort> dns_server)
     : link_(link), dns_server_(dns_server) {}
 

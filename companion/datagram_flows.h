@@ -26,7 +26,8 @@ class DatagramFlows final : public DatagramFlow::Owner {
 
   // |dns_server| takes every datagram for port 53, whatever the policy says of
   // it; the flow still appears with the remote that the application asked.
-  DatagramFlows(const LinkParts& link, std::optional<HostAndPort> dns_server);
+  DatagramFlows(const link_parts_t& link,
+                std::optional<HostAndPort> dns_server);
   DatagramFlows(const DatagramFlows&) = delete;
   DatagramFlows& operator=(const DatagramFlows&) = delete;
   ~DatagramFlows() override;
@@ -47,8 +48,8 @@ class DatagramFlows final : public DatagramFlow::Owner {
  private:
   using Ends = std::pair<HostAndPort, HostAndPort>;  // local, remote
   struct entry_t {
-    entry_t(const LinkParts& link, DatagramFlow::Owner& owner, const Ends& ends,
-            const std::optional<HostAndPort>& target)
+    entry_t(const link_parts_t& link, DatagramFlow::Owner& owner,
+            const Ends& ends, const std::optional<HostAndPort>& target)
         : flow(link, owner, ends.first, ends.second, target),
           edition(link.policy.GetEdition()) {}
 
@@ -68,7 +69,7 @@ class DatagramFlows final : public DatagramFlow::Owner {
   void MakeRoom();
   void Forget(Entries::iterator entry);
 
-  const LinkParts& link_;
+  const link_parts_t& link_;
   const std::optional<HostAndPort> dns_server_;
   Entries flows_;  // longest silent first
   std::unordered_map<Ends, Entries::iterator> index_;

@@ -22,7 +22,7 @@ constexpr size_t kMaxControlBytes = 64 * 1024;
 constexpr int kMaxReadsPerTurn = 4;
 constexpr size_t kMaxTransfers = 64;
 
-std::unique_ptr<LinkProtocol> MakeProtocol(const Options& options,
+std::unique_ptr<LinkProtocol> MakeProtocol(const companion_options_t& options,
                                            std::string* control) {
   if (options.protocol == 20) {
     return std::make_unique<ProtocolV2>(options.build_info, control);

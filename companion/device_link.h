@@ -36,7 +36,7 @@ class DeviceLink final : public DeviceMessages {
   // What all links share. All of it outlives them.
   struct shared_t {
     asio::io_context& loop;
-    const Options& options;
+    const companion_options_t& options;
     const DestinationPolicy& policy;
     SocketPool& sockets;
     TurnQueue& turns;
@@ -127,12 +127,12 @@ class DeviceLink final : public DeviceMessages {
   void EndByPeer();
   void End(bool by_error, const std::string& why);
 
-  const Options& options_;
+  const companion_options_t& options_;
   CompanionLog log_;
   const std::function<void()> on_change_;
   FlowScheduler scheduler_;
   const std::unique_ptr<LinkProtocol> protocol_;
-  const LinkParts parts_;
+  const link_parts_t parts_;
   LinkStreams streams_;
   DatagramFlows flows_;
   std::list<std::unique_ptr<FlowScheduler::Flow>> transfers_;

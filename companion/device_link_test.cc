@@ -138,7 +138,7 @@ class DeviceLinkTest : public ::testing::Test {
   asio::io_context loop_{1};
   std::optional<SocketPool> sockets_;
   TurnQueue turns_{loop_};
-  Options options_;
+  companion_options_t options_;
   bool has_no_memory_ = false;  // for an address that no rule names
   const DestinationPolicy policy_;
   std::unique_ptr<End> device_;

@@ -89,13 +89,13 @@ LinkListener::LinkListener(asio::io_context& loop, OnLink on_link)
 bool LinkListener::Open(const link_address_t& address,
                         const settings_t& settings) {
   switch (address.kind) {
-    case link_address_t::kUnix:
+    case link_address_t::Kind::kUnix:
       return OpenUnix(address);
-    case link_address_t::kTcp:
+    case link_address_t::Kind::kTcp:
       return OpenTcp(address, settings.allows_remote_links);
-    case link_address_t::kRfcomm:
+    case link_address_t::Kind::kRfcomm:
       return OpenRfcomm(address, settings.security);
-    case link_address_t::kFd:
+    case link_address_t::Kind::kFd:
       break;
   }
   return Fail(address.text, "nobody can listen there");

@@ -16,7 +16,7 @@
 namespace vantrel {
 
 // What the streams and flows of a link use of it. All of it outlives them.
-struct LinkParts {
+struct link_parts_t {
   asio::io_context& loop;
   LinkProtocol& protocol;
   FlowScheduler& scheduler;
@@ -38,7 +38,7 @@ struct LinkParts {
 
 // A new IPv4 socket of |type|, non-blocking, for a stream or flow of |link|. A
 // flow gives its descriptor when there is no other. -1 on failure, with errno.
-inline UniqueFd OpenSocket(const LinkParts& link, int type) {
+inline UniqueFd OpenSocket(const link_parts_t& link, int type) {
   const int flags = SOCK_NONBLOCK | SOCK_CLOEXEC;
   const int fd = socket(AF_INET, type | flags, 0);
   const bool is_out = fd == -1 && (errno == EMFILE || errno == ENFILE);

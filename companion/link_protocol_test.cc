@@ -74,13 +74,13 @@ class Recorder : public DeviceMessages {
   std::vector<std::string> lines;
 };
 
-struct Case {
+struct case_t {
   int version;
   std::string bytes;
   std::vector<std::string> calls;
 };
 
-std::vector<std::string> Feed(const Case& c, size_t step) {
+std::vector<std::string> Feed(const case_t& c, size_t step) {
   const LogCapture silence;
   Recorder device;
   std::unique_ptr<LinkProtocol> protocol;
@@ -103,7 +103,7 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
   const std::string start = Frame(2, "ca0c 04 0801 1200");
   const std::string ack = "reply " + Hex(Frame(3, "d20c 05 0801 120162"));
   const std::string damaged = RawFrame(Bytes("0808 1001"), "hello", 5);
-  const Case cases[] = {
+  const case_t cases[] = {
       {20,
        start + Frame(5, "e20c 0f 0803 1208 0a04c6336450 1050 188b4f") +
            Frame(8, "fa0c 02 0803", "hello") + damaged +
@@ -174,7 +174,7 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
        Bytes("01 00000003 c6336450 0050 278b"),
        {"fatal 'the device speaks protocol 1'"}},
   };
-  for (const Case& c : cases) {
+  for (const case_t& c : cases) {
     EXPECT_THAT(Feed(c, c.bytes.size()), ElementsAreArray(c.calls));
     EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
   }

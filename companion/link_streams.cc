@@ -18,7 +18,7 @@ constexpr int kMaxGivenUpPerTick = 512;
 
 }  // namespace
 
-LinkStreams::LinkStreams(const LinkParts& link, size_t max_held_bytes,
+LinkStreams::LinkStreams(const link_parts_t& link, size_t max_held_bytes,
                          std::function<void()> on_excess,
                          std::function<void()> on_idle)
     : link_(link),

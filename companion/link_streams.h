@@ -24,7 +24,7 @@ class LinkStreams final : public RemoteStream::Owner {
   // All writes that wait for remotes have at most |max_held_bytes|; |on_excess|
   // is called when they have more. |on_idle| is called when the last stream is
   // gone.
-  LinkStreams(const LinkParts& link, size_t max_held_bytes,
+  LinkStreams(const link_parts_t& link, size_t max_held_bytes,
               std::function<void()> on_excess, std::function<void()> on_idle);
   LinkStreams(const LinkStreams&) = delete;
   LinkStreams& operator=(const LinkStreams&) = delete;
@@ -70,7 +70,7 @@ class LinkStreams final : public RemoteStream::Owner {
   void Discount(uint32_t uid);
   void ReportIdle();
 
-  const LinkParts& link_;
+  const link_parts_t& link_;
   ByteBudget held_;
   const std::function<void()> on_excess_;
   const std::function<void()> on_idle_;

@@ -15,7 +15,7 @@
 
 int main(int argc, char** argv) {
   vantrel::OpenMissingStandardDescriptors();
-  vantrel::Options options;
+  vantrel::companion_options_t options;
   const std::optional<int> exit_status =
       vantrel::ParseOptions(argc, argv, &options, std::cout, std::cerr);
   if (exit_status) return *exit_status;

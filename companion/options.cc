@@ -11,8 +11,8 @@ namespace {
 constexpr char kProgram[] = "vantrel-companion";
 
 // ID[,metered]
-bool ParseNetwork(std::string text, Options* options) {
-  ActiveNetwork network;
+bool ParseNetwork(std::string text, companion_options_t* options) {
+  active_network_t network;
   const size_t comma = text.find(',');
   if (comma != std::string::npos) {
     if (text.substr(comma) != ",metered") return false;
@@ -25,7 +25,7 @@ bool ParseNetwork(std::string text, Options* options) {
 }
 
 // ADDRESS[:PORT]
-bool ParseDnsServer(const std::string& text, Options* options) {
+bool ParseDnsServer(const std::string& text, companion_options_t* options) {
   uint16_t port = 53;
   const size_t colon = text.find(':');
   if (colon != std::string::npos &&
@@ -41,7 +41,7 @@ bool ParseDnsServer(const std::string& text, Options* options) {
   return true;
 }
 
-bool ParseFd(const std::string& text, Options* options) {
+bool ParseFd(const std::string& text, companion_options_t* options) {
   int fd = -1;
   struct stat file;
   if (!CLI::detail::lexical_cast(text, fd) || fstat(fd, &file) == -1 ||
@@ -52,13 +52,13 @@ bool ParseFd(const std::string& text, Options* options) {
   return true;
 }
 
-using Parser = bool (*)(const std::string&, Options*);
+using Parser = bool (*)(const std::string&, companion_options_t*);
 
 // An option whose value has a form of its own, which |meaning| explains.
 CLI::Option* AddParsed(CLI::App* app, const std::string& name,
                        const std::string& form, const std::string& meaning,
                        const std::string& help, Parser parser,
-                       Options* options) {
+                       companion_options_t* options) {
   const auto parse = [=](const std::string& text) {
     if (!parser(text, options)) throw WrongValue(name, text, form + meaning);
   };
@@ -72,7 +72,7 @@ CLI::Option* AddList(CLI::App* app, const std::string& name,
   return app->add_option(name, help)->type_name(form)->expected(1)->take_all();
 }
 
-void DefineLinks(CLI::App* app, Options* options) {
+void DefineLinks(CLI::App* app, companion_options_t* options) {
   app->add_option("--protocol", options->protocol,
                   "Link protocol that the daemon was started with")
       ->check(CLI::IsMember({1, 5, 20}))
@@ -108,7 +108,7 @@ void DefineLinks(CLI::App* app, Options* options) {
       ->needs(header);
 }
 
-void DefineTraffic(CLI::App* app, Options* options) {
+void DefineTraffic(CLI::App* app, companion_options_t* options) {
   AddList(app, "--allow", "ADDRESS[/BITS]",
           "Let devices reach these addresses; of --allow and --deny the last "
           "that matches decides");
@@ -116,7 +116,7 @@ void DefineTraffic(CLI::App* app, Options* options) {
   AddParsed(
       app, "--max-pending", "BYTES", ", a whole number",
       "Close a link of which more waits for remotes",
-      [](const std::string& text, Options* out) {
+      [](const std::string& text, companion_options_t* out) {
         return CLI::detail::lexical_cast(text, out->max_held_bytes);
       },
       options)
@@ -124,7 +124,7 @@ void DefineTraffic(CLI::App* app, Options* options) {
   AddParsed(
       app, "--network", "ID[,metered]", " with a whole number",
       "Report this active network after the handshake and on SIGHUP",
-      [](const std::string& text, Options* out) {
+      [](const std::string& text, companion_options_t* out) {
         return ParseNetwork(text, out);
       },
       options);
@@ -137,7 +137,7 @@ void DefineTraffic(CLI::App* app, Options* options) {
       ->capture_default_str();
 }
 
-void DefineLog(CLI::App* app, Options* options) {
+void DefineLog(CLI::App* app, companion_options_t* options) {
   AddChoice<LogLevel>(app, "--log-level", "The least important lines",
                       {{"error", LogLevel::kError},
                        {"warning", LogLevel::kWarning},
@@ -152,7 +152,7 @@ void DefineLog(CLI::App* app, Options* options) {
       "Log every datagram, acknowledgement and close, as --log-level debug");
 }
 
-void ReadListen(const CLI::App& app, Options* options) {
+void ReadListen(const CLI::App& app, companion_options_t* options) {
   for (const std::string& text : app.get_option("--listen")->results()) {
     std::string reason;
     const auto address = ParseLinkAddress(text, LinkSide::kListen, &reason);
@@ -161,7 +161,7 @@ void ReadListen(const CLI::App& app, Options* options) {
   }
 }
 
-void ReadRules(const CLI::App& app, Options* options) {
+void ReadRules(const CLI::App& app, companion_options_t* options) {
   std::map<const CLI::Option*, size_t> next;  // value of each option
   for (const CLI::Option* const option : app.parse_order()) {
     const std::string name = option->get_name();
@@ -180,7 +180,7 @@ void ReadRules(const CLI::App& app, Options* options) {
 }  // namespace
 
 std::optional<int> ParseOptions(int argc, const char* const* argv,
-                                Options* options, std::ostream& out,
+                                companion_options_t* options, std::ostream& out,
                                 std::ostream& err) {
   options->build_info = std::string(kProgram) + " " + VANTREL_VERSION;
   CLI::App app("The other end of vantrel's link: opens the real connections.",

@@ -17,13 +17,13 @@
 namespace vantrel {
 
 // The network that the companion says it uses.
-struct ActiveNetwork {
+struct active_network_t {
   int32_t id = 0;
   bool is_metered = false;
 };
 
 // What the command line asked for.
-struct Options {
+struct companion_options_t {
   int protocol = 20;
   // Either of these two.
   std::vector<link_address_t> listen;
@@ -36,7 +36,7 @@ struct Options {
   std::vector<DestinationPolicy::rule_t> destination_rules;  // in their order
   // What may wait for the remotes of one link.
   size_t max_held_bytes = 8 << 20;
-  std::optional<ActiveNetwork> network;
+  std::optional<active_network_t> network;
   std::optional<HostAndPort> dns_server;
   std::string build_info;
   LogLevel log_level = LogLevel::kInfo;
@@ -47,7 +47,7 @@ struct Options {
 // to do: 0 after --help or --version on |out|, 2 after one line on |err|
 // about a wrong command line.
 [[nodiscard]] std::optional<int> ParseOptions(int argc, const char* const* argv,
-                                              Options* options,
+                                              companion_options_t* options,
                                               std::ostream& out,
                                               std::ostream& err);
 

@@ -9,7 +9,7 @@
 namespace vantrel {
 namespace {
 
-std::optional<int> Parse(const std::string& line, Options* options,
+std::optional<int> Parse(const std::string& line, companion_options_t* options,
                          std::string* error) {
   std::istringstream stream(line);
   const std::vector<std::string> words(
@@ -24,7 +24,7 @@ std::optional<int> Parse(const std::string& line, Options* options,
 }
 
 TEST(OptionsTest, KeepsTheOrderOfRules) {
-  Options options;
+  companion_options_t options;
   std::string error;
   EXPECT_EQ(std::nullopt,
             Parse("--allow 1.0.0.0/8 --listen unix:a --deny 2.0.0.0/8 --allow "
@@ -63,7 +63,7 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                  "--listen unix:/tmp/s --listen x",
                                  "--listen rfcomm:0"}) {
     SCOPED_TRACE(line);
-    Options options;
+    companion_options_t options;
     std::string error;
     EXPECT_EQ(2, Parse(line, &options, &error));
     EXPECT_THAT(error, testing::MatchesRegex("vantrel-companion: [^\n]*\n"));

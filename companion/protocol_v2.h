@@ -60,7 +60,7 @@ class ProtocolV2 final : public LinkProtocol {
   std::string write_ack_;
   uint32_t write_ack_stream_id_ = 0;
   MessageDecoder decoder_;
-  MessageDecoder::Message message_;
+  MessageDecoder::message_t message_;
 };
 
 }  // namespace vantrel

@@ -33,7 +33,7 @@ void TuneRemote(int fd) {
 
 }  // namespace
 
-RemoteStream::RemoteStream(const LinkParts& link, Owner& owner,
+RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
                            ByteBudget& held, uint32_t id,
                            const HostAndPort& remote, uint32_t uid)
     : link_(link),

@@ -43,7 +43,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   static constexpr size_t kMaxDiscardedBytes = 1 << 20;
 
   // |held| counts the bytes that wait for the remote. |uid| is whose it is.
-  RemoteStream(const LinkParts& link, Owner& owner, ByteBudget& held,
+  RemoteStream(const link_parts_t& link, Owner& owner, ByteBudget& held,
                uint32_t id, const HostAndPort& remote, uint32_t uid);
   ~RemoteStream() override;
 
@@ -87,7 +87,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   void OnWriteFailure();  // may destroy this
   void ReadAndDiscard();  // may destroy this
 
-  const LinkParts& link_;
+  const link_parts_t& link_;
   Owner& owner_;
   ByteBudget& held_;
   const uint32_t id_;

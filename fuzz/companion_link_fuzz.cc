@@ -33,7 +33,7 @@ class Script {
     FUZZ_CHECK(datagrams_.Bind(kRemoteUdpPort));
     options_.protocol = protocol;
     options_.max_held_bytes = 256 * 1024;
-    options_.network = ActiveNetwork{7, true};
+    options_.network = active_network_t{7, true};
     auto [fd, device] = MakeSocketPair();
     device_ = std::move(device);
     link_ = std::make_unique<DeviceLink>(
@@ -159,7 +159,7 @@ class Script {
     decoder_.BufferData(from_link_.data(), static_cast<uint32_t>(fed),
                         &consumed);
     from_link_.erase(0, consumed);
-    MessageDecoder::Message message;
+    MessageDecoder::message_t message;
     const bool is_whole = decoder_.GetAndClearMessage(&message);
     FUZZ_CHECK(!decoder_.HasFailed());
     return is_whole || fed > 0;
@@ -172,7 +172,7 @@ class Script {
   std::vector<std::unique_ptr<Socket>> remotes_;
   HostAndPort client_;
   asio::io_context loop_{1};
-  Options options_;
+  companion_options_t options_;
   const DestinationPolicy policy_;
   SocketPool sockets_{25, 0, 1};  // enough for 6 streams
   TurnQueue turns_{loop_};

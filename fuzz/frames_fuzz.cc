@@ -26,7 +26,7 @@ std::string Decode(const std::string& bytes, size_t piece) {
                        &consumed);
     FUZZ_CHECK(consumed == wanted);
     at += consumed;
-    MessageDecoder::Message message;
+    MessageDecoder::message_t message;
     while (decoder.GetAndClearMessage(&message)) {
       decoded += message.header.SerializeAsString() + '|' + message.payload;
     }

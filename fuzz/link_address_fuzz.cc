@@ -11,19 +11,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(address.has_value() == reason.empty());
     if (!address) continue;
     FUZZ_CHECK(address->text == text);
-    if (address->kind == link_address_t::kUnix) {
+    if (address->kind == link_address_t::Kind::kUnix) {
       sockaddr_un socket_address;
       FUZZ_CHECK(ToSocketAddress(address->path, &socket_address) <=
                  sizeof(socket_address));
     }
-    if (address->kind == link_address_t::kTcp) {
+    if (address->kind == link_address_t::Kind::kTcp) {
       const int port = std::stoi(address->port);
       FUZZ_CHECK(port >= 0 && port <= 65535 && !address->host.empty());
     }
-    if (address->kind == link_address_t::kRfcomm) {
+    if (address->kind == link_address_t::Kind::kRfcomm) {
       FUZZ_CHECK(address->channel >= 1 && address->channel <= 30);
     }
-    FUZZ_CHECK(address->kind != link_address_t::kFd || address->fd >= 0);
+    FUZZ_CHECK(address->kind != link_address_t::Kind::kFd || address->fd >= 0);
   }
   return 0;
 }

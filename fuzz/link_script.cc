@@ -271,7 +271,7 @@ bool DaemonTalk::NextV2() {
   uint32_t consumed;
   decoder_.BufferData(bytes_.data(), static_cast<uint32_t>(fed), &consumed);
   bytes_.erase(0, consumed);
-  MessageDecoder::Message message;
+  MessageDecoder::message_t message;
   const bool is_whole = decoder_.GetAndClearMessage(&message);
   FUZZ_CHECK(!decoder_.HasFailed());
   if (!is_whole) return fed > 0;

@@ -118,7 +118,7 @@ std::vector<std::string> Feed(MessageDecoder* decoder,
     }
     is_copied = !is_copied;
     fed += count;
-    MessageDecoder::Message message;
+    MessageDecoder::message_t message;
     while (decoder->GetAndClearMessage(&message)) {
       received.push_back(std::to_string(message.header.type()) + "/" +
                          message.payload);

@@ -44,7 +44,7 @@ void MessageDecoder::OnFilled(size_t count) {
   DiscardFront(skipped);
 }
 
-bool MessageDecoder::GetAndClearMessage(Message* out) {
+bool MessageDecoder::GetAndClearMessage(message_t* out) {
   while (state_ != State::kComplete) {
     const bool advanced = (state_ == State::kPreamble && ParsePreamble()) ||
                           (state_ == State::kHeader && ParseHeader()) ||

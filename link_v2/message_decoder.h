@@ -24,7 +24,7 @@ namespace vantrel {
 // GetAvailableBufferSpace() is 0.
 class MessageDecoder {
  public:
-  struct Message {
+  struct message_t {
     messages::Header header;
     std::string payload;  // empty when the frame has none
   };
@@ -41,7 +41,7 @@ class MessageDecoder {
   void OnFilled(size_t count);
   // Moves the next whole message into |out|, whatever that held. False while
   // more bytes are needed.
-  [[nodiscard]] bool GetAndClearMessage(Message* out);
+  [[nodiscard]] bool GetAndClearMessage(message_t* out);
   // Whether the stream is lost for good (wrong magic).
   bool HasFailed() const { return state_ == State::kError; }
 

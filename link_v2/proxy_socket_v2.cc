@@ -78,13 +78,14 @@ void ProxySocketV2::OnReadReady() {
 }
 
 void ProxySocketV2::DecodeAndProcessMessages() {
-  MessageDecoder::Message message;
+  MessageDecoder::message_t message;
   while (decoder_.GetAndClearMessage(&message)) {
     DecodeAndProcessMessage(&message);
   }
 }
 
-void ProxySocketV2::DecodeAndProcessMessage(MessageDecoder::Message* message) {
+void ProxySocketV2::DecodeAndProcessMessage(
+    MessageDecoder::message_t* message) {
   const messages::Header& header = message->header;
   if (state_ == State::kClosed) {
     LogUnexpected("ProxySocketV2 is closed", header);
@@ -113,7 +114,8 @@ void ProxySocketV2::DecodeAndProcessMessage(MessageDecoder::Message* message) {
   }
 }
 
-void ProxySocketV2::ProcessConnectedMessage(MessageDecoder::Message* message) {
+void ProxySocketV2::ProcessConnectedMessage(
+    MessageDecoder::message_t* message) {
   const messages::Header& header = message->header;
   switch (header.type()) {
     case messages::TCP_CONNECT_ACK:

@@ -59,8 +59,8 @@ class ProxySocketV2 : public ProxySocket {
   void StartHandshake();
   void DecodeAndProcessMessages();
   // Takes the payload out of |message|.
-  void DecodeAndProcessMessage(MessageDecoder::Message* message);
-  void ProcessConnectedMessage(MessageDecoder::Message* message);
+  void DecodeAndProcessMessage(MessageDecoder::message_t* message);
+  void ProcessConnectedMessage(MessageDecoder::message_t* message);
   void HandleTeardown(const messages::MessageTeardown& teardown);
   void HandleHandshakeAck(const messages::MessageHandshake& handshake);
   // The one way out for every frame. Drops it when the link is closed; a

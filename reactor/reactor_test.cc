@@ -22,7 +22,8 @@ using ::testing::IsEmpty;
 constexpr auto kNeither = static_cast<Reactor::EventType>(POLLPRI);
 
 // What the handlers did, as "A read", and what the test wants done then.
-struct Script {
+class Script {
+ public:
   std::vector<std::string> calls;
   std::map<std::string, std::function<void()>> actions;
   std::function<void()> on_call = [] {};
@@ -123,7 +124,7 @@ TEST_F(ReactorTest, ASignalEndsTheLoopBeforeItsCycleIsDispatched) {
 
 // What a handler does: to which probe, and what.
 struct deed_t {
-  enum Kind { kRegister, kUnregister, kBecomeReadable, kBecomeQuiet };
+  enum class Kind { kRegister, kUnregister, kBecomeReadable, kBecomeQuiet };
   Kind kind;
   size_t probe;
   Reactor::EventType type;
@@ -182,18 +183,18 @@ class ReactorModel {
     const auto found =
         std::find_if(entries_.begin(), entries_.end(),
                      [&](const entry_t& e) { return e.probe == deed.probe; });
-    if (deed.kind == deed_t::kRegister) {
+    if (deed.kind == deed_t::Kind::kRegister) {
       if (found == entries_.end()) {
         entries_.push_back({deed.probe, deed.type, 0});
       } else {
         found->interest |= deed.type;
       }
-    } else if (deed.kind == deed_t::kUnregister) {
+    } else if (deed.kind == deed_t::Kind::kUnregister) {
       if (found == entries_.end()) return;
       found->interest &= ~deed.type;
       if (found->interest == 0) entries_.erase(found);
     } else {
-      readable_[deed.probe] = deed.kind == deed_t::kBecomeReadable;
+      readable_[deed.probe] = deed.kind == deed_t::Kind::kBecomeReadable;
     }
   }
 
@@ -225,14 +226,14 @@ TEST(ReactorModelTest, DispatchesAsTheModelWhateverHandlersDo) {
       Probe& probe = *probes[deed.probe];
       char byte;
       switch (deed.kind) {
-        case deed_t::kRegister:
+        case deed_t::Kind::kRegister:
           return reactor.Register(probe, deed.type);
-        case deed_t::kUnregister:
+        case deed_t::Kind::kUnregister:
           return reactor.Unregister(probe, deed.type);
-        case deed_t::kBecomeReadable:
+        case deed_t::Kind::kBecomeReadable:
           probe.peer->Write("x", 1);
           return;
-        case deed_t::kBecomeQuiet:
+        case deed_t::Kind::kBecomeQuiet:
           while (recv(probe.GetFd(), &byte, 1, MSG_DONTWAIT) == 1) {
           }
       }

@@ -19,11 +19,11 @@ constexpr char kStatsTime[] = "stats_time_ms";
 constexpr char kLinkBytes[] = "link_bytes";
 
 constexpr std::array<std::pair<launch_state_t::Phase, const char*>, 5> kPhases{{
-    {launch_state_t::kConnecting, "connecting"},
-    {launch_state_t::kRunning, "running"},
-    {launch_state_t::kStopping, "stopping"},
-    {launch_state_t::kWaiting, "waiting"},
-    {launch_state_t::kEnded, "ended"},
+    {launch_state_t::Phase::kConnecting, "connecting"},
+    {launch_state_t::Phase::kRunning, "running"},
+    {launch_state_t::Phase::kStopping, "stopping"},
+    {launch_state_t::Phase::kWaiting, "waiting"},
+    {launch_state_t::Phase::kEnded, "ended"},
 }};
 
 launch_state_t::Phase ParsePhase(const std::string& name) {

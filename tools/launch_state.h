@@ -25,7 +25,7 @@ struct traffic_t {
 };
 
 struct launch_state_t {
-  enum Phase {
+  enum class Phase {
     kConnecting,  // until the daemon has reported its start
     kRunning,
     kStopping,  // a signal was passed on
@@ -41,7 +41,7 @@ struct launch_state_t {
     traffic_t traffic;
   };
 
-  Phase phase = kConnecting;
+  Phase phase = Phase::kConnecting;
   std::string link;      // its address as given
   std::string protocol;  // as given
   // Of the launcher's clock, which never goes back: now, and when the daemon

@@ -22,7 +22,7 @@ constexpr int kResultFd = STDERR_FILENO + 1;
 void EndGroup(int /*signal*/) { kill(0, SIGKILL); }
 
 void StartTimeout(int /*signal*/) {
-  alarm(static_cast<unsigned>(RulesTask::kCommandTimeout.count()));
+  alarm(static_cast<uint32_t>(RulesTask::kCommandTimeout.count()));
 }
 
 // Each command gets the whole time: the end of one starts it for the next.
@@ -95,7 +95,7 @@ int List() {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  if (kind == RulesTask::kList) _exit(List());
+  if (kind == RulesTask::Kind::kList) _exit(List());
   TeardownIptables(0, false);
   _exit(0);
 }

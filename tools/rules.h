@@ -23,7 +23,7 @@ class RulesToolHangs : public std::runtime_error {
 // when one command takes longer than kCommandTimeout.
 class RulesTask {
  public:
-  enum Kind {
+  enum class Kind {
     kList,
     kRemove,  // with the daemon's own commands
   };

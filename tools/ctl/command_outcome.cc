@@ -45,7 +45,7 @@ const CommandOutcome::transfer_texts_t CommandOutcome::kPush = {
 
 CommandOutcome::State CommandOutcome::Take(const std::string& message) {
   if (type_ != TYPE_STOP && message == VANTREL_TEXT_FINISHED) {
-    return Finish(kFailed, "the daemon ended");
+    return Finish(State::kFailed, "the daemon ended");
   }
   switch (type_) {
     case TYPE_STOP:
@@ -65,26 +65,27 @@ CommandOutcome::State CommandOutcome::Take(const std::string& message) {
 
 CommandOutcome::State CommandOutcome::TakeStop(const std::string& message) {
   if (message == VANTREL_TEXT_STOP_RECEIVED) Begin("stopping");
-  if (message != VANTREL_TEXT_FINISHED) return kWaiting;
-  return Finish(kDone, "stopped");
+  if (message != VANTREL_TEXT_FINISHED) return State::kWaiting;
+  return Finish(State::kDone, "stopped");
 }
 
 CommandOutcome::State CommandOutcome::TakeDump(const std::string& message) {
   if (message == VANTREL_TEXT_DUMP_END && is_in_dump_)
-    return Finish(kDone, dump_);
+    return Finish(State::kDone, dump_);
   if (is_in_dump_) dump_ += (dump_.empty() ? "" : "\n") + message;
   if (message == VANTREL_TEXT_DUMP_BEGIN) {  // also of one that was cut off
     is_in_dump_ = true;
     dump_.clear();
     Begin("the dump is being written");
   }
-  return kWaiting;
+  return State::kWaiting;
 }
 
 CommandOutcome::State CommandOutcome::TakePing(const std::string& message) {
   std::string time;
-  if (!TakePrefix(message, VANTREL_TEXT_PING_TIME, &time)) return kWaiting;
-  return Finish(kDone, "round trip: " + time + " ms");
+  if (!TakePrefix(message, VANTREL_TEXT_PING_TIME, &time))
+    return State::kWaiting;
+  return Finish(State::kDone, "round trip: " + time + " ms");
 }
 
 CommandOutcome::State CommandOutcome::TakeTransfer(
@@ -95,25 +96,25 @@ CommandOutcome::State CommandOutcome::TakeTransfer(
       transfer_ = rest.substr(0, rest.find(' '));
       Begin(texts.verb + (" " + transfer_) + " is running");
     }
-    return kWaiting;
+    return State::kWaiting;
   }
   if (!TakePrefix(message, texts.number + transfer_ + texts.completed, &rest)) {
-    return kWaiting;
+    return State::kWaiting;
   }
-  return Finish(kDone,
+  return Finish(State::kDone,
                 texts.verb + (" " + transfer_) + ": " + DescribeRate(rest));
 }
 
 CommandOutcome::State CommandOutcome::TakeStats(const std::string& message) {
   std::string length;
   if (!TakePrefix(message, VANTREL_TEXT_STATS_LENGTH, &length)) {
-    return kWaiting;
+    return State::kWaiting;
   }
   if (strtoul(length.c_str(), nullptr, 10) > kMaxTransferStatsBytes) {
-    return Finish(
-        kFailed, "the report was too large (" + length + " bytes) and is lost");
+    return Finish(State::kFailed, "the report was too large (" + length +
+                                      " bytes) and is lost");
   }
-  return Finish(kDone,
+  return Finish(State::kDone,
                 "a report of " + length + " bytes is on the status channel");
 }
 

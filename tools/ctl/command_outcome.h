@@ -14,7 +14,7 @@ namespace vantrel {
 // transfers, which have numbers, the first that started.
 class CommandOutcome {
  public:
-  enum State { kWaiting, kDone, kFailed };
+  enum class State { kWaiting, kDone, kFailed };
 
   // |type| is that of the control packet.
   explicit CommandOutcome(uint8_t type) : type_(type) {}

@@ -81,9 +81,9 @@ class ProgressLine {
 CommandOutcome::State TakeNewLines(LogFollower* log, std::optional<int> daemon,
                                    CommandOutcome* outcome,
                                    Clock::time_point end) {
-  auto state = CommandOutcome::kWaiting;
+  auto state = CommandOutcome::State::kWaiting;
   std::string text;
-  while (state == CommandOutcome::kWaiting && Clock::now() < end &&
+  while (state == CommandOutcome::State::kWaiting && Clock::now() < end &&
          log->Next(&text)) {
     const auto line = ParseLogLine(text);
     if (!line || (daemon && line->process != *daemon)) continue;
@@ -102,7 +102,8 @@ CommandOutcome::State Follow(LogFollower* log, std::optional<int> daemon,
     const auto elapsed = Clock::now() - start;
     const auto state =
         TakeNewLines(log, daemon, outcome, start + timeout + kLastLook);
-    if (state != CommandOutcome::kWaiting || elapsed >= timeout) return state;
+    if (state != CommandOutcome::State::kWaiting || elapsed >= timeout)
+      return state;
     if (!outcome->HasBegun() && elapsed >= kFirstLineTimeout) return state;
     progress.Show(outcome->GetText(), elapsed);
     std::this_thread::sleep_for(kLogInterval);
@@ -114,11 +115,11 @@ int FollowAndPrint(const control_command_t& command, LogFollower* log,
   CommandOutcome outcome(command.type);
   const auto state = Follow(log, daemon, &outcome,
                             std::chrono::seconds(command.timeout_seconds));
-  if (state == CommandOutcome::kDone) {
+  if (state == CommandOutcome::State::kDone) {
     printf("%s\n", outcome.GetText().c_str());
     return 0;
   }
-  if (state == CommandOutcome::kFailed) {
+  if (state == CommandOutcome::State::kFailed) {
     fprintf(stderr, "vantrelctl: %s\n", outcome.GetText().c_str());
     return 1;
   }

@@ -30,7 +30,7 @@ TEST(CommandOutcome, IsFoundAmongOtherMessages) {
     CommandOutcome::State state;
     const char* text;
   } cases[] = {
-      {TYPE_PING, "Vantrel finished.", CommandOutcome::kFailed,
+      {TYPE_PING, "Vantrel finished.", CommandOutcome::State::kFailed,
        "the daemon ended"},
       // First the end of an older dump; an empty line within this one.
       {TYPE_DUMP,
@@ -38,29 +38,29 @@ TEST(CommandOutcome, IsFoundAmongOtherMessages) {
        "----------- VANTREL DUMP -----------\ncut off\n"
        "----------- VANTREL DUMP -----------\na\n\nb\n\n"
        "-------------------------------------",
-       CommandOutcome::kDone, "a\n\nb\n"},
+       CommandOutcome::State::kDone, "a\n\nb\n"},
       // Other transfers end first.
       {TYPE_PUSH,
        "[B] Starting push request 1 for 9 bytes.\n"
        "[B] Pull 1 completed with an rx rate of 1.00 kB/s\n"
        "[B] Push 11 completed with an approx tx rate of 2.00 kB/s\n"
        "[B] Push 1 completed with an approx tx rate of 3.00 kB/s",
-       CommandOutcome::kDone, "push 1: 3.00 kB/s"},
+       CommandOutcome::State::kDone, "push 1: 3.00 kB/s"},
       {TYPE_PULL,
        "[B] Starting pull request 0 for 9 bytes.\n"
        "[B] Pull 0 completed with an rx rate of inf kB/s",
-       CommandOutcome::kDone, "pull 0: too fast to measure"},
+       CommandOutcome::State::kDone, "pull 0: too fast to measure"},
       {TYPE_TRANSFER_STATS, "OnTransferStatsResult, transfer stats length 3584",
-       CommandOutcome::kFailed,
+       CommandOutcome::State::kFailed,
        "the report was too large (3584 bytes) and is lost"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.messages);
     CommandOutcome outcome(c.type);
-    auto state = CommandOutcome::kWaiting;
+    auto state = CommandOutcome::State::kWaiting;
     std::istringstream messages(c.messages);
     for (std::string message; std::getline(messages, message);) {
-      ASSERT_EQ(CommandOutcome::kWaiting, state);
+      ASSERT_EQ(CommandOutcome::State::kWaiting, state);
       state = outcome.Take(message);
     }
     EXPECT_EQ(c.state, state);

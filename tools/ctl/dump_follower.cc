@@ -39,7 +39,7 @@ std::optional<link_dump_t> DumpFollower::Read() {
     const auto line = ParseLogLine(text);
     if (!line || (daemon_ && line->process != *daemon_)) continue;
     owners_.Take(line->message);
-    if (outcome_->Take(line->message) == CommandOutcome::kDone) {
+    if (outcome_->Take(line->message) == CommandOutcome::State::kDone) {
       dump = ParseDump(outcome_->GetText());
       outcome_.emplace(TYPE_DUMP);
     }

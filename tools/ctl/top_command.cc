@@ -92,7 +92,7 @@ class TopSource {
     if (auto dump = dumps_->Read()) {
       model_.SetDump(std::move(*dump), dumps_->GetOwners());
     }
-    if (state.phase == launch_state_t::kRunning) note_ = dumps_->Ask();
+    if (state.phase == launch_state_t::Phase::kRunning) note_ = dumps_->Ask();
   }
 
   const std::string path_;

@@ -58,7 +58,7 @@ TextLine StateLine(const TopModel& model, const top_view_t& view) {
   if (!model.IsConnected()) {
     line.push_back({"the launcher has gone", TextStyle::kBad});
   } else if (state) {
-    const bool is_well = state->phase == launch_state_t::kRunning;
+    const bool is_well = state->phase == launch_state_t::Phase::kRunning;
     line.push_back({GetPhaseName(state->phase),
                     is_well ? TextStyle::kGood : TextStyle::kBad});
   }

@@ -20,7 +20,7 @@ constexpr char kDump[] =
 launch_state_t MakeState(uint64_t time_ms, uint64_t link_bytes,
                          uint64_t stats_time_ms, uint64_t uid_bytes) {
   launch_state_t state;
-  state.phase = launch_state_t::kRunning;
+  state.phase = launch_state_t::Phase::kRunning;
   state.link = "unix:/link";
   state.protocol = "5";
   state.time_ms = time_ms;

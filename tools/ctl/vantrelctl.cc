@@ -24,7 +24,7 @@ constexpr int kTimeoutSeconds = 10;
 constexpr int kTransferTimeoutSeconds = 300;
 
 int PrintRules() {
-  const auto rules = RunRulesTask(RulesTask::kList);
+  const auto rules = RunRulesTask(RulesTask::Kind::kList);
   for (const std::string& rule : rules) {
     printf("%s\n", EscapeControls(rule).c_str());
   }
@@ -43,8 +43,8 @@ int TearDownRules(const std::string& lock, bool is_forced) {
                  std::cerr);
     return 1;
   }
-  RunRulesTask(RulesTask::kRemove);
-  const auto rules = RunRulesTask(RulesTask::kList);
+  RunRulesTask(RulesTask::Kind::kRemove);
+  const auto rules = RunRulesTask(RulesTask::Kind::kList);
   for (const std::string& rule : rules) {
     PrintFailure(kProgram, "still there: " + rule, std::cerr);
   }

@@ -28,7 +28,7 @@ void EventLoop::AwaitSignal() {
 
 EventLoop::Wake EventLoop::WaitFor(int fd, Readiness readiness,
                                    SteadyTime end) {
-  const unsigned signals_before = stop_signal_count_;
+  const uint32_t signals_before = stop_signal_count_;
   bool is_ready = false;
   bool is_late = false;
   asio::posix::stream_descriptor descriptor(context_);

@@ -44,7 +44,7 @@ class EventLoop {
   asio::signal_set signals_;
   SignalHandler handler_;
   int stop_signal_ = 0;
-  unsigned stop_signal_count_ = 0;
+  uint32_t stop_signal_count_ = 0;
 };
 
 }  // namespace vantrel

@@ -48,7 +48,7 @@ LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
 void LaunchReporter::Connecting() {
   // However long the companion is away: it is the link that is not ready then.
   if (!std::exchange(is_ready_told_, true)) service_manager_.Notify("READY=1");
-  Enter(launch_state_t::kConnecting, "connecting " + options_.link.text);
+  Enter(launch_state_t::Phase::kConnecting, "connecting " + options_.link.text);
 }
 
 void LaunchReporter::Failed(const std::string& reason) {
@@ -62,48 +62,50 @@ void LaunchReporter::Record(const status_record_t& record) {
   Print(text, WantsJson() ? RecordToJson(record, names) : "");
   CountRecord(record, names, &state_);
   switch (record.kind) {
-    case status_record_t::kStarted:
+    case status_record_t::Kind::kStarted:
       ++state_.starts;
       started_ms_ = GetTimeMs();
       network_.clear();
-      Enter(launch_state_t::kRunning, "running over " + options_.link.text);
+      Enter(launch_state_t::Phase::kRunning,
+            "running over " + options_.link.text);
       break;
-    case status_record_t::kNetworkState:
+    case status_record_t::Kind::kNetworkState:
       // Most often the same as before.
       if (std::exchange(network_, text) != text) network_change_.Ask();
       break;
-    case status_record_t::kTransferStats:
+    case status_record_t::Kind::kTransferStats:
       state_.stats_time_ms = GetTimeMs();
       UpdateMetrics();
       break;
-    case status_record_t::kExitCode:
+    case status_record_t::Kind::kExitCode:
       break;
   }
 }
 
 void LaunchReporter::TellNetwork() {
   // The run may have ended since, and the next one has none yet.
-  if (state_.phase != launch_state_t::kRunning || network_.empty()) return;
+  if (state_.phase != launch_state_t::Phase::kRunning || network_.empty())
+    return;
   Enter(state_.phase, "running over " + options_.link.text + ", " + network_);
 }
 
 void LaunchReporter::Stopping() {
   service_manager_.Notify("STOPPING=1");
-  Enter(launch_state_t::kStopping, "stopping");
+  Enter(launch_state_t::Phase::kStopping, "stopping");
 }
 
 void LaunchReporter::DaemonEnded(int wait_status) {
   started_ms_ = 0;
   last_failure_ = DaemonEndToText(wait_status);
   Print(last_failure_, DaemonEndToJson(wait_status));
-  Enter(launch_state_t::kEnded, last_failure_);
+  Enter(launch_state_t::Phase::kEnded, last_failure_);
 }
 
 void LaunchReporter::Waiting(std::chrono::seconds time) {
   const std::string text =
       "connecting again in " + std::to_string(time.count()) + " s";
   Say(text);
-  Enter(launch_state_t::kWaiting, text + ": " + last_failure_);
+  Enter(launch_state_t::Phase::kWaiting, text + ": " + last_failure_);
 }
 
 void LaunchReporter::AddLinkBytes(uint64_t received, uint64_t sent) {

@@ -249,16 +249,16 @@ void LaunchSession::HandleStatus() {
 
 void LaunchSession::HandleRecord(const status_record_t& record) {
   reporter_.Record(record);
-  if (options_.is_direct && record.kind == status_record_t::kExitCode &&
+  if (options_.is_direct && record.kind == status_record_t::Kind::kExitCode &&
       record.exit_code == kConnectFailed) {
     reporter_.Say(
         "with --direct the companion has to send the connection header; was it "
         "started with --header?");
   }
-  if (record.kind == status_record_t::kTransferStats) {
+  if (record.kind == status_record_t::Kind::kTransferStats) {
     last_report_ = GetSteadyTime();
   }
-  if (record.kind != status_record_t::kStarted) return;
+  if (record.kind != status_record_t::Kind::kStarted) return;
   started_ = GetSteadyTime();
   warning_timer_.cancel();
   LookAtRules();
@@ -352,13 +352,13 @@ void LaunchSession::AskForStats() {
 }
 
 void LaunchSession::HandleInboundEnd() {
-  if (inbound_->GetState() == RelayDirection::kEnding) {
+  if (inbound_->GetState() == RelayDirection::State::kEnding) {
     EndLink(inbound_->GetReadError());
   }
 }
 
 void LaunchSession::HandleOutboundEnd() {
-  if (outbound_->GetState() != RelayDirection::kBroken) return;
+  if (outbound_->GetState() != RelayDirection::State::kBroken) return;
   // Nothing would tell the daemon otherwise: only this direction failed.
   shutdown(near_end_.native_handle(), SHUT_RDWR);
   EndLink(outbound_->GetWriteError());
@@ -373,7 +373,7 @@ void LaunchSession::EndLink(int error) {
   // A stop ends the link, too, and so does the daemon when it ends.
   const bool is_ordered =
       end_.is_stop_wanted ||
-      (outbound_ && outbound_->GetState() == RelayDirection::kEnded);
+      (outbound_ && outbound_->GetState() == RelayDirection::State::kEnded);
   if (is_ordered) return;
   // A companion that hears another protocol says nothing and goes.
   const bool is_unanswered = inbound_ && inbound_->GetMovedByteCount() == 0 &&

@@ -104,10 +104,10 @@ Launcher::attempt_t Launcher::RunSession(connected_link_t link) {
 
 bool Launcher::CleanUp() {
   try {
-    const size_t left = RunRules(RulesTask::kList).size();
+    const size_t left = RunRules(RulesTask::Kind::kList).size();
     if (left == 0) return true;
-    RunRules(RulesTask::kRemove);
-    if (RunRules(RulesTask::kList).empty()) {
+    RunRules(RulesTask::Kind::kRemove);
+    if (RunRules(RulesTask::Kind::kList).empty()) {
       reporter_.Say("removed " + std::to_string(left) +
                     " interception rules that the daemon had left");
       return true;

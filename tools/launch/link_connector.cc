@@ -130,13 +130,13 @@ UniqueFd TakeDescriptor(const link_address_t& link) {
 UniqueFd Connect(const link_address_t& address, LinkSecurity security,
                  const patience_t& patience) {
   switch (address.kind) {
-    case link_address_t::kUnix:
+    case link_address_t::Kind::kUnix:
       return ConnectUnix(address, patience);
-    case link_address_t::kTcp:
+    case link_address_t::Kind::kTcp:
       return ConnectTcp(address, patience);
-    case link_address_t::kRfcomm:
+    case link_address_t::Kind::kRfcomm:
       return ConnectRfcomm(address, security, patience);
-    case link_address_t::kFd:
+    case link_address_t::Kind::kFd:
       return TakeDescriptor(address);
   }
   throw std::logic_error("unknown kind of link");

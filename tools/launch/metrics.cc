@@ -35,8 +35,8 @@ std::string FormatUids(const launch_state_t& state, const PackageNames& names) {
 }
 
 bool IsRunning(const launch_state_t& state) {
-  return state.phase == launch_state_t::kRunning ||
-         state.phase == launch_state_t::kStopping;
+  return state.phase == launch_state_t::Phase::kRunning ||
+         state.phase == launch_state_t::Phase::kStopping;
 }
 
 }  // namespace
@@ -52,10 +52,10 @@ std::string EscapeLabelValue(const std::string& value) {
 
 void CountRecord(const status_record_t& record, const PackageNames& names,
                  launch_state_t* state) {
-  if (record.kind == status_record_t::kNetworkState) {
+  if (record.kind == status_record_t::Kind::kNetworkState) {
     state->network = {record.network.network_id, record.network.is_metered};
   }
-  if (record.kind != status_record_t::kTransferStats) return;
+  if (record.kind != status_record_t::Kind::kTransferStats) return;
   for (const auto& usage : record.stats.uid_transfer_stats()) {
     auto& application = state->by_uid[usage.uid()];
     application.name = names.Find(usage.uid());

@@ -19,7 +19,7 @@ Output::Output(asio::io_context& loop, int fd, std::function<void()> on_drained)
   struct stat kind = {};
   fstat(fd, &kind);
   if (S_ISSOCK(kind.st_mode)) {
-    means_ = kSocket;
+    means_ = Means::kSocket;
   } else if (S_ISFIFO(kind.st_mode) || S_ISCHR(kind.st_mode)) {
     // Not to block is a property of the open file, which others may share; so
     // this opens one more.
@@ -29,7 +29,7 @@ Output::Output(asio::io_context& loop, int fd, std::function<void()> on_drained)
     if (own_.Get() >= 0) {
       fd_ = own_.Get();
     } else {
-      means_ = kPolled;
+      means_ = Means::kPolled;
     }
   }
 }
@@ -69,10 +69,10 @@ void Output::Forget(int error) {
 
 ssize_t Output::WriteOnce() {
   const std::string_view kept = GetKept();
-  if (means_ == kSocket) {
+  if (means_ == Means::kSocket) {
     return send(fd_, kept.data(), kept.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
-  if (means_ == kPlain) return write(fd_, kept.data(), kept.size());
+  if (means_ == Means::kPlain) return write(fd_, kept.data(), kept.size());
   pollfd wait = {fd_, POLLOUT, 0};
   if (poll(&wait, 1, 0) == 0) {
     errno = EAGAIN;

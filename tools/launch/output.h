@@ -39,7 +39,7 @@ class Output {
   int GetError() const { return error_; }
 
  private:
-  enum Means {
+  enum class Means {
     kPlain,   // a file, or a descriptor of our own that does not block
     kSocket,  // a flag of the call keeps it from blocking
     kPolled,  // shared and blocking: asked before each small write
@@ -50,7 +50,7 @@ class Output {
 
   UniqueFd own_;  // another way to the same pipe or terminal; none otherwise
   int fd_;
-  Means means_ = kPlain;
+  Means means_ = Means::kPlain;
   const std::function<void()> on_drained_;
   std::string bytes_;  // of which the first |written_| are written
   size_t written_ = 0;

@@ -36,10 +36,10 @@ constexpr double kPaceStep = 1.5;
 
 // What is on its way through a shaped link, and what waits to enter it.
 size_t GetCapacity(const shape_t& shape) {
-  if (!shape.IsNeeded()) return kMaxHeldBytes;
+  if (!HasEffect(shape)) return kMaxHeldBytes;
   if (shape.bits_per_second == 0) return 16 * kMaxHeldBytes;
   return kMaxHeldBytes + shape.chunk_bytes +
-         static_cast<size_t>(shape.GetBytesOnTheWay());
+         static_cast<size_t>(GetBytesOnTheWay(shape));
 }
 
 }  // namespace
@@ -52,7 +52,7 @@ RelayDirection::RelayDirection(asio::posix::stream_descriptor& from,
       options_(std::move(options)),
       buffer_(GetCapacity(options_.shape)),
       timer_(from.get_executor()) {
-  if (options_.shape.IsNeeded()) shaper_.emplace(options_.shape);
+  if (HasEffect(options_.shape)) shaper_.emplace(options_.shape);
   LimitQueues();
 }
 
@@ -85,7 +85,7 @@ void RelayDirection::WorkLater() {
 
 bool RelayDirection::Read(SteadyTime now) {
   const size_t room = GetRoom(now);
-  if (awaits_read_ || state_ != kFlowing || room == 0) return false;
+  if (awaits_read_ || state_ != State::kFlowing || room == 0) return false;
   std::string_view seen;
   const ssize_t count = buffer_.FillFrom(from_.native_handle(), room, &seen);
   if (count < 0 && errno == EINTR) return true;
@@ -112,7 +112,7 @@ bool RelayDirection::Write(SteadyTime now) {
   if (count < 0 && errno == EINTR) return true;
   if (count < 0 && errno != EAGAIN) {
     write_error_ = errno;
-    SetState(kBroken);
+    SetState(State::kBroken);
     return false;
   }
   if (count > 0) {
@@ -142,7 +142,7 @@ void RelayDirection::AwaitRead() {
         const uint64_t before = moved_byte_count_ + buffer_.GetByteCount();
         Work();
         const uint64_t after = moved_byte_count_ + buffer_.GetByteCount();
-        if (before == after && awaits_read_ && state_ == kFlowing &&
+        if (before == after && awaits_read_ && state_ == State::kFlowing &&
             HasHungUp(from_.native_handle())) {
           FinishReading(EPIPE);
         }
@@ -162,7 +162,7 @@ void RelayDirection::AwaitWrite() {
 void RelayDirection::AwaitTime(SteadyTime now) {
   std::optional<SteadyTime> next;
   if (GetDueBytes(now) == 0) next = shaper_->GetNextTime();
-  if (state_ == kFlowing && !awaits_read_ && GetRoom(now) == 0) {
+  if (state_ == State::kFlowing && !awaits_read_ && GetRoom(now) == 0) {
     const SteadyTime has_room = shaper_->GetBusyUntil() - kLead;
     if (has_room > now && (!next || has_room < *next)) next = has_room;
   }
@@ -196,14 +196,14 @@ size_t RelayDirection::GetDueBytes(SteadyTime now) const {
 
 void RelayDirection::FinishReading(int error) {
   read_error_ = error;
-  SetState(kEnding);
+  SetState(State::kEnding);
   EndDestination();
 }
 
 void RelayDirection::EndDestination() {
-  if (state_ != kEnding || buffer_.GetByteCount() > 0) return;
+  if (state_ != State::kEnding || buffer_.GetByteCount() > 0) return;
   shutdown(to_.native_handle(), SHUT_WR);
-  SetState(kEnded);
+  SetState(State::kEnded);
 }
 
 void RelayDirection::SetState(State state) {

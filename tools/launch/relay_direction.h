@@ -36,7 +36,7 @@ class RelayDirection {
     int feeder = -1;
     std::function<void()> on_end;  // when GetState() is not kFlowing any more
   };
-  enum State {
+  enum class State {
     kFlowing,
     kEnding,  // the source has ended; some bytes are still held
     kEnded,
@@ -52,7 +52,9 @@ class RelayDirection {
   void Stop();
 
   State GetState() const { return state_; }
-  bool IsOver() const { return state_ == kEnded || state_ == kBroken; }
+  bool IsOver() const {
+    return state_ == State::kEnded || state_ == State::kBroken;
+  }
   // The errno with which the source or the destination ended, or 0.
   int GetReadError() const { return read_error_; }
   int GetWriteError() const { return write_error_; }
@@ -88,7 +90,7 @@ class RelayDirection {
   bool awaits_read_ = false;
   bool awaits_write_ = false;
   bool is_stopped_ = false;
-  State state_ = kFlowing;
+  State state_ = State::kFlowing;
   int read_error_ = 0;
   int write_error_ = 0;
   uint64_t moved_byte_count_ = 0;

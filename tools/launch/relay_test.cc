@@ -116,7 +116,7 @@ TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
     EXPECT_GT(16 * 1024u, sent.size());
     shutdown(source_.Get(), SHUT_WR);
     EXPECT_EQ(sent, Drain());
-    EXPECT_EQ(RelayDirection::kEnded, relay.GetState());
+    EXPECT_EQ(RelayDirection::State::kEnded, relay.GetState());
     EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
     EXPECT_EQ(options.on_read || options.on_written ? sent : "", seen);
   }

@@ -20,7 +20,7 @@ constexpr char kSomewhere[] = "192.0.2.1";
 struct route_t {
   int error = 0;           // there is none
   unsigned char type = 0;  // RTN_LOCAL, RTN_UNICAST, ...
-  unsigned interface = 0;
+  uint32_t interface = 0;
   uint32_t source = 0;  // network byte order; 0: none
 };
 

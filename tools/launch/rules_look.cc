@@ -8,7 +8,7 @@ namespace vantrel {
 RulesLook::RulesLook(asio::io_context& loop,
                      std::function<void(const std::string& text)> warn)
     : warn_(std::move(warn)),
-      task_(std::in_place, RulesTask::kList),
+      task_(std::in_place, RulesTask::Kind::kList),
       output_(loop, task_->GetFd()) {
   Await();
 }

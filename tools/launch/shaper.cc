@@ -80,13 +80,13 @@ std::optional<shape_t> ParseShape(const std::string& text,
   return shape;
 }
 
-double shape_t::GetBytesOnTheWay() const {
-  const double seconds = static_cast<double>(delay.count()) / 1e6;
-  return static_cast<double>(bits_per_second) / 8 * seconds;
+double GetBytesOnTheWay(const shape_t& shape) {
+  const double seconds = static_cast<double>(shape.delay.count()) / 1e6;
+  return static_cast<double>(shape.bits_per_second) / 8 * seconds;
 }
 
 double Shaper::GetMemoryBytes(const shape_t& shape) {
-  const double bytes = shape.GetBytesOnTheWay();
+  const double bytes = GetBytesOnTheWay(shape);
   if (shape.chunk_bytes == 0) return bytes;
   return bytes * (1 + static_cast<double>(sizeof(run_t)) /
                           static_cast<double>(shape.chunk_bytes));

@@ -17,13 +17,14 @@ struct shape_t {
   uint64_t bits_per_second = 0;        // 0: as fast as it goes
   std::chrono::microseconds delay{0};  // each way
   size_t chunk_bytes = 0;              // largest single write, 0: any
-
-  bool IsNeeded() const {
-    return bits_per_second > 0 || delay.count() > 0 || chunk_bytes > 0;
-  }
-  // How many bytes are between the two ends of a full link; 0 without a rate.
-  double GetBytesOnTheWay() const;
 };
+
+inline bool HasEffect(const shape_t& shape) {
+  return shape.bits_per_second > 0 || shape.delay.count() > 0 ||
+         shape.chunk_bytes > 0;
+}
+// How many bytes are between the two ends of a full link; 0 without a rate.
+double GetBytesOnTheWay(const shape_t& shape);
 
 // "rate=2Mbit,delay=30ms,chunk=990", each part at most once and none needed:
 // rate in bit, kbit, Mbit or Gbit per second, delay in us, ms or s, chunk in

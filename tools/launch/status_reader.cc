@@ -26,14 +26,14 @@ bool StatusReader::ReadWord(status_record_t* record) {
   bytes_.erase(0, kStatusWordBytes);
   has_word_ = true;
   is_over_ = record->exit_code != kStartSucceeded;
-  record->kind =
-      is_over_ ? status_record_t::kExitCode : status_record_t::kStarted;
+  record->kind = is_over_ ? status_record_t::Kind::kExitCode
+                          : status_record_t::Kind::kStarted;
   return true;
 }
 
 bool StatusReader::ReadNetworkState(status_record_t* record) {
   if (bytes_.size() < kNetworkStateRecordBytes) return false;
-  record->kind = status_record_t::kNetworkState;
+  record->kind = status_record_t::Kind::kNetworkState;
   record->network = DecodeNetworkState(bytes_.data());
   bytes_.erase(0, kNetworkStateRecordBytes);
   return true;
@@ -42,7 +42,7 @@ bool StatusReader::ReadNetworkState(status_record_t* record) {
 bool StatusReader::ReadTransferStats(status_record_t* record) {
   const size_t size = GetRecordBytes();
   if (bytes_.size() < size) return false;
-  record->kind = status_record_t::kTransferStats;
+  record->kind = status_record_t::Kind::kTransferStats;
   if (!record->stats.ParseFromArray(
           bytes_.data() + kTransferStatsHeaderBytes,
           static_cast<int>(size - kTransferStatsHeaderBytes))) {

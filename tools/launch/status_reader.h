@@ -12,9 +12,9 @@ namespace vantrel {
 
 // One thing that the daemon reported. Only the field of its kind is set.
 struct status_record_t {
-  enum Kind { kStarted, kExitCode, kNetworkState, kTransferStats };
+  enum class Kind { kStarted, kExitCode, kNetworkState, kTransferStats };
 
-  Kind kind = kStarted;
+  Kind kind = Kind::kStarted;
   int32_t exit_code = 0;
   network_state_t network;
   android::corvane::protos::MessageUidTransferStatsInfo stats;

@@ -121,7 +121,7 @@ TEST(Metrics, ReportsAddUpUnderEscapedLabels) {
   const PackageNames names(list);
   launch_state_t state;
   status_record_t record;
-  record.kind = status_record_t::kTransferStats;
+  record.kind = status_record_t::Kind::kTransferStats;
   auto* const usage = record.stats.add_uid_transfer_stats();
   usage->set_uid(10123);
   usage->set_rx_bytes(0xFFFFFFFF);

@@ -51,17 +51,17 @@ json StatsToJson(const status_record_t& record, const PackageNames& names) {
 json RecordToJsonObject(const status_record_t& record,
                         const PackageNames& names) {
   switch (record.kind) {
-    case status_record_t::kStarted:
+    case status_record_t::Kind::kStarted:
       return {{kRecord, "started"}};
-    case status_record_t::kExitCode:
+    case status_record_t::Kind::kExitCode:
       return {{kRecord, "exit_code"},
               {"code", record.exit_code},
               {"meaning", DescribeExitCode(record.exit_code)}};
-    case status_record_t::kNetworkState:
+    case status_record_t::Kind::kNetworkState:
       return {{kRecord, kNetwork},
               {kNetworkId, record.network.network_id},
               {kMetered, record.network.is_metered}};
-    case status_record_t::kTransferStats:
+    case status_record_t::Kind::kTransferStats:
       return StatsToJson(record, names);
   }
   return {};
@@ -100,15 +100,15 @@ std::string DescribeWaitStatus(int wait_status) {
 std::string RecordToText(const status_record_t& record,
                          const PackageNames& names) {
   switch (record.kind) {
-    case status_record_t::kStarted:
+    case status_record_t::Kind::kStarted:
       return "started";
-    case status_record_t::kExitCode:
+    case status_record_t::Kind::kExitCode:
       return "exit code " + std::to_string(record.exit_code) + ": " +
              DescribeExitCode(record.exit_code);
-    case status_record_t::kNetworkState:
+    case status_record_t::Kind::kNetworkState:
       return "network " + std::to_string(record.network.network_id) + ", " +
              (record.network.is_metered ? "metered" : "not metered");
-    case status_record_t::kTransferStats:
+    case status_record_t::Kind::kTransferStats:
       return StatsToText(record, names);
   }
   return "";

@@ -98,11 +98,11 @@ void AddReportOptions(CLI::App* app, launch_options_t* options) {
 
 // Before anything is opened that could take a closed descriptor's number.
 void CheckTogether(const launch_options_t& options) {
-  if (options.link.kind == link_address_t::kFd) {
+  if (options.link.kind == link_address_t::Kind::kFd) {
     const std::string fault = FindFaultOfDescriptor(options.link.fd);
     if (!fault.empty()) throw CLI::ValidationError(options.link.text, fault);
   }
-  if (options.is_restarting && options.link.kind == link_address_t::kFd) {
+  if (options.is_restarting && options.link.kind == link_address_t::Kind::kFd) {
     throw CLI::ValidationError("--restart", "fd:N cannot be connected again");
   }
 }
