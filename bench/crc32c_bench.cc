@@ -1,4 +1,4 @@
-// The checksum of protocol 2: by size, and at addresses of every alignment.
+// The checksum of protocol 20: by size, and at addresses of every alignment.
 #include <benchmark/benchmark.h>
 #include <stdint.h>
 

@@ -1,4 +1,4 @@
-// Frames of protocol 2 with a stream's bytes: built, and taken apart as they
+// Frames of protocol 20 with a stream's bytes: built, and taken apart as they
 // come from the link.
 #include <benchmark/benchmark.h>
 #include <stdint.h>

@@ -78,7 +78,10 @@ class LineParser {
   // Anything printable up to a blank.
   void TakeWord() {
     const char* const begin = next_;
-    while (next_<end_&& * next_> ' ' && *next_ < '\x7F') ++next_;
+    const auto is_in_word = [](char byte) {
+      return byte > ' ' && byte < '\x7F';
+    };
+    while (next_ < end_ && is_in_word(*next_)) ++next_;
     Expect(next_ > begin);
   }
 

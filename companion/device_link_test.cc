@@ -72,7 +72,7 @@ class Server {
   const End socket_;
 };
 
-// The test plays the device, in the language of version 1.
+// The test plays the device, over protocol 1.
 class DeviceLinkTest : public ::testing::Test {
  protected:
   DeviceLinkTest()

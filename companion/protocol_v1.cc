@@ -24,8 +24,8 @@ uint32_t WidenUid(uint16_t uid) {
 
 }  // namespace
 
-ProtocolV1::ProtocolV1(int version, std::string* control)
-    : LinkProtocol(version, control), version_(version) {}
+ProtocolV1::ProtocolV1(int protocol, std::string* control)
+    : LinkProtocol(protocol, control), protocol_(protocol) {}
 
 size_t ProtocolV1::GetAvailableSpace() const {
   return kMaxHeldBytes - received_.size();
@@ -37,7 +37,7 @@ void ProtocolV1::Feed(const char* data, size_t length) {
 }
 
 bool ProtocolV1::HandleNext(DeviceMessages& device) {
-  if (state_ == State::kNotStarted && version_ == 1) {
+  if (state_ == State::kNotStarted && protocol_ == 1) {
     ReportReady(device);
     return true;
   }
@@ -60,7 +60,7 @@ bool ProtocolV1::HandleNext(DeviceMessages& device) {
   return state_ != State::kFailed;
 }
 
-// Version 1 lets a device begin with any message that exists.
+// Protocol 1 lets a device begin with any message that exists.
 bool ProtocolV1::IsUnclear(uint8_t type) const {
   if (GetOpening().IsOver()) return false;
   return state_ == State::kNotStarted || type == TYPE_HANDSHAKE ||
@@ -134,7 +134,7 @@ void ProtocolV1::Handle(DeviceMessages& device, const char* message,
 void ProtocolV1::HandleHandshake(DeviceMessages& device, uint32_t version) {
   // A refusal is the acknowledgement of a version that the device did not ask
   // for: it ends the link itself then.
-  if (version_ == 1) {
+  if (protocol_ == 1) {
     GetControl()->append(v1::Handshake(TYPE_HANDSHAKE_ACK, 1));
     return Fail(device, "a handshake: the device speaks protocol 5");
   }
@@ -193,7 +193,7 @@ void ProtocolV1::HandlePushData(DeviceMessages& device, const char* message,
 
 void ProtocolV1::ReportReady(DeviceMessages& device) {
   state_ = State::kReady;
-  device.OnReady("protocol " + std::to_string(version_));
+  device.OnReady("protocol " + std::to_string(protocol_));
 }
 
 void ProtocolV1::Fail(DeviceMessages& device, const std::string& reason) {

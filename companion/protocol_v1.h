@@ -9,14 +9,14 @@
 
 namespace vantrel {
 
-// Link protocol 1 in both its forms: version 5 with a handshake and with the
-// application's endpoint in every datagram, version 1 without either. Nothing
-// but the layouts says where a message ends, so a type that does not exist
-// ends the link; there is no message to tell the device why.
+// Link protocols 1 and 5, which have one format: 5 with a handshake and with
+// the application's endpoint in every datagram, 1 without either. Nothing but
+// the layouts says where a message ends, so a type that does not exist ends the
+// link; there is no message to tell the device why.
 class ProtocolV1 final : public LinkProtocol {
  public:
-  // |version| is 1 or 5.
-  ProtocolV1(int version, std::string* control);
+  // |protocol| is 1 or 5.
+  ProtocolV1(int protocol, std::string* control);
 
   size_t GetAvailableSpace() const override;
   void Feed(const char* data, size_t length) override;
@@ -61,7 +61,7 @@ class ProtocolV1 final : public LinkProtocol {
   // |reason| is told unless the beginning of the link has a better one.
   void Fail(DeviceMessages& device, const std::string& reason);
 
-  const int version_;
+  const int protocol_;
   State state_ = State::kNotStarted;
   std::string received_;
   size_t handled_ = 0;  // bytes of |received_|

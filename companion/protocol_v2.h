@@ -9,7 +9,7 @@
 
 namespace vantrel {
 
-// Link protocol 2: checksummed frames. A damaged frame is logged and skipped
+// Link protocol 20: checksummed frames. A damaged frame is logged and skipped
 // by the decoder; once frames can no longer be told apart, or when the device
 // speaks before its handshake, the link ends with a teardown.
 class ProtocolV2 final : public LinkProtocol {

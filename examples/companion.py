@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""A small companion for version 20: companion.py unix:PATH | tcp:HOST:PORT
+"""A small companion for protocol 20: companion.py unix:PATH | tcp:HOST:PORT
 
 It opens whatever connections a device asks for, also to this machine itself:
 run it only where that does no harm. docs/writing-a-companion.md explains it.

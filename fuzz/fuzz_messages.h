@@ -22,7 +22,7 @@ enum : uint8_t {
   FUZZ_RAW = 2,  // sent as it is; otherwise lengths and checksums are made true
 };
 
-// A frame of protocol 2 around the serialized header |head|, sound but for its
+// A frame of protocol 20 around the serialized header |head|, sound but for its
 // sizes.
 inline std::string FuzzFrame(std::string head, const std::string& payload) {
   messages::Header header;

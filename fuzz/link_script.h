@@ -56,7 +56,7 @@ class DaemonTalk {
 
   const int protocol_;
   std::string bytes_;                // not handled yet
-  MessageDecoder decoder_;           // of protocol 2
+  MessageDecoder decoder_;           // of protocol 20
   std::map<uint32_t, size_t> open_;  // the bytes that have come, by stream
   uint32_t last_id_ = 0;
 };

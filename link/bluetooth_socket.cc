@@ -1,4 +1,4 @@
-// The link over protocol 1: connection, handshake, dispatch and output.
+// The link over protocols 1 and 5: connection, handshake, dispatch and output.
 #include "link/bluetooth_socket.h"
 
 #include <string.h>

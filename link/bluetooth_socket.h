@@ -25,10 +25,11 @@
 
 namespace vantrel {
 
-// The link to the companion over protocol 1 (link/v1_wire.h). Charges every
-// byte in both directions, headers included, to the UID of the application it
-// was moved for. |delegate| and |reactor| outlive it. TCP conduits own
-// themselves; it keeps only pointers to them. UDP conduits live in its caches.
+// The link to the companion over protocols 1 and 5 (link/v1_wire.h). Charges
+// every byte in both directions, headers included, to the UID of the
+// application it was moved for. |delegate| and |reactor| outlive it. TCP
+// conduits own themselves; it keeps only pointers to them. UDP conduits live in
+// its caches.
 //
 // The handshake gates nothing: traffic flows while it is under way.
 class BluetoothSocket : public ProxySocket {

@@ -1,5 +1,5 @@
-// The link over protocol 1: TCP streams, package names, and datagrams in both
-// forms.
+// The link over protocols 1 and 5: TCP streams, package names, and datagrams in
+// both forms.
 #include <string>
 
 #include "capture/uid_helper.h"

@@ -11,10 +11,10 @@
 
 namespace vantrel {
 
-// The measurements of a protocol 1 link that the debug control port starts:
-// round trip, and throughput from the companion (pull) and to it (push). The
-// results are logged. Nothing times a measurement out. What they send is
-// charged to nobody.
+// The measurements of a link over protocol 1 or 5 that the debug control port
+// starts: round trip, and throughput from the companion (pull) and to it
+// (push). The results are logged. Nothing times a measurement out. What they
+// send is charged to nobody.
 class Measurements {
  public:
   // |send| queues one message on the link.

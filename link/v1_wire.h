@@ -1,7 +1,7 @@
-// The wire format of link protocol 1, for both ends of the link: an unbroken
-// sequence of messages, each a type byte, the type's fixed header and, for some
-// types, a payload whose length the header states. Nothing else marks where a
-// message ends, so both ends must know every layout.
+// The wire format of link protocols 1 and 5, for both ends of the link: an
+// unbroken sequence of messages, each a type byte, the type's fixed header and,
+// for some types, a payload whose length the header states. Nothing else marks
+// where a message ends, so both ends must know every layout.
 //
 // All integers are big-endian, but for the uid of TYPE_UDP_DATAGRAM_V2, which
 // is little-endian; kept for compatibility. Addresses are IPv4. A uid is the

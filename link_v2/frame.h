@@ -1,4 +1,4 @@
-// The layout of a frame of link protocol 2, shared by encoder and decoder.
+// The layout of a frame of link protocol 20, shared by encoder and decoder.
 //
 //   offset  width  field
 //   0       2      magic, "VN"

@@ -1,4 +1,4 @@
-// The link over protocol 2: connection, handshake, dispatch and sending.
+// The link over protocol 20: connection, handshake, dispatch and sending.
 #include "link_v2/proxy_socket_v2.h"
 
 #include <stdint.h>

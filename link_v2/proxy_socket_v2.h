@@ -20,7 +20,7 @@
 
 namespace vantrel {
 
-// The link to the companion over protocol 2: checksummed frames with protobuf
+// The link to the companion over protocol 20: checksummed frames with protobuf
 // headers. |delegate| and |reactor| outlive it. TCP conduits own themselves;
 // it keeps only pointers to them. UDP conduits live in its cache.
 //

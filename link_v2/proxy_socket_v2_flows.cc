@@ -1,4 +1,4 @@
-// The link over protocol 2: TCP streams, datagrams and package names.
+// The link over protocol 20: TCP streams, datagrams and package names.
 #include <utility>
 
 #include "common/log.h"

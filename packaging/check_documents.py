@@ -142,6 +142,9 @@ def claim_faults():
     for name in [*DOCUMENTS, "Android.bp", ".ci/run"]:
         for other in set(re.findall(r"[Cc]\+\+(\d\d)", read(name))) - {standard}:
             yield f"{name}: C++{other}, but CMakeLists.txt says {standard}"
+    for name in [*DOCUMENTS, *sources("*.h"), *sources("*.cc"), *sources("*.proto")]:
+        for word in re.findall(r"(?<!--)\b(?:[Pp]rotocol 2|[Vv]ersion 20)\b", read(name)):
+            yield f"{name}: {word!r} is called protocol 20, see docs/architecture.md#words"
     architecture = read("docs/architecture.md")
     if "without a time-out" in " ".join(architecture.split()) and \
             not re.search(r"poll\([^;]*, -1\)", read("reactor/reactor.cc")):
@@ -150,6 +153,11 @@ def claim_faults():
     listed = set(re.findall(r"`([\w/]+\.(?:h|cc))`", listed[1])) if listed else set()
     for name in listed ^ conditional_sources():
         yield f"docs/architecture.md: its list of sources with #if and the code differ in {name}"
+    if "no `return f();`" in read("docs/contributing.md"):
+        for name in sources("*.cc"):
+            for body in re.findall(r"^void [^;{]*\{\n(.*?)^\}", read(name), flags=re.M | re.S):
+                if re.search(r"^ +return [\w(*]", body, flags=re.M):
+                    yield f"docs/contributing.md: no `return f();`, but {name} has it"
     load = re.search(r"\| load before \| ([\d.]+)", read("docs/performance.md"))
     if "quiet machine" in read("docs/performance.md") and float(load[1]) > .2:
         yield f"docs/performance.md: a quiet machine, with a load of {load[1]}"

@@ -1,4 +1,4 @@
-"""Protocol v2 as a companion sees it, written apart from the daemon's code: its
+"""Protocol 20 as a companion sees it, written apart from the daemon's code: its
 own checksum, its own field encoding, so that a shared mistake cannot hide."""
 
 import socket

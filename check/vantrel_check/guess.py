@@ -1,7 +1,7 @@
 """What the first bytes of a link look like that are not of the protocol judged."""
 
 HEADER_SIZE = 24
-# The answer to a handshake of version 5; an acknowledgement, a close, data and a network,
+# The answer to a handshake of protocol 5; an acknowledgement, a close, data and a network,
 # each with a number that is small.
 _ANSWER_5 = b"\x11\0\0\0"
 _FIRST_1 = (b"\6\0\0", b"\2\0\0", b"\3\0\0", b"\x0b\0\0")
