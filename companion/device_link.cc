@@ -11,6 +11,19 @@
 #include "link/connection_header.h"
 #include "support/peer_socket.h"
 
+// From the device: the socket is readable, or TurnQueue gives the link a turn.
+// TakeTurn() reads; LinkProtocol::HandleNext() turns the bytes into our On...()
+// functions, and those hand on to LinkStreams and DatagramFlows, which write to
+// the remotes. What is left at the end of a turn waits in TurnQueue.
+//
+// To the device: control messages are appended to FlowScheduler::GetControl().
+// A RemoteStream whose socket is readable calls Activate(), a DatagramFlow with
+// an answer calls Queue(), and both then on_waiting of their link_parts_t,
+// which is Pump(). LinkWriter takes out of the scheduler what goes next and
+// writes it. When the socket takes no more, the rest follows in OnWritable().
+//
+// Every handler of the loop runs inside Run(): what it throws ends this link.
+
 namespace vantrel {
 namespace {
 

@@ -14,6 +14,16 @@
 #include "tools/launch/route_look.h"
 #include "tools/system_failure.h"
 
+// The constructor starts the daemon, with the link itself (--direct) or with
+// one end of a socket pair, of which the other end is relayed to the link. Then
+// Run() waits for whatever comes: SIGCHLD (the daemon has ended,
+// HandleSignal()), another signal (passed on), bytes (two RelayDirections), a
+// record of the daemon (HandleStatus()), the end of the link (EndLink()), a
+// timer.
+//
+// A session ends when the daemon has ended and what it left is delivered, or
+// kGrace later. Whatever begins the end starts the timer that kills the daemon.
+
 namespace vantrel {
 namespace {
 
