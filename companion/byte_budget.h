@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 
 namespace vantrel {
@@ -10,7 +11,11 @@ class ByteBudget {
   explicit ByteBudget(size_t limit) : limit_(limit) {}
 
   void Add(size_t bytes) { used_ += bytes; }
-  void Release(size_t bytes) { used_ -= bytes; }
+  // |bytes| of those that were added.
+  void Release(size_t bytes) {
+    assert(bytes <= used_);
+    used_ -= bytes;
+  }
   size_t GetUsed() const { return used_; }
   bool IsExceeded() const { return used_ > limit_; }
 

@@ -1,5 +1,6 @@
 #include "companion/datagram_flows.h"
 
+#include <assert.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -103,7 +104,9 @@ void DatagramFlows::Clear() {
 }
 
 void DatagramFlows::OnFlowUsed(DatagramFlow& flow) {
-  Touch(index_.at(Ends(flow.GetLocal(), flow.GetRemote())));
+  const auto found = index_.find(Ends(flow.GetLocal(), flow.GetRemote()));
+  assert(found != index_.end());
+  Touch(found->second);
 }
 
 bool DatagramFlows::FreeDescriptor() {

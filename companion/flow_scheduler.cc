@@ -20,6 +20,10 @@ bool FlowScheduler::QueuedFlow::TakeMessage(size_t, std::string* out) {
   return false;
 }
 
+void FlowScheduler::QueuedFlow::DropMessages() {
+  while (!messages_.empty()) scheduler_->Pop(this);
+}
+
 void FlowScheduler::Activate(Flow* flow) {
   if (flow->list_ != nullptr) return;
   flow->deficit_ = static_cast<int64_t>(quantum_);
@@ -81,12 +85,8 @@ void FlowScheduler::DropFromFullest(const size_t& total, size_t limit,
 
 void FlowScheduler::Remove(Flow* flow) {
   if (flow == asked_) asked_ = nullptr;
+  flow->DropMessages();
   Leave(flow);
-}
-
-void FlowScheduler::Remove(QueuedFlow* flow) {
-  while (!flow->messages_.empty()) Pop(flow);
-  Remove(static_cast<Flow*>(flow));
 }
 
 bool FlowScheduler::Take(std::string* out, SteadyTime now) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -31,7 +32,7 @@ class FlowScheduler {
     Flow(const Flow&) = delete;
     Flow& operator=(const Flow&) = delete;
     // It must have been removed from its scheduler before.
-    virtual ~Flow() = default;
+    virtual ~Flow() { assert(list_ == nullptr); }
 
     // Appends the next message to |out|, with at most |max_payload| bytes of
     // payload where that can be cut. False when there is none now; the flow is
@@ -42,6 +43,9 @@ class FlowScheduler {
 
    private:
     friend class FlowScheduler;
+    // Gives up what the scheduler keeps of it.
+    virtual void DropMessages() {}
+
     std::list<Flow*>* list_ = nullptr;  // null: it has nothing to send
     std::list<Flow*>::iterator position_;
     int64_t deficit_ = 0;  // bytes that it may still send in its turn
@@ -53,6 +57,8 @@ class FlowScheduler {
 
    private:
     friend class FlowScheduler;
+    void DropMessages() override;
+
     struct message_t {
       std::string bytes;
       SteadyTime queued;
@@ -73,7 +79,10 @@ class FlowScheduler {
   FlowScheduler& operator=(const FlowScheduler&) = delete;
 
   // In bytes; also the largest payload of a message that can be cut. Not 0.
-  void SetQuantum(size_t bytes) { quantum_ = bytes; }
+  void SetQuantum(size_t bytes) {
+    assert(bytes > 0);
+    quantum_ = bytes;
+  }
   // What all QueuedFlows may hold together, though one message may always wait.
   void SetQueueLimit(size_t bytes) { queue_limit_ = bytes; }
 
@@ -83,9 +92,8 @@ class FlowScheduler {
   void Activate(Flow* flow);
   // The same, with |message|, whose time to wait begins |now|.
   void Queue(QueuedFlow* flow, std::string message, SteadyTime now);
-  // Forgets |flow| and what it has queued.
+  // Forgets |flow| and what it has queued. No effect on one that is not known.
   void Remove(Flow* flow);
-  void Remove(QueuedFlow* flow);
 
   // Appends the next message, or all control messages, to |out|. False when
   // nothing waits.

@@ -11,7 +11,9 @@ namespace {
 // A flow whose messages are runs of its letter.
 class Source : public FlowScheduler::Flow {
  public:
-  Source(char letter, size_t bytes) : letter_(letter), left_(bytes) {}
+  Source(FlowScheduler& scheduler, char letter, size_t bytes)
+      : scheduler_(scheduler), letter_(letter), left_(bytes) {}
+  ~Source() override { scheduler_.Remove(this); }
   void Add(size_t bytes) { left_ += bytes; }
   bool TakeMessage(size_t max_payload, std::string* out) override {
     const size_t length = std::min(left_, max_payload);
@@ -21,8 +23,15 @@ class Source : public FlowScheduler::Flow {
   }
 
  private:
+  FlowScheduler& scheduler_;
   const char letter_;
   size_t left_;
+};
+
+struct Datagrams : FlowScheduler::QueuedFlow {
+  explicit Datagrams(FlowScheduler& from) : scheduler(from) {}
+  ~Datagrams() override { scheduler.Remove(this); }
+  FlowScheduler& scheduler;
 };
 
 double Count(const std::string& text, char letter) {
@@ -51,8 +60,8 @@ class FlowSchedulerTest : public ::testing::Test {
 
 // Streams and datagrams alike, however large their messages are.
 TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
-  Source a('a', 1000), b('b', 1000);
-  FlowScheduler::QueuedFlow small, large;
+  Source a(scheduler_, 'a', 1000), b(scheduler_, 'b', 1000);
+  Datagrams small(scheduler_), large(scheduler_);
   scheduler_.Activate(&a);
   scheduler_.Activate(&b);
   for (int i = 0; i < 500; ++i) Queue(&small, "s");
@@ -69,7 +78,8 @@ TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
 }
 
 TEST_F(FlowSchedulerTest, ServesSparseFlowsFirstButNotForEver) {
-  Source bulk('B', 1000), other('O', 1000), sparse('s', 3);
+  Source bulk(scheduler_, 'B', 1000), other(scheduler_, 'O', 1000);
+  Source sparse(scheduler_, 's', 3);
   scheduler_.Activate(&bulk);
   scheduler_.Activate(&other);
   Take(10);  // both have used what a new flow has
@@ -88,7 +98,7 @@ TEST_F(FlowSchedulerTest, ServesSparseFlowsFirstButNotForEver) {
 
 TEST_F(FlowSchedulerTest, DropsTheOldestOfTheFullestFlow) {
   scheduler_.SetQueueLimit(100);
-  FlowScheduler::QueuedFlow flood, look_up;
+  Datagrams flood(scheduler_), look_up(scheduler_);
   Queue(&look_up, "look-up");
   for (char c = 'a'; c <= 'z'; ++c) Queue(&flood, std::string(9, c));
   EXPECT_EQ(16u, scheduler_.GetDropCount());
@@ -112,7 +122,7 @@ TEST_F(FlowSchedulerTest, DropsTheOldestOfTheFullestFlow) {
 
 // The link carries one message in 5 ms, and as many come.
 TEST_F(FlowSchedulerTest, DropsFromAQueueThatStandsAndFromNoOther) {
-  FlowScheduler::QueuedFlow standing, sparse;
+  Datagrams standing(scheduler_), sparse(scheduler_);
   char next = 0;
   std::string sent;  // of each message its number
   const auto queue = [&] { Queue(&standing, std::string(1250, next++)); };
@@ -146,7 +156,7 @@ TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {
   class Leaving : public Source {
    public:
     Leaving(FlowScheduler& scheduler, bool* is_gone)
-        : Source('x', 0), scheduler_(scheduler), is_gone_(is_gone) {}
+        : Source(scheduler, 'x', 0), scheduler_(scheduler), is_gone_(is_gone) {}
     ~Leaving() override { *is_gone_ = true; }
     bool TakeMessage(size_t, std::string*) override {
       scheduler_.Remove(this);
@@ -158,12 +168,18 @@ TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {
     FlowScheduler& scheduler_;
     bool* const is_gone_;
   };
-  Source other('o', 10);
+  Source other(scheduler_, 'o', 10);
   bool is_gone = false;
   scheduler_.Activate(new Leaving(scheduler_, &is_gone));
   scheduler_.Activate(&other);
   EXPECT_EQ("oooooooooo", Take(3));
   EXPECT_TRUE(is_gone);
+  // But not without a word.
+  const auto go_known = [this] {
+    FlowScheduler::QueuedFlow flow;
+    scheduler_.Queue(&flow, "x", now_);
+  };
+  EXPECT_DEATH(go_known(), "list_ == nullptr");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "companion/link_streams.h"
 
+#include <assert.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -132,6 +133,7 @@ void LinkStreams::TellClosed(uint32_t id) {
 
 void LinkStreams::Finish(RemoteStream* stream, int max_idle_ticks) {
   const auto found = streams_.find(stream->GetId());
+  assert(found != streams_.end() && found->second.get() == stream);
   finishing_.emplace(stream, std::move(found->second));
   streams_.erase(found);
   stream->Finish(max_idle_ticks);
@@ -146,6 +148,7 @@ void LinkStreams::Drop(RemoteStream* stream) {
 
 void LinkStreams::Discount(uint32_t uid) {
   const auto found = counts_.find(uid);
+  assert(found != counts_.end() && found->second > 0);
   if (--found->second == 0) counts_.erase(found);
 }
 

@@ -153,8 +153,8 @@ bool RemoteStream::WriteQueued(size_t* count) {
 }
 
 void RemoteStream::DropQueued() {
+  held_.Add(front_offset_);  // what is released twice here
   for (const std::string& bytes : queue_) held_.Release(bytes.size());
-  held_.Add(front_offset_);
   queue_.clear();
   front_offset_ = 0;
 }

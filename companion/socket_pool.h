@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 
 namespace vantrel {
@@ -14,7 +15,10 @@ class SocketPool {
     explicit Place(SocketPool& pool) : pool_(pool) { ++pool_.used_; }
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
-    ~Place() { --pool_.used_; }
+    ~Place() {
+      assert(pool_.used_ > 0);
+      --pool_.used_;
+    }
 
    private:
     SocketPool& pool_;

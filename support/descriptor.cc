@@ -1,5 +1,6 @@
 #include "support/descriptor.h"
 
+#include <assert.h>
 #include <fcntl.h>
 
 #include <utility>
@@ -29,6 +30,7 @@ void Descriptor::WaitWritable() {
 
 void Descriptor::Wait(asio::posix::descriptor_base::wait_type type,
                       wait_t* wait) {
+  assert(wait->handler != nullptr);
   if (wait->is_under_way) return;
   descriptor_.async_wait(type,
                          lifetime_.MakeHandler([wait](const asio::error_code&) {

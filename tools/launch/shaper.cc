@@ -1,5 +1,7 @@
 #include "tools/launch/shaper.h"
 
+#include <assert.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -108,6 +110,7 @@ size_t Shaper::GetDueBytes(SteadyTime now) const {
 }
 
 void Shaper::Leave(size_t bytes) {
+  assert(!runs_.empty() && bytes <= runs_.front().bytes);
   runs_.front().bytes -= bytes;
   if (runs_.front().bytes == 0) runs_.pop_front();
 }
