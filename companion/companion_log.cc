@@ -114,6 +114,8 @@ void ConfigureLog(LogLevel level, bool as_json) {
   is_json = as_json;
 }
 
+bool IsLogWanted(LogLevel level) { return level <= wanted_level; }
+
 CompanionLog::Windows CompanionLog::all_links;
 
 CompanionLog::~CompanionLog() {
@@ -126,7 +128,7 @@ CompanionLog::~CompanionLog() {
 
 void CompanionLog::Write(LogLevel level, LogKind kind, const char* format,
                          ...) {
-  if (level > wanted_level || !Admit(kind, GetSteadyTime())) return;
+  if (!IsLogWanted(level) || !Admit(kind, GetSteadyTime())) return;
   char message[kMaxLineBytes - 100];  // the rest of the line is in front
   va_list arguments;
   va_start(arguments, format);

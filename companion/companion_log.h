@@ -30,6 +30,9 @@ enum class LogKind {
 
 // For the whole program: what less important than |level| is left out.
 void ConfigureLog(LogLevel level, bool as_json);
+// Whether lines of |level| are printed: to be asked where it takes time to make
+// the arguments of a line, and many may not be wanted.
+[[nodiscard]] bool IsLogWanted(LogLevel level);
 
 // The log of the program (id 0) or of one link, which each line names. Never
 // waits and never throws: a line that standard error cannot take at once, or

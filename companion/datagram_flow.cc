@@ -102,7 +102,9 @@ bool DatagramFlow::ReceiveOne() {
                     payload.size(), remote_.ToString().c_str());
     return true;
   }
-  LogDetail("answer of bytes: ", std::to_string(count).c_str());
+  if (IsLogWanted(LogLevel::kDebug)) {
+    LogDetail("answer of bytes: ", std::to_string(count).c_str());
+  }
   std::string message;
   link_.protocol.PutDatagram(&message, local_, remote_, payload);
   link_.scheduler.Queue(this, std::move(message), GetSteadyTime());
@@ -159,6 +161,7 @@ void DatagramFlow::QueueFailure(const std::string& request) {
 }
 
 void DatagramFlow::LogDetail(const char* what, const char* more) {
+  if (!IsLogWanted(LogLevel::kDebug)) return;
   link_.log.Write(LogLevel::kDebug, LogKind::kDatagram,
                   "datagram %s -> %s: %s%s", local_.ToString().c_str(),
                   remote_.ToString().c_str(), what, more);

@@ -1,5 +1,7 @@
 #include "companion/device_link.h"
 
+#include <assert.h>
+
 #include <algorithm>
 #include <exception>
 #include <new>
@@ -128,17 +130,20 @@ void DeviceLink::TakeTurn() {
 }
 
 bool DeviceLink::ReadOnce() {
-  char buffer[kReadBytes];
-  const size_t size = state_ == State::kOpen
-                          ? std::min(kReadBytes, protocol_->GetAvailableSpace())
-                          : kReadBytes;
-  size_t count = 0;
-  if (!IsDone(socket_.Read(buffer, size, &count))) return false;
-  deadlines_.OnReceived();
   // What comes after the last message is read and dropped, so that closing
   // the socket resets nothing that is on its way to the device.
-  if (state_ == State::kOpen) {
-    protocol_->Feed(buffer, count);
+  char dropped[kReadBytes];
+  const bool is_wanted = state_ == State::kOpen;
+  const LinkProtocol::room_t room =
+      is_wanted ? protocol_->GetRoom()
+                : LinkProtocol::room_t{dropped, sizeof(dropped)};
+  assert(room.size > 0);
+  const size_t size = std::min(kReadBytes, room.size);
+  size_t count = 0;
+  if (!IsDone(socket_.Read(room.begin, size, &count))) return false;
+  deadlines_.OnReceived();
+  if (is_wanted) {
+    protocol_->OnFilled(count);
     has_unhandled_ = true;
     HandleMessages();
   }
@@ -312,8 +317,8 @@ void DeviceLink::OnConnect(uint32_t stream_id, const HostAndPort& remote,
   streams_.Connect(stream_id, remote, uid);
 }
 
-void DeviceLink::OnData(uint32_t stream_id, const char* bytes, size_t length) {
-  streams_.Write(stream_id, bytes, length);
+void DeviceLink::OnData(uint32_t stream_id, std::string bytes) {
+  streams_.Write(stream_id, std::move(bytes));
 }
 
 void DeviceLink::OnClose(uint32_t stream_id) { streams_.Close(stream_id); }

@@ -82,7 +82,7 @@ class DeviceLink final : public DeviceMessages {
   void OnReady(const std::string& description) override;
   void OnConnect(uint32_t stream_id, const HostAndPort& remote,
                  uint32_t uid) override;
-  void OnData(uint32_t stream_id, const char* bytes, size_t length) override;
+  void OnData(uint32_t stream_id, std::string bytes) override;
   void OnClose(uint32_t stream_id) override;
   void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
                   const std::string& payload) override;

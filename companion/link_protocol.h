@@ -1,5 +1,6 @@
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -15,8 +16,7 @@
 namespace vantrel {
 
 // What a device says, one call a message. A remote endpoint may have any
-// family, also none: it is what the device sent. Bytes are borrowed for the
-// time of the call.
+// family, also none: it is what the device sent.
 class DeviceMessages {
  public:
   virtual ~DeviceMessages() = default;
@@ -25,7 +25,7 @@ class DeviceMessages {
   virtual void OnReady(const std::string& description) = 0;
   virtual void OnConnect(uint32_t stream_id, const HostAndPort& remote,
                          uint32_t uid) = 0;
-  virtual void OnData(uint32_t stream_id, const char* bytes, size_t length) = 0;
+  virtual void OnData(uint32_t stream_id, std::string bytes) = 0;
   virtual void OnClose(uint32_t stream_id) = 0;
   // |local| has no address where the protocol does not tell it.
   virtual void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
@@ -58,10 +58,23 @@ class LinkProtocol {
   LinkProtocol& operator=(const LinkProtocol&) = delete;
   virtual ~LinkProtocol() = default;
 
-  // Feed() takes at most this many bytes. There is space again, unless
-  // OnFailure() was called, after HandleNext() has returned false.
-  virtual size_t GetAvailableSpace() const = 0;
-  virtual void Feed(const char* data, size_t length) = 0;
+  struct room_t {
+    char* begin;
+    size_t size;
+  };
+  // Where the device's next bytes are to be put; good until the next call.
+  // There is room, unless OnFailure() was called, after HandleNext() has
+  // returned false.
+  room_t GetRoom() {
+    room_ = MakeRoom();
+    return room_;
+  }
+  // |count| bytes were put at the beginning of that.
+  void OnFilled(size_t count) {
+    assert(count <= room_.size);
+    opening_.Append(std::string_view(room_.begin, count));
+    OnReceived(count);
+  }
   const LinkOpening& GetOpening() const { return opening_; }
   // Handles the next whole message. False when there is none, or after
   // OnFailure().
@@ -88,12 +101,12 @@ class LinkProtocol {
 
  protected:
   std::string* GetControl() { return control_; }
-  // To be called with what Feed() gets.
-  void LookAtOpening(const char* data, size_t length) {
-    opening_.Append(std::string_view(data, length));
-  }
 
  private:
+  virtual room_t MakeRoom() = 0;
+  virtual void OnReceived(size_t count) = 0;
+
+  room_t room_ = {nullptr, 0};
   LinkOpening opening_;
   std::string* const control_;
 };

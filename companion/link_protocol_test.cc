@@ -35,8 +35,8 @@ class Recorder : public DeviceMessages {
     Add("connect #" + std::to_string(id) + " " + remote.ToString() + " uid " +
         std::to_string(uid));
   }
-  void OnData(uint32_t id, const char* bytes, size_t length) override {
-    Add("data #" + std::to_string(id) + " " + Hex(std::string(bytes, length)));
+  void OnData(uint32_t id, std::string bytes) override {
+    Add("data #" + std::to_string(id) + " " + Hex(bytes));
   }
   void OnClose(uint32_t id) override { Add("close #" + std::to_string(id)); }
   void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
@@ -91,7 +91,8 @@ std::vector<std::string> Feed(const case_t& c, size_t step) {
   }
   for (size_t at = 0; at < c.bytes.size(); at += step) {
     const std::string piece = c.bytes.substr(at, step);
-    protocol->Feed(piece.data(), piece.size());
+    piece.copy(protocol->GetRoom().begin, piece.size());
+    protocol->OnFilled(piece.size());
     while (protocol->HandleNext(device)) {
     }
   }

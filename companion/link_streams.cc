@@ -70,7 +70,7 @@ bool LinkStreams::HasMost(uint32_t uid) const {
   return found != counts_.end() && found->second * 2 >= GetCount();
 }
 
-void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
+void LinkStreams::Write(uint32_t id, std::string bytes) {
   RemoteStream* const stream = Find(id);
   if (stream == nullptr) {
     link_.log.Write(LogLevel::kDebug, LogKind::kStream,
@@ -79,7 +79,7 @@ void LinkStreams::Write(uint32_t id, const char* bytes, size_t length) {
   }
   // Where an earlier write waits already, the socket is full.
   if (stream->IsDelivered()) unflushed_.push_back(id);
-  if (!stream->Write(bytes, length)) {
+  if (!stream->Write(std::move(bytes))) {
     link_.log.Write(LogLevel::kWarning, LogKind::kStream,
                     "stream %u: closed: the device sent more than its credit "
                     "allows",

@@ -32,7 +32,7 @@ class LinkStreams final : public RemoteStream::Owner {
 
   void Connect(uint32_t id, const HostAndPort& remote, uint32_t uid);
   // Takes one write; Flush() hands those on that were not yet.
-  void Write(uint32_t id, const char* bytes, size_t length);
+  void Write(uint32_t id, std::string bytes);
   void Flush();
   void Close(uint32_t id);
   // What is too long for a name is cut off.

@@ -1,18 +1,17 @@
 #include "companion/protocol_v1.h"
 
+#include <string.h>
+
 #include <memory>
 
 #include "common/byte_order.h"
 #include "companion/pull_transfer.h"
-#include "link/v1_wire.h"
 
 namespace vantrel {
 namespace {
 
 using MessageType = decltype(TYPE_TCP_CONNECT);
 
-// A whole message of any size and the beginning of the next.
-constexpr size_t kMaxHeldBytes = 2 * v1::kMaxMessageBytes;
 // Tests of the link that run at the same time.
 constexpr size_t kMaxPushes = 64;
 // The low half of the UID that stands for an unknown one.
@@ -27,13 +26,13 @@ uint32_t WidenUid(uint16_t uid) {
 ProtocolV1::ProtocolV1(int protocol, std::string* control)
     : LinkProtocol(protocol, control), protocol_(protocol) {}
 
-size_t ProtocolV1::GetAvailableSpace() const {
-  return kMaxHeldBytes - received_.size();
-}
-
-void ProtocolV1::Feed(const char* data, size_t length) {
-  received_.append(data, length);
-  LookAtOpening(data, length);
+LinkProtocol::room_t ProtocolV1::MakeRoom() {
+  if (begin_ == end_ || end_ > buffer_.size() / 2) {
+    memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  return {buffer_.data() + end_, buffer_.size() - end_};
 }
 
 bool ProtocolV1::HandleNext(DeviceMessages& device) {
@@ -41,8 +40,8 @@ bool ProtocolV1::HandleNext(DeviceMessages& device) {
     ReportReady(device);
     return true;
   }
-  const char* const next = received_.data() + handled_;
-  const size_t left = received_.size() - handled_;
+  const char* const next = buffer_.data() + begin_;
+  const size_t left = end_ - begin_;
   if (state_ == State::kFailed) return false;
   if (left > 0 && IsUnclear(GetU8(next))) return false;
   if (left > 0 && v1::GetHeaderSize(GetU8(next)) == 0) {
@@ -50,12 +49,8 @@ bool ProtocolV1::HandleNext(DeviceMessages& device) {
     return false;
   }
   const size_t size = v1::GetMessageSize(next, left);
-  if (size == 0 || size > left) {
-    received_.erase(0, handled_);
-    handled_ = 0;
-    return false;
-  }
-  handled_ += size;
+  if (size == 0 || size > left) return false;
+  begin_ += size;
   Handle(device, next, size);
   return state_ != State::kFailed;
 }
@@ -92,7 +87,7 @@ void ProtocolV1::Handle(DeviceMessages& device, const char* message,
       device.OnClose(v1::GetId(message));
       return;
     case TYPE_TCP_DATA:
-      device.OnData(v1::GetId(message), payload, length);
+      device.OnData(v1::GetId(message), std::string(payload, length));
       return;
     case TYPE_UDP_DATAGRAM:
       device.OnDatagram(HostAndPort(), v1::GetDatagramRemote(message),

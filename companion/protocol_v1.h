@@ -2,10 +2,12 @@
 
 #include <stdint.h>
 
+#include <array>
 #include <string>
 #include <unordered_map>
 
 #include "companion/link_protocol.h"
+#include "link/v1_wire.h"
 
 namespace vantrel {
 
@@ -18,8 +20,6 @@ class ProtocolV1 final : public LinkProtocol {
   // |protocol| is 1 or 5.
   ProtocolV1(int protocol, std::string* control);
 
-  size_t GetAvailableSpace() const override;
-  void Feed(const char* data, size_t length) override;
   bool HandleNext(DeviceMessages& device) override;
 
   size_t GetMaxDatagramBytes() const override;
@@ -40,11 +40,17 @@ class ProtocolV1 final : public LinkProtocol {
   void PutTeardown(std::string*, const std::string&) override {}
 
  private:
+  // A whole message of any size, and as much room behind it.
+  static constexpr size_t kBufferBytes = 2 * v1::kMaxMessageBytes;
+
   enum class State { kNotStarted, kAcknowledged, kReady, kFailed };
   struct push_t {
     uint32_t expected_bytes;
     uint64_t received_bytes;
   };
+
+  room_t MakeRoom() override;
+  void OnReceived(size_t count) override { end_ += count; }
 
   // Whether a message of |type| is not handled yet: with some more bytes the
   // beginning of the link may turn out to be something else.
@@ -63,8 +69,10 @@ class ProtocolV1 final : public LinkProtocol {
 
   const int protocol_;
   State state_ = State::kNotStarted;
-  std::string received_;
-  size_t handled_ = 0;  // bytes of |received_|
+  // What is not handled yet lies between these two.
+  size_t begin_ = 0;
+  size_t end_ = 0;
+  std::array<char, kBufferBytes> buffer_;
   std::unordered_map<uint32_t, push_t> pushes_;
 };
 

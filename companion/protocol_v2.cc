@@ -2,6 +2,7 @@
 
 #include <stdint.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "link_v2/message_encoder.h"
@@ -33,14 +34,11 @@ HostAndPort DecodeReachable(const messages::IpAddressAndPort& wire) {
 ProtocolV2::ProtocolV2(std::string build_info, std::string* control)
     : LinkProtocol(20, control), build_info_(std::move(build_info)) {}
 
-size_t ProtocolV2::GetAvailableSpace() const {
-  return decoder_.GetAvailableBufferSpace();
-}
-
-void ProtocolV2::Feed(const char* data, size_t length) {
-  LookAtOpening(data, length);
-  uint32_t consumed;  // all, within the space available
-  decoder_.BufferData(data, static_cast<uint32_t>(length), &consumed);
+LinkProtocol::room_t ProtocolV2::MakeRoom() {
+  // What the decoder skips needs no room of its own.
+  const size_t size = std::min<size_t>(decoder_.GetAvailableBufferSpace(),
+                                       kMaxFramePayloadSize);
+  return {decoder_.GetRoom(size), size};
 }
 
 bool ProtocolV2::HandleNext(DeviceMessages& device) {
@@ -52,6 +50,9 @@ bool ProtocolV2::HandleNext(DeviceMessages& device) {
                                    : FailWithTeardown(device, fault);
     return false;
   }
+  // Whoever takes a payload may keep it: one of few bytes must not have the
+  // memory of a large one before.
+  message_.payload = std::string();
   if (decoder_.GetAndClearMessage(&message_)) {
     state_ == State::kNotStarted ? HandleFirst(device) : Handle(device);
     return state_ != State::kFailed;
@@ -86,8 +87,8 @@ void ProtocolV2::Handle(DeviceMessages& device) {
       device.OnClose(header.tcp_close().stream_id());
       return;
     case messages::TCP_WRITE:
-      device.OnData(header.tcp_write().stream_id(), message_.payload.data(),
-                    message_.payload.size());
+      device.OnData(header.tcp_write().stream_id(),
+                    std::move(message_.payload));
       return;
     case messages::UDP_SEND:
       device.OnDatagram(DecodeReachable(header.udp_send().source()),

@@ -17,8 +17,6 @@ class ProtocolV2 final : public LinkProtocol {
   // |build_info| is told to the device in the handshake.
   ProtocolV2(std::string build_info, std::string* control);
 
-  size_t GetAvailableSpace() const override;
-  void Feed(const char* data, size_t length) override;
   bool HandleNext(DeviceMessages& device) override;
 
   size_t GetMaxDatagramBytes() const override { return kMaxFramePayloadSize; }
@@ -42,6 +40,8 @@ class ProtocolV2 final : public LinkProtocol {
   // not hold streams back until it has completed the handshake itself.
   enum class State { kNotStarted, kAcknowledged, kReady, kFailed };
 
+  room_t MakeRoom() override;
+  void OnReceived(size_t count) override { decoder_.OnFilled(count); }
   // Both take what is in |message_|.
   void HandleFirst(DeviceMessages& device);
   void Handle(DeviceMessages& device);

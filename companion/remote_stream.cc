@@ -106,11 +106,11 @@ void RemoteStream::LogConnectFailure(int error) {
                   remote_.ToString().c_str(), strerror(error));
 }
 
-bool RemoteStream::Write(const char* bytes, size_t length) {
+bool RemoteStream::Write(std::string bytes) {
   if (queue_.size() >= kMaxUnacknowledgedWrites) return false;
   if (has_write_failed_) return true;
-  queue_.emplace_back(bytes, length);
-  held_.Add(length);
+  held_.Add(bytes.size());
+  queue_.push_back(std::move(bytes));
   return true;
 }
 

@@ -58,7 +58,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   bool IsDelivered() const { return queue_.empty(); }
   // Takes one write of the device; Flush() hands it on. False when the device
   // had no credit for it; nothing is taken then.
-  [[nodiscard]] bool Write(const char* bytes, size_t length);
+  [[nodiscard]] bool Write(std::string bytes);
   // Hands to the kernel what it takes of the writes that wait, all in one call.
   // What it does not take follows when it does.
   void Flush();

@@ -24,8 +24,8 @@ class Recorder : public DeviceMessages {
                  uint32_t uid) override {
     Add("connect", Number(id) + remote.ToString() + Number(uid));
   }
-  void OnData(uint32_t id, const char* bytes, size_t length) override {
-    Add("data", Number(id) + std::string(bytes, length));
+  void OnData(uint32_t id, std::string bytes) override {
+    Add("data", Number(id) + bytes);
   }
   void OnClose(uint32_t id) override { Add("close", Number(id)); }
   void OnDatagram(const HostAndPort& local, const HostAndPort& remote,
@@ -71,11 +71,12 @@ std::string Play(int protocol, const std::string& bytes, size_t piece) {
   Recorder device;
   const auto link = MakeProtocol(protocol, &device.control);
   for (size_t at = 0; at < bytes.size() && !device.has_failed;) {
-    const size_t fed =
-        std::min({bytes.size() - at, piece, link->GetAvailableSpace()});
+    const LinkProtocol::room_t room = link->GetRoom();
+    const size_t fed = std::min({bytes.size() - at, piece, room.size});
     // All messages are handled, so there must be space.
     FUZZ_CHECK(fed > 0);
-    link->Feed(bytes.data() + at, fed);
+    bytes.copy(room.begin, fed, at);
+    link->OnFilled(fed);
     at += fed;
     while (link->HandleNext(device)) {
     }
