@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -30,5 +31,11 @@ class UniqueFd {
  private:
   int fd_ = -1;
 };
+
+// One more descriptor of what |fd| has open, closed on exec. None on failure,
+// with errno.
+inline UniqueFd Duplicate(int fd) {
+  return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+}
 
 }  // namespace vantrel

@@ -2,9 +2,12 @@
 
 #include <signal.h>
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
+#include <optional>
 #include <system_error>
+
+#include "support/descriptor.h"
+#include "support/timer.h"
+#include "tools/system_failure.h"
 
 namespace vantrel {
 
@@ -31,27 +34,21 @@ EventLoop::Wake EventLoop::WaitFor(int fd, Readiness readiness,
   const uint32_t signals_before = stop_signal_count_;
   bool is_ready = false;
   bool is_late = false;
-  asio::posix::stream_descriptor descriptor(context_);
+  std::optional<Descriptor> descriptor;
   if (fd >= 0) {
-    descriptor.assign(fd);
-    descriptor.async_wait(readiness, [&is_ready](const std::error_code& error) {
-      is_ready = !error;
-    });
+    UniqueFd own = Duplicate(fd);
+    if (own.Get() < 0) throw SystemFailure("cannot wait");
+    const auto on_ready = [&is_ready] { is_ready = true; };
+    descriptor.emplace(context_, std::move(own), on_ready, on_ready);
+    readiness == Readiness::kReadable ? descriptor->WaitReadable()
+                                      : descriptor->WaitWritable();
   }
-  asio::steady_timer timer(context_, end);
-  timer.async_wait(
-      [&is_late](const std::error_code& error) { is_late = !error; });
+  Timer timer(context_, [&is_late] { is_late = true; });
+  timer.WaitUntil(end);
   while (!is_ready && !is_late && stop_signal_count_ == signals_before) {
     context_.run_one();
   }
-  const Wake wake = is_ready  ? Wake::kReady
-                    : is_late ? Wake::kTimeout
-                              : Wake::kSignal;
-  if (fd >= 0) descriptor.release();
-  timer.cancel();
-  // Runs the handlers that were cancelled, while what they refer to is there.
-  context_.poll();
-  return wake;
+  return is_ready ? Wake::kReady : is_late ? Wake::kTimeout : Wake::kSignal;
 }
 
 }  // namespace vantrel

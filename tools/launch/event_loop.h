@@ -1,10 +1,12 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/posix/descriptor_base.hpp>
-#include <asio/signal_set.hpp>
-#include <functional>
+#include <stdint.h>
 
+#include <asio/io_context.hpp>
+#include <functional>
+#include <utility>
+
+#include "support/loop_objects.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -14,8 +16,7 @@ namespace vantrel {
 // GetContext(); what comes one after the other uses WaitFor().
 class EventLoop {
  public:
-  // Borrowed descriptors wait as one of these.
-  using Readiness = asio::posix::descriptor_base::wait_type;
+  enum class Readiness { kReadable, kWritable };
   using SignalHandler = std::function<void(int signal)>;
   enum class Wake { kReady, kTimeout, kSignal };
 
@@ -33,15 +34,16 @@ class EventLoop {
   // The last signal to stop that nobody handled, or 0.
   int GetStopSignal() const { return stop_signal_; }
 
-  // Runs the loop until |fd|, which may be -1 for none, is ready or broken, a
-  // signal to stop comes in, or |end| has passed.
+  // Runs the loop until |fd|, which is borrowed and may be -1 for none, is
+  // ready or broken, a signal to stop comes in, or |end| has passed. Throws
+  // std::system_error when the system cannot watch one more descriptor.
   Wake WaitFor(int fd, Readiness readiness, SteadyTime end);
 
  private:
   void AwaitSignal();
 
   asio::io_context context_{1};  // one thread
-  asio::signal_set signals_;
+  LoopSignals signals_;
   SignalHandler handler_;
   int stop_signal_ = 0;
   uint32_t stop_signal_count_ = 0;

@@ -40,7 +40,7 @@ LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
   }
   if (!options.status_socket.empty()) {
     const auto get_state = [this] { return GetStateLine(); };
-    status_server_.emplace(loop, options.status_socket,
+    status_server_.emplace(loop.GetContext(), options.status_socket,
                            StatusServer::callbacks_t{get_state, say});
   }
 }

@@ -51,9 +51,8 @@ constexpr std::chrono::milliseconds kStatusPause{20};
 // What a shaped link over TCP holds before it is let in: the kernel's smallest.
 constexpr int kShapedReceiveBufferBytes = 2 * 1024;
 
-void SetBlocking(int fd, bool is_blocking) {
-  const int flags = fcntl(fd, F_GETFL);
-  fcntl(fd, F_SETFL, is_blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+void MakeBlocking(int fd) {
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 }
 
 }  // namespace
@@ -65,44 +64,29 @@ LaunchSession::LaunchSession(const launch_options_t& options,
       loop_(loop),
       reporter_(reporter),
       capture_(capture),
-      status_(loop.GetContext()),
-      status_timer_(loop.GetContext()),
-      grace_timer_(loop.GetContext()),
-      kill_timer_(loop.GetContext()),
-      warning_timer_(loop.GetContext()),
-      stats_timer_(loop.GetContext()),
-      link_(loop.GetContext()),
-      near_end_(loop.GetContext()),
+      status_timer_(loop.GetContext(), [this] { status_->WaitReadable(); }),
+      grace_timer_(loop.GetContext(), [this] { is_grace_over_ = true; }),
+      kill_timer_(loop.GetContext(), [this] { KillDaemon(); }),
+      slow_start_timer_(loop.GetContext(), [this] { NoteSlowStart(); }),
+      silence_timer_(loop.GetContext(), [this] { NoteSilence(); }),
+      stats_timer_(loop.GetContext(), [this] { AskForStats(); }),
       opening_(std::stoi(options.protocol), LinkOpening::Sender::kCompanion) {
   StartDaemon(std::move(link));
 }
 
-LaunchSession::~LaunchSession() {
-  loop_.SetSignalHandler({});
-  for (RelayDirection* direction :
-       {inbound_ ? &*inbound_ : nullptr, outbound_ ? &*outbound_ : nullptr}) {
-    if (direction != nullptr) direction->Stop();
-  }
-  if (rules_look_) rules_look_->Stop();
-  if (link_watch_) link_watch_->Stop();
-  for (auto* descriptor : {&status_, &link_, &near_end_}) descriptor->close();
-  for (auto* timer : {&status_timer_, &grace_timer_, &kill_timer_,
-                      &warning_timer_, &stats_timer_}) {
-    timer->cancel();
-  }
-  loop_.GetContext().poll();  // the handlers that were just cancelled
-}
+LaunchSession::~LaunchSession() { loop_.SetSignalHandler({}); }
 
 void LaunchSession::StartDaemon(connected_link_t link) {
   int channel[2];
   if (pipe2(channel, O_CLOEXEC) != 0) throw SystemFailure("no pipe");
-  status_.assign(channel[0]);
   DaemonProcess::start_t start;
+  start.status.Reset(channel[1]);
+  status_.emplace(loop_.GetContext(), UniqueFd(channel[0]),
+                  [this] { HandleStatus(); });
   start.program = options_.daemon;
   start.protocol = options_.protocol;
-  start.status.Reset(channel[1]);
   if (options_.is_direct) {
-    SetBlocking(link.fd.Get(), true);
+    MakeBlocking(link.fd.Get());
     link_watch_.emplace(loop_.GetContext(), link.fd.Get(), [this](int error) {
       EndLink(error);
       daemon_->Signal(SIGTERM);
@@ -117,17 +101,16 @@ void LaunchSession::StartDaemon(connected_link_t link) {
       throw SystemFailure("no socket pair");
     }
     start.link.Reset(pair[1]);
-    far_end_.Reset(fcntl(pair[1], F_DUPFD_CLOEXEC, 0));
+    far_end_ = Duplicate(pair[1]);
     StartRelay(std::move(link), UniqueFd(pair[0]));
   }
   daemon_.emplace(std::move(start));
   loop_.SetSignalHandler([this](int signal) { HandleSignal(signal); });
-  AwaitStatus();
-  After(warning_timer_, kSlowStart, &LaunchSession::NoteSlowStart);
+  status_->WaitReadable();
+  slow_start_timer_.WaitFor(kSlowStart);
 }
 
 void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
-  SetBlocking(near_end.Get(), false);
   const std::string header = EncodeConnectionHeader(link.header);
   if (write(near_end.Get(), header.data(), header.size()) !=
       static_cast<ssize_t>(header.size())) {
@@ -137,8 +120,12 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
     setsockopt(link.fd.Get(), SOL_SOCKET, SO_RCVBUF, &kShapedReceiveBufferBytes,
                sizeof(kShapedReceiveBufferBytes));
   }
-  link_.assign(link.fd.Release());
-  near_end_.assign(near_end.Release());
+  link_.emplace(
+      loop_.GetContext(), std::move(link.fd),
+      [this] { inbound_->OnReadable(); }, [this] { outbound_->OnWritable(); });
+  near_end_.emplace(
+      loop_.GetContext(), std::move(near_end),
+      [this] { outbound_->OnReadable(); }, [this] { inbound_->OnWritable(); });
   RelayDirection::options_t in;
   RelayDirection::options_t out;
   in.shape = out.shape = options_.shape;
@@ -157,8 +144,8 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
     };
     out.on_written = MakeTap(PcapngWriter::kToCompanion);
   }
-  inbound_.emplace(link_, near_end_, std::move(in));
-  outbound_.emplace(near_end_, link_, std::move(out));
+  inbound_.emplace(loop_.GetContext(), *link_, *near_end_, std::move(in));
+  outbound_.emplace(loop_.GetContext(), *near_end_, *link_, std::move(out));
 }
 
 RelayDirection::Tap LaunchSession::MakeTap(
@@ -178,7 +165,7 @@ LaunchSession::end_t LaunchSession::Run() {
     loop_.GetContext().run_one();
     CountLinkBytes();
   }
-  if (status_.is_open()) EndStatus();
+  if (status_) EndStatus();
   end_.wait_status = daemon_->GetWaitStatus();
   end_.uptime = GetUptime();
   return end_;
@@ -187,7 +174,7 @@ LaunchSession::end_t LaunchSession::Run() {
 bool LaunchSession::IsOver() const {
   if (daemon_->IsRunning()) return false;
   const bool is_flushed = !outbound_ || outbound_->IsOver();
-  return (!status_.is_open() && is_flushed) || is_grace_over_;
+  return (!status_ && is_flushed) || is_grace_over_;
 }
 
 SteadyTime::duration LaunchSession::GetUptime() const {
@@ -198,53 +185,34 @@ SteadyTime::duration LaunchSession::GetUptime() const {
   return end - *started_;
 }
 
-void LaunchSession::OnReadable(asio::posix::stream_descriptor& descriptor,
-                               Handler handler) {
-  descriptor.async_wait(asio::posix::descriptor_base::wait_read,
-                        [this, handler](const std::error_code& error) {
-                          if (!error) (this->*handler)();
-                        });
-}
-
-void LaunchSession::After(asio::steady_timer& timer,
-                          std::chrono::milliseconds time, Handler handler) {
-  timer.expires_after(time);
-  timer.async_wait([this, handler](const std::error_code& error) {
-    if (!error) (this->*handler)();
-  });
-}
-
 void LaunchSession::HandleSignal(int signal) {
   if (signal != SIGCHLD) {
     end_.is_stop_wanted = true;
     reporter_.Stopping();
     daemon_->Signal(signal);
     if (!std::exchange(is_ending_, true)) {
-      After(kill_timer_, kDaemonEndTimeout, &LaunchSession::KillDaemon);
+      kill_timer_.WaitFor(kDaemonEndTimeout);
     }
     return;
   }
   if (!daemon_->IsRunning() || !daemon_->Reap()) return;
   far_end_.Reset();
-  if (link_watch_) link_watch_->Stop();
-  for (auto* timer : {&kill_timer_, &warning_timer_, &stats_timer_}) {
-    timer->cancel();
+  link_watch_.reset();
+  for (Timer* timer :
+       {&kill_timer_, &slow_start_timer_, &silence_timer_, &stats_timer_}) {
+    timer->Cancel();
   }
-  After(grace_timer_, kGrace, &LaunchSession::HandleGraceEnd);
-}
-
-void LaunchSession::AwaitStatus() {
-  OnReadable(status_, &LaunchSession::HandleStatus);
+  grace_timer_.WaitFor(kGrace);
 }
 
 void LaunchSession::HandleStatus() {
   char bytes[4096];
-  const ssize_t count = read(status_.native_handle(), bytes, sizeof(bytes));
+  const ssize_t count = read(status_->GetFd(), bytes, sizeof(bytes));
   if (count <= 0 && !(count < 0 && errno == EINTR)) return EndStatus();
   if (is_ending_) {
-    AwaitStatus();
+    status_->WaitReadable();
   } else {
-    After(status_timer_, kStatusPause, &LaunchSession::AwaitStatus);
+    status_timer_.WaitFor(kStatusPause);
   }
   if (count < 0) return;
   status_reader_.Append(bytes, static_cast<size_t>(count));
@@ -270,15 +238,14 @@ void LaunchSession::HandleRecord(const status_record_t& record) {
   }
   if (record.kind != status_record_t::Kind::kStarted) return;
   started_ = GetSteadyTime();
-  warning_timer_.cancel();
+  slow_start_timer_.Cancel();
   LookAtRules();
   LookAtRoute();
   if (inbound_ && options_.protocol != "1") {
-    After(warning_timer_, kSilenceTimeout, &LaunchSession::NoteSilence);
+    silence_timer_.WaitFor(kSilenceTimeout);
   }
   if (options_.stats_every_seconds > 0) {
-    After(stats_timer_, std::chrono::seconds(options_.stats_every_seconds),
-          &LaunchSession::AskForStats);
+    stats_timer_.WaitFor(std::chrono::seconds(options_.stats_every_seconds));
   }
 }
 
@@ -287,7 +254,7 @@ void LaunchSession::EndStatus() {
   if (!cut.empty()) {
     reporter_.Say("the status channel ended in the middle of a " + cut);
   }
-  status_.close();
+  status_.reset();
 }
 
 void LaunchSession::LookAtRules() {
@@ -357,8 +324,7 @@ void LaunchSession::AskForStats() {
     reporter_.Say(e.what());
     return;
   }
-  After(stats_timer_, std::chrono::seconds(options_.stats_every_seconds),
-        &LaunchSession::AskForStats);
+  stats_timer_.WaitFor(std::chrono::seconds(options_.stats_every_seconds));
 }
 
 void LaunchSession::HandleInboundEnd() {
@@ -370,7 +336,7 @@ void LaunchSession::HandleInboundEnd() {
 void LaunchSession::HandleOutboundEnd() {
   if (outbound_->GetState() != RelayDirection::State::kBroken) return;
   // Nothing would tell the daemon otherwise: only this direction failed.
-  shutdown(near_end_.native_handle(), SHUT_RDWR);
+  shutdown(near_end_->GetFd(), SHUT_RDWR);
   EndLink(outbound_->GetWriteError());
 }
 
@@ -378,7 +344,7 @@ void LaunchSession::EndLink(int error) {
   if (link_end_ || !daemon_->IsRunning()) return;
   link_end_ = GetSteadyTime();
   if (!std::exchange(is_ending_, true)) {
-    After(kill_timer_, kDaemonEndTimeout, &LaunchSession::KillDaemon);
+    kill_timer_.WaitFor(kDaemonEndTimeout);
   }
   // A stop ends the link, too, and so does the daemon when it ends.
   const bool is_ordered =

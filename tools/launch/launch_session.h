@@ -1,12 +1,12 @@
 #pragma once
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
 #include <optional>
 #include <string_view>
 
+#include "support/descriptor.h"
 #include "support/link_opening.h"
 #include "support/steady_time.h"
+#include "support/timer.h"
 #include "tools/control_port.h"
 #include "tools/launch/daemon_process.h"
 #include "tools/launch/event_loop.h"
@@ -38,7 +38,6 @@ class LaunchSession {
   LaunchSession(const launch_options_t& options, connected_link_t link,
                 EventLoop& loop, LaunchReporter& reporter,
                 PcapngWriter* capture);
-  // No handler of the loop refers to this afterwards.
   ~LaunchSession();
   LaunchSession(const LaunchSession&) = delete;
   LaunchSession& operator=(const LaunchSession&) = delete;
@@ -46,27 +45,18 @@ class LaunchSession {
   end_t Run();
 
  private:
-  using Handler = void (LaunchSession::*)();
-
   void StartDaemon(connected_link_t link);
   void StartRelay(connected_link_t link, UniqueFd near_end);
   RelayDirection::Tap MakeTap(PcapngWriter::Direction direction) const;
   bool IsOver() const;
   SteadyTime::duration GetUptime() const;
 
-  // Calls |handler| once, if all goes well until then.
-  void OnReadable(asio::posix::stream_descriptor& descriptor, Handler handler);
-  void After(asio::steady_timer& timer, std::chrono::milliseconds time,
-             Handler handler);
-
   void HandleSignal(int signal);
-  void AwaitStatus();
   void HandleStatus();
   void HandleRecord(const status_record_t& record);
   void EndStatus();
   void LookAtRules();
   void LookAtRoute();
-  void HandleGraceEnd() { is_grace_over_ = true; }
   void AskForStats();
   void KillDaemon();
   void NoteSlowStart();
@@ -83,16 +73,17 @@ class LaunchSession {
   LaunchReporter& reporter_;
   PcapngWriter* const capture_;
 
-  asio::posix::stream_descriptor status_;  // closed once the channel has ended
-  asio::steady_timer status_timer_;        // while it rests
+  std::optional<Descriptor> status_;  // none once the channel has ended
+  Timer status_timer_;                // while it rests
   StatusReader status_reader_;
   std::optional<DaemonProcess> daemon_;  // empty only while starting
   std::optional<RulesLook> rules_look_;  // after the start
 
-  asio::steady_timer grace_timer_;    // from the daemon's end
-  asio::steady_timer kill_timer_;     // from when the daemon is to end
-  asio::steady_timer warning_timer_;  // of a slow start, then of silence
-  asio::steady_timer stats_timer_;
+  Timer grace_timer_;  // from the daemon's end
+  Timer kill_timer_;   // from when the daemon is to end
+  Timer slow_start_timer_;
+  Timer silence_timer_;
+  Timer stats_timer_;
   std::optional<SteadyTime> started_;  // when the daemon reported it
   std::optional<SteadyTime> link_end_;
   std::optional<SteadyTime> last_report_;
@@ -104,10 +95,10 @@ class LaunchSession {
   std::optional<LinkEndWatch> link_watch_;  // when the daemon has the link
 
   // All empty when the daemon has the link itself.
-  asio::posix::stream_descriptor link_;
+  std::optional<Descriptor> link_;
   // Of the socket pair between us and the daemon; of the daemon's end a
   // duplicate, while it runs, to keep its queue short.
-  asio::posix::stream_descriptor near_end_;
+  std::optional<Descriptor> near_end_;
   UniqueFd far_end_;
   std::optional<RelayDirection> inbound_;   // companion to daemon
   std::optional<RelayDirection> outbound_;  // daemon to companion

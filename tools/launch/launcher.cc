@@ -55,7 +55,7 @@ int Launcher::Run() {
     }
     if (attempt.has_worked) pause = kFirstPause;
     reporter_.Waiting(pause);
-    loop_.WaitFor(-1, EventLoop::Readiness::wait_read, GetSteadyTime() + pause);
+    loop_.WaitFor(-1, EventLoop::Readiness::kReadable, GetSteadyTime() + pause);
     if (loop_.GetStopSignal() != 0) return End(128 + loop_.GetStopSignal());
     pause = std::min(2 * pause, kLongestPause);
   }
@@ -128,7 +128,7 @@ std::vector<std::string> Launcher::RunRules(RulesTask::Kind kind) {
   auto end = SteadyTime::max();
   bool is_over = false;
   while (!is_over) {
-    switch (loop_.WaitFor(task.GetFd(), EventLoop::Readiness::wait_read, end)) {
+    switch (loop_.WaitFor(task.GetFd(), EventLoop::Readiness::kReadable, end)) {
       case EventLoop::Wake::kReady:
         is_over = task.Advance();
         break;

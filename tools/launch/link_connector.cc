@@ -40,7 +40,7 @@ UniqueFd OpenSocket(int family, int type, int protocol) {
 }
 
 void WaitConnected(int fd, const patience_t& patience) {
-  switch (patience.loop->WaitFor(fd, EventLoop::Readiness::wait_write,
+  switch (patience.loop->WaitFor(fd, EventLoop::Readiness::kWritable,
                                  GetSteadyTime() + patience.timeout)) {
     case EventLoop::Wake::kReady:
       break;

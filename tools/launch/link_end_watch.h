@@ -1,10 +1,11 @@
 #pragma once
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
+#include <asio/io_context.hpp>
 #include <functional>
 
 #include "common/unique_fd.h"
+#include "support/descriptor.h"
+#include "support/timer.h"
 
 namespace vantrel {
 
@@ -19,17 +20,13 @@ class LinkEndWatch {
   LinkEndWatch(asio::io_context& loop, int link,
                std::function<void(int error)> on_end);
 
-  // Closes the duplicate and calls nobody any more. This must stay until the
-  // loop's pending handlers have run.
-  void Stop();
-
  private:
   void Look();
 
   const std::function<void(int error)> on_end_;
-  UniqueFd link_;
-  asio::posix::stream_descriptor hang_up_;  // readable once the end has gone
-  asio::steady_timer pause_;
+  const UniqueFd link_;
+  Descriptor hang_up_;  // readable once the end has gone
+  Timer pause_;
 };
 
 }  // namespace vantrel

@@ -9,13 +9,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
 namespace vantrel {
 
 Output::Output(asio::io_context& loop, int fd, std::function<void()> on_drained)
-    : fd_(fd), on_drained_(std::move(on_drained)), ready_(loop) {
+    : loop_(loop), fd_(fd), on_drained_(std::move(on_drained)) {
   struct stat kind = {};
   fstat(fd, &kind);
   if (S_ISSOCK(kind.st_mode)) {
@@ -84,23 +83,22 @@ ssize_t Output::WriteOnce() {
 
 void Output::Await() {
   if (is_awaited_) return;
-  if (!ready_.is_open()) {
-    const int set = epoll_create1(EPOLL_CLOEXEC);
-    if (set < 0) return;  // the next write tries again
-    ready_.assign(set);
+  if (!ready_) {
+    UniqueFd set(epoll_create1(EPOLL_CLOEXEC));
+    if (set.Get() < 0) return;  // the next write tries again
+    ready_.emplace(loop_, std::move(set), [this] { HandleReady(); });
   }
   epoll_event event = {};
   event.events = EPOLLOUT;
-  epoll_ctl(ready_.native_handle(), EPOLL_CTL_ADD, fd_, &event);
+  epoll_ctl(ready_->GetFd(), EPOLL_CTL_ADD, fd_, &event);
   is_awaited_ = true;
-  ready_.async_wait(asio::posix::descriptor_base::wait_read,
-                    [this](const std::error_code& error) {
-                      if (error) return;
-                      is_awaited_ = false;
-                      epoll_ctl(ready_.native_handle(), EPOLL_CTL_DEL, fd_,
-                                nullptr);
-                      Flush();
-                    });
+  ready_->WaitReadable();
+}
+
+void Output::HandleReady() {
+  is_awaited_ = false;
+  epoll_ctl(ready_->GetFd(), EPOLL_CTL_DEL, fd_, nullptr);
+  Flush();
 }
 
 void Output::Finish(int timeout_ms) {

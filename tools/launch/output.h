@@ -4,12 +4,13 @@
 #include <sys/types.h>
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "common/unique_fd.h"
+#include "support/descriptor.h"
 
 namespace vantrel {
 
@@ -47,7 +48,9 @@ class Output {
   ssize_t WriteOnce();
   void Forget(int error);
   void Await();
+  void HandleReady();
 
+  asio::io_context& loop_;
   UniqueFd own_;  // another way to the same pipe or terminal; none otherwise
   int fd_;
   Means means_ = Means::kPlain;
@@ -59,7 +62,7 @@ class Output {
   // A set of epoll(7) with the descriptor in it, while something is kept: to
   // wait for the descriptor itself, asio would take its blocking away from all
   // who share it.
-  asio::posix::stream_descriptor ready_;
+  std::optional<Descriptor> ready_;
   bool is_awaited_ = false;
 };
 

@@ -1,12 +1,11 @@
 #include "tools/launch/paced_task.h"
 
-#include <system_error>
 #include <utility>
 
 namespace vantrel {
 
 PacedTask::PacedTask(asio::io_context& loop, std::function<void()> work)
-    : work_(std::move(work)), timer_(loop) {}
+    : work_(std::move(work)), timer_(loop, [this] { Finish(); }) {}
 
 void PacedTask::Ask() {
   if (std::exchange(is_asked_, true)) return;
@@ -14,10 +13,7 @@ void PacedTask::Ask() {
     Run();
     return;
   }
-  timer_.expires_at(next_);
-  timer_.async_wait([this](const std::error_code& error) {
-    if (!error && is_asked_) Run();
-  });
+  timer_.WaitUntil(next_);
 }
 
 void PacedTask::Run() {

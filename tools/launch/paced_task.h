@@ -1,10 +1,10 @@
 #pragma once
 
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 #include <functional>
 
 #include "support/steady_time.h"
+#include "support/timer.h"
 
 namespace vantrel {
 
@@ -26,7 +26,7 @@ class PacedTask {
   void Run();
 
   const std::function<void()> work_;
-  asio::steady_timer timer_;
+  Timer timer_;
   SteadyTime next_{};  // not before
   bool is_asked_ = false;
 };

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <asio/post.hpp>
-#include <system_error>
 #include <utility>
 
 #include "support/peer_socket.h"
@@ -44,21 +43,16 @@ size_t GetCapacity(const shape_t& shape) {
 
 }  // namespace
 
-RelayDirection::RelayDirection(asio::posix::stream_descriptor& from,
-                               asio::posix::stream_descriptor& to,
-                               options_t options)
-    : from_(from),
+RelayDirection::RelayDirection(asio::io_context& loop, Descriptor& from,
+                               Descriptor& to, options_t options)
+    : loop_(loop),
+      from_(from),
       to_(to),
       options_(std::move(options)),
       buffer_(GetCapacity(options_.shape)),
-      timer_(from.get_executor()) {
+      timer_(loop, [this] { Work(); }) {
   if (HasEffect(options_.shape)) shaper_.emplace(options_.shape);
   LimitQueues();
-}
-
-void RelayDirection::Stop() {
-  is_stopped_ = true;
-  timer_.cancel();
 }
 
 void RelayDirection::Work() {
@@ -67,7 +61,7 @@ void RelayDirection::Work() {
   const bool has_written = Write(now);
   const bool can_only_wait =
       awaits_read_ && (awaits_write_ || buffer_.GetByteCount() == 0);
-  if (is_stopped_ || IsOver() || can_only_wait) return;
+  if (IsOver() || can_only_wait) return;
   if (has_read || has_written) {
     WorkLater();
   } else if (shaper_) {
@@ -77,17 +71,17 @@ void RelayDirection::Work() {
 
 void RelayDirection::WorkLater() {
   if (std::exchange(is_working_later_, true)) return;
-  asio::post(timer_.get_executor(), [this] {
+  asio::post(loop_, lifetime_.MakeHandler([this] {
     is_working_later_ = false;
-    if (!is_stopped_) Work();
-  });
+    Work();
+  }));
 }
 
 bool RelayDirection::Read(SteadyTime now) {
   const size_t room = GetRoom(now);
   if (awaits_read_ || state_ != State::kFlowing || room == 0) return false;
   std::string_view seen;
-  const ssize_t count = buffer_.FillFrom(from_.native_handle(), room, &seen);
+  const ssize_t count = buffer_.FillFrom(from_.GetFd(), room, &seen);
   if (count < 0 && errno == EINTR) return true;
   if (count < 0 && errno == EAGAIN) {
     AwaitRead();
@@ -108,7 +102,7 @@ bool RelayDirection::Write(SteadyTime now) {
   const size_t due = GetDueBytes(now);
   if (awaits_write_ || IsOver() || due == 0) return false;
   std::string_view seen;
-  const ssize_t count = buffer_.DrainTo(to_.native_handle(), due, &seen);
+  const ssize_t count = buffer_.DrainTo(to_.GetFd(), due, &seen);
   if (count < 0 && errno == EINTR) return true;
   if (count < 0 && errno != EAGAIN) {
     write_error_ = errno;
@@ -134,29 +128,28 @@ bool RelayDirection::Write(SteadyTime now) {
 
 void RelayDirection::AwaitRead() {
   awaits_read_ = true;
-  from_.async_wait(
-      asio::posix::descriptor_base::wait_read,
-      [this](const std::error_code& error) {
-        if (error || is_stopped_) return;
-        awaits_read_ = false;
-        const uint64_t before = moved_byte_count_ + buffer_.GetByteCount();
-        Work();
-        const uint64_t after = moved_byte_count_ + buffer_.GetByteCount();
-        if (before == after && awaits_read_ && state_ == State::kFlowing &&
-            HasHungUp(from_.native_handle())) {
-          FinishReading(EPIPE);
-        }
-      });
+  from_.WaitReadable();
+}
+
+void RelayDirection::OnReadable() {
+  awaits_read_ = false;
+  const uint64_t before = moved_byte_count_ + buffer_.GetByteCount();
+  Work();
+  const uint64_t after = moved_byte_count_ + buffer_.GetByteCount();
+  if (before == after && awaits_read_ && state_ == State::kFlowing &&
+      HasHungUp(from_.GetFd())) {
+    FinishReading(EPIPE);
+  }
 }
 
 void RelayDirection::AwaitWrite() {
   awaits_write_ = true;
-  to_.async_wait(asio::posix::descriptor_base::wait_write,
-                 [this](const std::error_code& error) {
-                   if (error || is_stopped_) return;
-                   awaits_write_ = false;
-                   Work();
-                 });
+  to_.WaitWritable();
+}
+
+void RelayDirection::OnWritable() {
+  awaits_write_ = false;
+  Work();
 }
 
 void RelayDirection::AwaitTime(SteadyTime now) {
@@ -167,10 +160,7 @@ void RelayDirection::AwaitTime(SteadyTime now) {
     if (has_room > now && (!next || has_room < *next)) next = has_room;
   }
   if (!next) return;
-  timer_.expires_at(*next);
-  timer_.async_wait([this](const std::error_code& error) {
-    if (!error && !is_stopped_) Work();
-  });
+  timer_.WaitUntil(*next);
 }
 
 size_t RelayDirection::GetRoom(SteadyTime now) const {
@@ -202,7 +192,7 @@ void RelayDirection::FinishReading(int error) {
 
 void RelayDirection::EndDestination() {
   if (state_ != State::kEnding || buffer_.GetByteCount() > 0) return;
-  shutdown(to_.native_handle(), SHUT_WR);
+  shutdown(to_.GetFd(), SHUT_WR);
   SetState(State::kEnded);
 }
 
@@ -225,7 +215,7 @@ void RelayDirection::LimitQueues() {
   const size_t limit = std::clamp(
       static_cast<size_t>(std::min(bytes, static_cast<double>(kMaxQueueBytes))),
       kMinHeldBytes, kMaxQueueBytes);
-  LimitUnsent(to_.native_handle(), limit);
+  LimitUnsent(to_.GetFd(), limit);
   if (options_.feeder >= 0) LimitUnsent(options_.feeder, limit);
 }
 

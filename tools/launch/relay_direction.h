@@ -3,13 +3,15 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
+#include <asio/io_context.hpp>
 #include <functional>
 #include <optional>
 #include <string_view>
 
+#include "support/descriptor.h"
+#include "support/lifetime.h"
 #include "support/pace_meter.h"
+#include "support/timer.h"
 #include "tools/launch/relay_buffer.h"
 #include "tools/launch/shaper.h"
 
@@ -43,13 +45,16 @@ class RelayDirection {
     kBroken,  // the destination failed; what was held is lost
   };
 
-  RelayDirection(asio::posix::stream_descriptor& from,
-                 asio::posix::stream_descriptor& to, options_t options);
+  RelayDirection(asio::io_context& loop, Descriptor& from, Descriptor& to,
+                 options_t options);
+  RelayDirection(const RelayDirection&) = delete;
+  RelayDirection& operator=(const RelayDirection&) = delete;
 
-  // Begins to relay. Until the last handler has run, this must stay.
+  // Begins to relay. From then on it waits for both descriptors, whose handlers
+  // must call the two below.
   void Start() { Work(); }
-  // Waits for nothing any more.
-  void Stop();
+  void OnReadable();  // of |from|
+  void OnWritable();  // of |to|
 
   State GetState() const { return state_; }
   bool IsOver() const {
@@ -78,22 +83,23 @@ class RelayDirection {
   // Sets the kernel's queues by the pace.
   void LimitQueues();
 
-  asio::posix::stream_descriptor& from_;
-  asio::posix::stream_descriptor& to_;
+  asio::io_context& loop_;
+  Descriptor& from_;
+  Descriptor& to_;
   const options_t options_;
   RelayBuffer buffer_;
   std::optional<Shaper> shaper_;  // none: everything is due at once
-  asio::steady_timer timer_;
+  Timer timer_;
   PaceMeter pace_;
   double limited_pace_ = 0;  // by which the queues are set
   bool is_working_later_ = false;
   bool awaits_read_ = false;
   bool awaits_write_ = false;
-  bool is_stopped_ = false;
   State state_ = State::kFlowing;
   int read_error_ = 0;
   int write_error_ = 0;
   uint64_t moved_byte_count_ = 0;
+  const Lifetime lifetime_;
 };
 
 }  // namespace vantrel

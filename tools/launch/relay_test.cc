@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <asio/io_context.hpp>
+#include <optional>
 #include <string>
 
 #include "common/unique_fd.h"
@@ -55,16 +56,18 @@ class RelayTest : public ::testing::Test {
  protected:
   void SetUp() override {
     loop_.restart();
+    relay_.reset();
     MakePair(&source_, &from_);
     MakePair(&sink_, &to_);
   }
 
-  static void MakePair(UniqueFd* outer, asio::posix::stream_descriptor* inner) {
+  void MakePair(UniqueFd* outer, std::optional<Descriptor>* inner) {
     int fds[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds));
     outer->Reset(fds[0]);
-    inner->close();
-    inner->assign(fds[1]);
+    inner->emplace(
+        loop_, UniqueFd(fds[1]), [this] { relay_->OnReadable(); },
+        [this] { relay_->OnWritable(); });
   }
 
   // Writes until source, relay and sink are full; what went in.
@@ -96,8 +99,8 @@ class RelayTest : public ::testing::Test {
 
   asio::io_context loop_;
   UniqueFd source_, sink_;
-  asio::posix::stream_descriptor from_{loop_};
-  asio::posix::stream_descriptor to_{loop_};
+  std::optional<Descriptor> from_, to_;
+  std::optional<RelayDirection> relay_;
 };
 
 TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
@@ -109,15 +112,15 @@ TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
     SetUp();
     seen.clear();
     options.feeder = source_.Get();
-    RelayDirection relay(from_, to_, options);
-    relay.Start();
+    relay_.emplace(loop_, *from_, *to_, options);
+    relay_->Start();
     const std::string sent = Fill();
     // The queues before and behind it are counted: nobody has read yet.
     EXPECT_GT(16 * 1024u, sent.size());
     shutdown(source_.Get(), SHUT_WR);
     EXPECT_EQ(sent, Drain());
-    EXPECT_EQ(RelayDirection::State::kEnded, relay.GetState());
-    EXPECT_EQ(sent.size(), relay.GetMovedByteCount());
+    EXPECT_EQ(RelayDirection::State::kEnded, relay_->GetState());
+    EXPECT_EQ(sent.size(), relay_->GetMovedByteCount());
     EXPECT_EQ(options.on_read || options.on_written ? sent : "", seen);
   }
 }

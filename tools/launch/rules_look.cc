@@ -9,26 +9,16 @@ RulesLook::RulesLook(asio::io_context& loop,
                      std::function<void(const std::string& text)> warn)
     : warn_(std::move(warn)),
       task_(std::in_place, RulesTask::Kind::kList),
-      output_(loop, task_->GetFd()) {
-  Await();
-}
-
-void RulesLook::Stop() {
-  if (output_.is_open()) output_.release();
-}
-
-void RulesLook::Await() {
-  output_.async_wait(asio::posix::descriptor_base::wait_read,
-                     [this](const std::error_code& error) {
-                       if (!error && output_.is_open()) Take();
-                     });
+      output_(std::in_place, loop, Duplicate(task_->GetFd()),
+              [this] { Take(); }) {
+  output_->WaitReadable();
 }
 
 void RulesLook::Take() {
-  if (!task_->Advance()) return Await();
-  output_.release();
+  if (!task_->Advance()) return output_->WaitReadable();
   WarnOfMissingRules();
   task_.reset();
+  output_.reset();
 }
 
 void RulesLook::WarnOfMissingRules() {

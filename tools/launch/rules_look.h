@@ -1,10 +1,11 @@
 #pragma once
 
-#include <asio/posix/stream_descriptor.hpp>
+#include <asio/io_context.hpp>
 #include <functional>
 #include <optional>
 #include <string>
 
+#include "support/descriptor.h"
 #include "tools/rules.h"
 
 namespace vantrel {
@@ -18,18 +19,14 @@ class RulesLook {
   RulesLook(asio::io_context& loop,
             std::function<void(const std::string& text)> warn);
 
-  // Calls nobody any more. Must be called while the loop stands, and this must
-  // stay until the loop's pending handlers have run.
-  void Stop();
-
  private:
-  void Await();
   void Take();
   void WarnOfMissingRules();
 
   const std::function<void(const std::string& text)> warn_;
-  std::optional<RulesTask> task_;          // while it runs
-  asio::posix::stream_descriptor output_;  // the task's
+  // While it runs, and a duplicate of its descriptor.
+  std::optional<RulesTask> task_;
+  std::optional<Descriptor> output_;
 };
 
 }  // namespace vantrel

@@ -24,61 +24,42 @@ bool Write(int reader, const std::string& text) {
 
 }  // namespace
 
-StatusServer::StatusServer(EventLoop& loop, const std::string& path,
+StatusServer::StatusServer(asio::io_context& loop, const std::string& path,
                            callbacks_t callbacks)
     : callbacks_(std::move(callbacks)),
-      loop_(loop),
-      listener_(loop.GetContext()),
-      timer_(loop.GetContext()) {
+      listener_(loop, Listen(path), [this] { HandleReader(); }),
+      timer_(loop, [this] { HandleTick(); }) {
+  listener_.WaitReadable();
+}
+
+UniqueFd StatusServer::Listen(const std::string& path) {
   UniqueFd fd = file_.Bind(path);
   if (fd.Get() < 0 || listen(fd.Get(), kBacklog) != 0) {
     throw SystemFailure("no status socket " + path);
   }
-  listener_.assign(fd.Release());
-  listener_.native_non_blocking(true);
-  Listen();
-}
-
-StatusServer::~StatusServer() {
-  readers_.clear();
-  listener_.close();
-  timer_.cancel();
-  loop_.GetContext().poll();  // the handlers that were just cancelled
-}
-
-void StatusServer::Listen() {
-  is_listening_ = true;
-  listener_.async_wait(asio::posix::descriptor_base::wait_read,
-                       [this](const std::error_code& error) {
-                         if (!error) HandleReader();
-                       });
+  return fd;
 }
 
 void StatusServer::HandleReader() {
-  is_listening_ = false;
   StartTicking();
-  UniqueFd reader(
-      accept4(listener_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
+  UniqueFd reader(accept4(listener_.GetFd(), nullptr, nullptr, SOCK_CLOEXEC));
   // For want of descriptors, as a rule: the next tick listens again.
   if (reader.Get() < 0) return;
   if (file_.Admits(reader.Get()) &&
       Write(reader.Get(), callbacks_.get_state() + "\n")) {
     readers_.push_back(std::move(reader));
   }
-  Listen();
+  listener_.WaitReadable();
 }
 
 void StatusServer::StartTicking() {
   if (std::exchange(is_ticking_, true)) return;
-  timer_.expires_after(std::chrono::milliseconds(kStateIntervalMs));
-  timer_.async_wait([this](const std::error_code& error) {
-    if (!error) HandleTick();
-  });
+  timer_.WaitFor(std::chrono::milliseconds(kStateIntervalMs));
 }
 
 void StatusServer::HandleTick() {
   is_ticking_ = false;
-  if (!is_listening_) Listen();
+  listener_.WaitReadable();
   SendState();
   if (HasReaders()) StartTicking();
 }

@@ -1,14 +1,14 @@
 #pragma once
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
+#include <asio/io_context.hpp>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "support/descriptor.h"
 #include "support/socket_file.h"
-#include "tools/launch/event_loop.h"
+#include "support/timer.h"
 
 namespace vantrel {
 
@@ -25,10 +25,10 @@ class StatusServer {
 
   // |loop| outlives this. Throws std::system_error when |path| cannot be
   // listened on.
-  StatusServer(EventLoop& loop, const std::string& path, callbacks_t callbacks);
+  StatusServer(asio::io_context& loop, const std::string& path,
+               callbacks_t callbacks);
   StatusServer(const StatusServer&) = delete;
   StatusServer& operator=(const StatusServer&) = delete;
-  ~StatusServer();
 
   bool HasReaders() const { return !readers_.empty(); }
   // To all readers, without waiting for any.
@@ -36,17 +36,15 @@ class StatusServer {
   void SendState();
 
  private:
-  void Listen();
+  UniqueFd Listen(const std::string& path);
   void HandleReader();
   void StartTicking();
   void HandleTick();
 
   const callbacks_t callbacks_;
-  EventLoop& loop_;
   SocketFile file_;
-  asio::posix::stream_descriptor listener_;
-  asio::steady_timer timer_;
-  bool is_listening_ = false;
+  Descriptor listener_;
+  Timer timer_;
   bool is_ticking_ = false;
   std::vector<UniqueFd> readers_;
 };
