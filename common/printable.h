@@ -10,7 +10,8 @@
 
 namespace vantrel {
 
-// |text| with everything but printable ASCII replaced by '?': as wide as long.
+// |text| with everything but printable ASCII replaced by '?'. It is as wide as
+// it is long, which the columns of a table need, and reads the same everywhere.
 inline std::string ToPrintable(const std::string& text) {
   std::string result = text;
   for (char& c : result) {
@@ -41,9 +42,10 @@ inline size_t GetUtf8Length(const std::string& text, size_t at) {
   return length;
 }
 
-// |text| with \xNN in place of each byte of a control character, those above
-// ASCII too, and of what is no UTF-8. With a line break a name could write a
-// line of its own, with ESC or U+009B command the terminal that shows it.
+// For lines of text in which nothing is to be lost: |text| with \xNN in place
+// of each byte of a control character, those above ASCII too, and of what is no
+// UTF-8. With a line break a name could write a line of its own, with ESC or
+// U+009B command the terminal that shows it.
 inline std::string EscapeControls(const std::string& text) {
   std::string result;
   result.reserve(text.size());

@@ -55,8 +55,8 @@ class Companion {
   void TakeLink(UniqueFd fd, const std::string& peer);
   void AddLink(UniqueFd fd, const std::string& peer);
   size_t CountUp() const;
-  // Whether another link has a place. Ends the link that was silent longest, if
-  // there is one that may not be and no place otherwise.
+  // Whether another link has a place. Where all are taken, ends the link that
+  // has been silent for longest, if one has been silent for too long.
   bool MakeRoom();
   // As many links as may be up may deliver their rest after they have ended,
   // with as many sockets as links share; above that the oldest lose it.

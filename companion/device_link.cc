@@ -140,7 +140,7 @@ bool DeviceLink::ReadOnce() {
   assert(room.size > 0);
   const size_t size = std::min(kReadBytes, room.size);
   size_t count = 0;
-  if (!IsDone(socket_.Read(room.begin, size, &count))) return false;
+  if (!HasRead(socket_.Read(room.begin, size, &count))) return false;
   deadlines_.OnReceived();
   if (is_wanted) {
     protocol_->OnFilled(count);
@@ -150,7 +150,7 @@ bool DeviceLink::ReadOnce() {
   return count == size && !IsControlFull();
 }
 
-bool DeviceLink::IsDone(LinkSocket::Result result) {
+bool DeviceLink::HasRead(LinkSocket::Result result) {
   if (result == LinkSocket::Result::kEnded ||
       result == LinkSocket::Result::kFailed) {
     EndByPeer();

@@ -106,8 +106,9 @@ class DeviceLink final : public DeviceMessages {
   void TakeTurn();
   // True when there may be more to read at once.
   bool ReadOnce();
-  // Of what the socket was asked for. When it has ended, so does the link.
-  bool IsDone(LinkSocket::Result result);
+  // Whether a read of the socket has brought bytes. Ends the link when |result|
+  // says that the socket has ended.
+  bool HasRead(LinkSocket::Result result);
   // Of those that were read as many as the turn still has time for.
   void HandleMessages();
   // Whether the device must take answers before it may ask for more.

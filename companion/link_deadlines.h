@@ -33,8 +33,8 @@ class LinkDeadlines {
   // Why the link has to be given up; null while it has not. Once it is
   // closing, only the time for that counts.
   const char* GetExcess(SteadyTime now) const;
-  // A device that was silent for so long that others may have its place. Where
-  // the protocol has no handshake that is allowed.
+  // Whether the device has sent nothing for so long that another may have its
+  // place. It may be well all the same: protocol 1 has no handshake.
   bool IsSilent(SteadyTime now) const;
 
  private:

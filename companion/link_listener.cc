@@ -1,8 +1,6 @@
 #include "companion/link_listener.h"
 
-// The RFCOMM header uses the types of this one without including it.
 #include <bluetooth/bluetooth.h>
-// Keeps this order.
 #include <bluetooth/rfcomm.h>
 #include <errno.h>
 #include <netdb.h>

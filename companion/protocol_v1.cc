@@ -10,8 +10,6 @@
 namespace vantrel {
 namespace {
 
-using MessageType = decltype(TYPE_TCP_CONNECT);
-
 // Tests of the link that run at the same time.
 constexpr size_t kMaxPushes = 64;
 // The low half of the UID that stands for an unknown one.
@@ -64,7 +62,7 @@ bool ProtocolV1::IsUnclear(uint8_t type) const {
 
 void ProtocolV1::Handle(DeviceMessages& device, const char* message,
                         size_t size) {
-  const auto type = static_cast<MessageType>(GetU8(message));
+  const auto type = static_cast<MessageTypeV1>(GetU8(message));
   const size_t header_size = v1::GetHeaderSize(type);
   const char* const payload = message + header_size;
   const size_t length = size - header_size;

@@ -1,8 +1,6 @@
 #include "support/peer_socket.h"
 
-// The RFCOMM header uses the types of this one without including it.
 #include <bluetooth/bluetooth.h>
-// Keeps this order.
 #include <bluetooth/rfcomm.h>
 #include <errno.h>
 #include <netinet/in.h>

@@ -12,7 +12,6 @@
 
 // Its short names are functions then, and in nobody's way.
 #define NCURSES_NOMACROS
-// Keeps this order.
 #include <curses.h>
 
 namespace vantrel {

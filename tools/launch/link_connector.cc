@@ -1,8 +1,6 @@
 #include "tools/launch/link_connector.h"
 
-// The RFCOMM header uses the types of this one without including it.
 #include <bluetooth/bluetooth.h>
-// Keeps this order.
 #include <bluetooth/rfcomm.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -22,8 +20,8 @@ namespace {
 // The longest that an address of a host name keeps the next one waiting.
 constexpr std::chrono::milliseconds kAddressTimeout{3000};
 
-// How one attempt waits and when it gives up.
-struct patience_t {
+// Where one attempt to connect waits, and how long.
+struct wait_t {
   EventLoop* loop;
   std::chrono::milliseconds timeout;
 };
@@ -39,9 +37,9 @@ UniqueFd OpenSocket(int family, int type, int protocol) {
   return fd;
 }
 
-void WaitConnected(int fd, const patience_t& patience) {
-  switch (patience.loop->WaitFor(fd, EventLoop::Readiness::kWritable,
-                                 GetSteadyTime() + patience.timeout)) {
+void WaitConnected(int fd, const wait_t& wait) {
+  switch (wait.loop->WaitFor(fd, EventLoop::Readiness::kWritable,
+                             GetSteadyTime() + wait.timeout)) {
     case EventLoop::Wake::kReady:
       break;
     case EventLoop::Wake::kSignal:
@@ -56,20 +54,20 @@ void WaitConnected(int fd, const patience_t& patience) {
 }
 
 void ConnectSocket(int fd, const void* address, size_t length,
-                   const patience_t& patience) {
+                   const wait_t& wait) {
   if (connect(fd, static_cast<const sockaddr*>(address),
               static_cast<socklen_t>(length)) == 0) {
     return;
   }
   if (errno != EINPROGRESS) throw SystemFailure(errno);
-  WaitConnected(fd, patience);
+  WaitConnected(fd, wait);
 }
 
-UniqueFd ConnectUnix(const link_address_t& link, const patience_t& patience) {
+UniqueFd ConnectUnix(const link_address_t& link, const wait_t& wait) {
   sockaddr_un address;
   const socklen_t length = ToSocketAddress(link.path, &address);
   UniqueFd fd = OpenSocket(AF_UNIX, SOCK_STREAM, 0);
-  ConnectSocket(fd.Get(), &address, length, patience);
+  ConnectSocket(fd.Get(), &address, length, wait);
   return fd;
 }
 
@@ -85,17 +83,17 @@ AddressList LookUp(const link_address_t& link) {
   return AddressList(found, freeaddrinfo);
 }
 
-UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
+UniqueFd ConnectTcp(const link_address_t& link, wait_t wait) {
   const AddressList addresses = LookUp(link);
-  const auto end = GetSteadyTime() + patience.timeout;
+  const auto end = GetSteadyTime() + wait.timeout;
   for (const addrinfo* a = addresses.get();; a = a->ai_next) {
     const bool is_last = a->ai_next == nullptr;
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - GetSteadyTime());
-    patience.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
+    wait.timeout = is_last ? left : std::min(left / 2, kAddressTimeout);
     try {
       UniqueFd fd = OpenSocket(a->ai_family, SOCK_STREAM, a->ai_protocol);
-      ConnectSocket(fd.Get(), a->ai_addr, a->ai_addrlen, patience);
+      ConnectSocket(fd.Get(), a->ai_addr, a->ai_addrlen, wait);
       TuneTcpLink(fd.Get());
       return fd;
     } catch (const std::system_error&) {
@@ -105,7 +103,7 @@ UniqueFd ConnectTcp(const link_address_t& link, patience_t patience) {
 }
 
 UniqueFd ConnectRfcomm(const link_address_t& link, LinkSecurity security,
-                       const patience_t& patience) {
+                       const wait_t& wait) {
   UniqueFd fd = OpenRfcommSocket(security);
   if (fd.Get() < 0) throw std::runtime_error(DescribeRfcommFailure(errno));
   sockaddr_rc address = {};
@@ -114,7 +112,7 @@ UniqueFd ConnectRfcomm(const link_address_t& link, LinkSecurity security,
   // The kernel keeps the bytes of an address last one first.
   std::reverse_copy(link.bluetooth.begin(), link.bluetooth.end(),
                     address.rc_bdaddr.b);
-  ConnectSocket(fd.Get(), &address, sizeof(address), patience);
+  ConnectSocket(fd.Get(), &address, sizeof(address), wait);
   return fd;
 }
 
@@ -128,14 +126,14 @@ UniqueFd TakeDescriptor(const link_address_t& link) {
 }
 
 UniqueFd Connect(const link_address_t& address, LinkSecurity security,
-                 const patience_t& patience) {
+                 const wait_t& wait) {
   switch (address.kind) {
     case link_address_t::Kind::kUnix:
-      return ConnectUnix(address, patience);
+      return ConnectUnix(address, wait);
     case link_address_t::Kind::kTcp:
-      return ConnectTcp(address, patience);
+      return ConnectTcp(address, wait);
     case link_address_t::Kind::kRfcomm:
-      return ConnectRfcomm(address, security, patience);
+      return ConnectRfcomm(address, security, wait);
     case link_address_t::Kind::kFd:
       return TakeDescriptor(address);
   }

@@ -1,5 +1,6 @@
 #include "tools/launch/pcapng_writer.h"
 
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -84,6 +85,7 @@ void PcapngWriter::BeginLink(const std::string& description) {
 
 void PcapngWriter::WriteBytes(Direction direction, const std::string& bytes,
                               WallTime now) {
+  assert(link_count_ > 0);
   const auto since_epoch =
       std::chrono::duration_cast<std::chrono::microseconds>(
           now.time_since_epoch());

@@ -1,5 +1,6 @@
 #include "tools/launch/relay_buffer.h"
 
+#include <assert.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@ namespace vantrel {
 ssize_t RelayBuffer::FillFrom(int fd, size_t max_bytes,
                               std::string_view* seen) {
   const size_t want = std::min(max_bytes, GetFreeCount());
+  assert(want > 0);  // of nothing a read makes the end of the stream
   if (bytes_.size() - end_ < want) {
     memmove(bytes_.data(), bytes_.data() + begin_, GetByteCount());
     end_ -= begin_;
