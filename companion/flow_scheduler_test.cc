@@ -28,10 +28,13 @@ class Source : public FlowScheduler::Flow {
   size_t left_;
 };
 
-struct Datagrams : FlowScheduler::QueuedFlow {
-  explicit Datagrams(FlowScheduler& from) : scheduler(from) {}
-  ~Datagrams() override { scheduler.Remove(this); }
-  FlowScheduler& scheduler;
+class Datagrams : public FlowScheduler::QueuedFlow {
+ public:
+  explicit Datagrams(FlowScheduler& scheduler) : scheduler_(scheduler) {}
+  ~Datagrams() override { scheduler_.Remove(this); }
+
+ private:
+  FlowScheduler& scheduler_;
 };
 
 double Count(const std::string& text, char letter) {

@@ -101,8 +101,7 @@ void LaunchSession::StartDaemon(connected_link_t link) {
       throw SystemFailure("no socket pair");
     }
     start.link.Reset(pair[1]);
-    far_end_ = Duplicate(pair[1]);
-    StartRelay(std::move(link), UniqueFd(pair[0]));
+    StartRelay(std::move(link), UniqueFd(pair[0]), Duplicate(pair[1]));
   }
   daemon_.emplace(std::move(start));
   loop_.SetSignalHandler([this](int signal) { HandleSignal(signal); });
@@ -110,7 +109,8 @@ void LaunchSession::StartDaemon(connected_link_t link) {
   slow_start_timer_.WaitFor(kSlowStart);
 }
 
-void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
+void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end,
+                               UniqueFd far_end) {
   const std::string header = EncodeConnectionHeader(link.header);
   if (write(near_end.Get(), header.data(), header.size()) !=
       static_cast<ssize_t>(header.size())) {
@@ -132,7 +132,6 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
   in.on_read = [this](std::string_view bytes) { LookAtOpening(bytes); };
   in.on_end = [this] { HandleInboundEnd(); };
   out.on_end = [this] { HandleOutboundEnd(); };
-  out.feeder = far_end_.Get();
   if (capture_ != nullptr) {
     capture_->BeginLink("protocol " + options_.protocol + " over " +
                         options_.link.text);
@@ -145,7 +144,8 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end) {
     out.on_written = MakeTap(PcapngWriter::kToCompanion);
   }
   inbound_.emplace(loop_.GetContext(), *link_, *near_end_, std::move(in));
-  outbound_.emplace(loop_.GetContext(), *near_end_, *link_, std::move(out));
+  outbound_.emplace(loop_.GetContext(), *near_end_, *link_, std::move(out),
+                    std::move(far_end));
 }
 
 RelayDirection::Tap LaunchSession::MakeTap(
@@ -196,7 +196,7 @@ void LaunchSession::HandleSignal(int signal) {
     return;
   }
   if (!daemon_->IsRunning() || !daemon_->Reap()) return;
-  far_end_.Reset();
+  if (outbound_) outbound_->CloseFeeder();
   link_watch_.reset();
   for (Timer* timer :
        {&kill_timer_, &slow_start_timer_, &silence_timer_, &stats_timer_}) {

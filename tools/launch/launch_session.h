@@ -46,7 +46,8 @@ class LaunchSession {
 
  private:
   void StartDaemon(connected_link_t link);
-  void StartRelay(connected_link_t link, UniqueFd near_end);
+  // |far_end| is a duplicate of the daemon's end.
+  void StartRelay(connected_link_t link, UniqueFd near_end, UniqueFd far_end);
   RelayDirection::Tap MakeTap(PcapngWriter::Direction direction) const;
   bool IsOver() const;
   SteadyTime::duration GetUptime() const;
@@ -96,10 +97,8 @@ class LaunchSession {
 
   // All empty when the daemon has the link itself.
   std::optional<Descriptor> link_;
-  // Of the socket pair between us and the daemon; of the daemon's end a
-  // duplicate, while it runs, to keep its queue short.
+  // Of the socket pair between us and the daemon.
   std::optional<Descriptor> near_end_;
-  UniqueFd far_end_;
   std::optional<RelayDirection> inbound_;   // companion to daemon
   std::optional<RelayDirection> outbound_;  // daemon to companion
   LinkOpening opening_;                     // of the companion

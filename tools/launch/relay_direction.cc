@@ -44,11 +44,13 @@ size_t GetCapacity(const shape_t& shape) {
 }  // namespace
 
 RelayDirection::RelayDirection(asio::io_context& loop, Descriptor& from,
-                               Descriptor& to, options_t options)
+                               Descriptor& to, options_t options,
+                               UniqueFd feeder)
     : loop_(loop),
       from_(from),
       to_(to),
       options_(std::move(options)),
+      feeder_(std::move(feeder)),
       buffer_(GetCapacity(options_.shape)),
       timer_(loop, [this] { Work(); }) {
   if (HasEffect(options_.shape)) shaper_.emplace(options_.shape);
@@ -216,7 +218,7 @@ void RelayDirection::LimitQueues() {
       static_cast<size_t>(std::min(bytes, static_cast<double>(kMaxQueueBytes))),
       kMinHeldBytes, kMaxQueueBytes);
   LimitUnsent(to_.GetFd(), limit);
-  if (options_.feeder >= 0) LimitUnsent(options_.feeder, limit);
+  if (feeder_.Get() >= 0) LimitUnsent(feeder_.Get(), limit);
 }
 
 }  // namespace vantrel

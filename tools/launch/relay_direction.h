@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "common/unique_fd.h"
 #include "support/descriptor.h"
 #include "support/lifetime.h"
 #include "support/pace_meter.h"
@@ -33,9 +34,6 @@ class RelayDirection {
     shape_t shape;
     Tap on_read;  // at most one of the two is set
     Tap on_written;
-    // The descriptor that the source's bytes are written to, on this machine;
-    // borrowed. Its queue is kept short as well. -1: not ours to touch.
-    int feeder = -1;
     std::function<void()> on_end;  // when GetState() is not kFlowing any more
   };
   enum class State {
@@ -45,8 +43,10 @@ class RelayDirection {
     kBroken,  // the destination failed; what was held is lost
   };
 
+  // |feeder| is what the source's bytes are written to, where that is on this
+  // machine: its queue is kept short as well.
   RelayDirection(asio::io_context& loop, Descriptor& from, Descriptor& to,
-                 options_t options);
+                 options_t options, UniqueFd feeder = UniqueFd());
   RelayDirection(const RelayDirection&) = delete;
   RelayDirection& operator=(const RelayDirection&) = delete;
 
@@ -55,6 +55,9 @@ class RelayDirection {
   void Start() { Work(); }
   void OnReadable();  // of |from|
   void OnWritable();  // of |to|
+
+  // Gives |feeder| up: while it is open here, the source does not end.
+  void CloseFeeder() { feeder_.Reset(); }
 
   State GetState() const { return state_; }
   bool IsOver() const {
@@ -87,6 +90,7 @@ class RelayDirection {
   Descriptor& from_;
   Descriptor& to_;
   const options_t options_;
+  UniqueFd feeder_;
   RelayBuffer buffer_;
   std::optional<Shaper> shaper_;  // none: everything is due at once
   Timer timer_;

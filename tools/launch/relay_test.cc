@@ -111,8 +111,7 @@ TEST_F(RelayTest, HoldsABoundedNumberOfBytesAndDeliversAllOfThem) {
   for (auto& options : cases) {
     SetUp();
     seen.clear();
-    options.feeder = source_.Get();
-    relay_.emplace(loop_, *from_, *to_, options);
+    relay_.emplace(loop_, *from_, *to_, options, Duplicate(source_.Get()));
     relay_->Start();
     const std::string sent = Fill();
     // The queues before and behind it are counted: nobody has read yet.
