@@ -409,7 +409,7 @@ def test_who_may_listen(companion, tmp_path, link):
     for options, words in (((), "see --allow-remote-links"),
                            (("--allow-remote-links",), "put a tunnel in front")):
         other = companion("--listen", "tcp:0.0.0.0:0", *options)
-        assert words in other.log()
+        wait_until(lambda: words in other.log(), words)
         end_process(other)
 
 
