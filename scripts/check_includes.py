@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""check_includes.py: every #include of ours is one that the table of folders in
-docs/architecture.md allows. Its last column has the folders and single headers
+"""check_includes.py: every #include and every import of ours is one that the table of
+folders in docs/architecture.md allows. Its last column has the folders and single headers
 that the sources of a row's folder may use beside their own. Unit tests, test
 helpers and benchmarks (*_test.cc, *_testing.h, *_bench.cc) may also use test helpers
-and the stand-ins for the platform. Faults go to standard error and make the exit status 1.
+and the stand-ins for the platform. No Python source changes where modules are found.
+Faults go to standard error and make the exit status 1.
 """
 import pathlib
 import re
@@ -38,8 +39,15 @@ def faults_of(source, plan):
         return [f"{source}: its folder is not in the table"]
     allowed = plan[room] | {room}
     is_test = source.endswith(("_test.cc", "_testing.h", "_bench.cc"))
+    text = (ROOT / source).read_text()
+    if source.endswith(".py"):
+        faults = [f"{source}: {room} may not import {name}"
+                  for name in re.findall(r"^(?:from|import) (\w+)", text, re.M)
+                  if f"{name}/" in plan and f"{name}/" not in allowed]
+        # Spelt so that it is not found here.
+        return faults + [f"{source}: changes sys.{'path'}"] * (f"sys.{'path'}" in text)
     faults = []
-    for header in re.findall(r'^#include "([^"]+)"', (ROOT / source).read_text(), re.M):
+    for header in re.findall(r'^#include "([^"]+)"', text, re.M):
         target = room_of(header, plan)
         helps_tests = target == STAND_INS or header.endswith("_testing.h")
         if target not in allowed and header not in allowed and not (is_test and helps_tests):
@@ -49,7 +57,7 @@ def faults_of(source, plan):
 
 def main():
     plan = read_plan()
-    listed = subprocess.run(["git", "ls-files", "*.h", "*.cc"], cwd=ROOT, check=True,
+    listed = subprocess.run(["git", "ls-files", "*.h", "*.cc", "*.py"], cwd=ROOT, check=True,
                             capture_output=True, text=True).stdout
     sources = listed.split()
     faults = [fault for source in sources for fault in faults_of(source, plan)]
