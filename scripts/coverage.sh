@@ -15,7 +15,7 @@ scripts/build.sh coverage
 find build/coverage -name '*.gcda' -delete
 # A test that fails still counts lines; the report is worth having.
 status=0
-ctest --preset coverage -j "$(nproc)" "$@" || status=$?
+ctest --preset coverage -j $((4 * $(nproc))) "$@" || status=$?
 rm -rf build/coverage/report
 mkdir build/coverage/report
 gcovr --root . --object-directory build/coverage --exclude '.*_test\.cc' \
