@@ -24,7 +24,7 @@ from testbed.load import Load
 from testbed.processes import Missing, end_process, resident_bytes
 from testbed.programs import SOURCE_DIR
 from testbed.roads import DEVICE_SETTINGS, CableRoad, ProxyRoad, SshRoad, VantrelRoad, wait_for_rest
-from testbed.servers import start_load_server
+from testbed.servers import LOAD_PROGRAM, start_load_server
 
 REQUEST = {"up": 100, "down": 1024}
 IDLE_CONNECTIONS = 1000
@@ -316,7 +316,7 @@ def measure_slow_links(options, directory, results):
 
 def micro_benchmarks():
     return {"micro " + program.name: program
-            for program in sorted(Load.PROGRAM.parent.glob("*_bench"))}
+            for program in sorted(LOAD_PROGRAM.parent.glob("*_bench"))}
 
 
 def known_measures(mode):

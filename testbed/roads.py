@@ -207,8 +207,11 @@ class SshRoad(CableRoad):
         client = find_program("ssh")
         super().__init__(name, directory)
         self._processes["sshd"] = Servers(directory).start("ssh")
+        key = directory / "key"
+        key.write_bytes((directory / "ssh/user").read_bytes())
+        key.chmod(0o600)
         self.start("ssh", self.device.command([
-            client, "-N", "-F", "none", "-i", directory / "ssh/user",
+            client, "-N", "-F", "none", "-i", key,
             "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
             "-o", "ExitOnForwardFailure=yes",
             "-L", "127.0.0.1:{}:{}:{}".format(self.server[1], *Road.server),
