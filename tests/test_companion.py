@@ -3,6 +3,7 @@
 import itertools
 import json
 import os
+import pathlib
 import re
 import resource
 import select
@@ -38,6 +39,10 @@ def close(stream):
     return struct.pack(">BI", 2, stream)
 
 
+def is_asleep(process):
+    return pathlib.Path(f"/proc/{process.pid}/stat").read_text().rpartition(")")[2].split()[0] == "S"
+
+
 @pytest.fixture
 def companion(tmp_path):
     """companion(*options): one that listens on a socket file."""
@@ -53,7 +58,9 @@ def companion(tmp_path):
                 stderr=output, env=program_environment(tmp_path))
         process.log = log.read_text
         running.append(process)
-        wait_until(lambda: "listening on" in process.log() or process.poll() is not None,
+        # It opens some descriptors after that line, and is ready when it sleeps.
+        wait_until(lambda: "listening on" in process.log() and is_asleep(process) or
+                   process.poll() is not None,
                    "the companion")
         return process
 
