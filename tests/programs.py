@@ -1,4 +1,4 @@
-"""What programs of users do as applications of a device, beside SERVERS of servers.py.
+"""What programs of users do as applications of a device, beside SERVERS of the testbed.
 PROGRAMS is all that test_real_programs.py runs over each road."""
 
 from typing import NamedTuple
