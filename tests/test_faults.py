@@ -202,7 +202,8 @@ def test_somebody_holds_the_lock_of_the_packet_filter(make_device):
     run = Launch(device, "--protocol", "5", wait=False)
     run.wait_for(run.err, "warning: the daemon has not started yet", 15)
     end_process(holder)
-    run.wait_for(run.out, "started")
+    # It has started a moment before it takes signals; then the link is at work.
+    run.wait_for(run.out, "network 7")
     assert run.end() == 0
     assert standing_rules(device) == []
     end_process(companion)
