@@ -99,8 +99,9 @@ def test_each_fault_is_found(serve, tmp_path):
                                 ALL_BUT_FIGURES)
         assert (status, not_ok(results)) == (0, {})
     assert len(FAULTS) >= 30
-    # Judged by its pace, so it has the scripted companion for itself.
-    said = {"TakesAllOfTheRemote": find(tmp_path, "TakesAllOfTheRemote")}
+    # Judged by their pace, so each has the scripted companion for itself.
+    said = {name: find(tmp_path, name)
+            for name in ("TakesAllOfTheRemote", "DropsWhenTheLinkIsFull")}
     floods = [name for name in FAULTS if name.startswith("Floods")]
     others = FAULTS.keys() - said.keys() - set(floods)
     with ThreadPoolExecutor(12) as pool:
