@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "companion/memory_reserve.h"
+#include "companion/protocol_auto.h"
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link/connection_header.h"
@@ -39,6 +40,9 @@ constexpr size_t kMaxTransfers = 64;
 
 std::unique_ptr<LinkProtocol> MakeProtocol(const companion_options_t& options,
                                            std::string* control) {
+  if (options.protocol == LinkOpening::kAnyProtocol) {
+    return std::make_unique<ProtocolAuto>(options.build_info, control);
+  }
   if (options.protocol == 20) {
     return std::make_unique<ProtocolV2>(options.build_info, control);
   }
@@ -70,7 +74,7 @@ DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
       socket_(
           shared.loop, std::move(fd), [this] { Run([this] { OnReadable(); }); },
           [this] { Run([this] { OnWritable(); }); }),
-      deadlines_(GetSteadyTime()),
+      deadlines_(GetSteadyTime(), !protocol_->IsKnown()),
       writer_(socket_, scheduler_, deadlines_),
       turns_(shared.turns, [this] { Run([this] { TakeTurn(); }); }) {}
 
@@ -141,7 +145,7 @@ bool DeviceLink::ReadOnce() {
   const size_t size = std::min(kReadBytes, room.size);
   size_t count = 0;
   if (!HasRead(socket_.Read(room.begin, size, &count))) return false;
-  deadlines_.OnReceived();
+  deadlines_.OnReceived(GetSteadyTime());
   if (is_wanted) {
     protocol_->OnFilled(count);
     has_unhandled_ = true;

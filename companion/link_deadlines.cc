@@ -2,6 +2,11 @@
 
 namespace vantrel {
 
+void LinkDeadlines::OnReceived(SteadyTime now) {
+  if (may_be_silent_ && !has_received_) begun_ = now;
+  has_received_ = true;
+}
+
 void LinkDeadlines::OnBlocked(SteadyTime now) {
   if (!blocked_) blocked_ = now;
 }
@@ -10,7 +15,8 @@ const char* LinkDeadlines::GetExcess(SteadyTime now) const {
   if (closing_) {
     return now - *closing_ >= kCloseTime ? "closed by the companion" : nullptr;
   }
-  if (!is_ready_ && now - connected_ >= kHandshakeTime) {
+  const bool is_awaited = !is_ready_ && (has_received_ || !may_be_silent_);
+  if (is_awaited && now - begun_ >= kHandshakeTime) {
     return has_received_ ? "no whole handshake within 30 s"
                          : "the device said nothing for 30 s";
   }

@@ -18,9 +18,14 @@ class LinkDeadlines {
   static constexpr std::chrono::seconds kWriteTime{30};
   static constexpr std::chrono::seconds kCloseTime{5};
 
-  explicit LinkDeadlines(SteadyTime connected) : connected_(connected) {}
+  // |may_be_silent|: the device may speak the protocol without a handshake, so
+  // that its first word decides whether there is to be one.
+  LinkDeadlines(SteadyTime connected, bool may_be_silent)
+      : may_be_silent_(may_be_silent),
+        connected_(connected),
+        begun_(connected) {}
 
-  void OnReceived() { has_received_ = true; }
+  void OnReceived(SteadyTime now);
   bool HasReceived() const { return has_received_; }
   // The handshake is done, or the protocol has none.
   void OnReady() { is_ready_ = true; }
@@ -38,7 +43,9 @@ class LinkDeadlines {
   bool IsSilent(SteadyTime now) const;
 
  private:
+  const bool may_be_silent_;
   const SteadyTime connected_;
+  SteadyTime begun_;  // the time for the handshake
   bool has_received_ = false;
   bool is_ready_ = false;
   std::optional<SteadyTime> blocked_;

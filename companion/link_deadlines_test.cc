@@ -15,18 +15,26 @@ std::string Excess(const LinkDeadlines& deadlines, int second) {
 }
 
 TEST(LinkDeadlinesTest, EachTimeHasItsEnd) {
-  LinkDeadlines silent(kStart);
+  LinkDeadlines silent(kStart, false);
   EXPECT_EQ("", Excess(silent, 29));
   EXPECT_EQ("the device said nothing for 30 s", Excess(silent, 30));
   EXPECT_FALSE(silent.IsSilent(kStart + seconds(9)));
   EXPECT_TRUE(silent.IsSilent(kStart + seconds(10)));
 
-  LinkDeadlines half_way(kStart);
-  half_way.OnReceived();
+  LinkDeadlines half_way(kStart, false);
+  half_way.OnReceived(kStart + seconds(20));
   EXPECT_EQ("no whole handshake within 30 s", Excess(half_way, 30));
   EXPECT_FALSE(half_way.IsSilent(kStart + seconds(10)));
 
-  LinkDeadlines ready(kStart);
+  LinkDeadlines unknown(kStart, true);
+  EXPECT_EQ("", Excess(unknown, 100000));
+  EXPECT_TRUE(unknown.IsSilent(kStart + seconds(10)));
+  unknown.OnReceived(kStart + seconds(50));
+  unknown.OnReceived(kStart + seconds(60));
+  EXPECT_EQ("", Excess(unknown, 79));
+  EXPECT_EQ("no whole handshake within 30 s", Excess(unknown, 80));
+
+  LinkDeadlines ready(kStart, false);
   ready.OnReady();
   EXPECT_EQ("", Excess(ready, 100000));  // idle is no fault
   ready.OnBlocked(kStart + seconds(100));

@@ -50,8 +50,8 @@ class LinkProtocol {
   // one fills what the device takes of version 2 in two reads, and no third.
   static constexpr size_t kMaxStreamChunkBytes = 16384 - 64;
 
-  // |version| is 1, 5 or 20. |control| receives the answers to messages, whole;
-  // it outlives this.
+  // |version| is 1, 5, 20 or LinkOpening::kAnyProtocol. |control| receives the
+  // answers to messages, whole; it outlives this.
   LinkProtocol(int version, std::string* control)
       : opening_(version, LinkOpening::Sender::kDevice), control_(control) {}
   LinkProtocol(const LinkProtocol&) = delete;
@@ -75,7 +75,10 @@ class LinkProtocol {
     opening_.Append(std::string_view(room_.begin, count));
     OnReceived(count);
   }
-  const LinkOpening& GetOpening() const { return opening_; }
+  // Whether it is decided what is spoken. Until then only PutTeardown() may be
+  // called of the messages.
+  virtual bool IsKnown() const { return true; }
+  virtual const LinkOpening& GetOpening() const { return opening_; }
   // Handles the next whole message. False when there is none, or after
   // OnFailure().
   [[nodiscard]] virtual bool HandleNext(DeviceMessages& device) = 0;

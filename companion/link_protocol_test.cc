@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "companion/protocol_auto.h"
 #include "companion/protocol_v1.h"
 #include "companion/protocol_v2.h"
 #include "link_v2/frame_testing.h"
@@ -80,20 +81,30 @@ struct case_t {
   std::vector<std::string> calls;
 };
 
+int GetSpoken(const std::string& bytes) {
+  return bytes[0] == 'V' ? 20 : bytes[0] == '\x10' ? 5 : 1;
+}
+
 std::vector<std::string> Feed(const case_t& c, size_t step) {
   const LogCapture silence;
   Recorder device;
   std::unique_ptr<LinkProtocol> protocol;
-  if (c.version == 20) {
+  if (c.version == LinkOpening::kAnyProtocol) {
+    protocol = std::make_unique<ProtocolAuto>("b", &device.control);
+  } else if (c.version == 20) {
     protocol = std::make_unique<ProtocolV2>("b", &device.control);
   } else {
     protocol = std::make_unique<ProtocolV1>(c.version, &device.control);
   }
   for (size_t at = 0; at < c.bytes.size(); at += step) {
     const std::string piece = c.bytes.substr(at, step);
-    piece.copy(protocol->GetRoom().begin, piece.size());
-    protocol->OnFilled(piece.size());
-    while (protocol->HandleNext(device)) {
+    for (size_t taken = 0, count; taken < piece.size(); taken += count) {
+      const LinkProtocol::room_t room = protocol->GetRoom();
+      count = piece.copy(room.begin, room.size, taken);
+      protocol->OnFilled(count);
+      while (protocol->HandleNext(device)) {
+      }
+      if (count == 0) break;
     }
   }
   device.Add("");
@@ -175,10 +186,20 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
        Bytes("01 00000003 c6336450 0050 278b"),
        {"fatal 'the device speaks protocol 1'"}},
   };
-  for (const case_t& c : cases) {
+  for (case_t c : cases) {
+    EXPECT_THAT(Feed(c, c.bytes.size()), ElementsAreArray(c.calls));
+    EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
+    if (GetSpoken(c.bytes) != c.version) continue;
+    c.version = LinkOpening::kAnyProtocol;
     EXPECT_THAT(Feed(c, c.bytes.size()), ElementsAreArray(c.calls));
     EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
   }
+  const case_t nothing = {LinkOpening::kAnyProtocol,
+                        Bytes("7f 00000003"),
+                        {"fatal 'the device begins with 7F, with which no "
+                         "protocol begins'"}};
+  EXPECT_THAT(Feed(nothing, 5), ElementsAreArray(nothing.calls));
+  EXPECT_THAT(Feed(nothing, 1), ElementsAreArray(nothing.calls));
 }
 
 }  // namespace

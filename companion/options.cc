@@ -73,10 +73,12 @@ CLI::Option* AddList(CLI::App* app, const std::string& name,
 }
 
 void DefineLinks(CLI::App* app, companion_options_t* options) {
-  app->add_option("--protocol", options->protocol,
-                  "Link protocol that the daemon was started with")
-      ->check(CLI::IsMember({1, 5, 20}))
-      ->capture_default_str();
+  AddChoice<int>(
+      app, "--protocol",
+      "Link protocol that the daemon was started with; auto: what "
+      "each device's first bytes tell",
+      {{"auto", LinkOpening::kAnyProtocol}, {"1", 1}, {"5", 5}, {"20", 20}},
+      "auto", &options->protocol);
   auto* link = app->add_option_group("Link");
   AddList(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
           "Wait for links there; may be given several times");

@@ -13,6 +13,7 @@
 #include "companion/companion_log.h"
 #include "companion/destination_policy.h"
 #include "companion/link_listener.h"
+#include "support/link_opening.h"
 
 namespace vantrel {
 
@@ -24,7 +25,7 @@ struct active_network_t {
 
 // What the command line asked for.
 struct companion_options_t {
-  int protocol = 20;
+  int protocol = LinkOpening::kAnyProtocol;
   // Either of these two.
   std::vector<link_address_t> listen;
   std::optional<int> fd;

@@ -1,10 +1,13 @@
-// A whole link of the companion, in the protocol that the first byte chooses,
-// with its scheduler, streams and datagram flows, on its real loop. The script
-// plays the device and, in a private network, the remotes.
+// A whole link of the companion, in the protocol that the first byte chooses or
+// that the companion has to find out, with its scheduler, streams and datagram
+// flows, on its real loop. The script plays the device and, in a private
+// network, the remotes.
 #include <stdint.h>
 
 #include <asio/io_context.hpp>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +16,7 @@
 #include "fuzz/companion_link_steps.h"
 #include "fuzz/fuzz_messages.h"
 #include "fuzz/fuzz_network.h"
+#include "link_v2/frame.h"
 #include "link_v2/message_decoder.h"
 #include "reactor/reactor_testing.h"
 
@@ -24,14 +28,15 @@ constexpr size_t kMaxBytesToLink = 1 << 20;
 
 class Script {
  public:
-  Script(FuzzInput* input, int protocol)
+  // |protocol| is the device's.
+  Script(FuzzInput* input, int protocol, bool is_told)
       : input_(input),
         protocol_(protocol),
         policy_({DestinationPolicy::ParseRule("127.0.0.0/8", true).value()},
                 [](const IpAddress&) { return std::nullopt; }) {
     FUZZ_CHECK(server_.Bind(kRemoteTcpPort) && listen(server_.GetFd(), 8) == 0);
     FUZZ_CHECK(datagrams_.Bind(kRemoteUdpPort));
-    options_.protocol = protocol;
+    if (is_told) options_.protocol = protocol;
     options_.max_held_bytes = 256 * 1024;
     options_.network = active_network_t{7, true};
     auto [fd, device] = MakeSocketPair();
@@ -140,7 +145,10 @@ class Script {
   // The companion's words are sound whatever the device says.
   void ReadLink() {
     from_link_ += ReadAll(*device_);
-    while (protocol_ == 20 ? NextV2() : NextV1()) {
+    if (from_link_.empty()) return;
+    // The device may have begun otherwise than it should.
+    if (!is_v2_) is_v2_ = GetU8(from_link_.data()) == (kFrameMagic & 0xFF);
+    while (*is_v2_ ? NextV2() : NextV1()) {
     }
   }
   bool NextV1() {
@@ -179,8 +187,9 @@ class Script {
   std::unique_ptr<Socket> device_;
   std::unique_ptr<DeviceLink> link_;
   SteadyTime now_ = GetSteadyTime();
-  std::string to_link_;    // not written yet
-  std::string from_link_;  // not handled yet
+  std::string to_link_;        // not written yet
+  std::string from_link_;      // not handled yet
+  std::optional<bool> is_v2_;  // once the companion has said something
   MessageDecoder decoder_;
 };
 
@@ -197,9 +206,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace vantrel;
   FuzzInput input(data, size);
-  const int protocol = kProtocols[input.TakeU8() % 3];
+  const size_t choice = input.TakeU8() % (2 * std::size(kProtocols));
+  const int protocol = kProtocols[choice % std::size(kProtocols)];
   const int descriptors = CountDescriptors();
-  Script(&input, protocol).Run();
+  Script(&input, protocol, choice < std::size(kProtocols)).Run();
   FUZZ_CHECK(CountDescriptors() == descriptors);
   return 0;
 }

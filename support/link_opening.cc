@@ -64,7 +64,30 @@ void LinkOpening::Look() {
                             "here; ") +
                 kBehindHeader);
   }
-  protocol_ == 20 ? LookAtFrame() : LookAtV1();
+  switch (protocol_) {
+    case kAnyProtocol:
+      return LookForProtocol();
+    case 20:
+      return LookAtFrame();
+    default:
+      return LookAtV1();
+  }
+}
+
+// In the wrong byte order the magic number is still that of a frame.
+void LinkOpening::LookForProtocol() {
+  const uint8_t type = GetByte(0);
+  const uint8_t handshake =
+      sender_ == Sender::kDevice ? TYPE_HANDSHAKE : TYPE_HANDSHAKE_ACK;
+  if (type == (kFrameMagic & 0xFF) || type == kFrameMagic >> 8) {
+    protocol_ = 20;
+  } else if (IsV1Type(type)) {
+    protocol_ = type == handshake ? 5 : 1;
+  } else {
+    return Fail("begins with" + Hex(std::string_view(bytes_).substr(0, 1)) +
+                ", with which no protocol begins");
+  }
+  Finish();
 }
 
 bool LinkOpening::MayBeConnectionHeader() const {

@@ -16,7 +16,11 @@ class LinkOpening {
  public:
   enum class Sender { kDevice, kCompanion };
 
-  // |protocol|, 1, 5 or 20, is the one that the other end is to speak.
+  // Whatever the other end speaks: looks no further than to know that.
+  static constexpr int kAnyProtocol = 0;
+
+  // |protocol|, 1, 5, 20 or kAnyProtocol, is the one that the other end is to
+  // speak.
   LinkOpening(int protocol, Sender sender)
       : protocol_(protocol), sender_(sender) {}
 
@@ -24,6 +28,9 @@ class LinkOpening {
   // at. What is found is the same however they are cut.
   void Append(std::string_view bytes);
 
+  // What the other end is to speak, or what it turned out to speak;
+  // kAnyProtocol as long as that cannot be told.
+  int GetProtocol() const { return protocol_; }
   // Whether what is told does not change any more.
   bool IsOver() const { return is_over_; }
   // What is wrong, in printable words that begin with the sender; empty as long
@@ -40,6 +47,7 @@ class LinkOpening {
   // Each looks at the beginning and calls Fail() or Finish(), or waits for
   // more.
   void Look();
+  void LookForProtocol();
   void LookAtFrame();
   void LookAtSizes();
   void LookAtChecksum(size_t header_size);
@@ -59,7 +67,7 @@ class LinkOpening {
   // Of the first frame.
   uint16_t ComputeChecksum(size_t header_size) const;
 
-  const int protocol_;
+  int protocol_;
   const Sender sender_;
   std::string bytes_;  // empty again when the rest is not looked at
   std::string fault_;

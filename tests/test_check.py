@@ -74,6 +74,13 @@ def test_own_companion(serve, tmp_path, protocol):
     assert (suite.get("failures"), suite.get("tests")) == ("0", str(len(results)))
 
 
+def test_own_companion_recognises_each_protocol(serve, tmp_path):
+    serve(tmp_path / "link", *OWN, "--listen", f"unix:{tmp_path}/link")
+    status, results = check("--protocol", "all", f"unix:{tmp_path}/link", "--only",
+                            ALL_BUT_FIGURES)
+    assert (status, not_ok(results)) == (0, {})
+
+
 def test_example_companion(serve, tmp_path):
     serve(tmp_path / "link", SOURCE_DIR / "examples/companion.py", f"unix:{tmp_path}/link")
     status, results = check(f"unix:{tmp_path}/link", "--only", ALL_BUT_FIGURES)

@@ -111,6 +111,25 @@ def processor_seconds(process):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
+def test_devices_of_all_protocols_at_once(companion, link):
+    process = companion("--network", "7,metered", protocol="auto")
+    silent = link()
+    old, newer, newest = link(), link(), wire.ScriptedCompanion(link())
+    assert not select.select([silent, old], [], [], .3)[0]  # nothing is known of them yet
+    old.sendall(b"\5abcd")
+    assert take(old, 11) in (b"\x0b\0\0\0\7\1" + b"\5abcd", b"\5abcd" + b"\x0b\0\0\0\7\1")
+    newer.sendall(bytes.fromhex("10000000050000" "12000000050000"))
+    assert take(newer, 13) == bytes.fromhex("11000000050000" "0b0000000701")
+    newest.send(wire.HANDSHAKE_START, (1, 1))
+    assert newest.receive().kind == wire.HANDSHAKE_ACK
+    stranger = link()
+    stranger.sendall(b"GET / HTTP/1.1\r\n")
+    assert stranger.recv(1) == b""
+    assert "the device begins with 47, with which no protocol begins" in process.log()
+    ping(old)
+    assert not select.select([silent], [], [], 0)[0]
+
+
 def test_many_links_and_no_room(companion, link, remote):
     process = companion("--allow", "198.51.100.0/24", "--max-links", "5")
     links = [link() for _ in range(5)]
