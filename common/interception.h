@@ -11,4 +11,10 @@ namespace vantrel {
 constexpr char kApplicationAddressText[] = "192.168.167.239";
 constexpr uint32_t kApplicationAddress = 0xC0A8A7EF;
 
+// Where the device's resolver sends its look-ups. No machine has this address;
+// they are captured like everything else, and the companion is to know that
+// they are for its own name servers. As text, and in host byte order.
+constexpr char kNameServerAddressText[] = "192.168.167.53";
+constexpr uint32_t kNameServerAddress = 0xC0A8A735;
+
 }  // namespace vantrel

@@ -48,6 +48,7 @@ Companion::Companion(const companion_options_t& options, size_t max_descriptors)
               [this](const IpAddress& address) {
                 return routes_.IsLocal(address);
               }),
+      destinations_(policy_, name_servers_, options.look_ups),
       sockets_(max_descriptors, kOwnDescriptors + options.listen.size(),
                options.fd ? 1 : options.max_links),
       turns_(loop_),
@@ -138,7 +139,7 @@ void Companion::AddLink(UniqueFd fd, const std::string& peer) {
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
                      id, peer.c_str());
   auto link = std::make_unique<DeviceLink>(
-      DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_},
+      DeviceLink::shared_t{loop_, options_, destinations_, sockets_, turns_},
       std::move(fd), id, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));

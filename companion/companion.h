@@ -9,6 +9,7 @@
 #include <string>
 
 #include "companion/destination_policy.h"
+#include "companion/destinations.h"
 #include "companion/device_link.h"
 #include "companion/link_listener.h"
 #include "companion/local_routes.h"
@@ -80,6 +81,8 @@ class Companion {
   ServiceManager service_manager_;
   LocalRoutes routes_;
   DestinationPolicy policy_;
+  NameServers name_servers_;
+  const Destinations destinations_;
   SocketPool sockets_;
   TurnQueue turns_;
   LoopSignals signals_;

@@ -8,6 +8,8 @@
 
 #include <utility>
 
+#include "support/socket_address.h"
+
 namespace vantrel {
 namespace {
 
@@ -55,15 +57,13 @@ void DatagramFlow::Send(const std::string& payload) {
 
 // A socket that reports ICMP errors together with what they quote.
 bool DatagramFlow::Open() {
-  UniqueFd fd = OpenSocket(link_, SOCK_DGRAM);
+  UniqueFd fd = OpenSocket(link_, target_->host.GetFamily(), SOCK_DGRAM);
   if (fd.Get() == -1) return false;
   const int on = 1;
-  setsockopt(fd.Get(), SOL_IP, IP_RECVERR, &on, sizeof(on));
-  const sockaddr_in address = target_->GetSockAddrV4();
-  if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address),
-              sizeof(address)) == -1) {
-    return false;
-  }
+  const bool is_ipv6 = target_->host.GetFamily() == AF_INET6;
+  setsockopt(fd.Get(), is_ipv6 ? SOL_IPV6 : SOL_IP,
+             is_ipv6 ? IPV6_RECVERR : IP_RECVERR, &on, sizeof(on));
+  if (ConnectTo(fd.Get(), *target_) == -1) return false;
   socket_ = std::make_unique<Descriptor>(link_.loop, std::move(fd), [this] {
     link_.run([this] { OnReadable(); });
   });
@@ -127,7 +127,10 @@ void DatagramFlow::ReceiveErrors() {
     if (count == -1) break;
     for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr;
          c = CMSG_NXTHDR(&message, c)) {
-      if (c->cmsg_level != SOL_IP || c->cmsg_type != IP_RECVERR) continue;
+      const bool is_error =
+          (c->cmsg_level == SOL_IP && c->cmsg_type == IP_RECVERR) ||
+          (c->cmsg_level == SOL_IPV6 && c->cmsg_type == IPV6_RECVERR);
+      if (!is_error) continue;
       sock_extended_err error;
       memcpy(&error, CMSG_DATA(c), sizeof(error));
       ReportError(error, std::string(quoted, static_cast<size_t>(count)));
@@ -142,9 +145,10 @@ void DatagramFlow::ReceiveErrors() {
 void DatagramFlow::ReportError(const sock_extended_err& error,
                                const std::string& quoted) {
   // Only tells the kernel the size of the path; it fragments what follows.
-  if (error.ee_origin != SO_EE_ORIGIN_ICMP || error.ee_errno == EMSGSIZE) {
-    return;
-  }
+  const bool is_icmp = error.ee_origin == SO_EE_ORIGIN_ICMP ||
+                       error.ee_origin == SO_EE_ORIGIN_ICMP6;
+  if (!is_icmp || error.ee_errno == EMSGSIZE) return;
+  owner_.OnFlowFailed(*this);
   LogDetail("", strerror(static_cast<int>(error.ee_errno)));
   // Of an older request than the last only what the network quoted of it.
   const bool is_last = last_request_.compare(0, quoted.size(), quoted) == 0;

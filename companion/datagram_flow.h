@@ -26,6 +26,8 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
     virtual ~Owner() = default;
     // An answer has come.
     virtual void OnFlowUsed(DatagramFlow& flow) = 0;
+    // The network has refused a datagram.
+    virtual void OnFlowFailed(DatagramFlow& flow) = 0;
   };
 
   // |target| is where the socket sends to, for the device the flow's remote
@@ -38,7 +40,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort& GetLocal() const { return local_; }
   const HostAndPort& GetRemote() const { return remote_; }
 
-  bool HasTarget() const { return target_.has_value(); }
+  const std::optional<HostAndPort>& GetTarget() const { return target_; }
   bool HasSocket() const { return socket_ != nullptr; }
 
   // Sends one datagram of the application. A failure waits in the scheduler

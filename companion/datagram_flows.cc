@@ -7,15 +7,8 @@
 #include <iterator>
 
 namespace vantrel {
-namespace {
 
-constexpr uint16_t kDnsPort = 53;
-
-}  // namespace
-
-DatagramFlows::DatagramFlows(const link_parts_t& link,
-                             std::optional<HostAndPort> dns_server)
-    : link_(link), dns_server_(dns_server) {}
+DatagramFlows::DatagramFlows(const link_parts_t& link) : link_(link) {}
 
 DatagramFlows::~DatagramFlows() = default;
 
@@ -26,6 +19,7 @@ void DatagramFlows::Send(const HostAndPort& local, const HostAndPort& remote,
                     "datagram dropped: not for an IPv4 address");
     return;
   }
+  link_.destinations.OnAsked(remote);
   FindOrCreate(Ends(local, remote)).Send(payload);
 }
 
@@ -43,7 +37,7 @@ DatagramFlow& DatagramFlows::FindOrCreate(const Ends& ends) {
 
 DatagramFlow& DatagramFlows::Create(const Ends& ends) {
   MakeRoom();
-  const std::optional<HostAndPort> target = GetTarget(ends.second);
+  const auto target = link_.destinations.FindForDatagrams(ends.second);
   if (!target) {
     link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
                     "datagrams to %s refused: not an allowed address",
@@ -56,18 +50,11 @@ DatagramFlow& DatagramFlows::Create(const Ends& ends) {
 }
 
 bool DatagramFlows::IsUpToDate(entry_t* entry) const {
-  const uint32_t edition = link_.policy.GetEdition();
+  const HostAndPort& remote = entry->flow.GetRemote();
+  const uint32_t edition = link_.destinations.GetEdition(remote);
   if (entry->edition == edition) return true;
   entry->edition = edition;
-  return GetTarget(entry->flow.GetRemote()).has_value() ==
-         entry->flow.HasTarget();
-}
-
-std::optional<HostAndPort> DatagramFlows::GetTarget(
-    const HostAndPort& remote) const {
-  if (remote.port == kDnsPort && dns_server_) return dns_server_;
-  return link_.policy.Allows(remote.host) ? std::optional(remote)
-                                          : std::nullopt;
+  return link_.destinations.FindForDatagrams(remote) == entry->flow.GetTarget();
 }
 
 void DatagramFlows::Touch(Entries::iterator entry) {
@@ -107,6 +94,11 @@ void DatagramFlows::OnFlowUsed(DatagramFlow& flow) {
   const auto found = index_.find(Ends(flow.GetLocal(), flow.GetRemote()));
   assert(found != index_.end());
   Touch(found->second);
+  link_.destinations.OnAnswered(flow.GetRemote());
+}
+
+void DatagramFlows::OnFlowFailed(DatagramFlow& flow) {
+  link_.destinations.OnFailed(flow.GetRemote());
 }
 
 bool DatagramFlows::FreeDescriptor() {

@@ -24,10 +24,7 @@ class DatagramFlows final : public DatagramFlow::Owner {
   static constexpr size_t kMaxFlows = 512;
   static constexpr uint32_t kMaxIdleTicks = 5 * 60;
 
-  // |dns_server| takes every datagram for port 53, whatever the policy says of
-  // it; the flow still appears with the remote that the application asked.
-  DatagramFlows(const link_parts_t& link,
-                std::optional<HostAndPort> dns_server);
+  explicit DatagramFlows(const link_parts_t& link);
   DatagramFlows(const DatagramFlows&) = delete;
   DatagramFlows& operator=(const DatagramFlows&) = delete;
   ~DatagramFlows() override;
@@ -44,6 +41,7 @@ class DatagramFlows final : public DatagramFlow::Owner {
   [[nodiscard]] bool FreeDescriptor();
 
   void OnFlowUsed(DatagramFlow& flow) override;
+  void OnFlowFailed(DatagramFlow& flow) override;
 
  private:
   using Ends = std::pair<HostAndPort, HostAndPort>;  // local, remote
@@ -51,10 +49,10 @@ class DatagramFlows final : public DatagramFlow::Owner {
     entry_t(const link_parts_t& link, DatagramFlow::Owner& owner,
             const Ends& ends, const std::optional<HostAndPort>& target)
         : flow(link, owner, ends.first, ends.second, target),
-          edition(link.policy.GetEdition()) {}
+          edition(link.destinations.GetEdition(ends.second)) {}
 
     DatagramFlow flow;
-    uint32_t edition;  // of the policy by which it was judged
+    uint32_t edition;  // of its target
     uint32_t last_used_tick = 0;
   };
   using Entries = std::list<entry_t>;
@@ -63,14 +61,11 @@ class DatagramFlows final : public DatagramFlow::Owner {
   DatagramFlow& Create(const Ends& ends);
   // Whether |entry| still sends to where it may.
   bool IsUpToDate(entry_t* entry) const;
-  // Where a flow for |remote| sends to; none when it may not.
-  std::optional<HostAndPort> GetTarget(const HostAndPort& remote) const;
   void Touch(Entries::iterator entry);
   void MakeRoom();
   void Forget(Entries::iterator entry);
 
   const link_parts_t& link_;
-  const std::optional<HostAndPort> dns_server_;
   Entries flows_;  // longest silent first
   std::unordered_map<Ends, Entries::iterator> index_;
   uint32_t tick_ = 0;

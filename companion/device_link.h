@@ -11,7 +11,7 @@
 
 #include "companion/companion_log.h"
 #include "companion/datagram_flows.h"
-#include "companion/destination_policy.h"
+#include "companion/destinations.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_deadlines.h"
 #include "companion/link_parts.h"
@@ -37,7 +37,7 @@ class DeviceLink final : public DeviceMessages {
   struct shared_t {
     asio::io_context& loop;
     const companion_options_t& options;
-    const DestinationPolicy& policy;
+    const Destinations& destinations;
     SocketPool& sockets;
     TurnQueue& turns;
   };

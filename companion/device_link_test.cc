@@ -97,7 +97,7 @@ class DeviceLinkTest : public ::testing::Test {
     link_.reset();
     if (!sockets_) sockets_.emplace(max_descriptors, 0, 1);
     link_ = std::make_unique<DeviceLink>(
-        DeviceLink::shared_t{loop_, options_, policy_, *sockets_, turns_},
+        DeviceLink::shared_t{loop_, options_, destinations_, *sockets_, turns_},
         UniqueFd(fds[1]), 1, [this] { ++changes_; });
     link_->Start();
   }
@@ -141,6 +141,8 @@ class DeviceLinkTest : public ::testing::Test {
   companion_options_t options_;
   bool has_no_memory_ = false;  // for an address that no rule names
   const DestinationPolicy policy_;
+  NameServers name_servers_;
+  const Destinations destinations_{policy_, name_servers_, options_.look_ups};
   std::unique_ptr<End> device_;
   std::unique_ptr<DeviceLink> link_;
   std::string received_;

@@ -8,7 +8,7 @@
 
 #include "common/unique_fd.h"
 #include "companion/companion_log.h"
-#include "companion/destination_policy.h"
+#include "companion/destinations.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_protocol.h"
 #include "companion/socket_pool.h"
@@ -21,7 +21,7 @@ struct link_parts_t {
   LinkProtocol& protocol;
   FlowScheduler& scheduler;
   CompanionLog& log;
-  const DestinationPolicy& policy;
+  const Destinations& destinations;
   SocketPool& sockets;
   // To be called when something new waits in the scheduler, from the handlers
   // of streams and flows; not needed while the device's messages are handled.
@@ -36,14 +36,15 @@ struct link_parts_t {
   std::function<bool()> free_descriptor;
 };
 
-// A new IPv4 socket of |type|, non-blocking, for a stream or flow of |link|. A
-// flow gives its descriptor when there is no other. -1 on failure, with errno.
-inline UniqueFd OpenSocket(const link_parts_t& link, int type) {
+// A new socket of |family| and |type|, non-blocking, for a stream or flow of
+// |link|. A flow gives its descriptor when there is no other. -1 on failure,
+// with errno.
+inline UniqueFd OpenSocket(const link_parts_t& link, int family, int type) {
   const int flags = SOCK_NONBLOCK | SOCK_CLOEXEC;
-  const int fd = socket(AF_INET, type | flags, 0);
+  const int fd = socket(family, type | flags, 0);
   const bool is_out = fd == -1 && (errno == EMFILE || errno == ENFILE);
   return UniqueFd(
-      is_out && link.free_descriptor() ? socket(AF_INET, type | flags, 0) : fd);
+      is_out && link.free_descriptor() ? socket(family, type | flags, 0) : fd);
 }
 
 }  // namespace vantrel

@@ -195,9 +195,9 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
     EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
   }
   const case_t nothing = {LinkOpening::kAnyProtocol,
-                        Bytes("7f 00000003"),
-                        {"fatal 'the device begins with 7F, with which no "
-                         "protocol begins'"}};
+                          Bytes("7f 00000003"),
+                          {"fatal 'the device begins with 7F, with which no "
+                           "protocol begins'"}};
   EXPECT_THAT(Feed(nothing, 5), ElementsAreArray(nothing.calls));
   EXPECT_THAT(Feed(nothing, 1), ElementsAreArray(nothing.calls));
 }

@@ -37,7 +37,8 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
                     "stream %u: announced twice, ignored", id);
     return;
   }
-  if (const char* const refusal = GetRefusal(remote, uid)) {
+  std::optional<HostAndPort> target;
+  if (const char* const refusal = GetRefusal(remote, uid, &target)) {
     link_.log.Write(
         LogLevel::kInfo, LogKind::kRefusal, "stream %u: %s (%s) refused: %s",
         id, remote.ToString().c_str(), DescribeOwner(uid).c_str(), refusal);
@@ -48,13 +49,13 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
                   remote.ToString().c_str(), DescribeOwner(uid).c_str());
   auto stream =
       std::make_unique<RemoteStream>(link_, *this, held_, id, remote, uid);
-  if (!stream->Connect()) return TellClosed(id);
+  if (!stream->Connect(*target)) return TellClosed(id);
   streams_.emplace(id, std::move(stream));
   ++counts_[uid];
 }
 
-const char* LinkStreams::GetRefusal(const HostAndPort& remote,
-                                    uint32_t uid) const {
+const char* LinkStreams::GetRefusal(const HostAndPort& remote, uint32_t uid,
+                                    std::optional<HostAndPort>* target) const {
   if (remote.host.GetFamily() != AF_INET) return "not an IPv4 address";
   const size_t max_streams = link_.sockets.GetShare();
   if (GetCount() >= max_streams) return "too many streams";
@@ -62,7 +63,8 @@ const char* LinkStreams::GetRefusal(const HostAndPort& remote,
   if (GetCount() >= max_streams - max_streams / 4 && HasMost(uid)) {
     return "too many streams of one application";
   }
-  return link_.policy.Allows(remote.host) ? nullptr : "not an allowed address";
+  *target = link_.destinations.FindForStream(remote);
+  return *target ? nullptr : "not an allowed address";
 }
 
 bool LinkStreams::HasMost(uint32_t uid) const {

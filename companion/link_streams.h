@@ -55,8 +55,10 @@ class LinkStreams final : public RemoteStream::Owner {
   static constexpr int kFinishSeconds = 10;
   static constexpr int kFinishSecondsWithoutLink = 2;
 
-  // Null, or why a stream of |uid| to |remote| is not opened.
-  const char* GetRefusal(const HostAndPort& remote, uint32_t uid) const;
+  // Null, or why a stream of |uid| to |remote| is not opened; if it is,
+  // |target| is where to.
+  const char* GetRefusal(const HostAndPort& remote, uint32_t uid,
+                         std::optional<HostAndPort>* target) const;
   // Whether |uid| has at least half of the streams.
   bool HasMost(uint32_t uid) const;
   // What is known about the owner of a flow, for a log line.

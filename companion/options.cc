@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
+#include "common/interception.h"
 #include "support/command_line.h"
 
 namespace vantrel {
@@ -24,8 +25,13 @@ bool ParseNetwork(std::string text, companion_options_t* options) {
   return true;
 }
 
-// ADDRESS[:PORT]
+// ADDRESS[:PORT] or system
 bool ParseDnsServer(const std::string& text, companion_options_t* options) {
+  options->look_ups = look_ups_t();
+  if (text == "system") {
+    options->look_ups.are_all_for_name_servers = true;
+    return true;
+  }
   uint16_t port = 53;
   const size_t colon = text.find(':');
   if (colon != std::string::npos &&
@@ -36,7 +42,7 @@ bool ParseDnsServer(const std::string& text, companion_options_t* options) {
   if (inet_pton(AF_INET, text.substr(0, colon).c_str(), &address) != 1) {
     return false;
   }
-  options->dns_server =
+  options->look_ups.server =
       HostAndPort(IpAddress::FromIPv4NetworkBytes(address.s_addr), port);
   return true;
 }
@@ -130,8 +136,12 @@ void DefineTraffic(CLI::App* app, companion_options_t* options) {
         return ParseNetwork(text, out);
       },
       options);
-  AddParsed(app, "--dns", "ADDRESS[:PORT]", " with an IPv4 address",
-            "Send datagrams for port 53 there instead of to the address asked",
+  AddParsed(app, "--dns", "ADDRESS[:PORT]|system",
+            " with an IPv4 address, or the word",
+            "Send datagrams for port 53 there instead of to the address asked; "
+            "system: all name look-ups to the name servers of this machine, "
+            "which those for " +
+                std::string(kNameServerAddressText) + " reach anyway",
             ParseDnsServer, options);
   app->add_option("--build-info", options->build_info,
                   "What the handshake says about this build")

@@ -12,6 +12,7 @@
 #include "common/link_address.h"
 #include "companion/companion_log.h"
 #include "companion/destination_policy.h"
+#include "companion/destinations.h"
 #include "companion/link_listener.h"
 #include "support/link_opening.h"
 
@@ -38,7 +39,7 @@ struct companion_options_t {
   // What may wait for the remotes of one link.
   size_t max_held_bytes = 8 << 20;
   std::optional<active_network_t> network;
-  std::optional<HostAndPort> dns_server;
+  look_ups_t look_ups;
   std::string build_info;
   LogLevel log_level = LogLevel::kInfo;
   bool log_as_json = false;

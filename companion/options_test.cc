@@ -51,6 +51,7 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                  "--fd 0 --header --max-tx 65536",
                                  "--fd 0 --network 7,free",
                                  "--fd 0 --dns ::1",
+                                 "--fd 0 --dns systems",
                                  "--fd 0 --dns 1.2.3.4:0",
                                  "--fd 0 --dns 1.2.3.4:65536",
                                  "--fd 0 --allow 1.2.3.4/5",

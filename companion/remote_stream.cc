@@ -12,6 +12,8 @@
 #include <array>
 #include <utility>
 
+#include "support/socket_address.h"
+
 namespace vantrel {
 namespace {
 
@@ -42,7 +44,7 @@ RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
       id_(id),
       remote_(remote),
       uid_(uid),
-      edition_(link.policy.GetEdition()),
+      edition_(link.destinations.GetEdition(remote)),
       place_(link.sockets) {}
 
 RemoteStream::~RemoteStream() {
@@ -50,8 +52,8 @@ RemoteStream::~RemoteStream() {
   DropQueued();
 }
 
-bool RemoteStream::Connect() {
-  UniqueFd opened = OpenSocket(link_, SOCK_STREAM);
+bool RemoteStream::Connect(const HostAndPort& target) {
+  UniqueFd opened = OpenSocket(link_, target.host.GetFamily(), SOCK_STREAM);
   if (opened.Get() == -1) {
     LogConnectFailure(errno);
     return false;
@@ -62,10 +64,7 @@ bool RemoteStream::Connect() {
       [this] { link_.run([this] { OnWritable(); }); });
   const int fd = socket_->GetFd();
   TuneRemote(fd);
-  const sockaddr_in address = remote_.GetSockAddrV4();
-  const int result =
-      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  if (result == -1 && errno != EINPROGRESS) {
+  if (ConnectTo(fd, target) == -1 && errno != EINPROGRESS) {
     LogConnectFailure(errno);
     return false;
   }
@@ -86,8 +85,8 @@ bool RemoteStream::CompleteConnect() {
   }
   // The address may have become the machine's own before it answered. When that
   // happens later, the kernel there knows no such connection and resets it.
-  if (link_.policy.GetEdition() != edition_ &&
-      !link_.policy.Allows(remote_.host)) {
+  if (link_.destinations.GetEdition(remote_) != edition_ &&
+      !link_.destinations.FindForStream(remote_)) {
     link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
                     "stream %u: %s refused: not an allowed address any more",
                     id_, remote_.ToString().c_str());
@@ -101,6 +100,7 @@ bool RemoteStream::CompleteConnect() {
 }
 
 void RemoteStream::LogConnectFailure(int error) {
+  link_.destinations.OnFailed(remote_);
   link_.log.Write(LogLevel::kInfo, LogKind::kStream,
                   "stream %u: connect to %s failed: %s", id_,
                   remote_.ToString().c_str(), strerror(error));

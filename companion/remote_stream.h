@@ -47,8 +47,9 @@ class RemoteStream final : public FlowScheduler::Flow {
                uint32_t id, const HostAndPort& remote, uint32_t uid);
   ~RemoteStream() override;
 
-  // Begins to connect. False when that fails at once; the reason is logged.
-  [[nodiscard]] bool Connect();
+  // Begins to connect to |target|, which for the device stays |remote|. False
+  // when that fails at once; the reason is logged.
+  [[nodiscard]] bool Connect(const HostAndPort& target);
 
   uint32_t GetId() const { return id_; }
   uint32_t GetUid() const { return uid_; }
@@ -93,7 +94,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   const uint32_t id_;
   const HostAndPort remote_;
   const uint32_t uid_;
-  const uint32_t edition_;  // of the policy that allowed it
+  const uint32_t edition_;  // of where its bytes go
   const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
   std::deque<std::string> queue_;

@@ -42,7 +42,7 @@ class Script {
     auto [fd, device] = MakeSocketPair();
     device_ = std::move(device);
     link_ = std::make_unique<DeviceLink>(
-        DeviceLink::shared_t{loop_, options_, policy_, sockets_, turns_},
+        DeviceLink::shared_t{loop_, options_, destinations_, sockets_, turns_},
         UniqueFd(fd), 1, [] {});
   }
 
@@ -182,6 +182,8 @@ class Script {
   asio::io_context loop_{1};
   companion_options_t options_;
   const DestinationPolicy policy_;
+  NameServers name_servers_{"/nowhere"};
+  const Destinations destinations_{policy_, name_servers_, options_.look_ups};
   SocketPool sockets_{25, 0, 1};  // enough for 6 streams
   TurnQueue turns_{loop_};
   std::unique_ptr<Socket> device_;

@@ -1,5 +1,6 @@
 """The real companion by itself; the test plays its devices."""
 
+import contextlib
 import itertools
 import json
 import os
@@ -95,7 +96,11 @@ def remote():
 
 
 def take(sock, count):
-    got = sock.recv(count, socket.MSG_WAITALL)
+    got = b""  # MSG_WAITALL does not wait on a socket with a time-out
+    while piece := sock.recv(count - len(got)):
+        got += piece
+        if len(got) == count:
+            break
     assert len(got) == count
     return got
 
@@ -128,6 +133,67 @@ def test_devices_of_all_protocols_at_once(companion, link):
     assert "the device begins with 47, with which no protocol begins" in process.log()
     ping(old)
     assert not select.select([silent], [], [], 0)[0]
+
+
+@pytest.fixture
+def resolver_file(tmp_path):
+    """What the companion's machine has as /etc/resolv.conf."""
+    path = tmp_path / "resolv.conf"
+    path.touch()
+    real = os.path.realpath("/etc/resolv.conf")
+    subprocess.run(["mount", "--bind", path, real], check=True)
+    yield path
+    subprocess.run(["umount", real], check=True)
+
+
+@contextlib.contextmanager
+def name_server(address):
+    """A question and an answer each, over UDP and over TCP."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as datagrams, \
+            socket.create_server((address, 53)) as streams:
+        datagrams.bind((address, 53))
+        for one in datagrams, streams:
+            one.settimeout(10)
+        yield datagrams, streams
+
+
+def test_name_look_ups_reach_the_machine_s_own_name_servers(companion, link, resolver_file):
+    well_known, elsewhere = "192.168.167.53", "203.0.113.5"
+    with name_server("127.0.0.66") as (dead, _), name_server("127.0.0.67") as (server, streams), \
+            name_server("127.0.0.68") as (other, _):
+        resolver_file.write_text("nameserver 127.0.0.66\nnameserver 127.0.0.67\n")
+        process = companion("--deny", "192.168.0.0/16", protocol="1")
+        one = link()
+
+        def ask(expected, address=well_known):
+            one.sendall(datagram(53, b"q", address))
+            question, asker = expected.recvfrom(100)
+            return question, asker
+
+        ask(dead)  # which says nothing
+        time.sleep(2.1)
+        question, asker = ask(server)  # the application tries again
+        server.sendto(b"answer", asker)
+        answer = struct.pack(">B4sHH", 4, socket.inet_aton(well_known), 53, 6) + b"answer"
+        assert (question, take(one, len(answer))) == (b"q", answer)
+
+        one.sendall(connect(7, well_known, 53) + data(7, b"q"))
+        peer = streams.accept()[0]
+        assert peer.recv(1) == b"q"
+        peer.sendall(b"answer")
+        answer = struct.pack(">BI", 6, 7) + data(7, b"answer")  # with its acknowledgement
+        assert take(one, len(answer)) == answer
+
+        resolver_file.write_text("nameserver 127.0.0.68\n")
+        time.sleep(1.1)
+        ask(other)
+        one.sendall(datagram(54, b"q", well_known) + datagram(53, b"q", "127.0.0.68"))
+        wait_until(lambda: process.log().count("not an allowed address") == 2, "refusals")
+        end_process(process)
+
+        companion("--dns", "system", protocol="1")
+        one = link()
+        ask(other, elsewhere)
 
 
 def test_many_links_and_no_room(companion, link, remote):

@@ -102,13 +102,14 @@ _vantrel_companion() {
   local cur prev words
   _vantrel_begin || return
   case $prev in
-    --protocol) _vantrel_words 1 5 20 ;;
+    --protocol) _vantrel_words auto 1 5 20 ;;
     --listen) _vantrel_link unix: tcp: rfcomm: ;;
     --security) _vantrel_words low medium high ;;
     --log-level) _vantrel_words error warning info debug ;;
     --log-format) _vantrel_words text json ;;
+    --dns) _vantrel_words system ;;
     --fd | --max-links | --max-tx | --allow | --deny | --max-pending | \
-      --network | --dns | --build-info) ;;
+      --network | --build-info) ;;
     *)
       _vantrel_words --help --version --protocol --listen --fd --max-links \
         --allow-remote-links --security --header --max-tx --allow --deny \
