@@ -194,12 +194,23 @@ TEST(LinkProtocolTest, ReadsWholeAndByteByByte) {
     EXPECT_THAT(Feed(c, c.bytes.size()), ElementsAreArray(c.calls));
     EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
   }
-  const case_t nothing = {LinkOpening::kAnyProtocol,
-                          Bytes("7f 00000003"),
-                          {"fatal 'the device begins with 7F, with which no "
-                           "protocol begins'"}};
-  EXPECT_THAT(Feed(nothing, 5), ElementsAreArray(nothing.calls));
-  EXPECT_THAT(Feed(nothing, 1), ElementsAreArray(nothing.calls));
+  const case_t beginnings[] = {
+      {LinkOpening::kAnyProtocol,
+       Bytes("7f 00000003"),
+       {"fatal 'the device begins with 7F, with which no protocol begins'"}},
+      // A connection header would begin like that, too.
+      {LinkOpening::kAnyProtocol,
+       Bytes("05 00000000"),
+       {"ready 'protocol 1'", "reply 0500000000"}},
+      {LinkOpening::kAnyProtocol,
+       Bytes("16 0000000000 665544332211 0000000000000000 00000000"),
+       {"fatal 'the device sends a connection header, which has no place here; "
+        "is it to be started without --header?'"}},
+  };
+  for (const case_t& c : beginnings) {
+    EXPECT_THAT(Feed(c, c.bytes.size()), ElementsAreArray(c.calls));
+    EXPECT_THAT(Feed(c, 1), ElementsAreArray(c.calls));
+  }
 }
 
 }  // namespace

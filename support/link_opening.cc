@@ -57,7 +57,7 @@ void LinkOpening::Append(std::string_view bytes) {
 }
 
 void LinkOpening::Look() {
-  if (bytes_.empty()) return;
+  if (bytes_.empty() || HasFoundProtocol()) return;
   if (MayBeConnectionHeader()) {
     if (bytes_.size() < kConnectionHeaderSize) return;
     return Fail(std::string("sends a connection header, which has no place "
@@ -66,7 +66,8 @@ void LinkOpening::Look() {
   }
   switch (protocol_) {
     case kAnyProtocol:
-      return LookForProtocol();
+      return Fail("begins with" + Hex(std::string_view(bytes_).substr(0, 1)) +
+                  ", with which no protocol begins");
     case 20:
       return LookAtFrame();
     default:
@@ -74,8 +75,11 @@ void LinkOpening::Look() {
   }
 }
 
-// In the wrong byte order the magic number is still that of a frame.
-void LinkOpening::LookForProtocol() {
+// In the wrong byte order the magic number is still that of a frame. A first
+// message may look like a connection header as far as it goes, and nothing need
+// follow.
+bool LinkOpening::HasFoundProtocol() {
+  if (protocol_ != kAnyProtocol) return false;
   const uint8_t type = GetByte(0);
   const uint8_t handshake =
       sender_ == Sender::kDevice ? TYPE_HANDSHAKE : TYPE_HANDSHAKE_ACK;
@@ -84,10 +88,10 @@ void LinkOpening::LookForProtocol() {
   } else if (IsV1Type(type)) {
     protocol_ = type == handshake ? 5 : 1;
   } else {
-    return Fail("begins with" + Hex(std::string_view(bytes_).substr(0, 1)) +
-                ", with which no protocol begins");
+    return false;
   }
   Finish();
+  return true;
 }
 
 bool LinkOpening::MayBeConnectionHeader() const {

@@ -47,7 +47,8 @@ class LinkOpening {
   // Each looks at the beginning and calls Fail() or Finish(), or waits for
   // more.
   void Look();
-  void LookForProtocol();
+  // Finishes then.
+  bool HasFoundProtocol();
   void LookAtFrame();
   void LookAtSizes();
   void LookAtChecksum(size_t header_size);

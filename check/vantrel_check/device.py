@@ -63,8 +63,8 @@ class Device:
     """Reads and judges all that comes; what no message may ever be like goes into
     |faults|. A check sends, waits, and looks at streams and |messages|."""
 
-    def __init__(self, env, sock):
-        self.codec = env.codec
+    def __init__(self, env, sock, codec):
+        self.codec = codec
         self.decoder = self.codec.decoder()
         self.messages = []  # of the kinds that no stream takes
         self.faults = []  # a Failed each

@@ -62,13 +62,14 @@ class Environment:
         self._servers = []
         self._echo = self._probe_server = None
 
-    def open_link(self):
-        """A device on a new link, before the handshake."""
+    def open_link(self, codec=None):
+        """A device on a new link, before the handshake; with |codec| one that speaks
+        another protocol."""
         sock = self._link_source.open()
         self.trace.note("a new link")
         if self._has_header:
             self._take_header(sock)
-        self.devices.append(Device(self, sock))
+        self.devices.append(Device(self, sock, codec or self.codec))
         return self.devices[-1]
 
     def device(self):
