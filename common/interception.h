@@ -6,7 +6,10 @@
 
 namespace vantrel {
 
-// The address of interface ifb0. The device's route gives it to the
+// The interface whose address the applications send from.
+constexpr char kInterface[] = "ifb0";
+
+// Its address. The device's route gives it to the
 // applications as their source. As text, and in host byte order.
 constexpr char kApplicationAddressText[] = "192.168.167.239";
 constexpr uint32_t kApplicationAddress = 0xC0A8A7EF;

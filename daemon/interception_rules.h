@@ -21,9 +21,6 @@ constexpr char kTcpChain[] = "oem_PROXY_TCP";
 constexpr char kUdpTable[] = "mangle";
 constexpr char kUdpChain[] = "oem_PROXY_UDP";
 
-// The interface whose address the applications send from.
-constexpr char kInterface[] = "ifb0";
-
 // A command of the tool that adds one chain or one rule, without the tool and
 // its general options.
 struct interception_rule_t {

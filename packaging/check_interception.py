@@ -12,17 +12,18 @@ HEADERS = ROOT / "common/interception.h", ROOT / "daemon/interception_rules.h"
 # Each file, and what of the definitions it must mention.
 USERS = {
     "testbed/device.sh": ["kApplicationAddressText", "kInterface", "kIptablesWrapper"],
-    "packaging/linux/network": ["kApplicationAddressText", "kInterface"],
-    "packaging/linux/no_tunnel.nft": ["kInterface"],
     "testbed/device.py": ["kApplicationAddressText", "kTcpChain", "kUdpChain"],
     "scripts/lib/demo_steps.py": [],
     "docs/android.md": ["kApplicationAddressText", "kInterface", "kIptablesWrapper", "kTcpChain",
                         "kUdpChain"],
-    "docs/bluetooth.md": ["kApplicationAddressText", "kInterface"],
+    "docs/bluetooth.md": ["kApplicationAddressText", "kNameServerAddressText", "kInterface"],
+    "docs/protocol-v2.md": ["kApplicationAddressText", "kNameServerAddressText"],
+    "packaging/man/vantrel-launch.1.scd": ["kApplicationAddressText", "kNameServerAddressText",
+                                           "kInterface"],
 }
 # What looks like one of the definitions, and so must be one.
 LOOKALIKES = {
-    r"\b192\.168\.\d+\.\d+\b": ["kApplicationAddressText"],
+    r"\b192\.168\.\d+\.\d+\b": ["kApplicationAddressText", "kNameServerAddressText"],
     r"\bifb\d+\b": ["kInterface"],
     r"\boem_PROXY_[A-Z]+\b": ["kTcpChain", "kUdpChain"],
     r"/system/bin/\S*iptables[^\s\"'`]*": ["kIptablesWrapper"],

@@ -24,7 +24,7 @@ build=("${programs[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev)
 test=(
   python3 python3-pytest
   # the device on the bench: namespaces, interfaces, rules
-  util-linux mount procps iproute2 iptables net-tools
+  util-linux mount procps iproute2 iptables nftables net-tools
   # a clock that jumps; a kernel that refuses
   libfaketime python3-seccomp
   # clients and servers of tests and demonstration
@@ -64,7 +64,7 @@ all=(
   git clang-format clang-tidy cppcheck shellcheck python3-flake8 lua-check
   lintian
   # the package's services, and what they use
-  systemd systemd-container nftables logrotate
+  systemd systemd-container logrotate
   # real headers of the device
   android-liblog-dev android-libcutils-dev android-libutils-dev
   # the device's build system, which reads Android.bp

@@ -163,9 +163,11 @@ def listening_companion(device, *options, protocol="5"):
 
 class Launch:
     """One run of the launcher on |device|; |link| has a scheme, or is the name of
-    a socket in the device's directory."""
+    a socket in the device's directory. The resolver stays as it is: on a device that
+    is made of this machine it may be the machine's own."""
 
-    def __init__(self, device, *options, link="link", wait=True, pass_fds=()):
+    def __init__(self, device, *options, link="link", wait=True, pass_fds=(), dns=False):
+        options += () if dns else ("--no-dns",)
         link = link if ":" in link else f"unix:{device.dir}/{link}"
         self.device = device
         self.out, self.err = device.dir / "status.txt", device.dir / "talk.txt"

@@ -101,7 +101,8 @@ exec {network} {program} "$@"
 
     def start(protocol, *options, link=f"rfcomm:{COMPANION}/{CHANNEL}"):
         command = device.command([BIN_DIR / "vantrel-launch", "--daemon", "/run/daemon",
-                                  "--protocol", protocol, *options, link])
+                                  "--protocol", protocol, "--no-network", "--no-dns",
+                                  *options, link])
         command.remove("--net")
         programs.append(Program(
             device.dir / "launch.log", command,

@@ -35,12 +35,12 @@ real connections, and tells which program moved how much.
 .
 The package has the daemon, the program that connects the link and starts it,
 and tools for looking at both. The companion is a package of its own.")
-# The daemon runs iptables and ifconfig, vantrel-network.service runs ip and nft.
+# The daemon runs iptables and ifconfig, vantrel-launch and vantrelctl run ip and nft.
 if(NOT DEFINED CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS)
   set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS "iptables, net-tools, iproute2, nftables")
 endif()
 set(CPACK_DEBIAN_DEVICE_PACKAGE_SUGGESTS
-    "bluez, bash-completion, logrotate, wireshark, vantrel-companion")
+    "bluez, resolvconf, bash-completion, logrotate, wireshark, vantrel-companion")
 set(CPACK_DEBIAN_DEVICE_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/conffiles ${CMAKE_CURRENT_LIST_DIR}/postinst
     ${CMAKE_CURRENT_LIST_DIR}/prerm ${CMAKE_CURRENT_LIST_DIR}/postrm)

@@ -64,7 +64,7 @@ def main():
         # daemon is stopped in order afterwards.
         launcher = subprocess.Popen(
             [f"{bin_dir}/vantrel-launch", "--daemon", f"{bin_dir}/vantrel",
-             "--status-socket", "/run/vantrel.status", *words],
+             "--status-socket", "/run/vantrel.status", "--no-network", "--no-dns", *words],
             stdin=subprocess.DEVNULL, stdout=status, stderr=log,
             start_new_session=True,
             env={**os.environ, "VANTREL_LOG_FILE": f"{log_dir}/daemon.log"})

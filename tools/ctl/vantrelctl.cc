@@ -13,6 +13,7 @@
 #include "support/standard_descriptors.h"
 #include "tools/ctl/control_command.h"
 #include "tools/ctl/top_command.h"
+#include "tools/device_network.h"
 #include "tools/lock_file.h"
 #include "tools/rules.h"
 
@@ -51,6 +52,23 @@ int TearDownRules(const std::string& lock, bool is_forced) {
   return rules.empty() ? 0 : 1;
 }
 
+int MakeNetwork() {
+  DeviceNetwork(DeviceNetwork::Maker::kSystem)
+      .Make([](const std::string& text) {
+        PrintFailure(kProgram, text, std::cerr);
+      });
+  return 0;
+}
+
+int TakeNetworkAway() {
+  const auto faults =
+      DeviceNetwork(DeviceNetwork::Maker::kSystem).TakeAwayAll();
+  for (const std::string& fault : faults) {
+    PrintFailure(kProgram, fault, std::cerr);
+  }
+  return faults.empty() ? 0 : 1;
+}
+
 // The command line: |run| is what it asks for, once it was parsed.
 class CommandLine {
  public:
@@ -65,6 +83,7 @@ class CommandLine {
     AddPlain("stats", TYPE_TRANSFER_STATS,
              "Report transfer statistics on the status channel");
     AddRules();
+    AddNetwork();
     AddTop();
   }
   CommandLine(const CommandLine&) = delete;  // the parser points into this
@@ -143,6 +162,19 @@ class CommandLine {
                        "Remove them also while a daemon runs");
     teardown->callback(
         [this] { run_ = [this] { return TearDownRules(lock_, is_forced_); }; });
+  }
+
+  void AddNetwork() {
+    CLI::App* const network = app_.add_subcommand(
+        "network",
+        "The interface, address, routes and rules that a daemon needs here");
+    network->require_subcommand(1);
+    network
+        ->add_subcommand("start",
+                         "Make what is missing, for whatever launcher comes")
+        ->callback([this] { run_ = MakeNetwork; });
+    network->add_subcommand("stop", "Take all of it away, whoever has made it")
+        ->callback([this] { run_ = TakeNetworkAway; });
   }
 
   void AddTop() {

@@ -24,6 +24,8 @@ struct launch_options_t {
   bool is_direct = false;       // no header, no relay
   bool is_json = false;
   bool is_restarting = false;
+  bool makes_network = true;      // what is missing of it
+  bool gives_name_server = true;  // to the device's resolver
 };
 
 }  // namespace vantrel

@@ -11,7 +11,7 @@
 #include <exception>
 #include <utility>
 
-#include "tools/launch/route_look.h"
+#include "tools/route_look.h"
 #include "tools/system_failure.h"
 
 // The constructor starts the daemon, with the link itself (--direct) or with
@@ -59,11 +59,13 @@ void MakeBlocking(int fd) {
 
 LaunchSession::LaunchSession(const launch_options_t& options,
                              connected_link_t link, EventLoop& loop,
-                             LaunchReporter& reporter, PcapngWriter* capture)
+                             LaunchReporter& reporter, PcapngWriter* capture,
+                             std::function<void()> on_start)
     : options_(options),
       loop_(loop),
       reporter_(reporter),
       capture_(capture),
+      on_start_(std::move(on_start)),
       status_timer_(loop.GetContext(), [this] { status_->WaitReadable(); }),
       grace_timer_(loop.GetContext(), [this] { is_grace_over_ = true; }),
       kill_timer_(loop.GetContext(), [this] { KillDaemon(); }),
@@ -239,6 +241,7 @@ void LaunchSession::HandleRecord(const status_record_t& record) {
   if (record.kind != status_record_t::Kind::kStarted) return;
   started_ = GetSteadyTime();
   slow_start_timer_.Cancel();
+  on_start_();
   LookAtRules();
   LookAtRoute();
   if (inbound_ && options_.protocol != "1") {
@@ -271,7 +274,8 @@ void LaunchSession::LookAtRules() {
 }
 
 void LaunchSession::LookAtRoute() {
-  const std::string fault = FindFaultOfRoute(daemon_->GetPid());
+  if (!HasOurNetwork(daemon_->GetPid())) return;
+  const std::string fault = FindFaultOfRoute();
   if (!fault.empty()) reporter_.Say("warning: " + fault);
 }
 

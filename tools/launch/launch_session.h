@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string_view>
 
@@ -33,11 +34,12 @@ class LaunchSession {
     bool is_stop_wanted = false;  // a signal was passed on
   };
 
-  // |capture| may be null; all references outlive this. Throws
-  // std::system_error when the daemon cannot be started.
+  // |capture| may be null; |on_start| is called when the daemon has reported
+  // its start. All references outlive this. Throws std::system_error
+  // when the daemon cannot be started.
   LaunchSession(const launch_options_t& options, connected_link_t link,
                 EventLoop& loop, LaunchReporter& reporter,
-                PcapngWriter* capture);
+                PcapngWriter* capture, std::function<void()> on_start);
   ~LaunchSession();
   LaunchSession(const LaunchSession&) = delete;
   LaunchSession& operator=(const LaunchSession&) = delete;
@@ -73,6 +75,7 @@ class LaunchSession {
   EventLoop& loop_;
   LaunchReporter& reporter_;
   PcapngWriter* const capture_;
+  const std::function<void()> on_start_;
 
   std::optional<Descriptor> status_;  // none once the channel has ended
   Timer status_timer_;                // while it rests

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -38,7 +39,10 @@ bool IsUsageError(int wait_status) {
 }  // namespace
 
 Launcher::Launcher(const launch_options_t& options)
-    : options_(options), lock_(options.lock), reporter_(options, loop_) {
+    : options_(options),
+      lock_(options.lock),
+      reporter_(options, loop_),
+      name_server_([this](const std::string& text) { reporter_.Say(text); }) {
   if (!options.capture.empty()) {
     capture_ = std::make_unique<PcapngWriter>(
         loop_.GetContext(), options.capture,
@@ -46,7 +50,31 @@ Launcher::Launcher(const launch_options_t& options)
   }
 }
 
+Launcher::~Launcher() { TakeNetworkAway(); }
+
+void Launcher::MakeNetwork() {
+  if (options_.makes_network) {
+    try {
+      network_.Make([this](const std::string& text) { reporter_.Say(text); });
+    } catch (const std::exception& e) {
+      throw std::runtime_error(e.what() +
+                               std::string("; --no-network goes without it"));
+    }
+    has_network_ = true;
+  }
+  if (options_.gives_name_server) name_server_.TakeBackLeftOver();
+}
+
+void Launcher::TakeNetworkAway() {
+  name_server_.TakeBack();
+  if (!std::exchange(has_network_, false)) return;
+  for (const std::string& fault : network_.TakeAway()) {
+    reporter_.Say("of the device's network something is left: " + fault);
+  }
+}
+
 int Launcher::Run() {
+  MakeNetwork();
   std::chrono::seconds pause = kFirstPause;
   while (true) {
     const attempt_t attempt = Attempt();
@@ -63,6 +91,7 @@ int Launcher::Run() {
 
 int Launcher::End(int exit_status) {
   if (loop_.GetStopSignal() != 0) reporter_.Stopping();
+  TakeNetworkAway();
   if (capture_) capture_->Finish(LaunchReporter::kLastMomentMs);
   reporter_.Finish();
   return exit_status;
@@ -84,14 +113,17 @@ Launcher::attempt_t Launcher::Attempt() {
 }
 
 Launcher::attempt_t Launcher::RunSession(connected_link_t link) {
+  if (options_.gives_name_server) name_server_.Give();
   const LaunchSession::end_t end =
-      LaunchSession(options_, std::move(link), loop_, reporter_, capture_.get())
+      LaunchSession(options_, std::move(link), loop_, reporter_, capture_.get(),
+                    [this] { name_server_.HandleStart(); })
           .Run();
   attempt_t attempt;
   attempt.has_worked = end.uptime >= kAtOnce;
   attempt.exit_status = WIFSIGNALED(end.wait_status)
                             ? 128 + WTERMSIG(end.wait_status)
                             : WEXITSTATUS(end.wait_status);
+  name_server_.TakeBack();
   attempt.is_final = end.is_stop_wanted || IsUsageError(end.wait_status);
   if (!CleanUp()) {
     attempt.is_final = true;

@@ -54,6 +54,14 @@ void AddLinkOptions(CLI::App* app, launch_options_t* options) {
                 "up to 60 s");
 }
 
+void AddNetworkOptions(CLI::App* app, launch_options_t* options) {
+  app->add_flag("!--no-network", options->makes_network,
+                "Leave the device's interface, address, routes and rules as "
+                "they are");
+  app->add_flag("!--no-dns", options->gives_name_server,
+                "Leave the device's resolver as it is");
+}
+
 void AddRelayOptions(CLI::App* app, launch_options_t* options) {
   CLI::Option* const direct =
       app->add_flag("--direct", options->is_direct,
@@ -116,6 +124,7 @@ std::optional<int> ParseOptions(int argc, char** argv,
       kProgram);
   AddVersion(&app);
   AddLinkOptions(&app, options);
+  AddNetworkOptions(&app, options);
   AddRelayOptions(&app, options);
   AddReportOptions(&app, options);
   return ParseCommandLine(&app, argc, argv, std::cout, std::cerr,

@@ -91,7 +91,8 @@ _vantrel_launch() {
     *)
       if [[ $cur == -* ]]; then
         _vantrel_words --help --version --protocol --daemon --restart \
-          --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security
+          --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security \
+          --no-network --no-dns
       else
         _vantrel_connect fd:
       fi ;;
@@ -132,6 +133,7 @@ _vantrelctl() {
       else
         _vantrel_words status teardown --help
       fi ;;
+    network) _vantrel_words start stop --help ;;
     pull | push)
       if [[ $prev == p* ]]; then
         _vantrel_words 64K 1M 10M
@@ -140,7 +142,7 @@ _vantrelctl() {
       fi ;;
     stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
     top) _vantrel_words --status-socket --log --once --json --help ;;
-    *) _vantrel_words stop dump ping pull push stats rules top --help --version ;;
+    *) _vantrel_words stop dump ping pull push stats rules network top --help --version ;;
   esac
 }
 
