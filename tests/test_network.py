@@ -155,7 +155,7 @@ def test_a_default_route_that_wins_is_named(bare, remote):
     before = network_of(device)
     run = launch_on(device)
     run.wait_for(run.err, "past the daemon")
-    command = re.search(r"; (ip route del default dev eth0) removes it\n", run.err.read_text())[1]
+    command = re.search(r"; what helps: (ip route del default dev eth0)\n", run.err.read_text())[1]
     device.run(*command.split())
     assert reaches(device)
     device.run("ip", "route", "add", "default", "dev", "eth0")

@@ -166,7 +166,7 @@ void TakeAwayInterface(const mark_t& mark, std::vector<std::string>* faults) {
 void DeviceNetwork::Make(
     const std::function<void(const std::string& text)>& warn) const {
   try {
-    if (!FindFaultOfInterface().empty() || !FindFaultOfRoute().empty()) {
+    if (!FindFaultOfInterface().empty() || !FindFaultOfRoute().text.empty()) {
       MakeInterface();
       MakeAddress();
       MakeRoute();

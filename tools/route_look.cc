@@ -94,30 +94,30 @@ bool IsUsable(const std::string& flags) {
 
 }  // namespace
 
-std::string FindFaultOfRoute() {
+route_fault_t FindFaultOfRoute() {
   route_t route;
-  if (!FindRoute(inet_addr(kSomewhere), &route)) return "";
+  if (!FindRoute(inet_addr(kSomewhere), &route)) return {};
   const std::string where = std::string("the route to ") + kSomewhere;
   if (route.error != 0) {
-    return "there is no route to the daemon, applications have no network: " +
-           where + ": " + strerror(route.error) +
-           "; vantrelctl network start makes one";
+    return {"there is no route to the daemon, applications have no network: " +
+                where + ": " + strerror(route.error),
+            "vantrelctl network start"};
   }
   char name[IF_NAMESIZE] = "?";
   if (route.type != RTN_LOCAL) {
     if_indextoname(route.interface, name);
-    return where + " leads through " + name +
-           ", past the daemon: a default route of this machine wins; ip route "
-           "del default dev " +
-           name + " removes it";
+    return {where + " leads through " + name +
+                ", past the daemon: a default route of this machine wins",
+            std::string("ip route del default dev ") + name};
   }
   if (route.source != inet_addr(kApplicationAddressText)) {
     in_addr source = {route.source};
-    return where + " has the source address " + inet_ntoa(source) +
-           " and not " + kApplicationAddressText +
-           ": owners of connections will not be found";
+    return {where + " has the source address " + inet_ntoa(source) +
+                " and not " + kApplicationAddressText +
+                ": owners of connections will not be found",
+            ""};
   }
-  return "";
+  return {};
 }
 
 bool LeadsToDaemon(const std::string& address) {

@@ -8,11 +8,17 @@
 
 namespace vantrel {
 
+// What is wrong with a route, in words for a person, and the command that mends
+// it. Both are empty when nothing is; the second also where none does.
+struct route_fault_t {
+  std::string text;
+  std::string command;
+};
+
 // One look at the way that the traffic of applications takes: the rules have
-// only what leaves through lo, and answers go to kApplicationAddress. What is
-// wrong, in words for a person and with the command that helps; empty when
-// nothing is, or when the kernel does not tell.
-std::string FindFaultOfRoute();
+// only what leaves through lo, and answers go to kApplicationAddress. Nothing
+// is wrong when the kernel does not tell.
+route_fault_t FindFaultOfRoute();
 
 // Whether an IPv4 address, in text, is reached over the daemon. False also for
 // what is none and for addresses of the machine itself.

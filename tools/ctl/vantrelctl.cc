@@ -7,11 +7,13 @@
 #include <iostream>
 #include <string>
 
+#include "common/link_address.h"
 #include "common/printable.h"
 #include "control/control_packets.h"
 #include "support/command_line.h"
 #include "support/standard_descriptors.h"
 #include "tools/ctl/control_command.h"
+#include "tools/ctl/doctor.h"
 #include "tools/ctl/top_command.h"
 #include "tools/device_network.h"
 #include "tools/lock_file.h"
@@ -85,6 +87,7 @@ class CommandLine {
     AddRules();
     AddNetwork();
     AddTop();
+    AddDoctor();
   }
   CommandLine(const CommandLine&) = delete;  // the parser points into this
   CommandLine& operator=(const CommandLine&) = delete;
@@ -195,10 +198,56 @@ class CommandLine {
     top->callback([this] { run_ = [this] { return RunTop(top_); }; });
   }
 
+  void AddDoctor() {
+    CLI::App* const doctor = app_.add_subcommand(
+        "doctor",
+        "Go through all that a tunnel needs, and say what is wrong and what "
+        "helps");
+    doctor
+        ->add_option("--lock", doctor_.lock,
+                     "The lock file of this device (default " +
+                         std::string(kLockFile) + ")")
+        ->type_name("FILE");
+    doctor
+        ->add_option_function<std::string>(
+            "--link",
+            [this](const std::string& text) {
+              std::string reason;
+              if (!ParseLinkAddress(text, LinkSide::kConnect, &reason)) {
+                throw CLI::ValidationError(text, reason);
+              }
+              doctor_.link = text;
+            },
+            "The link, where no vantrel-launch runs that has one")
+        ->type_name("LINK");
+    doctor
+        ->add_option("--status-socket", doctor_.status_socket,
+                     "The socket of vantrel-launch (default: the one that it "
+                     "has)")
+        ->check(FindFaultOfSocketPath)
+        ->type_name("PATH");
+    doctor
+        ->add_option("--log", doctor_.log,
+                     "The daemon's log (default: the one that it has)")
+        ->type_name("FILE");
+    doctor
+        ->add_option("--host", doctor_.host,
+                     "A web server to look up and to load a page from "
+                     "(default " +
+                         doctor_.host + ")")
+        ->type_name("NAME");
+    doctor->add_option("--port", doctor_.port, "Its port (default 80)")
+        ->check(CLI::Range(1, 65535));
+    doctor->add_flag("--json", doctor_.is_json,
+                     "Print JSON objects, one a line, instead");
+    doctor->callback([this] { run_ = [this] { return RunDoctor(doctor_); }; });
+  }
+
   CLI::App app_{"Commands for a running daemon and for its interception rules.",
                 kProgram};
   control_command_t command_;
   top_options_t top_;
+  doctor_options_t doctor_;
   std::string lock_ = kLockFile;
   bool is_forced_ = false;
   std::function<int()> run_;

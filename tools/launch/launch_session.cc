@@ -275,8 +275,11 @@ void LaunchSession::LookAtRules() {
 
 void LaunchSession::LookAtRoute() {
   if (!HasOurNetwork(daemon_->GetPid())) return;
-  const std::string fault = FindFaultOfRoute();
-  if (!fault.empty()) reporter_.Say("warning: " + fault);
+  const route_fault_t fault = FindFaultOfRoute();
+  if (fault.text.empty()) return;
+  reporter_.Say(
+      "warning: " + fault.text +
+      (fault.command.empty() ? "" : "; what helps: " + fault.command));
 }
 
 void LaunchSession::KillDaemon() {

@@ -124,9 +124,11 @@ _vantrelctl() {
   _vantrel_begin || return
   case $prev in
     --log | --lock | --status-socket) _vantrel_file ''; return ;;
-    --timeout) return ;;
+    --link) _vantrel_connect; return ;;
+    --timeout | --host | --port) return ;;
   esac
   case ${words[1]} in
+    doctor) _vantrel_words --lock --link --status-socket --log --host --port --json --help ;;
     rules)
       if [[ ${words[2]} == teardown ]]; then
         _vantrel_words --lock --force --help
@@ -142,7 +144,7 @@ _vantrelctl() {
       fi ;;
     stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
     top) _vantrel_words --status-socket --log --once --json --help ;;
-    *) _vantrel_words stop dump ping pull push stats rules network top --help --version ;;
+    *) _vantrel_words stop dump ping pull push stats rules network top doctor --help --version ;;
   esac
 }
 
