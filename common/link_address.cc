@@ -60,25 +60,13 @@ const char* ParseTcp(const std::string& rest, LinkSide side,
              : "the port is not a number from 1 to 65535";
 }
 
-bool ParseBluetoothAddress(const std::string& text,
-                           std::array<uint8_t, 6>* address) {
-  if (text.size() != 17) return false;
-  for (size_t i = 0; i < address->size(); ++i) {
-    const char* const digits = text.data() + 3 * i;
-    if (i > 0 && digits[-1] != ':') return false;
-    const auto end = std::from_chars(digits, digits + 2, (*address)[i], 16);
-    if (end.ec != std::errc() || end.ptr != digits + 2) return false;
-  }
-  return true;
-}
-
 const char* ParseRfcomm(const std::string& rest, LinkSide side,
                         link_address_t* address) {
   std::string channel = rest;
   if (side == LinkSide::kConnect) {
     const size_t slash = rest.find('/');
-    if (slash == std::string::npos ||
-        !ParseBluetoothAddress(rest.substr(0, slash), &address->bluetooth)) {
+    address->bluetooth = ParseBluetoothAddress(rest.substr(0, slash));
+    if (slash == std::string::npos || !address->bluetooth) {
       return "expected XX:XX:XX:XX:XX:XX/CHANNEL";
     }
     channel = rest.substr(slash + 1);
@@ -87,6 +75,13 @@ const char* ParseRfcomm(const std::string& rest, LinkSide side,
   if (!number) return "the channel is not a number from 1 to 30";
   address->channel = *number;
   return nullptr;
+}
+
+const char* ParseBluetooth(const std::string& rest, LinkSide side,
+                           link_address_t* address) {
+  if (side == LinkSide::kListen) return "nothing may follow when listening";
+  address->bluetooth = ParseBluetoothAddress(rest);
+  return address->bluetooth ? nullptr : "expected XX:XX:XX:XX:XX:XX";
 }
 
 const char* ParseFd(const std::string& rest, LinkSide side,
@@ -112,8 +107,15 @@ std::optional<link_address_t> ParseLinkAddress(const std::string& text,
       {"unix:", link_address_t::Kind::kUnix, ParseUnix},
       {"tcp:", link_address_t::Kind::kTcp, ParseTcp},
       {"rfcomm:", link_address_t::Kind::kRfcomm, ParseRfcomm},
+      {"bluetooth:", link_address_t::Kind::kBluetooth, ParseBluetooth},
       {"fd:", link_address_t::Kind::kFd, ParseFd},
   };
+  if (text == kBluetoothLink) {
+    link_address_t address;
+    address.kind = link_address_t::Kind::kBluetooth;
+    address.text = text;
+    return address;
+  }
   for (const kind_t& kind : kKinds) {
     const size_t length = strlen(kind.prefix);
     if (text.compare(0, length, kind.prefix) != 0) continue;
@@ -125,10 +127,11 @@ std::optional<link_address_t> ParseLinkAddress(const std::string& text,
     *reason = fault;
     return std::nullopt;
   }
-  *reason =
-      side == LinkSide::kListen
-          ? "expected unix:PATH, tcp:HOST:PORT or rfcomm:CHANNEL"
-          : "expected unix:PATH, tcp:HOST:PORT, rfcomm:BDADDR/CHANNEL or fd:N";
+  *reason = side == LinkSide::kListen
+                ? "expected bluetooth, unix:PATH, tcp:HOST:PORT or "
+                  "rfcomm:CHANNEL"
+                : "expected bluetooth[:BDADDR], unix:PATH, tcp:HOST:PORT, "
+                  "rfcomm:BDADDR/CHANNEL or fd:N";
   return std::nullopt;
 }
 

@@ -4,31 +4,38 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <array>
 #include <optional>
 #include <string>
+
+#include "common/bluetooth_address.h"
 
 namespace vantrel {
 
 // An end of the link, as a command line names it. To connect to:
+//   bluetooth (the paired machine that offers the service), bluetooth:BDADDR,
 //   unix:PATH, tcp:HOST:PORT, rfcomm:BDADDR/CHANNEL, fd:N
 // To listen on:
-//   unix:PATH, tcp:HOST:PORT (0: any port), rfcomm:CHANNEL (any adapter)
+//   bluetooth (all adapters), unix:PATH, tcp:HOST:PORT (0: any port),
+//   rfcomm:CHANNEL (any adapter)
 // A PATH that begins with "@" is an abstract name; an IPv6 HOST has brackets.
 struct link_address_t {
-  enum class Kind { kUnix, kTcp, kRfcomm, kFd };
+  enum class Kind { kUnix, kTcp, kRfcomm, kFd, kBluetooth };
 
   Kind kind = Kind::kUnix;
-  std::string text;                       // as given, for messages
-  std::string path;                       // unix; not empty, fits sockaddr_un
-  std::string host;                       // tcp, without brackets
-  std::string port;                       // tcp, decimal
-  std::array<uint8_t, 6> bluetooth = {};  // rfcomm, in the order as printed
-  int channel = 0;                        // rfcomm, 1 to 30
-  int fd = -1;                            // fd; not looked at
+  std::string text;  // as given, for messages
+  std::string path;  // unix; not empty, fits sockaddr_un
+  std::string host;  // tcp, without brackets
+  std::string port;  // tcp, decimal
+  // rfcomm; bluetooth, where none was named: to be found.
+  std::optional<BluetoothAddress> bluetooth;
+  int channel = 0;  // rfcomm, 1 to 30
+  int fd = -1;      // fd; not looked at
 };
 
 enum class LinkSide { kConnect, kListen };
+
+// Of a link that the programs find by its Bluetooth service.
+constexpr char kBluetoothLink[] = "bluetooth";
 
 // None when |text| is no address for |side|; |reason| then says why, in a few
 // words without |text|.

@@ -17,9 +17,10 @@ std::string Parse(const std::string& text, LinkSide side) {
     case link_address_t::Kind::kTcp:
       return link->host + " port " + link->port;
     case link_address_t::Kind::kRfcomm:
-      return std::to_string(link->bluetooth[0]) + ".." +
-             std::to_string(link->bluetooth[5]) + " channel " +
+      return (link->bluetooth ? ToText(*link->bluetooth) : "") + " channel " +
              std::to_string(link->channel);
+    case link_address_t::Kind::kBluetooth:
+      return link->bluetooth ? ToText(*link->bluetooth) : "any machine";
     case link_address_t::Kind::kFd:
       return "descriptor " + std::to_string(link->fd);
   }
@@ -50,12 +51,16 @@ TEST(LinkAddress, IsReadAlikeAtBothEndsWhereItMeansTheSame) {
       {"tcp:h:65536", "!", "!"},
       {"tcp:h:+80", "!", "!"},
       {"tcp:h:http", "!", "!"},
-      {"rfcomm:01:23:45:67:89:aF/30", "1..175 channel 30", "!"},
+      {"rfcomm:01:23:45:67:89:aF/30", "01:23:45:67:89:AF channel 30", "!"},
       {"rfcomm:01:23:45:67:89:AB/31", "!", "!"},
       {"rfcomm:01:23:45:67:89:A/1", "!", "!"},
       {"rfcomm:01:23:45:67:89-AB/1", "!", "!"},
-      {"rfcomm:1", "!", "0..0 channel 1"},
+      {"rfcomm:1", "!", " channel 1"},
       {"rfcomm:0", "!", "!"},
+      {"bluetooth", "any machine", "any machine"},
+      {"bluetooth:01:23:45:67:89:aF", "01:23:45:67:89:AF", "!"},
+      {"bluetooth:01:23:45:67:89:AB/1", "!", "!"},
+      {"bluetooth:", "!", "!"},
       {"fd:0", "descriptor 0", "!"},
       {"fd:-1", "!", "!"},
       {"fd:", "!", "!"},

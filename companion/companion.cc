@@ -105,6 +105,7 @@ void Companion::RunLoop() {
 // wait again.
 void Companion::GoOn() {
   for (LinkListener& listener : listeners_) listener.GoOn();
+  if (bluetooth_) bluetooth_->GoOn();
   turns_.GoOn();
   signals_.cancel();
   WaitForSignal();
@@ -118,6 +119,10 @@ bool Companion::OpenListeners() {
   const LinkListener::settings_t settings = {options_.allows_remote_links,
                                              options_.security};
   for (const link_address_t& address : options_.listen) {
+    if (address.kind == link_address_t::Kind::kBluetooth) {
+      if (!OpenBluetooth()) return false;
+      continue;
+    }
     listeners_.emplace_back(loop_,
                             [this](UniqueFd fd, const std::string& peer) {
                               TakeLink(std::move(fd), peer);
@@ -125,6 +130,14 @@ bool Companion::OpenListeners() {
     if (!listeners_.back().Open(address, settings)) return false;
   }
   return true;
+}
+
+bool Companion::OpenBluetooth() {
+  bluetooth_ = std::make_unique<BluetoothListener>(
+      loop_, [this](UniqueFd fd, const std::string& peer) {
+        TakeLink(std::move(fd), peer);
+      });
+  return bluetooth_->Open(options_.security) || options_.listens_by_default;
 }
 
 void Companion::TakeLink(UniqueFd fd, const std::string& peer) {
@@ -233,6 +246,7 @@ void Companion::Stop() {
   is_stopping_ = true;
   service_manager_.Notify("STOPPING=1");
   listeners_.clear();
+  bluetooth_.reset();
   AskAll([](DeviceLink& link) { link.Close("companion is shutting down"); });
   stop_timer_.WaitFor(kStopTime);
   OnLinkChanged();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "companion/bluetooth_listener.h"
 #include "companion/destination_policy.h"
 #include "companion/destinations.h"
 #include "companion/device_link.h"
@@ -41,6 +42,8 @@ class Companion {
 
   // False when one cannot be opened.
   [[nodiscard]] bool OpenListeners();
+  // Likewise, but for a listener that nobody has asked for.
+  [[nodiscard]] bool OpenBluetooth();
   // Runs the loop until it is stopped, whatever fails for want of memory.
   void RunLoop();
   void GoOn();
@@ -90,6 +93,7 @@ class Companion {
   Timer watchdog_;
   Timer stop_timer_;
   std::list<LinkListener> listeners_;
+  std::unique_ptr<BluetoothListener> bluetooth_;  // null: not asked for
   Links links_;
   uint32_t last_id_ = 0;
   bool is_ticking_ = false;

@@ -5,10 +5,10 @@
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -43,11 +43,10 @@ std::string DescribeTcp(const sockaddr_storage& address, socklen_t length) {
 std::string DescribeRfcomm(const sockaddr_storage& address) {
   sockaddr_rc rfcomm;
   memcpy(&rfcomm, &address, sizeof(rfcomm));
-  char text[18];
-  const uint8_t* const b = rfcomm.rc_bdaddr.b;  // last byte first
-  snprintf(text, sizeof(text), "%02X:%02X:%02X:%02X:%02X:%02X", b[5], b[4],
-           b[3], b[2], b[1], b[0]);
-  return std::string("rfcomm:") + text;
+  const uint8_t* const bytes = rfcomm.rc_bdaddr.b;  // last byte first
+  BluetoothAddress peer = {};
+  std::reverse_copy(bytes, bytes + peer.size(), peer.begin());
+  return "rfcomm:" + ToText(peer);
 }
 
 std::string DescribeUnix(int fd) {
@@ -93,6 +92,7 @@ bool LinkListener::Open(const link_address_t& address,
       return OpenTcp(address, settings.allows_remote_links);
     case link_address_t::Kind::kRfcomm:
       return OpenRfcomm(address, settings.security);
+    case link_address_t::Kind::kBluetooth:  // see BluetoothListener
     case link_address_t::Kind::kFd:
       break;
   }
@@ -142,7 +142,9 @@ bool LinkListener::OpenTcp(const link_address_t& address,
 bool LinkListener::OpenRfcomm(const link_address_t& address,
                               LinkSecurity security) {
   UniqueFd fd = OpenRfcommSocket(security);
-  if (fd.Get() < 0) return Fail(address.text, DescribeRfcommFailure(errno));
+  if (fd.Get() < 0) {
+    return Fail(address.text, DescribeBluetoothFailure(errno).c_str());
+  }
   sockaddr_rc name = {};  // any adapter
   name.rc_family = AF_BLUETOOTH;
   name.rc_channel = static_cast<uint8_t>(address.channel);

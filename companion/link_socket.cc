@@ -57,6 +57,11 @@ bool LinkSocket::HasRoom() const {
 
 void LinkSocket::EndWriting() { static_cast<void>(shutdown(GetFd(), SHUT_WR)); }
 
+void LinkSocket::Close() {
+  if (descriptor_) static_cast<void>(shutdown(GetFd(), SHUT_RDWR));
+  descriptor_.reset();
+}
+
 void LinkSocket::SetHold(size_t bytes) {
   if (bytes < hold_ + hold_ / 4 && bytes + hold_ / 4 > hold_) return;
   hold_ = bytes;

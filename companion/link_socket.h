@@ -24,6 +24,9 @@ class LinkSocket {
 
   LinkSocket(asio::io_context& loop, UniqueFd fd,
              Descriptor::Handler on_readable, Descriptor::Handler on_writable);
+  LinkSocket(const LinkSocket&) = delete;
+  LinkSocket& operator=(const LinkSocket&) = delete;
+  ~LinkSocket() { Close(); }
 
   Result Read(char* buffer, size_t size, size_t* count);
   Result Write(const char* data, size_t size, size_t* count);
@@ -31,8 +34,10 @@ class LinkSocket {
   bool HasRoom() const;
   int GetFd() const { return descriptor_->GetFd(); }
   void EndWriting();
-  // Nothing but GetReason() may be called afterwards, and no handler is.
-  void Close() { descriptor_.reset(); }
+  // Ends the link also where another process has its socket, too: BlueZ keeps
+  // those that it has handed over. Nothing but GetReason() may be called
+  // afterwards, and no handler is.
+  void Close();
   // About how many bytes the kernel holds before HasRoom() says no.
   void SetHold(size_t bytes);
 

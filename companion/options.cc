@@ -1,7 +1,9 @@
 #include "companion/options.h"
 
 #include <arpa/inet.h>
+#include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/interception.h"
 #include "support/command_line.h"
@@ -86,12 +88,13 @@ void DefineLinks(CLI::App* app, companion_options_t* options) {
       {{"auto", LinkOpening::kAnyProtocol}, {"1", 1}, {"5", 5}, {"20", 20}},
       "auto", &options->protocol);
   auto* link = app->add_option_group("Link");
-  AddList(app, "--listen", "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
-          "Wait for links there; may be given several times");
+  AddList(app, "--listen", "bluetooth|unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL",
+          "Wait for links there; may be given several times (default: "
+          "bluetooth, and a socket file in $XDG_RUNTIME_DIR or /run)");
   AddParsed(app, "--fd", "N", ", the number of an open socket",
             "Serve the connected socket N, then exit", ParseFd, options);
   link->add_options(app->get_option("--listen"), app->get_option("--fd"));
-  link->require_option(1);
+  link->require_option(0, 1);
   app->add_option("--max-links", options->max_links, "Links at the same time")
       ->check(CLI::Range(1, 10000))
       ->capture_default_str();
@@ -99,7 +102,7 @@ void DefineLinks(CLI::App* app, companion_options_t* options) {
                 "Let tcp: links come from other machines; they are neither "
                 "encrypted nor authenticated");
   AddChoice<LinkSecurity>(app, "--security",
-                          "Least protection of rfcomm: links",
+                          "Least protection of bluetooth and rfcomm: links",
                           {{"low", LinkSecurity::kLow},
                            {"medium", LinkSecurity::kMedium},
                            {"high", LinkSecurity::kHigh}},
@@ -164,12 +167,39 @@ void DefineLog(CLI::App* app, companion_options_t* options) {
       "Log every datagram, acknowledgement and close, as --log-level debug");
 }
 
+// Where the user, or root, keeps sockets; empty where that is nowhere.
+std::string GetRuntimeDirectory() {
+  const char* const directory = getenv("XDG_RUNTIME_DIR");
+  if (directory != nullptr && *directory != '\0') return directory;
+  return geteuid() == 0 ? "/run" : "";
+}
+
+std::vector<std::string> GetDefaultListen() {
+  std::vector<std::string> listen = {kBluetoothLink};
+  const std::string directory = GetRuntimeDirectory();
+  if (!directory.empty()) {
+    listen.push_back("unix:" + directory + "/" + kProgram + ".sock");
+  }
+  return listen;
+}
+
 void ReadListen(const CLI::App& app, companion_options_t* options) {
-  for (const std::string& text : app.get_option("--listen")->results()) {
+  std::vector<std::string> listen = app.get_option("--listen")->results();
+  if (listen.empty() && !options->fd) {
+    listen = GetDefaultListen();
+    options->listens_by_default = listen.size() > 1;
+  }
+  for (const std::string& text : listen) {
     std::string reason;
     const auto address = ParseLinkAddress(text, LinkSide::kListen, &reason);
     if (!address) throw CLI::ValidationError("--listen " + text, reason);
     options->listen.push_back(*address);
+    if (address->kind == link_address_t::Kind::kBluetooth &&
+        options->security == LinkSecurity::kHigh) {
+      throw CLI::ValidationError(
+          "--security high",
+          "BlueZ cannot ask for it: --listen rfcomm:CHANNEL");
+    }
   }
 }
 

@@ -30,6 +30,9 @@ struct companion_options_t {
   // Either of these two.
   std::vector<link_address_t> listen;
   std::optional<int> fd;
+  // Nobody has asked for |listen|: it is what a companion usually needs. A
+  // machine without Bluetooth is no failure then.
+  bool listens_by_default = false;
   size_t max_links = 64;
   bool allows_remote_links = false;
   LinkSecurity security = LinkSecurity::kMedium;

@@ -1,6 +1,8 @@
 #include "companion/options.h"
 
 #include <gmock/gmock.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <iterator>
 #include <sstream>
@@ -39,9 +41,39 @@ TEST(OptionsTest, KeepsTheOrderOfRules) {
   EXPECT_EQ(2u, options.listen.size());
 }
 
+TEST(OptionsTest, ListensByItself) {
+  const struct {
+    std::string line;
+    const char* runtime_directory;  // null: the variable is not set
+    std::vector<std::string> listen;
+  } cases[] = {
+      {"",
+       "/run/user/7",
+       {"bluetooth", "unix:/run/user/7/vantrel-companion.sock"}},
+      {"", nullptr,
+       geteuid() == 0
+           ? std::vector<std::string>{"bluetooth",
+                                      "unix:/run/vantrel-companion.sock"}
+           : std::vector<std::string>{"bluetooth"}},
+      {"--listen bluetooth", "/run/user/7", {"bluetooth"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    c.runtime_directory == nullptr
+        ? unsetenv("XDG_RUNTIME_DIR")
+        : setenv("XDG_RUNTIME_DIR", c.runtime_directory, 1);
+    companion_options_t options;
+    std::string error;
+    EXPECT_EQ(std::nullopt, Parse(c.line, &options, &error)) << error;
+    std::vector<std::string> listen;
+    for (const auto& address : options.listen) listen.push_back(address.text);
+    EXPECT_EQ(c.listen, listen);
+    EXPECT_EQ(c.line.empty() && listen.size() > 1, options.listens_by_default);
+  }
+}
+
 TEST(OptionsTest, RefusesWithOneLine) {
-  for (const char* const line : {"",
-                                 "--fd",
+  for (const char* const line : {"--fd",
                                  "--fd 12345",
                                  "--fd x",
                                  "--fd 0 more",
@@ -62,7 +94,9 @@ TEST(OptionsTest, RefusesWithOneLine) {
                                  "--fd 0 --log-level loud",
                                  "--fd 0 --log-format xml",
                                  "--listen unix:/tmp/s --listen x",
-                                 "--listen rfcomm:0"}) {
+                                 "--listen rfcomm:0",
+                                 "--security high",
+                                 "--listen bluetooth --listen bluetooth:1"}) {
     SCOPED_TRACE(line);
     companion_options_t options;
     std::string error;

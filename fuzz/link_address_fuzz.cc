@@ -22,6 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (address->kind == link_address_t::Kind::kRfcomm) {
       FUZZ_CHECK(address->channel >= 1 && address->channel <= 30);
+      FUZZ_CHECK(address->bluetooth.has_value() ==
+                 (side == LinkSide::kConnect));
     }
     FUZZ_CHECK(address->kind != link_address_t::Kind::kFd || address->fd >= 0);
   }

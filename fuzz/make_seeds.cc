@@ -266,6 +266,8 @@ void SeedTexts() {
                                    "tcp:[::1]:65535",
                                    "rfcomm:01:23:45:67:89:aB/30",
                                    "rfcomm:1",
+                                   "bluetooth",
+                                   "bluetooth:01:23:45:67:89:aB",
                                    "fd:3"};
   int number = 0;
   for (const char* address : addresses) {

@@ -55,11 +55,21 @@ echo 'LISTEN=unix:/run/vantrel-companion/link' >/etc/vantrel/companion.conf
 systemctl enable --now vantrel-companion
 [ -S /run/vantrel-companion/link ]
 [ "$(systemctl show --property=CanReload vantrel-companion)" = CanReload=no ]
+# Nothing keeps it from D-Bus, where nobody has Bluetooth here.
+echo 'LISTEN=bluetooth' >/etc/vantrel/companion.conf
+systemctl restart vantrel-companion
+timeout 10 sh -c 'until journalctl --unit=vantrel-companion | grep -q "BlueZ does not run"; do
+  sleep 0.1; done'
 systemctl stop vantrel-companion
 
 # A service whose companion is away is ready all the same, or a boot would not end.
 printf 'LINK=%s\nPROTOCOL=20\nVANTREL_LOG_FILE=/var/log/vantrel/daemon.log\n' "unix:$dir/away" \
   >/etc/vantrel/check.conf
+echo 'PROTOCOL=20' >/etc/vantrel/bluetooth.conf
+timeout 20 systemctl start vantrel-launch@bluetooth
+timeout 10 sh -c 'until systemctl show --property=StatusText vantrel-launch@bluetooth |
+  grep -q "BlueZ does not run"; do sleep 0.1; done'
+systemctl stop vantrel-launch@bluetooth
 echo 'OPTIONS=--metrics /dev/null' >>/etc/vantrel/check.conf
 fails_for_good vantrel-launch@check
 sed -i s,/dev/null,/var/lib/vantrel/metrics.prom, /etc/vantrel/check.conf

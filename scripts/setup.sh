@@ -9,9 +9,9 @@ set -euo pipefail
 
 programs=(
   cmake ninja-build g++
-  # wire messages, command lines, JSON records, Bluetooth addresses
+  # wire messages, command lines, JSON records, Bluetooth, D-Bus
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
-  libbluetooth-dev
+  libbluetooth-dev libsystemd-dev
   # the event loop of the programs beside the daemon; what draws on a terminal
   libasio-dev libncurses-dev
 )
@@ -27,6 +27,8 @@ test=(
   util-linux mount procps iproute2 iptables nftables net-tools
   # a clock that jumps; a kernel that refuses
   libfaketime python3-seccomp
+  # a message bus, and who plays BlueZ there
+  dbus-daemon python3-dbus python3-gi
   # clients and servers of tests and demonstration
   curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test; a terminal for vantrelctl top
@@ -64,7 +66,7 @@ all=(
   git clang-format clang-tidy cppcheck shellcheck python3-flake8 lua-check
   lintian
   # the package's services, and what they use
-  systemd systemd-container logrotate
+  systemd systemd-container dbus logrotate
   # real headers of the device
   android-liblog-dev android-libcutils-dev android-libutils-dev
   # the device's build system, which reads Android.bp

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-namespace vantrel {
+#include "support/exit_status.h"
 
-// Of a program whose command line is wrong.
-constexpr int kUsageStatus = 2;
+namespace vantrel {
 
 // Gives |app|, which has the program's name, its --version.
 void AddVersion(CLI::App* app);

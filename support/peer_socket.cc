@@ -46,10 +46,22 @@ UniqueFd OpenRfcommSocket(LinkSecurity security) {
   return fd;
 }
 
-const char* DescribeRfcommFailure(int error) {
-  return error == EAFNOSUPPORT || error == EPROTONOSUPPORT
-             ? "this kernel has no Bluetooth sockets"
-             : strerror(error);
+std::string DescribeBluetoothFailure(int error) {
+  const std::string reason = strerror(error);
+  switch (error) {
+    case EAFNOSUPPORT:
+    case EPROTONOSUPPORT:
+      return "this kernel has no Bluetooth sockets";
+    case EHOSTDOWN:
+      return reason + "; is it in reach, and its adapter on?";
+    case EHOSTUNREACH:
+      return reason + "; is this machine's adapter on?";
+    case EACCES:
+    case EBADE:
+      return reason + "; are the two machines still paired?";
+    default:
+      return reason;
+  }
 }
 
 void TuneTcpLink(int fd) {

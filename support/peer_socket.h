@@ -2,6 +2,8 @@
 
 #include <stddef.h>
 
+#include <string>
+
 #include "common/unique_fd.h"
 
 namespace vantrel {
@@ -19,8 +21,9 @@ enum class LinkSecurity {
 // |security|. Without a descriptor when the system has none; errno says why.
 UniqueFd OpenRfcommSocket(LinkSecurity security);
 
-// The reason that |error| of OpenRfcommSocket() has, in words.
-const char* DescribeRfcommFailure(int error);
+// The reason that |error|, an errno of a Bluetooth socket, has, in words, and
+// what to look at.
+std::string DescribeBluetoothFailure(int error);
 
 // Small messages do not wait for each other, and a peer that has vanished
 // without a word ends the connection within 30 s, idle or busy. Does nothing to

@@ -31,9 +31,7 @@ void EventLoop::AwaitSignal() {
 
 EventLoop::Wake EventLoop::WaitFor(int fd, Readiness readiness,
                                    SteadyTime end) {
-  const uint32_t signals_before = stop_signal_count_;
   bool is_ready = false;
-  bool is_late = false;
   std::optional<Descriptor> descriptor;
   if (fd >= 0) {
     UniqueFd own = Duplicate(fd);
@@ -43,12 +41,39 @@ EventLoop::Wake EventLoop::WaitFor(int fd, Readiness readiness,
     readiness == Readiness::kReadable ? descriptor->WaitReadable()
                                       : descriptor->WaitWritable();
   }
+  return Run([&is_ready] { return is_ready; }, end);
+}
+
+EventLoop::Wake EventLoop::Run(const std::function<bool()>& is_done,
+                               SteadyTime end) {
+  const uint32_t signals_before = stop_signal_count_;
+  bool is_late = false;
   Timer timer(context_, [&is_late] { is_late = true; });
   timer.WaitUntil(end);
-  while (!is_ready && !is_late && stop_signal_count_ == signals_before) {
+  while (!is_done() && !is_late && stop_signal_count_ == signals_before) {
     context_.run_one();
   }
-  return is_ready ? Wake::kReady : is_late ? Wake::kTimeout : Wake::kSignal;
+  return is_done() ? Wake::kReady : is_late ? Wake::kTimeout : Wake::kSignal;
+}
+
+void EventLoop::AwaitReady(int fd, Readiness readiness, SteadyTime end) {
+  ThrowUnlessReady(WaitFor(fd, readiness, end));
+}
+
+void EventLoop::WaitUntil(const std::function<bool()>& is_done,
+                          SteadyTime end) {
+  ThrowUnlessReady(Run(is_done, end));
+}
+
+void EventLoop::ThrowUnlessReady(Wake wake) {
+  switch (wake) {
+    case Wake::kReady:
+      return;
+    case Wake::kSignal:
+      throw Interrupted();
+    case Wake::kTimeout:
+      throw SystemFailure(ETIMEDOUT);
+  }
 }
 
 }  // namespace vantrel

@@ -48,7 +48,14 @@ LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
 void LaunchReporter::Connecting() {
   // However long the companion is away: it is the link that is not ready then.
   if (!std::exchange(is_ready_told_, true)) service_manager_.Notify("READY=1");
+  state_.link = options_.link.text;
   Enter(launch_state_t::Phase::kConnecting, "connecting " + options_.link.text);
+}
+
+void LaunchReporter::Connected(const std::string& link,
+                               const std::string& name) {
+  state_.link = link;
+  if (!name.empty()) Say("connected to " + name + " (" + link + ")");
 }
 
 void LaunchReporter::Failed(const std::string& reason) {
@@ -66,8 +73,7 @@ void LaunchReporter::Record(const status_record_t& record) {
       ++state_.starts;
       started_ms_ = GetTimeMs();
       network_.clear();
-      Enter(launch_state_t::Phase::kRunning,
-            "running over " + options_.link.text);
+      Enter(launch_state_t::Phase::kRunning, "running over " + state_.link);
       break;
     case status_record_t::Kind::kNetworkState:
       // Most often the same as before.
@@ -86,7 +92,7 @@ void LaunchReporter::TellNetwork() {
   // The run may have ended since, and the next one has none yet.
   if (state_.phase != launch_state_t::Phase::kRunning || network_.empty())
     return;
-  Enter(state_.phase, "running over " + options_.link.text + ", " + network_);
+  Enter(state_.phase, "running over " + state_.link + ", " + network_);
 }
 
 void LaunchReporter::Stopping() {

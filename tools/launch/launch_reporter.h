@@ -33,6 +33,8 @@ class LaunchReporter {
   LaunchReporter(const launch_options_t& options, EventLoop& loop);
 
   void Connecting();
+  // |link| is where; |name|, if not empty, whose machine was found there.
+  void Connected(const std::string& link, const std::string& name);
   // An attempt has ended without a daemon.
   void Failed(const std::string& reason);
   void Record(const status_record_t& record);

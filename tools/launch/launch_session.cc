@@ -135,8 +135,7 @@ void LaunchSession::StartRelay(connected_link_t link, UniqueFd near_end,
   in.on_end = [this] { HandleInboundEnd(); };
   out.on_end = [this] { HandleOutboundEnd(); };
   if (capture_ != nullptr) {
-    capture_->BeginLink("protocol " + options_.protocol + " over " +
-                        options_.link.text);
+    capture_->BeginLink("protocol " + options_.protocol + " over " + link.text);
     // Both at the link's own side of the relay.
     in.on_read = [this, tap = MakeTap(PcapngWriter::kFromCompanion)](
                      std::string_view bytes) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "control/status_records.h"
+#include "support/exit_status.h"
 #include "tools/launch/link_connector.h"
 #include "tools/system_failure.h"
 
@@ -100,8 +101,12 @@ int Launcher::End(int exit_status) {
 Launcher::attempt_t Launcher::Attempt() {
   try {
     reporter_.Connecting();
-    return RunSession(
-        ConnectLink(options_.link, options_.security, &loop_, kConnectTimeout));
+    connected_link_t link =
+        ConnectLink(options_.link, options_.security, &loop_, kConnectTimeout);
+    reporter_.Connected(link.text, link.name);
+    return RunSession(std::move(link));
+  } catch (const ChoiceNeeded& choice) {
+    return GiveUp(choice);
   } catch (const std::exception& e) {
     reporter_.Failed(e.what());
   }
@@ -109,6 +114,15 @@ Launcher::attempt_t Launcher::Attempt() {
   const int stop_signal = loop_.GetStopSignal();
   attempt.is_final = stop_signal != 0;
   if (stop_signal != 0) attempt.exit_status = 128 + stop_signal;
+  return attempt;
+}
+
+Launcher::attempt_t Launcher::GiveUp(const ChoiceNeeded& choice) {
+  reporter_.Failed(choice.what());
+  for (const std::string& line : choice.GetChoices()) reporter_.Say(line);
+  attempt_t attempt;
+  attempt.is_final = true;
+  attempt.exit_status = kUsageStatus;
   return attempt;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/device_network.h"
+#include "tools/launch/companion_finder.h"
 #include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/launch_reporter.h"
@@ -41,6 +42,8 @@ class Launcher {
     bool is_final = false;  // another attempt is not wanted or cannot help
   };
   attempt_t Attempt();
+  // Another attempt would have the same choice.
+  attempt_t GiveUp(const ChoiceNeeded& choice);
   attempt_t RunSession(connected_link_t link);
   // Removes the rules that the daemon has left. False when they may still
   // stand, which was then said.

@@ -11,7 +11,10 @@
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
+#include "bluez/service_search.h"
+#include "tools/launch/companion_finder.h"
 #include "tools/system_failure.h"
 
 namespace vantrel {
@@ -26,11 +29,6 @@ struct wait_t {
   std::chrono::milliseconds timeout;
 };
 
-class Interrupted : public std::runtime_error {
- public:
-  Interrupted() : std::runtime_error("interrupted") {}
-};
-
 UniqueFd OpenSocket(int family, int type, int protocol) {
   UniqueFd fd(socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol));
   if (fd.Get() < 0) throw SystemFailure(errno);
@@ -38,15 +36,8 @@ UniqueFd OpenSocket(int family, int type, int protocol) {
 }
 
 void WaitConnected(int fd, const wait_t& wait) {
-  switch (wait.loop->WaitFor(fd, EventLoop::Readiness::kWritable,
-                             GetSteadyTime() + wait.timeout)) {
-    case EventLoop::Wake::kReady:
-      break;
-    case EventLoop::Wake::kSignal:
-      throw Interrupted();
-    case EventLoop::Wake::kTimeout:
-      throw SystemFailure(ETIMEDOUT);
-  }
+  wait.loop->AwaitReady(fd, EventLoop::Readiness::kWritable,
+                        GetSteadyTime() + wait.timeout);
   int error = 0;
   socklen_t length = sizeof(error);
   getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
@@ -102,17 +93,32 @@ UniqueFd ConnectTcp(const link_address_t& link, wait_t wait) {
   }
 }
 
-UniqueFd ConnectRfcomm(const link_address_t& link, LinkSecurity security,
-                       const wait_t& wait) {
-  UniqueFd fd = OpenRfcommSocket(security);
-  if (fd.Get() < 0) throw std::runtime_error(DescribeRfcommFailure(errno));
+sockaddr_rc MakeRfcommAddress(const BluetoothAddress& machine, int channel) {
   sockaddr_rc address = {};
   address.rc_family = AF_BLUETOOTH;
-  address.rc_channel = static_cast<uint8_t>(link.channel);
-  // The kernel keeps the bytes of an address last one first.
-  std::reverse_copy(link.bluetooth.begin(), link.bluetooth.end(),
-                    address.rc_bdaddr.b);
-  ConnectSocket(fd.Get(), &address, sizeof(address), wait);
+  address.rc_channel = static_cast<uint8_t>(channel);
+  address.rc_bdaddr = ToKernel(machine);
+  return address;
+}
+
+UniqueFd ConnectRfcomm(const found_companion_t& companion,
+                       LinkSecurity security, const wait_t& wait) {
+  UniqueFd fd = OpenRfcommSocket(security);
+  if (fd.Get() < 0) throw std::runtime_error(DescribeBluetoothFailure(errno));
+  if (companion.adapter) {
+    const sockaddr_rc source = MakeRfcommAddress(*companion.adapter, 0);
+    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&source),
+             sizeof(source)) != 0) {
+      throw SystemFailure(errno);
+    }
+  }
+  const sockaddr_rc address =
+      MakeRfcommAddress(companion.address, companion.channel);
+  try {
+    ConnectSocket(fd.Get(), &address, sizeof(address), wait);
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(DescribeBluetoothFailure(e.code().value()));
+  }
   return fd;
 }
 
@@ -125,17 +131,46 @@ UniqueFd TakeDescriptor(const link_address_t& link) {
   return fd;
 }
 
-UniqueFd Connect(const link_address_t& address, LinkSecurity security,
-                 const wait_t& wait) {
+// For kinds that have one: the companion, and where its daemon says that it is.
+connected_link_t ConnectCompanion(const found_companion_t& companion,
+                                  LinkSecurity security, const wait_t& wait) {
+  connected_link_t link;
+  link.fd = ConnectRfcomm(companion, security, wait);
+  link.header.address = companion.address;
+  link.header.channel = companion.channel;
+  link.name = companion.name;
+  return link;
+}
+
+connected_link_t ConnectBluetooth(const link_address_t& address,
+                                  LinkSecurity security, const wait_t& wait) {
+  const found_companion_t companion = FindCompanion(
+      address.bluetooth, wait.loop, GetSteadyTime() + wait.timeout);
+  connected_link_t link = ConnectCompanion(companion, security, wait);
+  link.text = std::string(kBluetoothLink) + ":" + ToText(companion.address);
+  return link;
+}
+
+connected_link_t MakeLink(UniqueFd fd) {
+  connected_link_t link;
+  link.fd = std::move(fd);
+  return link;
+}
+
+connected_link_t Connect(const link_address_t& address, LinkSecurity security,
+                         const wait_t& wait) {
   switch (address.kind) {
     case link_address_t::Kind::kUnix:
-      return ConnectUnix(address, wait);
+      return MakeLink(ConnectUnix(address, wait));
     case link_address_t::Kind::kTcp:
-      return ConnectTcp(address, wait);
+      return MakeLink(ConnectTcp(address, wait));
     case link_address_t::Kind::kRfcomm:
-      return ConnectRfcomm(address, security, wait);
+      return ConnectCompanion({*address.bluetooth, {}, "", address.channel},
+                              security, wait);
+    case link_address_t::Kind::kBluetooth:
+      return ConnectBluetooth(address, security, wait);
     case link_address_t::Kind::kFd:
-      return TakeDescriptor(address);
+      return MakeLink(TakeDescriptor(address));
   }
   throw std::logic_error("unknown kind of link");
 }
@@ -161,16 +196,16 @@ std::string FindFaultOfDescriptor(int fd) {
 connected_link_t ConnectLink(const link_address_t& address,
                              LinkSecurity security, EventLoop* loop,
                              std::chrono::milliseconds timeout) {
-  connected_link_t link;
   try {
-    link.fd = Connect(address, security, {loop, timeout});
+    connected_link_t link = Connect(address, security, {loop, timeout});
+    if (link.text.empty()) link.text = address.text;
+    return link;
+  } catch (const ChoiceNeeded&) {
+    throw;
   } catch (const std::runtime_error& e) {
     throw std::runtime_error("cannot connect " + address.text + ": " +
                              e.what());
   }
-  link.header.address = address.bluetooth;
-  link.header.channel = address.channel;
-  return link;
 }
 
 }  // namespace vantrel

@@ -19,17 +19,19 @@ constexpr int kInUseStatus = 75;
 constexpr char kProgram[] = "vantrel-launch";
 
 void AddLinkOptions(CLI::App* app, launch_options_t* options) {
+  options->link.kind = link_address_t::Kind::kBluetooth;
+  options->link.text = kBluetoothLink;
   app->add_option_function<std::string>(
-         "LINK",
-         [options](const std::string& text) {
-           std::string reason;
-           const auto link =
-               ParseLinkAddress(text, LinkSide::kConnect, &reason);
-           if (!link) throw CLI::ValidationError(text, reason);
-           options->link = *link;
-         },
-         "unix:PATH, tcp:HOST:PORT, rfcomm:BDADDR/CHANNEL or fd:N")
-      ->required();
+      "LINK",
+      [options](const std::string& text) {
+        std::string reason;
+        const auto link = ParseLinkAddress(text, LinkSide::kConnect, &reason);
+        if (!link) throw CLI::ValidationError(text, reason);
+        options->link = *link;
+      },
+      "bluetooth[:BDADDR], unix:PATH, tcp:HOST:PORT, "
+      "rfcomm:BDADDR/CHANNEL or fd:N (default: bluetooth, the paired "
+      "machine that offers the network)");
   app->add_option("--protocol", options->protocol,
                   "The link protocol: 1, 5 or 20 (default 20)")
       ->check(CLI::IsMember({"1", "5", "20"}));

@@ -62,13 +62,15 @@ _vantrel_link() {
   fi
 }
 
-# The same for who connects. Behind rfcomm: come the machines that this one knows,
-# as far as the user may see them.
+# The same for who connects. The kinds of Bluetooth come with the machines that this
+# one knows, as far as the user may see them.
 _vantrel_connect() {
-  local device found=()
+  local device address found=()
   for device in /var/lib/bluetooth/*/??:??:??:??:??:??/; do
-    device=${device%/}
-    [ ! -d "$device" ] || found+=("rfcomm:${device##*/}/")
+    [ -d "$device" ] || continue
+    device=${device%/} address=${device##*/}
+    found+=("rfcomm:$address/")
+    [[ " $* " != *" bluetooth "* ]] || found+=("bluetooth:$address")
   done
   _vantrel_link unix: tcp: rfcomm: "$@" "${found[@]}"
 }
@@ -94,7 +96,7 @@ _vantrel_launch() {
           --direct --capture --shape --json --metrics --stats-every --status-socket --lock --security \
           --no-network --no-dns
       else
-        _vantrel_connect fd:
+        _vantrel_connect bluetooth fd:
       fi ;;
   esac
 }
@@ -104,7 +106,7 @@ _vantrel_companion() {
   _vantrel_begin || return
   case $prev in
     --protocol) _vantrel_words auto 1 5 20 ;;
-    --listen) _vantrel_link unix: tcp: rfcomm: ;;
+    --listen) _vantrel_link bluetooth unix: tcp: rfcomm: ;;
     --security) _vantrel_words low medium high ;;
     --log-level) _vantrel_words error warning info debug ;;
     --log-format) _vantrel_words text json ;;
