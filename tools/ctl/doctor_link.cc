@@ -1,11 +1,9 @@
 // The link to the companion.
-//
-// Whether a machine offers the companion's service belongs between pairing and
-// link, once links are named by a machine and not by a channel.
 #include <bluetooth/bluetooth.h>
 // Keeps this order.
 #include <bluetooth/hci.h>
-#include <stdio.h>
+#include <poll.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "bluez/service_search.h"
 #include "common/unique_fd.h"
 #include "tools/ctl/doctor_checks.h"
 
@@ -23,10 +22,13 @@ namespace fs = std::filesystem;
 
 // Where BlueZ keeps what it knows of other machines: ADAPTER/MACHINE/info.
 constexpr char kPairings[] = "/var/lib/bluetooth";
+// For each of the few steps; a machine out of reach takes 5 s to be given up.
+constexpr int kServiceWaitMs = 8000;
 
 bool IsBluetooth(const examination_t& examination) {
   return examination.link &&
-         examination.link->kind == link_address_t::Kind::kRfcomm;
+         (examination.link->kind == link_address_t::Kind::kRfcomm ||
+          examination.link->kind == link_address_t::Kind::kBluetooth);
 }
 
 finding_t NeedsNoBluetooth(const examination_t& examination) {
@@ -67,21 +69,49 @@ bool HasKey(const fs::path& info) {
 
 finding_t CheckPairing(examination_t* examination) {
   if (!IsBluetooth(*examination)) return NeedsNoBluetooth(*examination);
-  const auto& bytes = examination->link->bluetooth;
-  char machine[sizeof("01:23:45:67:89:AB")];
-  snprintf(machine, sizeof(machine), "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0],
-           bytes[1], bytes[2], bytes[3], bytes[4], bytes[5]);
+  if (!examination->link->bluetooth) return Unknown("no machine is named");
+  const std::string machine = ToText(*examination->link->bluetooth);
   std::error_code error;
   for (const auto& adapter : fs::directory_iterator(kPairings, error)) {
     if (HasKey(adapter.path() / machine / "info")) {
-      return Held(std::string("paired with ") + machine);
+      return Held("paired with " + machine);
     }
   }
   if (error && error != std::errc::no_such_file_or_directory) {
     return Unknown("needs root");
   }
-  return Broken(std::string("not paired with ") + machine,
-                std::string("bluetoothctl pair ") + machine);
+  return Broken("not paired with " + machine, "bluetoothctl pair " + machine);
+}
+
+// Whether the other machine has answered in time.
+bool Finish(ServiceSearch* search) {
+  while (search->GetWait() != ServiceSearch::Wait::kNothing) {
+    const bool is_writing = search->GetWait() == ServiceSearch::Wait::kWritable;
+    pollfd wait = {search->GetFd(),
+                   static_cast<short>(is_writing ? POLLOUT : POLLIN), 0};
+    if (poll(&wait, 1, kServiceWaitMs) <= 0) return false;
+    search->Advance();
+  }
+  return true;
+}
+
+finding_t CheckService(examination_t* examination) {
+  const auto& link = examination->link;
+  if (!link || link->kind != link_address_t::Kind::kBluetooth) {
+    return NeedsNoBluetooth(*examination);
+  }
+  if (!link->bluetooth) return Unknown("no machine is named");
+  const std::string machine = ToText(*link->bluetooth);
+  ServiceSearch search(std::nullopt, *link->bluetooth);
+  if (!Finish(&search)) return Broken(machine + " does not answer", "");
+  if (search.GetError() != 0) {
+    return Broken(machine + ": " + strerror(search.GetError()), "");
+  }
+  if (search.GetChannel() == 0) {
+    return Broken(machine + " does not offer the service",
+                  "vantrel-companion, on that machine");
+  }
+  return Held(machine + " offers the service");
 }
 
 finding_t CheckSocketFile(const link_address_t& link) {
@@ -125,6 +155,7 @@ finding_t CheckProtocol(examination_t* examination) {
 std::vector<check_t> GetLinkChecks() {
   return {{"adapter", CheckAdapter},
           {"pairing", CheckPairing},
+          {"service", CheckService},
           {"link", CheckLink},
           {"protocol", CheckProtocol}};
 }
