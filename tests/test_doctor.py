@@ -25,7 +25,7 @@ def doctor(device, *options, uid=0):
     result = device.run(BIN_DIR / "vantrelctl", "doctor", "--json", "--host", "server.test",
                         *options, uid=uid, check=False)
     found = {(line := json.loads(text))["check"]: line for text in result.stdout.splitlines()}
-    assert len(found) == 20 and result.stderr == ""
+    assert len(found) == 21 and result.stderr == ""
     assert (result.returncode == 0) == all(line["held"] for line in found.values())
     return found
 
