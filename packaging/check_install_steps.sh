@@ -56,6 +56,7 @@ systemctl enable --now vantrel-companion
 [ -S /run/vantrel-companion/link ]
 [ "$(systemctl show --property=CanReload vantrel-companion)" = CanReload=no ]
 # Nothing keeps it from D-Bus, where nobody has Bluetooth here.
+systemctl start dbus.socket
 echo 'LISTEN=bluetooth' >/etc/vantrel/companion.conf
 systemctl restart vantrel-companion
 timeout 10 sh -c 'until journalctl --unit=vantrel-companion | grep -q "BlueZ does not run"; do
@@ -121,6 +122,6 @@ dpkg --remove vantrel vantrel-companion
 [ -z "$(systemctl list-units --no-legend 'vantrel*' --state=active)" ]
 [[ $(iptables-save) != *oem_PROXY* ]]
 has_no_network
-rm /etc/vantrel/check.conf /etc/vantrel/companion.conf
+rm /etc/vantrel/check.conf /etc/vantrel/bluetooth.conf /etc/vantrel/companion.conf
 dpkg --purge vantrel vantrel-companion
 [ -z "$(find /etc /var/lib /var/log -path /var/lib/dpkg -prune -o -name '*vantrel*' -print)" ]

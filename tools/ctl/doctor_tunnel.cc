@@ -25,7 +25,7 @@ namespace {
 // A remote of a slow link answers within it.
 constexpr std::chrono::seconds kAnswerTimeout{10};
 // The daemon notes a connection before it carries a byte of it.
-constexpr std::chrono::seconds kLogTimeout{1};
+constexpr std::chrono::seconds kLogTimeout{3};
 constexpr std::chrono::milliseconds kLogInterval{10};
 
 constexpr char kNoTunnel[] = "no daemon runs";
