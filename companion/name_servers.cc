@@ -1,6 +1,5 @@
 #include "companion/name_servers.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <fstream>
@@ -24,19 +23,6 @@ bool IsSame(const struct stat& a, const struct stat& b) {
                            file.st_mtim.tv_sec, file.st_mtim.tv_nsec);
   };
   return key(a) == key(b);
-}
-
-// None for what is no address, and for one that needs an interface ("%eth0").
-IpAddress ParseAddress(const std::string& text) {
-  in_addr v4;
-  if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-    return IpAddress::FromIPv4NetworkBytes(v4.s_addr);
-  }
-  in6_addr v6;
-  if (inet_pton(AF_INET6, text.c_str(), &v6) == 1) {
-    return IpAddress::FromIPv6NetworkBytes(&v6);
-  }
-  return IpAddress();
 }
 
 std::string ReadFile(const std::string& path) {
@@ -92,15 +78,9 @@ void NameServers::Read() {
   servers_.clear();
   current_ = 0;
   unanswered_since_.reset();
-  std::istringstream lines(ReadFile(path_));
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string key, value;
-    if (!(words >> key >> value) || key != "nameserver") continue;
-    const IpAddress address = ParseAddress(value);
-    if (address.GetFamily() != 0 && servers_.size() < kMaxServers) {
-      servers_.emplace_back(address, kDnsPort);
-    }
+  std::istringstream file(ReadFile(path_));
+  for (const IpAddress& address : ReadNameServers(file)) {
+    if (servers_.size() < kMaxServers) servers_.emplace_back(address, kDnsPort);
   }
   if (servers_.empty()) {
     servers_.emplace_back(

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/host_and_port.h"
+#include "support/resolver_file.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -20,11 +21,11 @@ namespace vantrel {
 // when it has changed.
 class NameServers {
  public:
-  static constexpr char kFile[] = "/etc/resolv.conf";
   // A question that has no answer for so long moves the next one on.
   static constexpr std::chrono::seconds kPatience{2};
 
-  explicit NameServers(std::string path = kFile) : path_(std::move(path)) {}
+  explicit NameServers(std::string path = kResolverFile)
+      : path_(std::move(path)) {}
   NameServers(const NameServers&) = delete;
   NameServers& operator=(const NameServers&) = delete;
 

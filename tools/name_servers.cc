@@ -2,15 +2,17 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <system_error>
+
+#include "support/resolver_file.h"
 
 namespace vantrel {
 
-std::vector<std::string> ReadNameServers(std::string* reason) {
+std::vector<std::string> FindNameServers(std::string* reason) {
   std::vector<std::string> servers;
   std::ifstream file(kResolverFile);
   if (!file) {
@@ -20,14 +22,8 @@ std::vector<std::string> ReadNameServers(std::string* reason) {
     if (!error) *reason = "leads to " + target.string() + ", which " + *reason;
     return servers;
   }
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line);
-    std::string key;
-    std::string server;
-    words >> key >> server;
-    if (key == "nameserver" && server.find(':') == std::string::npos) {
-      servers.push_back(server);
-    }
+  for (const IpAddress& address : ReadNameServers(file)) {
+    if (address.GetFamily() == AF_INET) servers.push_back(address.ToString());
   }
   if (servers.empty()) *reason = "names no name server with an IPv4 address";
   return servers;

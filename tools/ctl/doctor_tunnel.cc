@@ -12,6 +12,7 @@
 #include "common/interception.h"
 #include "common/log_texts.h"
 #include "common/unique_fd.h"
+#include "support/resolver_file.h"
 #include "support/steady_time.h"
 #include "tools/command.h"
 #include "tools/ctl/command_outcome.h"
@@ -32,7 +33,7 @@ constexpr char kNoTunnel[] = "no daemon runs";
 
 finding_t CheckNameServer(examination_t* examination) {
   std::string reason;
-  const auto servers = ReadNameServers(&reason);
+  const auto servers = FindNameServers(&reason);
   const std::string command = std::string("echo nameserver ") +
                               kNameServerAddressText + " >" + kResolverFile;
   if (servers.empty()) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/interception.h"
+#include "support/resolver_file.h"
 #include "tools/command.h"
 #include "tools/device_network.h"
 #include "tools/name_servers.h"
@@ -113,7 +114,7 @@ void NameServerSetting::TakeBackLeftOver() {
 
 void NameServerSetting::Hint(const std::string& failure) const {
   std::string fault;
-  const std::vector<std::string> servers = ReadNameServers(&fault);
+  const std::vector<std::string> servers = FindNameServers(&fault);
   const bool is_served =
       std::any_of(servers.begin(), servers.end(), LeadsToDaemon);
   if (is_served && failure.empty()) return;
