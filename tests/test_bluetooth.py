@@ -397,6 +397,9 @@ class Bluez:
         self.call(controller, bluez.ADAPTER, "RemoveDevice", bluez.dbus.ObjectPath(path))
 
 
+# Two bluetoothd's worth of work in one kernel: Debian's 6.1 crashes in it now and then
+# (hci_chan_del), whatever runs there.
+@pytest.mark.skipif(not EVERYTHING, reason="crashes the kernel now and then")
 def test_both_commands(device, programs, launch, dns, web, tmp_path):  # noqa: F811
     manager = Bluez(tmp_path, programs)
     manager.pair()
