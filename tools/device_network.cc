@@ -20,7 +20,6 @@ namespace {
 // Every command says itself whether it has worked, so nothing is looked at
 // twice. JSON, with numbers for names that /etc/iproute2 can change.
 
-using nlohmann::json;
 using Words = std::vector<std::string>;
 
 constexpr char kTable[] = "2374";
@@ -52,16 +51,16 @@ void Try(const Words& words, std::vector<std::string>* faults) {
 }
 
 // What "ip" lists; nothing where there is none of it, or no "ip".
-json List(Words words) {
+nlohmann::json List(Words words) {
   words.insert(words.begin(), {"ip", "-N", "-j"});
   const command_result_t result = RunCommand(words);
-  const json list =
-      json::parse(result.fault.empty() ? result.output : "[]", nullptr, false);
-  return list.is_array() ? list : json::array();
+  const nlohmann::json list = nlohmann::json::parse(
+      result.fault.empty() ? result.output : "[]", nullptr, false);
+  return list.is_array() ? list : nlohmann::json::array();
 }
 
 // Texts, so that numbers as some versions print them compare, too.
-std::string Get(const json& entry, const char* name) {
+std::string Get(const nlohmann::json& entry, const char* name) {
   const auto found = entry.find(name);
   if (found == entry.end()) return "";
   return found->is_string() ? found->get<std::string>() : found->dump();
@@ -79,19 +78,21 @@ struct interface_t {
 
 interface_t FindInterface() {
   interface_t interface;
-  const json links = List({"link", "show", "dev", kInterface});
+  const nlohmann::json links = List({"link", "show", "dev", kInterface});
   if (links.empty()) return interface;
-  const json& entry = links.front();
+  const nlohmann::json& entry = links.front();
   interface.is_there = true;
   interface.group = Get(entry, "group");
   interface.alias = Get(entry, "ifalias");
-  for (const json& flag : entry.value("flags", json::array())) {
+  for (const nlohmann::json& flag :
+       entry.value("flags", nlohmann::json::array())) {
     interface.is_up |= flag == "UP";
   }
-  const json addresses = List({"-4", "address", "show", "dev", kInterface});
+  const nlohmann::json addresses =
+      List({"-4", "address", "show", "dev", kInterface});
   if (addresses.empty()) return interface;
-  for (const json& address :
-       addresses.front().value("addr_info", json::array())) {
+  for (const nlohmann::json& address :
+       addresses.front().value("addr_info", nlohmann::json::array())) {
     if (Get(address, "local") != kApplicationAddressText) continue;
     interface.prefix_length = Get(address, "prefixlen");
     interface.metric = Get(address, "metric");
@@ -99,10 +100,12 @@ interface_t FindInterface() {
   return interface;
 }
 
-json ListRoutes() { return List({"-4", "route", "show", "table", kTable}); }
+nlohmann::json ListRoutes() {
+  return List({"-4", "route", "show", "table", kTable});
+}
 
 bool HasDefaultRoute() {
-  for (const json& route : ListRoutes()) {
+  for (const nlohmann::json& route : ListRoutes()) {
     if (Get(route, "dst") == "default") return true;
   }
   return false;
@@ -117,16 +120,17 @@ Words RouteCommand(const std::string& destination, const char* interface,
           mark.number};
 }
 
-json ListRules() {
-  json rules = json::array();
-  for (const json& rule : List({"rule", "show", "priority", kPriority})) {
+nlohmann::json ListRules() {
+  nlohmann::json rules = nlohmann::json::array();
+  for (const nlohmann::json& rule :
+       List({"rule", "show", "priority", kPriority})) {
     if (Get(rule, "table") == kTable) rules.push_back(rule);
   }
   return rules;
 }
 
-bool HasMarked(const json& list, const char* number) {
-  for (const json& entry : list) {
+bool HasMarked(const nlohmann::json& list, const char* number) {
+  for (const nlohmann::json& entry : list) {
     if (Get(entry, "protocol") == number) return true;
   }
   return false;
@@ -261,7 +265,7 @@ std::vector<std::string> DeviceNetwork::TakeAway() const {
 
 std::vector<std::string> DeviceNetwork::TakeAwayAll() const {
   std::vector<std::string> faults;
-  for (const json& rule : ListRules()) {
+  for (const nlohmann::json& rule : ListRules()) {
     static_cast<void>(rule);  // each has the same words
     Try({"ip", "rule", "delete", "priority", kPriority, "lookup", kTable},
         &faults);
