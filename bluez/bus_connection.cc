@@ -56,7 +56,8 @@ BusMessage BusConnection::NewCall(const char* destination, const char* path,
 
 BusConnection::subscription_t* BusConnection::Add(
     std::list<subscription_t>* list, Handler handler) {
-  return &list->emplace_back(subscription_t{this, std::move(handler), {}});
+  list->push_back({this, std::move(handler), {}});
+  return &list->back();
 }
 
 void BusConnection::Call(BusMessage call, Handler on_reply) {

@@ -41,10 +41,12 @@ struct link_parts_t {
 // with errno.
 inline UniqueFd OpenSocket(const link_parts_t& link, int family, int type) {
   const int flags = SOCK_NONBLOCK | SOCK_CLOEXEC;
-  const int fd = socket(family, type | flags, 0);
-  const bool is_out = fd == -1 && (errno == EMFILE || errno == ENFILE);
-  return UniqueFd(
-      is_out && link.free_descriptor() ? socket(family, type | flags, 0) : fd);
+  UniqueFd fd(socket(family, type | flags, 0));
+  const bool is_out = fd.Get() == -1 && (errno == EMFILE || errno == ENFILE);
+  if (is_out && link.free_descriptor()) {
+    fd.Reset(socket(family, type | flags, 0));
+  }
+  return fd;
 }
 
 }  // namespace vantrel

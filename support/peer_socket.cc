@@ -47,7 +47,7 @@ UniqueFd OpenRfcommSocket(LinkSecurity security) {
 }
 
 std::string DescribeBluetoothFailure(int error) {
-  const std::string reason = strerror(error);
+  std::string reason = strerror(error);
   switch (error) {
     case EAFNOSUPPORT:
     case EPROTONOSUPPORT:

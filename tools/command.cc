@@ -120,7 +120,7 @@ std::string GetFirstLine(const std::string& text) {
 }
 
 std::string DescribeFault(const command_result_t& result) {
-  const std::string line = GetFirstLine(result.output);
+  std::string line = GetFirstLine(result.output);
   if (!line.empty()) return line;
   return result.exit_status < 0
              ? "killed"
@@ -165,7 +165,7 @@ std::string FindProgram(const std::string& name) {
   }
   std::istringstream folders(GetPath());
   for (std::string folder; std::getline(folders, folder, ':');) {
-    const std::string path = folder + "/" + name;
+    std::string path = folder + "/" + name;
     if (!folder.empty() && access(path.c_str(), X_OK) == 0) return path;
   }
   return "";

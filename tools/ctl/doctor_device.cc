@@ -91,7 +91,7 @@ std::string TryRules() {
   for (const auto& rule : GetInterceptionRules(1, 1)) {
     Words words = {kIptablesWrapper, "-w", "-t", rule.table};
     for (const std::string& word : Split(rule.command)) words.push_back(word);
-    const std::string fault = RunCommand(words).fault;
+    std::string fault = RunCommand(words).fault;
     if (!fault.empty()) return fault;
   }
   return "";

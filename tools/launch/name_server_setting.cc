@@ -59,7 +59,7 @@ std::string NameServerSetting::GiveBy(Tool tool) {
                std::string("nameserver ") + kNameServerAddressText + "\n")
         .fault;
   }
-  const std::string fault =
+  std::string fault =
       RunCommand({"resolvectl", "dns", kInterface, kNameServerAddressText})
           .fault;
   if (!fault.empty()) return fault;
