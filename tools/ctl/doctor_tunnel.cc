@@ -26,8 +26,8 @@ namespace {
 // A remote of a slow link answers within it.
 constexpr std::chrono::seconds kAnswerTimeout{10};
 // The daemon notes a connection before it carries a byte of it.
-constexpr std::chrono::seconds kLogTimeout{3};
-constexpr std::chrono::milliseconds kLogInterval{10};
+constexpr std::chrono::seconds kOwnerTimeout{3};
+constexpr std::chrono::milliseconds kOwnerInterval{10};
 
 constexpr char kNoTunnel[] = "no daemon runs";
 
@@ -137,11 +137,11 @@ finding_t CheckOwner(examination_t* examination) {
     return Unknown("the daemon has no log file; VANTREL_LOG_FILE names one");
   }
   const std::string ours = std::to_string(getuid());
-  const SteadyTime end = GetSteadyTime() + kLogTimeout;
+  const SteadyTime end = GetSteadyTime() + kOwnerTimeout;
   std::string line;
   while (GetSteadyTime() < end) {
     if (!examination->log_follower->Next(&line)) {
-      std::this_thread::sleep_for(kLogInterval);
+      std::this_thread::sleep_for(kOwnerInterval);
       continue;
     }
     const auto parsed = ParseLogLine(line);
