@@ -328,6 +328,8 @@ class TakesAllOfTheRemote(Companion):
 @fault("device-reads-slowly", "all bytes")
 class DropsWhenTheLinkIsFull(Companion):
     async def send_data(self, stream, data):
+        # So that it is, however slow we are.
+        self.writer.get_extra_info("socket").setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
         if self.writer.transport.get_write_buffer_size() == 0:
             self.send(TCP_WRITE, (1, stream.id), payload=data)
 
