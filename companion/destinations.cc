@@ -8,8 +8,6 @@
 namespace vantrel {
 namespace {
 
-constexpr uint16_t kDnsPort = 53;
-
 bool IsLookUp(const HostAndPort& remote) { return remote.port == kDnsPort; }
 
 bool IsForUs(const HostAndPort& remote) {

@@ -11,7 +11,6 @@
 namespace vantrel {
 namespace {
 
-constexpr uint16_t kDnsPort = 53;
 // More than any resolver asks.
 constexpr size_t kMaxServers = 8;
 constexpr size_t kMaxFileBytes = 64 * 1024;

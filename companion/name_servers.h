@@ -16,6 +16,8 @@
 
 namespace vantrel {
 
+constexpr uint16_t kDnsPort = 53;
+
 // The name servers of this machine, as resolv.conf(5) lists them, whatever they
 // are now: the file is looked at again, at most once a second, and read again
 // when it has changed.

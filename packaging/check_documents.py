@@ -195,8 +195,8 @@ def readme_faults():
     return [f"README.md: the list and what is there differ in {name}" for name in differing]
 
 
-def link_faults(directory):
-    for page in sorted(directory.rglob("*.md")):
+def link_faults(directory, pattern="**/*.md"):
+    for page in sorted(directory.glob(pattern)):
         # Pictures belong to a page wherever it is; other pages may stand elsewhere.
         for target in re.findall(r"!\[[^]]*\]\(([^)#:]+)\)", page.read_text()):
             if not (page.parent / target).exists():
@@ -211,7 +211,8 @@ def installed_faults(build):
 
 
 def main():
-    faults = [*claim_faults(), *version_faults(), *readme_faults()]
+    faults = [*claim_faults(), *version_faults(), *readme_faults(), *link_faults(ROOT, "*.md"),
+              *link_faults(ROOT / "docs")]
     for name in DOCUMENTS:
         faults += [f"{name}:{line}: {fault}" for line, fault in (
             *marked_figure_faults(read(name)),

@@ -5,19 +5,23 @@
 # server and a name server beside it. Everything ends with the container.
 set -euo pipefail
 if [ "${1:-}" != --inside ]; then
-  exec unshare --net --mount --pid --fork --kill-child --mount-proc "$0" --inside "$@"
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+  # Only for the container: on this machine it would take over the look-ups. It must be
+  # of the same version as what is installed.
+  (cd "$work" && apt-get -qq -o APT::Sandbox::User="" download \
+    "systemd-resolved=$(dpkg-query -W -f '${Version}' systemd)")
+  unshare --net --mount --pid --fork --kill-child --mount-proc "$0" --inside "$work" "$@"
+  exit
 fi
 shift
 here=$(dirname "$0")
-work=$(mktemp -d)
+work=$1
+shift
 dir=$work/share
-clean_up() {
-  umount --recursive "$work/root" "$work/copy" 2>/dev/null || true
-  rm -r --one-file-system "$work"
-}
-trap clean_up EXIT
-mkdir "$dir" "$work/root" "$work/copy"
+mkdir "$dir" "$dir/resolved" "$work/root" "$work/copy"
 cp "$@" "$here/check_install_steps.sh" "$dir"
+mv "$work"/*.deb "$dir/resolved"
 
 ip link set lo up
 ip address add 198.51.100.1/24 dev lo
@@ -27,7 +31,7 @@ dnsmasq --no-daemon --no-resolv --no-hosts --conf-file=/dev/null --bind-interfac
   --listen-address=198.51.100.53 --address=/server.test/198.51.100.80 2>/dev/null &
 dpkg-deb --extract "$(printf '%s\n' "$@" | grep /vantrel-companion_)" "$work/companion"
 "$work/companion/usr/bin/vantrel-companion" --allow 198.51.100.0/24 \
-  --listen "unix:$dir/link" 2>"$dir/companion.log" &
+  --dns 198.51.100.53 --listen "unix:$dir/link" 2>"$dir/companion.log" &
 
 # A layer over this machine's files that is gone afterwards.
 mount -t tmpfs none "$work/copy"

@@ -23,6 +23,19 @@ has_no_rules() {
   [ -z "$(vantrelctl rules status)" ]
 }
 
+# Every look-up goes to the tunnel, or none does.
+asks_tunnel() {
+  [[ $(resolvectl dns ifb0) == *192.168.167.53 ]]
+  [[ $(getent hosts server.test) == 198.51.100.80* ]]
+}
+asks_as_before() {
+  [[ $(resolvectl dns) != *192.168.167.53* ]]
+  [ "$(name_servers)" = "$servers" ]
+}
+name_servers() {
+  sed -n '/^nameserver/p' /run/systemd/resolve/resolv.conf
+}
+
 # What vantrel-network makes is gone.
 has_no_network() {
   [ -z "$(ip rule show priority 40000)" ]
@@ -84,6 +97,19 @@ systemctl restart vantrel-launch@check
 reach_network
 timeout 5 sh -c "until grep -qx 'vantrel_up 1' /var/lib/vantrel/metrics.prom; do sleep 0.1; done"
 
+# Where systemd answers the machine's look-ups, it is told of the tunnel.
+dpkg --install "$dir"/resolved/*.deb
+systemctl reload dbus # which does not know the new user before
+systemctl restart systemd-resolved
+servers=$(name_servers)
+systemctl restart vantrel-launch@check
+reach_network
+asks_tunnel
+systemctl restart systemd-resolved # forgets what it was told
+systemctl restart vantrel-launch@check
+reach_network
+asks_tunnel
+
 # The daemon begins a new log when its old one has been moved away.
 logrotate --force /etc/logrotate.d/vantrel
 timeout 10 sh -c 'until dig +short @198.51.100.53 server.test >/dev/null &&
@@ -95,8 +121,10 @@ timeout 30 sh -c 'until systemctl is-failed --quiet vantrel-launch@check ||
   systemctl show vantrel-launch@check | grep -q ^NRestarts=1; do sleep 0.1; done'
 timeout 30 sh -c 'until systemctl is-active --quiet vantrel-launch@check; do sleep 0.1; done'
 reach_network
+asks_tunnel
 systemctl stop vantrel-launch@check
 has_no_rules
+asks_as_before
 is_refused
 
 # The network's service takes over what stands already, and still cleans up. An
@@ -111,6 +139,19 @@ is_refused
 systemctl stop vantrel-network
 has_no_network
 ip link delete ifb0
+
+# The bare command makes what it needs, and leaves nothing, also when the first was killed.
+for signal in KILL TERM; do
+  vantrel-launch "unix:$dir/link" &
+  timeout 10 sh -c 'until getent hosts server.test >/dev/null; do sleep 0.1; done'
+  asks_tunnel
+  kill -$signal $!
+  wait $! 2>/dev/null || [ $signal = KILL ]
+  timeout 10 sh -c 'while pgrep -x vantrel >/dev/null; do sleep 0.1; done'
+done
+has_no_rules
+has_no_network
+asks_as_before
 
 # An upgrade leaves a link standing, removal ends it, purge leaves nothing.
 systemctl start vantrel-launch@check

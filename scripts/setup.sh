@@ -1,10 +1,11 @@
 #!/bin/bash
-# scripts/setup.sh package|build|test|real|bench|bluetooth|cross|all: installs what is
-# missing to make the packages (package), to build the programs and their unit tests
-# (build), to run the tests too (test), among them those with many real programs (real),
-# to measure too (bench), to run scripts/bluetooth.sh too (bluetooth), to build and test
-# for ARM (cross), to run every check and make the packages too (all). Asks no question;
-# says nothing when nothing is missing. Waits for another apt, 10 minutes at most.
+# scripts/setup.sh demo|package|build|test|real|bench|bluetooth|cross|all: installs what
+# is missing to build the programs and show them (demo), to make the packages (package),
+# to build the programs and their unit tests (build), to run the tests too (test), among
+# them those with many real programs (real), to measure too (bench), to run
+# scripts/bluetooth.sh too (bluetooth), to build and test for ARM (cross), to run every
+# check and make the packages too (all). Asks no question; says nothing when nothing is
+# missing. Waits for another apt, 10 minutes at most.
 set -euo pipefail
 
 programs=(
@@ -15,6 +16,13 @@ programs=(
   # the event loop of the programs beside the daemon; what draws on a terminal
   libasio-dev libncurses-dev
 )
+demo=(
+  "${programs[@]}"
+  # a device: namespaces, interfaces, rules
+  python3 util-linux mount procps iproute2 iptables net-tools
+  # clients and servers
+  curl bind9-dnsutils dnsmasq-base apache2-bin
+)
 package=(
   "${programs[@]}"
   # man pages; what a package depends on
@@ -22,15 +30,13 @@ package=(
 )
 build=("${programs[@]}" ccache libgtest-dev libgmock-dev libbenchmark-dev)
 test=(
-  python3 python3-pytest
-  # the device on the bench: namespaces, interfaces, rules
-  util-linux mount procps iproute2 iptables nftables net-tools
+  "${demo[@]}" python3-pytest
+  # what refuses connections while there is no tunnel
+  nftables
   # a clock that jumps; a kernel that refuses
   libfaketime python3-seccomp
   # a message bus, and who plays BlueZ there
   dbus-daemon python3-dbus python3-gi
-  # clients and servers of tests and demonstration
-  curl bind9-dnsutils dnsmasq-base apache2-bin
   # the dissector's test; a terminal for vantrelctl top
   tshark tmux
 )
@@ -138,6 +144,7 @@ install_idle() {
 }
 
 case ${1:-} in
+  demo) install_missing "${demo[@]}" ;;
   package) install_missing "${package[@]}" ;;
   build) install_missing "${build[@]}" ;;
   test) install_missing "${build[@]}" "${test[@]}" ;;
@@ -157,6 +164,6 @@ case ${1:-} in
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)
-    echo "usage: setup.sh package|build|test|real|bench|bluetooth|cross|all" >&2
+    echo "usage: setup.sh demo|package|build|test|real|bench|bluetooth|cross|all" >&2
     exit 2 ;;
 esac

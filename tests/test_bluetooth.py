@@ -8,6 +8,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -16,11 +17,12 @@ import time
 
 import pytest
 
-from testbed import wire
+from testbed import terminal, wire
 from testbed.device import BROWSER_UID
 from testbed.programs import BIN_DIR, program_environment
 from testbed.waiting import wait_until
 from tests import bluez
+from tests.test_network import RESOLVCONF
 from tests.test_traffic import DATA, dns, web  # noqa: F401 fixtures
 
 if "BLUETOOTH_OUTPUT" not in os.environ:
@@ -397,8 +399,102 @@ class Bluez:
         self.call(controller, bluez.ADAPTER, "RemoveDevice", bluez.dbus.ObjectPath(path))
 
 
+@contextlib.contextmanager
+def network_of_others(directory):
+    """A prefix for commands in the companion's network, which leads to an internet with a
+    web server and a name server. The first network, where Bluetooth is, becomes a bare
+    device's."""
+    def run(pid, *commands):
+        for command in commands:
+            subprocess.run(["nsenter", f"--target={pid}", "--net", *command.split()], check=True)
+
+    def serve(*command):
+        return subprocess.Popen(["nsenter", f"--target={internet.pid}", "--net", *command],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    holders = [subprocess.Popen(["unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
+                                stdout=subprocess.PIPE) for _ in range(2)]
+    internet, home = holders
+    for holder in holders:
+        assert holder.stdout.readline()
+    run(os.getpid(), "ip address delete 198.51.100.1/24 dev lo")
+    run(internet.pid, f"ip link add far type veth peer name eth0 netns {home.pid}",
+        *(f"ip address add 198.51.100.{host}/24 dev far" for host in (1, 53, 80)),
+        "ip link set lo up", "ip link set far up")
+    run(home.pid, "ip address add 198.51.100.2/24 dev eth0", "ip link set eth0 up",
+        "ip route add default via 198.51.100.1")
+    (directory / "page").write_text("Hello from the other side\n")
+    (directory / "resolv.conf").write_text("nameserver 198.51.100.53\n")
+    servers = [
+        serve("/usr/bin/python3", "-m", "http.server", "--directory", directory, "80"),
+        serve("dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+              "--address=/www.example.test/198.51.100.80")]
+    try:
+        yield ["nsenter", f"--target={home.pid}", "--net", "unshare", "--mount", "sh", "-ec",
+               f'mount --bind {directory}/resolv.conf /etc/resolv.conf; exec "$@"', "sh"]
+    finally:
+        for process in servers + holders:
+            process.kill()
+            process.wait()
+        run(os.getpid(), "ip address add 198.51.100.1/24 dev lo")
+
+
 # Two bluetoothd's worth of work in one kernel: Debian's 6.1 crashes in it now and then
 # (hci_chan_del), whatever runs there.
+@pytest.mark.skipif(not EVERYTHING, reason="crashes the kernel now and then")
+def test_nothing_but_both_commands(device, programs, tmp_path):
+    """What scripts/picture.sh draws."""
+    manager = Bluez(tmp_path, programs)
+    manager.call("hci1", "org.freedesktop.DBus.Properties", "Set", bluez.ADAPTER, "Alias",
+                 bluez.dbus.String("laptop", variant_level=1))
+    manager.pair()
+    windows = [terminal.Window(title) for title in (
+        "companion", "device", "device, a second terminal")]
+    commands = device.dir / "commands"
+    commands.mkdir()
+    (commands / "resolvconf").write_text(RESOLVCONF)
+    (commands / "resolvconf").chmod(0o755)
+    device.run("sh", "-c", "cat /etc/resolv.conf >/run/ns.eth0.dhcp")
+    path = {**program_environment(tmp_path), "PATH": f"{commands}:{BIN_DIR}:{os.environ['PATH']}"}
+
+    def on_device(*words):
+        command = device.command(words)
+        command.remove("--net")
+        return command
+
+    with network_of_others(tmp_path) as prefix:
+        os.makedirs("/run/user/1000")
+        far = Program(tmp_path / "companion.log", [*prefix, "vantrel-companion"],
+                      env={**path, "XDG_RUNTIME_DIR": "/run/user/1000"})
+        programs.append(far)
+        far.wait_for("listening on bluetooth")
+        begin = time.monotonic()
+        near = Program(tmp_path / "launch.log", on_device("vantrel-launch"), env={
+            **path, "DBUS_SYSTEM_BUS_ADDRESS": manager.device_bus.address})
+        programs.append(near)
+        windows[1].type("device#", "vantrel-launch")
+        for words in "getent hosts www.example.test", "curl http://www.example.test/page":
+            run = wait_until(lambda line=words: (found := subprocess.run(
+                on_device(*line.split()), capture_output=True, text=True)).stdout and found,
+                words, PATIENCE)
+            record(what=words, seconds=round(time.monotonic() - begin, 2))
+            windows[2].type("device$", words)
+            windows[2].print(run.stdout)
+        said = near.log()
+        windows[1].print(said)
+        near.process.send_signal(signal.SIGINT)
+        assert near.process.wait(PATIENCE) == 0
+        windows[1].print("^C\n" + near.log()[len(said):])
+        far.wait_for("link down")
+        left = subprocess.run(on_device("sh", "-c", "ip rule; ip link; cat /etc/resolv.conf"),
+                              capture_output=True, text=True).stdout
+        assert not re.search("40000:|ifb0|192.168.167.53", left)
+        windows[0].type("companion$", "vantrel-companion")
+        windows[0].print(far.log())
+        terminal.draw(OUTPUT / "session.svg", windows)
+
+
+# As above.
 @pytest.mark.skipif(not EVERYTHING, reason="crashes the kernel now and then")
 def test_both_commands(device, programs, launch, dns, web, tmp_path):  # noqa: F811
     manager = Bluez(tmp_path, programs)
