@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "support/socket_address.h"
@@ -31,11 +32,27 @@ DatagramFlow::DatagramFlow(const link_parts_t& link, Owner& owner,
       local_(local),
       remote_(remote),
       target_(target),
-      place_(link.sockets) {}
+      place_(link.sockets),
+      application_(link.applications.GetUnknown()),
+      to_device_([this] { link_.run([this] { AskForTurn(); }); }) {}
 
 DatagramFlow::~DatagramFlow() { link_.scheduler.Remove(this); }
 
+void DatagramFlow::SetPolicy(const flow_policy_t& policy) {
+  to_device_.Set(policy.limits_to_device);
+  from_device_ = policy.limits_from_device;
+  // It may have waited for a limit that it does not have any more.
+  link_.scheduler.Activate(this);
+}
+
 void DatagramFlow::Send(const std::string& payload) {
+  application_counts_t& counts = application_.GetCounts();
+  ++counts.datagrams_from_device;
+  counts.bytes_from_device += payload.size();
+  if (!MaySend(payload.size())) {
+    ++counts.datagrams_dropped;
+    return LogDetail("dropped: above its limit", "");
+  }
   if (!target_) return QueueFailure(payload);
   if (socket_ == nullptr && !Open()) {
     LogDetail("no socket: ", strerror(errno));
@@ -53,6 +70,40 @@ void DatagramFlow::Send(const std::string& payload) {
   LogDetail("not sent: ", strerror(error));
   // A full queue loses datagrams as any network does.
   if (error != EAGAIN && error != ENOBUFS) QueueFailure(payload);
+}
+
+bool DatagramFlow::MaySend(size_t bytes) {
+  if (from_device_.empty()) return true;
+  const SteadyTime now = GetSteadyTime();
+  const bool may_send = std::all_of(
+      from_device_.begin(), from_device_.end(),
+      [now](const auto& limiter) { return limiter->HasTokens(now); });
+  if (!may_send) return false;
+  for (const auto& limiter : from_device_) limiter->Take(bytes);
+  return true;
+}
+
+bool DatagramFlow::TakeMessage(size_t max_payload, std::string* out) {
+  if (!to_device_.MaySend()) return false;
+  if (QueuedFlow::TakeMessage(max_payload, out)) return true;
+  to_device_.Rest();
+  return false;
+}
+
+void DatagramFlow::OnTaken(const message_t& message) {
+  if (!message.payload_bytes) return;
+  to_device_.Charge(*message.payload_bytes);
+  ++application_.GetCounts().datagrams_to_device;
+  application_.GetCounts().bytes_to_device += *message.payload_bytes;
+}
+
+void DatagramFlow::OnDropped(const message_t& message) {
+  if (message.payload_bytes) ++application_.GetCounts().datagrams_dropped;
+}
+
+void DatagramFlow::AskForTurn() {
+  link_.scheduler.Activate(this);
+  link_.on_waiting();
 }
 
 // A socket that reports ICMP errors together with what they quote.
@@ -107,7 +158,8 @@ bool DatagramFlow::ReceiveOne() {
   }
   std::string message;
   link_.protocol.PutDatagram(&message, local_, remote_, payload);
-  link_.scheduler.Queue(this, std::move(message), GetSteadyTime());
+  link_.scheduler.Queue(this,
+                        {std::move(message), GetSteadyTime(), payload.size()});
   return true;
 }
 
@@ -161,7 +213,8 @@ void DatagramFlow::QueueFailure(const std::string& request) {
   if (request.size() > link_.protocol.GetMaxDatagramBytes()) return;
   std::string message;
   link_.protocol.PutUdpFailure(&message, local_, remote_, request);
-  link_.scheduler.Queue(this, std::move(message), GetSteadyTime());
+  link_.scheduler.Queue(this,
+                        {std::move(message), GetSteadyTime(), std::nullopt});
 }
 
 void DatagramFlow::LogDetail(const char* what, const char* more) {

@@ -5,10 +5,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/host_and_port.h"
+#include "companion/application.h"
+#include "companion/flow_policy.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_parts.h"
+#include "companion/rate_limits.h"
 #include "support/descriptor.h"
 
 struct sock_extended_err;
@@ -43,11 +47,20 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const std::optional<HostAndPort>& GetTarget() const { return target_; }
   bool HasSocket() const { return socket_ != nullptr; }
 
-  // Sends one datagram of the application. A failure waits in the scheduler
-  // afterwards.
+  // From now on; a new flow has the policy of those that no rule names. What
+  // waits may have its turn: link_parts_t::on_waiting is to be called.
+  void SetPolicy(const flow_policy_t& policy);
+  // Sends one datagram of the application, or drops it when a limit has been
+  // reached. A failure waits in the scheduler afterwards.
   void Send(const std::string& payload);
+  bool TakeMessage(size_t max_payload, std::string* out) override;
 
  private:
+  void OnTaken(const message_t& message) override;
+  void OnDropped(const message_t& message) override;
+  void AskForTurn();  // may destroy this
+  // Charges the limits. False when one of them has been reached.
+  bool MaySend(size_t bytes);
   // False when the system refuses a socket; errno says why.
   bool Open();
   // 0, or the error with which the system refuses the datagram.
@@ -67,6 +80,9 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const HostAndPort remote_;
   const std::optional<HostAndPort> target_;
   const SocketPool::Place place_;
+  Application& application_;
+  RateLimits to_device_;
+  std::vector<std::shared_ptr<RateLimiter>> from_device_;
   std::unique_ptr<Descriptor> socket_;
   std::string last_request_;
 };

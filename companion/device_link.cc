@@ -60,6 +60,7 @@ DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
       parts_{shared.loop,
              *protocol_,
              scheduler_,
+             applications_,
              log_,
              shared.destinations,
              shared.sockets,
@@ -333,7 +334,12 @@ void DeviceLink::OnDatagram(const HostAndPort& local, const HostAndPort& remote,
 }
 
 void DeviceLink::OnPackageName(uint32_t uid, const std::string& name) {
-  streams_.SetPackageName(uid, name);
+  if (uid == kNobodyUid) return;
+  Application& application = applications_.Get(uid);
+  // Some devices repeat the name with every stream.
+  if (!application.SetPackageName(name)) return;
+  log_.Write(LogLevel::kInfo, LogKind::kDevice, "uid %u is %s", uid,
+             application.GetPackageName().c_str());
 }
 
 void DeviceLink::OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) {

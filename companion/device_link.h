@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "companion/applications.h"
 #include "companion/companion_log.h"
 #include "companion/datagram_flows.h"
 #include "companion/destinations.h"
@@ -78,6 +79,7 @@ class DeviceLink final : public DeviceMessages {
   bool IsSilent(SteadyTime now) const;
   // Its state, for a line in the log.
   void LogState();
+  const Applications& GetApplications() const { return applications_; }
 
   void OnReady(const std::string& description) override;
   void OnConnect(uint32_t stream_id, const HostAndPort& remote,
@@ -132,6 +134,7 @@ class DeviceLink final : public DeviceMessages {
   CompanionLog log_;
   const std::function<void()> on_change_;
   FlowScheduler scheduler_;
+  Applications applications_;
   const std::unique_ptr<LinkProtocol> protocol_;
   const link_parts_t parts_;
   LinkStreams streams_;

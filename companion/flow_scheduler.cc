@@ -13,9 +13,10 @@ bool FlowScheduler::QueuedFlow::TakeMessage(size_t, std::string* out) {
     if (!codel_.ShouldDrop(now - message.queued, message.bytes.size(), bytes_,
                            now)) {
       out->append(message.bytes);
+      OnTaken(message);
       return true;
     }
-    ++scheduler_->drop_count_;
+    scheduler_->Drop(this, message);
   }
   return false;
 }
@@ -30,16 +31,15 @@ void FlowScheduler::Activate(Flow* flow) {
   MoveTo(&new_flows_, flow);
 }
 
-void FlowScheduler::Queue(QueuedFlow* flow, std::string message,
-                          SteadyTime now) {
+void FlowScheduler::Queue(QueuedFlow* flow, QueuedFlow::message_t message) {
   if (flow->messages_.empty()) {
     flow->scheduler_ = this;
     flow->backlog_position_ = backlog_.insert(backlog_.end(), flow);
   }
-  flow->bytes_ += message.size();
-  queued_bytes_ += message.size();
+  flow->bytes_ += message.bytes.size();
+  queued_bytes_ += message.bytes.size();
   ++queued_messages_;
-  flow->messages_.push_back({std::move(message), now});
+  flow->messages_.push_back(std::move(message));
   Activate(flow);
   DropExcess();
 }
@@ -52,6 +52,12 @@ FlowScheduler::QueuedFlow::message_t FlowScheduler::Pop(QueuedFlow* flow) {
   --queued_messages_;
   if (flow->messages_.empty()) backlog_.erase(flow->backlog_position_);
   return message;
+}
+
+void FlowScheduler::Drop(QueuedFlow* flow,
+                         const QueuedFlow::message_t& message) {
+  ++drop_count_;
+  flow->OnDropped(message);
 }
 
 void FlowScheduler::DropExcess() {
@@ -73,8 +79,7 @@ void FlowScheduler::DropFromFullest(const size_t& total, size_t limit,
   std::make_heap(heap.begin(), heap.end(), is_less);
   while (total > limit - limit / 8 && queued_messages_ > 1) {
     std::pop_heap(heap.begin(), heap.end(), is_less);
-    Pop(heap.back());
-    ++drop_count_;
+    Drop(heap.back(), Pop(heap.back()));
     if (heap.back()->messages_.empty()) {
       heap.pop_back();
     } else {

@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <list>
+#include <optional>
 #include <string>
 
 #include "companion/codel.h"
@@ -53,16 +54,22 @@ class FlowScheduler {
 
   class QueuedFlow : public Flow {
    public:
+    struct message_t {
+      std::string bytes;
+      SteadyTime queued;
+      // Of the datagram in it; none: it only tells of one.
+      std::optional<size_t> payload_bytes;
+    };
+
     bool TakeMessage(size_t max_payload, std::string* out) override;
 
    private:
     friend class FlowScheduler;
     void DropMessages() override;
+    // What became of a message. Not called for those of a removed flow.
+    virtual void OnTaken(const message_t& message) = 0;
+    virtual void OnDropped(const message_t& message) = 0;
 
-    struct message_t {
-      std::string bytes;
-      SteadyTime queued;
-    };
     FlowScheduler* scheduler_ = nullptr;  // set while messages wait
     std::list<QueuedFlow*>::iterator backlog_position_;
     std::deque<message_t> messages_;
@@ -90,8 +97,8 @@ class FlowScheduler {
   std::string* GetControl() { return &control_; }
   // |flow| has something to send, perhaps. Borrowed until Remove().
   void Activate(Flow* flow);
-  // The same, with |message|, whose time to wait begins |now|.
-  void Queue(QueuedFlow* flow, std::string message, SteadyTime now);
+  // The same, with |message|, which waits from its time |queued| on.
+  void Queue(QueuedFlow* flow, QueuedFlow::message_t message);
   // Forgets |flow| and what it has queued. No effect on one that is not known.
   void Remove(Flow* flow);
 
@@ -117,6 +124,8 @@ class FlowScheduler {
   bool Ask(Flow* flow, std::string* out);
   // Takes the oldest message of |flow|, which has one, off its queue.
   QueuedFlow::message_t Pop(QueuedFlow* flow);
+  // |message| was taken off the queue of |flow|.
+  void Drop(QueuedFlow* flow, const QueuedFlow::message_t& message);
   void DropExcess();
   // When |total|, the sum of |size|, is above |limit|.
   void DropFromFullest(const size_t& total, size_t limit,

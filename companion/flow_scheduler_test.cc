@@ -34,6 +34,9 @@ class Datagrams : public FlowScheduler::QueuedFlow {
   ~Datagrams() override { scheduler_.Remove(this); }
 
  private:
+  void OnTaken(const message_t&) override {}
+  void OnDropped(const message_t&) override {}
+
   FlowScheduler& scheduler_;
 };
 
@@ -54,7 +57,7 @@ class FlowSchedulerTest : public ::testing::Test {
   }
 
   void Queue(FlowScheduler::QueuedFlow* flow, const std::string& message) {
-    scheduler_.Queue(flow, message, now_);
+    scheduler_.Queue(flow, {message, now_, message.size()});
   }
 
   FlowScheduler scheduler_;
@@ -178,9 +181,12 @@ TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {
   EXPECT_EQ("oooooooooo", Take(3));
   EXPECT_TRUE(is_gone);
   // But not without a word.
+  class Staying : public FlowScheduler::Flow {
+    bool TakeMessage(size_t, std::string*) override { return false; }
+  };
   const auto go_known = [this] {
-    FlowScheduler::QueuedFlow flow;
-    scheduler_.Queue(&flow, "x", now_);
+    Staying flow;
+    scheduler_.Activate(&flow);
   };
   EXPECT_DEATH(go_known(), "list_ == nullptr");
 }

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "common/unique_fd.h"
+#include "companion/applications.h"
 #include "companion/companion_log.h"
 #include "companion/destinations.h"
 #include "companion/flow_scheduler.h"
@@ -20,6 +21,7 @@ struct link_parts_t {
   asio::io_context& loop;
   LinkProtocol& protocol;
   FlowScheduler& scheduler;
+  Applications& applications;
   CompanionLog& log;
   const Destinations& destinations;
   SocketPool& sockets;

@@ -9,9 +9,6 @@
 namespace vantrel {
 namespace {
 
-constexpr uint32_t kMaxPackageNames = 1024;
-// Longer than any name that a device's packages may have.
-constexpr size_t kMaxPackageNameBytes = 256;
 // Handing more of them on at once would make a link's turn too long.
 constexpr size_t kMaxUnflushed = 32;
 // Closing thousands of connections at once would keep other links waiting.
@@ -25,8 +22,7 @@ LinkStreams::LinkStreams(const link_parts_t& link, size_t max_held_bytes,
     : link_(link),
       held_(max_held_bytes),
       on_excess_(std::move(on_excess)),
-      on_idle_(std::move(on_idle)),
-      package_names_(kMaxPackageNames) {}
+      on_idle_(std::move(on_idle)) {}
 
 LinkStreams::~LinkStreams() = default;
 
@@ -37,39 +33,40 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
                     "stream %u: announced twice, ignored", id);
     return;
   }
+  Application& application = link_.applications.Get(uid);
   std::optional<HostAndPort> target;
-  if (const char* const refusal = GetRefusal(remote, uid, &target)) {
+  if (const char* const refusal = GetRefusal(remote, application, &target)) {
     link_.log.Write(
         LogLevel::kInfo, LogKind::kRefusal, "stream %u: %s (%s) refused: %s",
-        id, remote.ToString().c_str(), DescribeOwner(uid).c_str(), refusal);
+        id, remote.ToString().c_str(), application.Describe().c_str(), refusal);
     return TellClosed(id);
   }
   link_.log.Write(LogLevel::kInfo, LogKind::kStream,
                   "stream %u: connect to %s (%s)", id,
-                  remote.ToString().c_str(), DescribeOwner(uid).c_str());
-  auto stream =
-      std::make_unique<RemoteStream>(link_, *this, held_, id, remote, uid);
+                  remote.ToString().c_str(), application.Describe().c_str());
+  auto stream = std::make_unique<RemoteStream>(link_, *this, held_, id, remote,
+                                               application);
   if (!stream->Connect(*target)) return TellClosed(id);
   streams_.emplace(id, std::move(stream));
-  ++counts_[uid];
 }
 
-const char* LinkStreams::GetRefusal(const HostAndPort& remote, uint32_t uid,
+const char* LinkStreams::GetRefusal(const HostAndPort& remote,
+                                    const Application& application,
                                     std::optional<HostAndPort>* target) const {
   if (remote.host.GetFamily() != AF_INET) return "not an IPv4 address";
   const size_t max_streams = link_.sockets.GetShare();
   if (GetCount() >= max_streams) return "too many streams";
   // The last quarter is for the others.
-  if (GetCount() >= max_streams - max_streams / 4 && HasMost(uid)) {
+  if (GetCount() >= max_streams - max_streams / 4 && HasMost(application)) {
     return "too many streams of one application";
   }
   *target = link_.destinations.FindForStream(remote);
   return *target ? nullptr : "not an allowed address";
 }
 
-bool LinkStreams::HasMost(uint32_t uid) const {
-  const auto found = counts_.find(uid);
-  return found != counts_.end() && found->second * 2 >= GetCount();
+bool LinkStreams::HasMost(const Application& application) const {
+  const size_t count = application.GetStreamCount();
+  return count > 0 && count * 2 >= GetCount();
 }
 
 void LinkStreams::Write(uint32_t id, std::string bytes) {
@@ -107,22 +104,6 @@ void LinkStreams::Close(uint32_t id) {
   if (stream != nullptr) Finish(stream, kFinishSeconds);
 }
 
-void LinkStreams::SetPackageName(uint32_t uid, std::string name) {
-  name.resize(std::min(name.size(), kMaxPackageNameBytes));
-  // Some devices repeat the name with every stream.
-  const std::string* const known = package_names_.Find(uid);
-  if (name.empty() || (known != nullptr && *known == name)) return;
-  package_names_.Insert(uid, name);
-  link_.log.Write(LogLevel::kInfo, LogKind::kDevice, "uid %u is %s", uid,
-                  name.c_str());
-}
-
-std::string LinkStreams::DescribeOwner(uint32_t uid) {
-  if (uid == kNobodyUid) return "uid unknown";
-  const std::string* const name = package_names_.Find(uid);
-  return "uid " + std::to_string(uid) + (name == nullptr ? "" : ", " + *name);
-}
-
 RemoteStream* LinkStreams::Find(uint32_t id) const {
   const auto found = streams_.find(id);
   return found == streams_.end() ? nullptr : found->second.get();
@@ -143,15 +124,8 @@ void LinkStreams::Finish(RemoteStream* stream, int max_idle_ticks) {
 
 void LinkStreams::Drop(RemoteStream* stream) {
   const uint32_t id = stream->GetId();
-  Discount(stream->GetUid());
   streams_.erase(id);
   TellClosed(id);
-}
-
-void LinkStreams::Discount(uint32_t uid) {
-  const auto found = counts_.find(uid);
-  assert(found != counts_.end() && found->second > 0);
-  if (--found->second == 0) counts_.erase(found);
 }
 
 void LinkStreams::FinishAll() {
@@ -164,7 +138,6 @@ void LinkStreams::FinishAll() {
 void LinkStreams::Clear() {
   streams_.clear();
   finishing_.clear();
-  counts_.clear();
   unflushed_.clear();
 }
 
@@ -179,7 +152,6 @@ void LinkStreams::OnTick() {
     const auto entry = next++;
     if (!entry->second->OnTick() || given_up == kMaxGivenUpPerTick) continue;
     ++given_up;
-    Discount(entry->second->GetUid());
     finishing_.erase(entry);
   }
   if (GetCount() != count) ReportIdle();
@@ -206,7 +178,6 @@ void LinkStreams::OnStreamOver(RemoteStream& stream) {
   if (!stream.IsFinishing()) {
     Drop(&stream);
   } else {
-    Discount(stream.GetUid());
     finishing_.erase(&stream);
   }
   ReportIdle();

@@ -11,14 +11,13 @@
 #include <vector>
 
 #include "common/host_and_port.h"
-#include "common/lru_cache.h"
 #include "companion/byte_budget.h"
 #include "companion/link_parts.h"
 #include "companion/remote_stream.h"
 
 namespace vantrel {
 
-// The TCP streams of one link, and what the device said about their owners.
+// The TCP streams of one link.
 class LinkStreams final : public RemoteStream::Owner {
  public:
   // All writes that wait for remotes have at most |max_held_bytes|; |on_excess|
@@ -35,8 +34,6 @@ class LinkStreams final : public RemoteStream::Owner {
   void Write(uint32_t id, std::string bytes);
   void Flush();
   void Close(uint32_t id);
-  // What is too long for a name is cut off.
-  void SetPackageName(uint32_t uid, std::string name);
 
   // The link is gone: every stream only delivers its rest.
   void FinishAll();
@@ -55,21 +52,19 @@ class LinkStreams final : public RemoteStream::Owner {
   static constexpr int kFinishSeconds = 10;
   static constexpr int kFinishSecondsWithoutLink = 2;
 
-  // Null, or why a stream of |uid| to |remote| is not opened; if it is,
+  // Null, or why a stream of |application| to |remote| is not opened; if it is,
   // |target| is where to.
-  const char* GetRefusal(const HostAndPort& remote, uint32_t uid,
+  const char* GetRefusal(const HostAndPort& remote,
+                         const Application& application,
                          std::optional<HostAndPort>* target) const;
-  // Whether |uid| has at least half of the streams.
-  bool HasMost(uint32_t uid) const;
-  // What is known about the owner of a flow, for a log line.
-  std::string DescribeOwner(uint32_t uid);
+  // Whether |application| has at least half of the streams.
+  bool HasMost(const Application& application) const;
   RemoteStream* Find(uint32_t id) const;
   void TellClosed(uint32_t id);
   // Ends the stream for the device and lets it deliver its rest.
   void Finish(RemoteStream* stream, int max_idle_ticks);
   // Ends the stream at once; the device is told.
   void Drop(RemoteStream* stream);
-  void Discount(uint32_t uid);
   void ReportIdle();
 
   const link_parts_t& link_;
@@ -82,8 +77,6 @@ class LinkStreams final : public RemoteStream::Owner {
   // No longer known to the device, which may use their ids again.
   std::unordered_map<const RemoteStream*, std::unique_ptr<RemoteStream>>
       finishing_;
-  std::unordered_map<uint32_t, size_t> counts_;    // of all streams, by UID
-  LruCache<uint32_t, std::string> package_names_;  // by UID
 };
 
 }  // namespace vantrel

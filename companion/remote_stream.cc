@@ -37,15 +37,17 @@ void TuneRemote(int fd) {
 
 RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
                            ByteBudget& held, uint32_t id,
-                           const HostAndPort& remote, uint32_t uid)
+                           const HostAndPort& remote, Application& application)
     : link_(link),
       owner_(owner),
       held_(held),
       id_(id),
       remote_(remote),
-      uid_(uid),
+      application_(application),
+      membership_(application, GetSteadyTime()),
       edition_(link.destinations.GetEdition(remote)),
-      place_(link.sockets) {}
+      place_(link.sockets),
+      to_device_([this] { link_.run([this] { AskForTurn(); }); }) {}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);
@@ -106,8 +108,17 @@ void RemoteStream::LogConnectFailure(int error) {
                   remote_.ToString().c_str(), strerror(error));
 }
 
+void RemoteStream::SetPolicy(const flow_policy_t& policy) {
+  if (is_finishing_) return;
+  to_device_.Set(policy.limits_to_device);
+  // It may have waited for a limit that it does not have any more.
+  if (is_connected_) link_.scheduler.Activate(this);
+}
+
 bool RemoteStream::Write(std::string bytes) {
   if (queue_.size() >= kMaxUnacknowledgedWrites) return false;
+  bytes_from_device_ += bytes.size();
+  application_.GetCounts().bytes_from_device += bytes.size();
   if (has_write_failed_) return true;
   held_.Add(bytes.size());
   queue_.push_back(std::move(bytes));
@@ -160,14 +171,20 @@ void RemoteStream::DropQueued() {
 }
 
 bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
+  if (!to_device_.MaySend()) return false;
   static std::string buffer;  // one for all: it is used up in here
-  buffer.resize(std::min(max_payload, LinkProtocol::kMaxStreamChunkBytes));
+  buffer.resize(to_device_.GetAllowance(
+      std::min(max_payload, LinkProtocol::kMaxStreamChunkBytes)));
   const ssize_t count = read(socket_->GetFd(), buffer.data(), buffer.size());
   if (count > 0) {
     buffer.resize(static_cast<size_t>(count));
     link_.protocol.PutData(out, id_, buffer);
+    to_device_.Charge(buffer.size());
+    bytes_to_device_ += buffer.size();
+    application_.GetCounts().bytes_to_device += buffer.size();
     return true;
   }
+  to_device_.Rest();
   if (count == -1 && (errno == EAGAIN || errno == EINTR)) {
     socket_->WaitReadable();
   } else if (count == 0) {
@@ -183,6 +200,8 @@ bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
 
 void RemoteStream::Finish(int max_idle_ticks) {
   link_.scheduler.Remove(this);
+  membership_.Close();
+  to_device_.Set({});
   is_finishing_ = true;
   max_idle_ticks_ = max_idle_ticks;
   // The handlers do the rest, as soon as the socket lets them.
@@ -192,6 +211,10 @@ void RemoteStream::Finish(int max_idle_ticks) {
 
 void RemoteStream::OnReadable() {
   if (is_finishing_) return ReadAndDiscard();
+  AskForTurn();
+}
+
+void RemoteStream::AskForTurn() {
   link_.scheduler.Activate(this);
   link_.on_waiting();
 }

@@ -8,9 +8,12 @@
 #include <string>
 
 #include "common/host_and_port.h"
+#include "companion/application.h"
 #include "companion/byte_budget.h"
+#include "companion/flow_policy.h"
 #include "companion/flow_scheduler.h"
 #include "companion/link_parts.h"
+#include "companion/rate_limits.h"
 #include "support/descriptor.h"
 
 namespace vantrel {
@@ -42,9 +45,11 @@ class RemoteStream final : public FlowScheduler::Flow {
   // What a finishing stream reads and drops.
   static constexpr size_t kMaxDiscardedBytes = 1 << 20;
 
-  // |held| counts the bytes that wait for the remote. |uid| is whose it is.
+  // |held| counts the bytes that wait for the remote. |application| is whose it
+  // is.
   RemoteStream(const link_parts_t& link, Owner& owner, ByteBudget& held,
-               uint32_t id, const HostAndPort& remote, uint32_t uid);
+               uint32_t id, const HostAndPort& remote,
+               Application& application);
   ~RemoteStream() override;
 
   // Begins to connect to |target|, which for the device stays |remote|. False
@@ -52,9 +57,17 @@ class RemoteStream final : public FlowScheduler::Flow {
   [[nodiscard]] bool Connect(const HostAndPort& target);
 
   uint32_t GetId() const { return id_; }
-  uint32_t GetUid() const { return uid_; }
+  const HostAndPort& GetRemote() const { return remote_; }
+  Application& GetApplication() const { return application_; }
+  SteadyTime GetBegin() const { return membership_.GetBegin(); }
+  // Payload, as application_counts_t has it.
+  uint64_t GetBytesToDevice() const { return bytes_to_device_; }
+  uint64_t GetBytesFromDevice() const { return bytes_from_device_; }
   bool IsFinishing() const { return is_finishing_; }
 
+  // From now on; a new stream has the policy of those that no rule names. It
+  // may have its turn: link_parts_t::on_waiting is to be called.
+  void SetPolicy(const flow_policy_t& policy);
   // Whether no write of the device waits for the remote.
   bool IsDelivered() const { return queue_.empty(); }
   // Takes one write of the device; Flush() hands it on. False when the device
@@ -74,6 +87,7 @@ class RemoteStream final : public FlowScheduler::Flow {
 
  private:
   void OnReadable();  // may destroy this
+  void AskForTurn();  // may destroy this
   void OnWritable();  // may destroy this
   // False when the connection failed or is not allowed any more; the reason is
   // logged.
@@ -93,7 +107,8 @@ class RemoteStream final : public FlowScheduler::Flow {
   ByteBudget& held_;
   const uint32_t id_;
   const HostAndPort remote_;
-  const uint32_t uid_;
+  Application& application_;
+  Application::Stream membership_;
   const uint32_t edition_;  // of where its bytes go
   const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
@@ -103,6 +118,9 @@ class RemoteStream final : public FlowScheduler::Flow {
   bool has_write_failed_ = false;
   bool has_remote_ended_ = false;
   bool is_finishing_ = false;
+  RateLimits to_device_;
+  uint64_t bytes_to_device_ = 0;
+  uint64_t bytes_from_device_ = 0;
   size_t discarded_bytes_ = 0;
   int max_idle_ticks_ = 0;
   int idle_ticks_ = 0;

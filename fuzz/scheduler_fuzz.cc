@@ -45,9 +45,16 @@ class Stream : public FlowScheduler::Flow {
   bool leaves_ = false;
 };
 
-// A flow whose messages the scheduler keeps; each is numbered.
+// A flow whose messages the scheduler keeps.
+class Datagrams : public FlowScheduler::QueuedFlow {
+ private:
+  void OnTaken(const message_t&) override {}
+  void OnDropped(const message_t&) override {}
+};
+
+// Each message is numbered.
 struct queue_t {
-  FlowScheduler::QueuedFlow flow;
+  Datagrams flow;
   uint8_t last_in = 0;
   uint8_t last_out = 0;
 };
@@ -121,7 +128,7 @@ class Script {
     in_ += message.size();
     const size_t before = scheduler_.GetQueuedBytes();
     const uint64_t drops = scheduler_.GetDropCount();
-    scheduler_.Queue(&queue.flow, message, now_);
+    scheduler_.Queue(&queue.flow, {message, now_, message.size()});
     // What was dropped is of no flow that we know: only their sum is.
     const size_t dropped =
         before + message.size() - scheduler_.GetQueuedBytes();

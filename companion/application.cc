@@ -1,0 +1,50 @@
+#include "companion/application.h"
+
+#include <assert.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace vantrel {
+
+Application::Stream::Stream(Application& application, SteadyTime begin)
+    : application_(application),
+      begin_(begin),
+      position_(application.open_since_.insert(application.open_since_.end(),
+                                               begin)) {
+  ++application_.stream_count_;
+  ++application_.counts_.streams_opened;
+}
+
+Application::Stream::~Stream() {
+  Close();
+  --application_.stream_count_;
+}
+
+void Application::Stream::Close() {
+  if (!position_) return;
+  application_.open_since_.erase(*position_);
+  position_.reset();
+}
+
+Application::~Application() { assert(stream_count_ == 0); }
+
+bool Application::SetPackageName(std::string name) {
+  name.resize(std::min(name.size(), kMaxNameBytes));
+  if (name.empty() || name == package_name_) return false;
+  package_name_ = std::move(name);
+  return true;
+}
+
+std::string Application::Describe() const {
+  if (!uid_) return "uid unknown";
+  return "uid " + std::to_string(*uid_) +
+         (package_name_.empty() ? "" : ", " + package_name_);
+}
+
+std::optional<SteadyTime> Application::GetOpenSince() const {
+  if (open_since_.empty()) return std::nullopt;
+  return open_since_.front();
+}
+
+}  // namespace vantrel

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <list>
+#include <optional>
+#include <string>
+
+#include "support/steady_time.h"
+
+namespace vantrel {
+
+// What an application has used of a link since the companion knows it. Bytes
+// are payload alone. They count when they are handed on: those to the device
+// when they go onto the link, those from it when they have come.
+struct application_counts_t {
+  uint64_t bytes_to_device = 0;
+  uint64_t bytes_from_device = 0;
+  uint64_t streams_opened = 0;  // also those that reached no remote
+  uint64_t streams_denied = 0;  // by a rule; not among those opened
+  uint64_t datagrams_to_device = 0;
+  uint64_t datagrams_from_device = 0;
+  uint64_t datagrams_dropped = 0;  // either way, by a queue or a limit
+};
+
+// What the companion knows of one application of one device. Whoever moves its
+// bytes counts them in GetCounts().
+class Application {
+ public:
+  // One stream of it. The application outlives that.
+  class Stream {
+   public:
+    Stream(Application& application, SteadyTime begin);
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+    ~Stream();
+
+    // The device has it open no longer; it may still deliver its rest.
+    void Close();
+    SteadyTime GetBegin() const { return begin_; }
+
+   private:
+    Application& application_;
+    const SteadyTime begin_;
+    // Null when it is closed.
+    std::optional<std::list<SteadyTime>::iterator> position_;
+  };
+
+  // Longer than any name that a device's packages may have.
+  static constexpr size_t kMaxNameBytes = 256;
+
+  // Without |uid| it stands for all whose owner is not known.
+  explicit Application(std::optional<uint32_t> uid) : uid_(uid) {}
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+  ~Application();
+
+  std::optional<uint32_t> GetUid() const { return uid_; }
+  // As the device told it, any bytes; empty: not told yet.
+  const std::string& GetPackageName() const { return package_name_; }
+  // What is too long for a name is cut off. False when that is its name
+  // already, or no name.
+  [[nodiscard]] bool SetPackageName(std::string name);
+  // For a log line.
+  std::string Describe() const;
+
+  application_counts_t& GetCounts() { return counts_; }
+  const application_counts_t& GetCounts() const { return counts_; }
+  // Those that are open, and those that only deliver their rest.
+  size_t GetStreamCount() const { return stream_count_; }
+  size_t GetOpenStreamCount() const { return open_since_.size(); }
+  // When the oldest of the open streams began; none when none is open.
+  std::optional<SteadyTime> GetOpenSince() const;
+
+ private:
+  const std::optional<uint32_t> uid_;
+  std::string package_name_;
+  application_counts_t counts_;
+  size_t stream_count_ = 0;
+  std::list<SteadyTime> open_since_;  // of the open streams, the oldest first
+};
+
+}  // namespace vantrel

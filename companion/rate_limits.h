@@ -1,0 +1,53 @@
+#pragma once
+
+#include <stddef.h>
+
+#include <algorithm>
+#include <functional>
+#include <list>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "companion/rate_limiter.h"
+#include "support/steady_time.h"
+
+namespace vantrel {
+
+// All limiters that one flow has to pass in one direction. The functions do for
+// each of them what RateLimiter::User has under that name.
+class RateLimits {
+ public:
+  explicit RateLimits(std::function<void()> on_grant)
+      : on_grant_(std::move(on_grant)) {}
+
+  void Set(const std::vector<std::shared_ptr<RateLimiter>>& limiters) {
+    users_.clear();
+    for (const auto& limiter : limiters)
+      users_.emplace_back(limiter, on_grant_);
+  }
+  // Waits for one after the other.
+  [[nodiscard]] bool MaySend() {
+    if (users_.empty()) return true;
+    const SteadyTime now = GetSteadyTime();
+    return std::all_of(users_.begin(), users_.end(),
+                       [now](auto& user) { return user.MaySend(now); });
+  }
+  // The least of |most| and what each allows.
+  size_t GetAllowance(size_t most) const {
+    for (const auto& user : users_) most = std::min(most, user.GetAllowance());
+    return most;
+  }
+  void Charge(size_t bytes) {
+    for (auto& user : users_) user.Charge(bytes);
+  }
+  void Rest() {
+    for (auto& user : users_) user.Rest();
+  }
+
+ private:
+  const std::function<void()> on_grant_;
+  std::list<RateLimiter::User> users_;
+};
+
+}  // namespace vantrel
