@@ -3,10 +3,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <array>
 #include <list>
 #include <optional>
 #include <string>
 
+#include "companion/flow_scheduler.h"
+#include "companion/priority.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -65,6 +68,10 @@ class Application {
   // For a log line.
   std::string Describe() const;
 
+  // Where its flows of |priority| wait for the link.
+  FlowScheduler::Group& GetGroup(Priority priority) {
+    return groups_[static_cast<size_t>(priority)];
+  }
   application_counts_t& GetCounts() { return counts_; }
   const application_counts_t& GetCounts() const { return counts_; }
   // Those that are open, and those that only deliver their rest.
@@ -76,6 +83,10 @@ class Application {
  private:
   const std::optional<uint32_t> uid_;
   std::string package_name_;
+  std::array<FlowScheduler::Group, kPriorities> groups_{
+      FlowScheduler::Group(Priority::kHigh),
+      FlowScheduler::Group(Priority::kNormal),
+      FlowScheduler::Group(Priority::kLow)};
   application_counts_t counts_;
   size_t stream_count_ = 0;
   std::list<SteadyTime> open_since_;  // of the open streams, the oldest first

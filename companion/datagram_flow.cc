@@ -34,15 +34,21 @@ DatagramFlow::DatagramFlow(const link_parts_t& link, Owner& owner,
       target_(target),
       place_(link.sockets),
       application_(link.applications.GetUnknown()),
-      to_device_([this] { link_.run([this] { AskForTurn(); }); }) {}
+      to_device_([this] {
+        link_.run([this] {
+          link_.scheduler.Resume(this, GetGroup());
+          link_.on_waiting();
+        });
+      }) {}
 
 DatagramFlow::~DatagramFlow() { link_.scheduler.Remove(this); }
 
 void DatagramFlow::SetPolicy(const flow_policy_t& policy) {
   to_device_.Set(policy.limits_to_device);
   from_device_ = policy.limits_from_device;
+  priority_ = policy.priority;
   // It may have waited for a limit that it does not have any more.
-  link_.scheduler.Activate(this);
+  link_.scheduler.Resume(this, GetGroup());
 }
 
 void DatagramFlow::Send(const std::string& payload) {
@@ -101,11 +107,6 @@ void DatagramFlow::OnDropped(const message_t& message) {
   if (message.payload_bytes) ++application_.GetCounts().datagrams_dropped;
 }
 
-void DatagramFlow::AskForTurn() {
-  link_.scheduler.Activate(this);
-  link_.on_waiting();
-}
-
 // A socket that reports ICMP errors together with what they quote.
 bool DatagramFlow::Open() {
   UniqueFd fd = OpenSocket(link_, target_->host.GetFamily(), SOCK_DGRAM);
@@ -158,7 +159,7 @@ bool DatagramFlow::ReceiveOne() {
   }
   std::string message;
   link_.protocol.PutDatagram(&message, local_, remote_, payload);
-  link_.scheduler.Queue(this,
+  link_.scheduler.Queue(this, GetGroup(),
                         {std::move(message), GetSteadyTime(), payload.size()});
   return true;
 }
@@ -213,7 +214,7 @@ void DatagramFlow::QueueFailure(const std::string& request) {
   if (request.size() > link_.protocol.GetMaxDatagramBytes()) return;
   std::string message;
   link_.protocol.PutUdpFailure(&message, local_, remote_, request);
-  link_.scheduler.Queue(this,
+  link_.scheduler.Queue(this, GetGroup(),
                         {std::move(message), GetSteadyTime(), std::nullopt});
 }
 

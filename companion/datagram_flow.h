@@ -58,7 +58,9 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
  private:
   void OnTaken(const message_t& message) override;
   void OnDropped(const message_t& message) override;
-  void AskForTurn();  // may destroy this
+  FlowScheduler::Group* GetGroup() const {
+    return &application_.GetGroup(priority_);
+  }
   // Charges the limits. False when one of them has been reached.
   bool MaySend(size_t bytes);
   // False when the system refuses a socket; errno says why.
@@ -81,6 +83,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   const std::optional<HostAndPort> target_;
   const SocketPool::Place place_;
   Application& application_;
+  Priority priority_ = Priority::kNormal;
   RateLimits to_device_;
   std::vector<std::shared_ptr<RateLimiter>> from_device_;
   std::unique_ptr<Descriptor> socket_;

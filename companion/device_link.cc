@@ -348,7 +348,8 @@ void DeviceLink::OnTransfer(std::unique_ptr<FlowScheduler::Flow> transfer) {
     scheduler_.Remove(transfers_.front().get());
     transfers_.pop_front();
   }
-  scheduler_.Activate(transfer.get());
+  scheduler_.Activate(transfer.get(),
+                      &applications_.GetUnknown().GetGroup(Priority::kNormal));
   transfers_.push_back(std::move(transfer));
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <list>
 #include <string>
 
 namespace vantrel {
@@ -57,10 +58,12 @@ class FlowSchedulerTest : public ::testing::Test {
   }
 
   void Queue(FlowScheduler::QueuedFlow* flow, const std::string& message) {
-    scheduler_.Queue(flow, {message, now_, message.size()});
+    scheduler_.Queue(flow, &group_, {message, now_, message.size()});
   }
 
   FlowScheduler scheduler_;
+  FlowScheduler::Group group_{Priority::kNormal};
+  FlowScheduler::Group other_{Priority::kNormal};
   SteadyTime now_{};
 };
 
@@ -68,8 +71,8 @@ class FlowSchedulerTest : public ::testing::Test {
 TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
   Source a(scheduler_, 'a', 1000), b(scheduler_, 'b', 1000);
   Datagrams small(scheduler_), large(scheduler_);
-  scheduler_.Activate(&a);
-  scheduler_.Activate(&b);
+  scheduler_.Activate(&a, &group_);
+  scheduler_.Activate(&b, &group_);
   for (int i = 0; i < 500; ++i) Queue(&small, "s");
   for (int i = 0; i < 20; ++i) Queue(&large, std::string(25, 'l'));
   std::string sent;
@@ -86,20 +89,77 @@ TEST_F(FlowSchedulerTest, SharesTheLinkByBytesNotByMessages) {
 TEST_F(FlowSchedulerTest, ServesSparseFlowsFirstButNotForEver) {
   Source bulk(scheduler_, 'B', 1000), other(scheduler_, 'O', 1000);
   Source sparse(scheduler_, 's', 3);
-  scheduler_.Activate(&bulk);
-  scheduler_.Activate(&other);
+  scheduler_.Activate(&bulk, &group_);
+  scheduler_.Activate(&other, &group_);
   Take(10);  // both have used what a new flow has
-  scheduler_.Activate(&sparse);
+  scheduler_.Activate(&sparse, &group_);
   EXPECT_EQ("sss", Take(1));
   // It has come back at once: it waits for its turn, as the others do.
   EXPECT_THAT(Take(1), ::testing::MatchesRegex("B+|O+"));
   sparse.Add(1000);
-  scheduler_.Activate(&sparse);
+  scheduler_.Activate(&sparse, &group_);
   const std::string sent = Take(12);
   EXPECT_NEAR(40, Count(sent, 's'), 10);
 
   *scheduler_.GetControl() += "control";
   EXPECT_EQ("control", Take(1));
+}
+
+TEST_F(FlowSchedulerTest, SharesTheLinkBetweenGroupsFirst) {
+  std::list<Source> many;
+  for (int i = 0; i < 32; ++i) {
+    scheduler_.Activate(&many.emplace_back(scheduler_, 'm', 100'000), &group_);
+  }
+  Source one(scheduler_, 'o', 100'000);
+  Datagrams large(scheduler_);
+  scheduler_.Activate(&one, &other_);
+  for (int i = 0; i < 10; ++i) Queue(&large, std::string(25, 'L'));
+  std::string sent = Take(400);
+  EXPECT_NEAR(static_cast<double>(sent.size()) / 2, Count(sent, 'o'), 25);
+  EXPECT_NEAR(60, Count(sent, 'L'), 25);  // one of 33
+
+  // A new flow goes first, in the group of many, too.
+  Source sparse(scheduler_, 's', 5);
+  scheduler_.Activate(&sparse, &group_);
+  EXPECT_EQ("sssss", Take(1));
+  // But not one after the other, before everybody else.
+  sent.clear();
+  for (int i = 0; i < 200; ++i) {
+    Source next(scheduler_, 'n', 10);
+    scheduler_.Activate(&next, &group_);
+    sent += Take(1);
+  }
+  EXPECT_NEAR(1000., Count(sent, 'o'), 20);
+
+  // A flow that waited for something else is no new one.
+  Source limited(scheduler_, 'l', 10);
+  scheduler_.Resume(&limited, &other_);
+  EXPECT_EQ(0., Count(Take(2), 'l'));
+  EXPECT_EQ(10., Count(Take(3), 'l'));
+  // It may change its group.
+  scheduler_.Resume(&one, &group_);
+  EXPECT_EQ(0u, Count(Take(32), 'o'));
+}
+
+// What is low has what others leave, and a hundredth at least.
+TEST_F(FlowSchedulerTest, HigherPrioritiesGoFirstAndNobodyStarves) {
+  FlowScheduler::Group high(Priority::kHigh), low(Priority::kLow);
+  Source background(scheduler_, 'l', 1'000'000), h(scheduler_, 'h', 50'000);
+  std::list<Source> normal;
+  scheduler_.Activate(&background, &low);
+  for (int i = 0; i < 8; ++i) {
+    scheduler_.Activate(&normal.emplace_back(scheduler_, 'n', 10'000), &group_);
+  }
+  scheduler_.Activate(&h, &high);
+  std::string sent = Take(5000);
+  EXPECT_NEAR(500, Count(sent, 'l'), 20);
+  EXPECT_NEAR(5000, Count(sent, 'n'), 20);
+  sent = Take(4000);
+  EXPECT_NEAR(400, Count(sent, 'l'), 100);
+  EXPECT_GT(Count(sent, 'n'), 30'000);
+  // The others have little left.
+  EXPECT_NEAR(40'000, Count(Take(8000), 'l'), 2000);
+  EXPECT_EQ(10., Count(Take(1), 'l'));
 }
 
 TEST_F(FlowSchedulerTest, DropsTheOldestOfTheFullestFlow) {
@@ -176,8 +236,8 @@ TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {
   };
   Source other(scheduler_, 'o', 10);
   bool is_gone = false;
-  scheduler_.Activate(new Leaving(scheduler_, &is_gone));
-  scheduler_.Activate(&other);
+  scheduler_.Activate(new Leaving(scheduler_, &is_gone), &group_);
+  scheduler_.Activate(&other, &group_);
   EXPECT_EQ("oooooooooo", Take(3));
   EXPECT_TRUE(is_gone);
   // But not without a word.
@@ -186,7 +246,7 @@ TEST_F(FlowSchedulerTest, AFlowMayGoWhenItIsAsked) {
   };
   const auto go_known = [this] {
     Staying flow;
-    scheduler_.Activate(&flow);
+    scheduler_.Activate(&flow, &group_);
   };
   EXPECT_DEATH(go_known(), "list_ == nullptr");
 }

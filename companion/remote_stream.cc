@@ -47,7 +47,12 @@ RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
       membership_(application, GetSteadyTime()),
       edition_(link.destinations.GetEdition(remote)),
       place_(link.sockets),
-      to_device_([this] { link_.run([this] { AskForTurn(); }); }) {}
+      to_device_([this] {
+        link_.run([this] {
+          link_.scheduler.Resume(this, GetGroup());
+          link_.on_waiting();
+        });
+      }) {}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);
@@ -111,8 +116,9 @@ void RemoteStream::LogConnectFailure(int error) {
 void RemoteStream::SetPolicy(const flow_policy_t& policy) {
   if (is_finishing_) return;
   to_device_.Set(policy.limits_to_device);
+  priority_ = policy.priority;
   // It may have waited for a limit that it does not have any more.
-  if (is_connected_) link_.scheduler.Activate(this);
+  if (is_connected_) link_.scheduler.Resume(this, GetGroup());
 }
 
 bool RemoteStream::Write(std::string bytes) {
@@ -211,11 +217,7 @@ void RemoteStream::Finish(int max_idle_ticks) {
 
 void RemoteStream::OnReadable() {
   if (is_finishing_) return ReadAndDiscard();
-  AskForTurn();
-}
-
-void RemoteStream::AskForTurn() {
-  link_.scheduler.Activate(this);
+  link_.scheduler.Activate(this, GetGroup());
   link_.on_waiting();
 }
 

@@ -87,7 +87,9 @@ class RemoteStream final : public FlowScheduler::Flow {
 
  private:
   void OnReadable();  // may destroy this
-  void AskForTurn();  // may destroy this
+  FlowScheduler::Group* GetGroup() const {
+    return &application_.GetGroup(priority_);
+  }
   void OnWritable();  // may destroy this
   // False when the connection failed or is not allowed any more; the reason is
   // logged.
@@ -118,6 +120,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   bool has_write_failed_ = false;
   bool has_remote_ended_ = false;
   bool is_finishing_ = false;
+  Priority priority_ = Priority::kNormal;
   RateLimits to_device_;
   uint64_t bytes_to_device_ = 0;
   uint64_t bytes_from_device_ = 0;

@@ -78,13 +78,18 @@ class Script {
                                             static_cast<uint8_t>('a' + which));
         }
         stream->left += argument;
-        scheduler_.Activate(stream.get());
+        scheduler_.Activate(stream.get(), GetGroup(which));
         break;
       case 1:
         stream.reset();
         break;
       case 2:
-        if (stream != nullptr) stream->LeaveWhenAsked();
+        if (stream == nullptr) break;
+        if (argument % 2 == 0) {
+          stream->LeaveWhenAsked();
+        } else {
+          scheduler_.Resume(stream.get(), GetGroup(argument / 2));
+        }
         break;
       case 3:
         Queue(which, argument);
@@ -119,6 +124,9 @@ class Script {
   }
 
  private:
+  FlowScheduler::Group* GetGroup(size_t number) {
+    return &groups_[number % groups_.size()];
+  }
   // 'A' + flow, its number, filler.
   void Queue(size_t which, size_t filler) {
     queue_t& queue = queues_[which];
@@ -128,7 +136,8 @@ class Script {
     in_ += message.size();
     const size_t before = scheduler_.GetQueuedBytes();
     const uint64_t drops = scheduler_.GetDropCount();
-    scheduler_.Queue(&queue.flow, {message, now_, message.size()});
+    scheduler_.Queue(&queue.flow, GetGroup(which),
+                     {message, now_, message.size()});
     // What was dropped is of no flow that we know: only their sum is.
     const size_t dropped =
         before + message.size() - scheduler_.GetQueuedBytes();
@@ -169,6 +178,11 @@ class Script {
   }
 
   FlowScheduler scheduler_;
+  std::array<FlowScheduler::Group, 4> groups_{
+      FlowScheduler::Group(Priority::kNormal),
+      FlowScheduler::Group(Priority::kNormal),
+      FlowScheduler::Group(Priority::kLow),
+      FlowScheduler::Group(Priority::kHigh)};
   std::array<std::unique_ptr<Stream>, kFlows> streams_;
   std::array<queue_t, kFlows> queues_;
   SteadyTime now_{};
