@@ -22,6 +22,7 @@ import threading
 import time
 
 from testbed import internet
+from testbed.device import BROWSER_UID, MAIL_UID
 from testbed.internet import NAME_SERVER, SERVER_ADDRESS
 from testbed.processes import Missing, end_process, find_program, resident_bytes
 from testbed.programs import BIN_DIR
@@ -30,7 +31,7 @@ from testbed.waiting import wait_until
 
 
 RATE = 250000
-SOURCE, SINK, EXCHANGE, KEYS = 7001, 7002, 7003, 7004
+SOURCE, SINK, EXCHANGE, KEYS, OTHER_SINK = 7001, 7002, 7003, 7004, 7005
 UDP_ECHO, FLOOD, UDP_SINK, UDP_SOURCE, QUIC = 4000, 4001, 4002, 4003, 4433
 ADDRESS, DARK_ADDRESS = SERVER_ADDRESS, "198.51.100.99"
 REQUEST, ANSWER = b"q" * 100, b"a" * 1024
@@ -40,12 +41,14 @@ QUERY = (b"\x12\x34\1\0\0\1\0\0\0\0\0\0\3www\7example\4test\0\0\1\0\1")
 FAILURES = (OSError, AssertionError)
 
 
-# How many bytes have arrived at the sink, for the other process.
+# How many bytes have arrived at each sink, for the other process.
 SUNK = mmap.mmap(-1, mmap.PAGESIZE)
+SUNK_AT = {SINK: 0, OTHER_SINK: 8}
+SINKING = threading.Lock()
 
 
-def sunk():
-    return struct.unpack("q", SUNK[:8])[0]
+def sunk(port=SINK):
+    return struct.unpack_from("q", SUNK, SUNK_AT[port])[0]
 
 
 # The servers, in a process of their own.
@@ -72,9 +75,10 @@ def serve_source(peer):
 
 
 def serve_sink(peer):
+    port = peer.getsockname()[1]
     while got := len(peer.recv(1 << 18)):
-        SUNK.write(struct.pack("q", sunk() + got))
-        SUNK.seek(0)
+        with SINKING:
+            struct.pack_into("q", SUNK, SUNK_AT[port], sunk(port) + got)
 
 
 def serve_exchange(peer):
@@ -119,7 +123,8 @@ def send_datagrams(sock, address, rate, size, seconds):
 
 def run_servers():
     on_connections(SOURCE, serve_source)
-    on_connections(SINK, serve_sink)
+    for port in SUNK_AT:
+        on_connections(port, serve_sink)
     on_connections(EXCHANGE, serve_exchange)
     on_connections(KEYS, serve_keys)
     on_datagrams(ADDRESS, UDP_ECHO, lambda sock, data, sender: sock.sendto(data, sender))
@@ -161,11 +166,11 @@ class Companion:
 
 
 class Load:
-    """Streams that move as many bytes as they can, counted."""
+    """Streams of |uid| that move as many bytes as they can, counted."""
 
-    def __init__(self, device, port, count):
+    def __init__(self, device, port, count, uid=0):
         self.moved = 0
-        self.apps = [device.connect(ADDRESS, port) for _ in range(count)]
+        self.apps = [device.connect(ADDRESS, port, uid) for _ in range(count)]
         work = self._receive if port == SOURCE else self._send
         self.threads = [threading.Thread(target=work, args=[app]) for app in self.apps]
         for thread in self.threads:
@@ -412,6 +417,41 @@ def measure_quic(options, protocol):
     yield above("download by QUIC, BBR, of the link", bbr_share, .9)
 
 
+def measure_fair(options, protocol):
+    """An application with one stream beside one with many."""
+    with slow_road(options, protocol, "rate=2Mbit,delay=30ms") as road:
+        device = road.device
+        exchange = exchanger(device)
+        alone = timed(exchange, options.seconds / 4)
+        many = Load(device, SOURCE, 32, BROWSER_UID)
+        one = Load(device, SOURCE, 1, MAIL_UID)
+        time.sleep(2)
+        before, begin = many.moved, time.monotonic()
+        down = share_of(one, options.seconds)
+        many_down = (many.moved - before) / (time.monotonic() - begin) / RATE
+        beside = timed(exchange, options.seconds)
+        many.close()
+        one.close()
+        wait_for_rest(road)
+        many = Load(device, SINK, 8, BROWSER_UID)
+        time.sleep(2)
+        one = Load(device, OTHER_SINK, 1, MAIL_UID)
+        time.sleep(2)
+        before, begin = [sunk(SINK), sunk(OTHER_SINK)], time.monotonic()
+        time.sleep(2 * options.seconds)
+        seconds = time.monotonic() - begin
+        others, up = [(sunk(port) - moved) / seconds / RATE
+                      for port, moved in zip([SINK, OTHER_SINK], before)]
+        many.close()
+        one.close()
+    yield above("one download beside 32 of another application, of the link", down, .45)
+    more = statistics.median(beside) - statistics.median(alone)
+    yield below("1 KB exchange beside both, p50, longer than alone", more, 60)
+    yield above("one upload beside 8 of another application, of the link", up, .35)
+    yield above("all downloads, of the link", many_down + down, .9)
+    yield above("all uploads, of the link", others + up, .9)
+
+
 def measure_idle(options, protocol):
     with slow_road(options, protocol) as road:
         load = Load(road.device, SOURCE, 4)
@@ -646,7 +686,8 @@ def measure_churn(options, _):
 
 
 SHAPED = {"down": measure_down, "up": measure_up, "flood": measure_flood,
-          "up flood": measure_up_flood, "quic": measure_quic, "idle": measure_idle}
+          "up flood": measure_up_flood, "quic": measure_quic, "fair": measure_fair,
+          "idle": measure_idle}
 ONCE = {"many": measure_many, "silent": measure_silent, "flooded": measure_flooded,
         "churn": measure_churn}
 

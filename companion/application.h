@@ -10,6 +10,7 @@
 
 #include "companion/flow_scheduler.h"
 #include "companion/priority.h"
+#include "companion/upload_scheduler.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -72,6 +73,10 @@ class Application {
   FlowScheduler::Group& GetGroup(Priority priority) {
     return groups_[static_cast<size_t>(priority)];
   }
+  // And where those that come from it wait for their acknowledgements.
+  UploadScheduler::Group& GetUploads(Priority priority) {
+    return uploads_[static_cast<size_t>(priority)];
+  }
   application_counts_t& GetCounts() { return counts_; }
   const application_counts_t& GetCounts() const { return counts_; }
   // Those that are open, and those that only deliver their rest.
@@ -87,6 +92,10 @@ class Application {
       FlowScheduler::Group(Priority::kHigh),
       FlowScheduler::Group(Priority::kNormal),
       FlowScheduler::Group(Priority::kLow)};
+  std::array<UploadScheduler::Group, kPriorities> uploads_{
+      UploadScheduler::Group(Priority::kHigh),
+      UploadScheduler::Group(Priority::kNormal),
+      UploadScheduler::Group(Priority::kLow)};
   application_counts_t counts_;
   size_t stream_count_ = 0;
   std::list<SteadyTime> open_since_;  // of the open streams, the oldest first

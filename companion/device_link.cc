@@ -56,10 +56,18 @@ DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
     : options_(shared.options),
       log_(id),
       on_change_(std::move(on_change)),
+      uploads_(shared.loop,
+               [this] {
+                 Run([this] {
+                   uploads_.OnTime(GetSteadyTime());
+                   Pump();
+                 });
+               }),
       protocol_(MakeProtocol(options_, scheduler_.GetControl())),
       parts_{shared.loop,
              *protocol_,
              scheduler_,
+             uploads_,
              applications_,
              log_,
              shared.destinations,

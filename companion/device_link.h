@@ -23,6 +23,7 @@
 #include "companion/options.h"
 #include "companion/socket_pool.h"
 #include "companion/turn_queue.h"
+#include "companion/upload_scheduler.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -134,6 +135,7 @@ class DeviceLink final : public DeviceMessages {
   CompanionLog log_;
   const std::function<void()> on_change_;
   FlowScheduler scheduler_;
+  UploadScheduler uploads_;
   Applications applications_;
   const std::unique_ptr<LinkProtocol> protocol_;
   const link_parts_t parts_;

@@ -13,6 +13,7 @@
 #include "companion/flow_scheduler.h"
 #include "companion/link_protocol.h"
 #include "companion/socket_pool.h"
+#include "companion/upload_scheduler.h"
 
 namespace vantrel {
 
@@ -21,6 +22,7 @@ struct link_parts_t {
   asio::io_context& loop;
   LinkProtocol& protocol;
   FlowScheduler& scheduler;
+  UploadScheduler& uploads;
   Applications& applications;
   CompanionLog& log;
   const Destinations& destinations;

@@ -157,13 +157,12 @@ void LinkStreams::OnTick() {
   if (GetCount() != count) ReportIdle();
 }
 
-void LinkStreams::OnWritesDelivered(RemoteStream& stream, size_t count) {
+void LinkStreams::OnAcknowledge(RemoteStream& stream, size_t count) {
   link_.log.Write(LogLevel::kDebug, LogKind::kStream,
-                  "stream %u: %zu writes delivered", stream.GetId(), count);
+                  "stream %u: %zu writes acknowledged", stream.GetId(), count);
   for (size_t i = 0; i < count; ++i) {
     link_.protocol.PutWriteAck(link_.scheduler.GetControl(), stream.GetId());
   }
-  link_.on_waiting();
 }
 
 void LinkStreams::OnRemoteEnded(RemoteStream& stream) {

@@ -42,7 +42,7 @@ class LinkStreams final : public RemoteStream::Owner {
   size_t GetCount() const { return streams_.size() + finishing_.size(); }
   size_t GetHeldBytes() const { return held_.GetUsed(); }
 
-  void OnWritesDelivered(RemoteStream& stream, size_t count) override;
+  void OnAcknowledge(RemoteStream& stream, size_t count) override;
   void OnRemoteEnded(RemoteStream& stream) override;
   void OnStreamOver(RemoteStream& stream) override;
 

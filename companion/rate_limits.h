@@ -26,6 +26,7 @@ class RateLimits {
     for (const auto& limiter : limiters)
       users_.emplace_back(limiter, on_grant_);
   }
+  bool IsEmpty() const { return users_.empty(); }
   // Waits for one after the other.
   [[nodiscard]] bool MaySend() {
     if (users_.empty()) return true;

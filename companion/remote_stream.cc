@@ -52,7 +52,17 @@ RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
           link_.scheduler.Resume(this, GetGroup());
           link_.on_waiting();
         });
-      }) {}
+      }),
+      uploads_(
+          link.uploads, application.GetUploads(Priority::kNormal),
+          kMaxUnacknowledgedWrites,
+          [this](size_t count) { owner_.OnAcknowledge(*this, count); },
+          [this] {
+            link_.run([this] {
+              uploads_.OnGrant(GetSteadyTime());
+              link_.on_waiting();
+            });
+          }) {}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);
@@ -115,6 +125,10 @@ void RemoteStream::LogConnectFailure(int error) {
 
 void RemoteStream::SetPolicy(const flow_policy_t& policy) {
   if (is_finishing_) return;
+  const SteadyTime now = GetSteadyTime();
+  uploads_.SetLimits(policy.limits_from_device);
+  uploads_.SetGroup(&application_.GetUploads(policy.priority));
+  uploads_.OnGrant(now);
   to_device_.Set(policy.limits_to_device);
   priority_ = policy.priority;
   // It may have waited for a limit that it does not have any more.
@@ -122,10 +136,13 @@ void RemoteStream::SetPolicy(const flow_policy_t& policy) {
 }
 
 bool RemoteStream::Write(std::string bytes) {
-  if (queue_.size() >= kMaxUnacknowledgedWrites) return false;
+  if (uploads_.GetUnacknowledgedCount() >= kMaxUnacknowledgedWrites) {
+    return false;
+  }
   bytes_from_device_ += bytes.size();
   application_.GetCounts().bytes_from_device += bytes.size();
   if (has_write_failed_) return true;
+  uploads_.OnWrite(bytes.size(), GetSteadyTime());
   held_.Add(bytes.size());
   queue_.push_back(std::move(bytes));
   return true;
@@ -136,7 +153,7 @@ void RemoteStream::Flush() {
   size_t delivered;
   if (!WriteQueued(&delivered)) return OnWriteFailure();
   if (!queue_.empty()) socket_->WaitWritable();
-  if (delivered > 0) owner_.OnWritesDelivered(*this, delivered);
+  if (delivered > 0) uploads_.OnDelivered(delivered, GetSteadyTime());
 }
 
 bool RemoteStream::WriteSome(size_t* count) {
@@ -208,6 +225,7 @@ void RemoteStream::Finish(int max_idle_ticks) {
   link_.scheduler.Remove(this);
   membership_.Close();
   to_device_.Set({});
+  uploads_.Close();
   is_finishing_ = true;
   max_idle_ticks_ = max_idle_ticks;
   // The handlers do the rest, as soon as the socket lets them.
@@ -228,7 +246,8 @@ void RemoteStream::OnWritable() {
   if (!WriteQueued(&delivered)) return OnWriteFailure();
   if (held_.GetUsed() != held_before) idle_ticks_ = 0;
   if (delivered > 0 && !is_finishing_) {
-    owner_.OnWritesDelivered(*this, delivered);
+    uploads_.OnDelivered(delivered, GetSteadyTime());
+    link_.on_waiting();
   }
   if (!queue_.empty()) return socket_->WaitWritable();
   if (!is_finishing_) return;

@@ -31,8 +31,9 @@ class RemoteStream final : public FlowScheduler::Flow {
   class Owner {
    public:
     virtual ~Owner() = default;
-    // |count| of the device's writes are in the hands of the kernel.
-    virtual void OnWritesDelivered(RemoteStream& stream, size_t count) = 0;
+    // |count| of the device's writes are to be acknowledged. Nothing may be
+    // sent at once.
+    virtual void OnAcknowledge(RemoteStream& stream, size_t count) = 0;
     // The remote has closed the connection. The stream may be finished.
     virtual void OnRemoteEnded(RemoteStream& stream) = 0;
     // The connection could not be made, has failed or, after Finish(), is done
@@ -122,6 +123,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   bool is_finishing_ = false;
   Priority priority_ = Priority::kNormal;
   RateLimits to_device_;
+  UploadScheduler::Flow uploads_;
   uint64_t bytes_to_device_ = 0;
   uint64_t bytes_from_device_ = 0;
   size_t discarded_bytes_ = 0;

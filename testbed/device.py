@@ -2,6 +2,7 @@
 
 import contextlib
 import ctypes
+import os
 import pathlib
 import signal
 import socket
@@ -91,16 +92,21 @@ class Device:
             finally:
                 assert _libc.setns(home.fileno(), _CLONE_NEWNET) == 0
 
-    def socket(self, kind, bind=None):
+    def socket(self, kind, bind=None, uid=0):
+        """An application's of |uid|."""
         with self.network():
-            app = socket.socket(socket.AF_INET, kind)
+            os.seteuid(uid)
+            try:
+                app = socket.socket(socket.AF_INET, kind)
+            finally:
+                os.seteuid(0)
         app.settimeout(10 * PATIENCE)
         if bind:
             app.bind(bind)
         return app
 
-    def connect(self, address, port):
-        app = self.socket(socket.SOCK_STREAM)
+    def connect(self, address, port, uid=0):
+        app = self.socket(socket.SOCK_STREAM, uid=uid)
         app.connect((address, port))
         return app
 
