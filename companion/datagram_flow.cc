@@ -33,18 +33,17 @@ DatagramFlow::DatagramFlow(const link_parts_t& link, Owner& owner,
       remote_(remote),
       target_(target),
       place_(link.sockets),
-      application_(link.applications.GetUnknown()),
-      to_device_([this] {
-        link_.run([this] {
-          link_.scheduler.Resume(this, GetGroup());
-          link_.on_waiting();
-        });
-      }) {}
+      application_(link.applications.GetUnknown()) {}
 
 DatagramFlow::~DatagramFlow() { link_.scheduler.Remove(this); }
 
 void DatagramFlow::SetPolicy(const flow_policy_t& policy) {
-  to_device_.Set(policy.limits_to_device);
+  to_device_.Set(policy.limits_to_device, [this] {
+    link_.run([this] {
+      link_.scheduler.Resume(this, GetGroup());
+      link_.on_waiting();
+    });
+  });
   from_device_ = policy.limits_from_device;
   priority_ = policy.priority;
   // It may have waited for a limit that it does not have any more.

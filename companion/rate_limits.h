@@ -6,7 +6,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <utility>
 #include <vector>
 
 #include "companion/rate_limiter.h"
@@ -18,14 +17,12 @@ namespace vantrel {
 // each of them what RateLimiter::User has under that name.
 class RateLimits {
  public:
-  explicit RateLimits(std::function<void()> on_grant)
-      : on_grant_(std::move(on_grant)) {}
-
-  void Set(const std::vector<std::shared_ptr<RateLimiter>>& limiters) {
+  void Set(const std::vector<std::shared_ptr<RateLimiter>>& limiters,
+           const std::function<void()>& on_grant) {
     users_.clear();
-    for (const auto& limiter : limiters)
-      users_.emplace_back(limiter, on_grant_);
+    for (const auto& limiter : limiters) users_.emplace_back(limiter, on_grant);
   }
+  void Clear() { users_.clear(); }
   bool IsEmpty() const { return users_.empty(); }
   // Waits for one after the other.
   [[nodiscard]] bool MaySend() {
@@ -47,7 +44,6 @@ class RateLimits {
   }
 
  private:
-  const std::function<void()> on_grant_;
   std::list<RateLimiter::User> users_;
 };
 

@@ -47,22 +47,8 @@ RemoteStream::RemoteStream(const link_parts_t& link, Owner& owner,
       membership_(application, GetSteadyTime()),
       edition_(link.destinations.GetEdition(remote)),
       place_(link.sockets),
-      to_device_([this] {
-        link_.run([this] {
-          link_.scheduler.Resume(this, GetGroup());
-          link_.on_waiting();
-        });
-      }),
-      uploads_(
-          link.uploads, application.GetUploads(Priority::kNormal),
-          kMaxUnacknowledgedWrites,
-          [this](size_t count) { owner_.OnAcknowledge(*this, count); },
-          [this] {
-            link_.run([this] {
-              uploads_.OnGrant(GetSteadyTime());
-              link_.on_waiting();
-            });
-          }) {}
+      uploads_(link.uploads, application.GetUploads(Priority::kNormal), *this) {
+}
 
 RemoteStream::~RemoteStream() {
   link_.scheduler.Remove(this);
@@ -125,14 +111,27 @@ void RemoteStream::LogConnectFailure(int error) {
 
 void RemoteStream::SetPolicy(const flow_policy_t& policy) {
   if (is_finishing_) return;
-  const SteadyTime now = GetSteadyTime();
-  uploads_.SetLimits(policy.limits_from_device);
   uploads_.SetGroup(&application_.GetUploads(policy.priority));
-  uploads_.OnGrant(now);
-  to_device_.Set(policy.limits_to_device);
+  uploads_.SetLimits(policy.limits_from_device, [this] {
+    link_.run([this] {
+      uploads_.OnGrant(GetSteadyTime());
+      link_.on_waiting();
+    });
+  });
+  uploads_.OnGrant(GetSteadyTime());
   priority_ = policy.priority;
+  to_device_.Set(policy.limits_to_device, [this] {
+    link_.run([this] {
+      link_.scheduler.Resume(this, GetGroup());
+      link_.on_waiting();
+    });
+  });
   // It may have waited for a limit that it does not have any more.
   if (is_connected_) link_.scheduler.Resume(this, GetGroup());
+}
+
+void RemoteStream::OnAcknowledge(size_t count) {
+  owner_.OnAcknowledge(*this, count);
 }
 
 bool RemoteStream::Write(std::string bytes) {
@@ -224,7 +223,7 @@ bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
 void RemoteStream::Finish(int max_idle_ticks) {
   link_.scheduler.Remove(this);
   membership_.Close();
-  to_device_.Set({});
+  to_device_.Clear();
   uploads_.Close();
   is_finishing_ = true;
   max_idle_ticks_ = max_idle_ticks;

@@ -26,13 +26,13 @@ namespace vantrel {
 // faster than the link carries is slowed down by its own TCP. Finish() ends
 // that: from then on the stream only delivers what it holds, and drops whatever
 // the remote still sends.
-class RemoteStream final : public FlowScheduler::Flow {
+class RemoteStream final : public FlowScheduler::Flow,
+                           public UploadScheduler::Flow::Owner {
  public:
   class Owner {
    public:
     virtual ~Owner() = default;
-    // |count| of the device's writes are to be acknowledged. Nothing may be
-    // sent at once.
+    // As UploadScheduler::Flow::Owner has it.
     virtual void OnAcknowledge(RemoteStream& stream, size_t count) = 0;
     // The remote has closed the connection. The stream may be finished.
     virtual void OnRemoteEnded(RemoteStream& stream) = 0;
@@ -42,7 +42,8 @@ class RemoteStream final : public FlowScheduler::Flow {
   };
 
   // The device's credit: more writes than this never wait in a stream.
-  static constexpr size_t kMaxUnacknowledgedWrites = 8;
+  static constexpr size_t kMaxUnacknowledgedWrites =
+      UploadScheduler::Flow::kCredit;
   // What a finishing stream reads and drops.
   static constexpr size_t kMaxDiscardedBytes = 1 << 20;
 
@@ -78,6 +79,7 @@ class RemoteStream final : public FlowScheduler::Flow {
   // What it does not take follows when it does.
   void Flush();
   bool TakeMessage(size_t max_payload, std::string* out) override;
+  void OnAcknowledge(size_t count) override;
   // Delivers what is held, tells the remote that nothing follows and waits for
   // its end, so that no byte is lost to a reset. Over when that is done, when a
   // connection without progress has seen |max_idle_ticks| ticks, or when the

@@ -32,24 +32,25 @@ UploadScheduler::Group::~Group() {
 }
 
 UploadScheduler::Flow::Flow(UploadScheduler& scheduler, Group& group,
-                            size_t credit,
-                            std::function<void(size_t count)> on_acknowledge,
-                            std::function<void()> on_grant)
-    : scheduler_(scheduler),
-      on_acknowledge_(std::move(on_acknowledge)),
-      limits_(std::move(on_grant)),
-      unused_credit_(credit) {
+                            Owner& owner)
+    : scheduler_(scheduler), owner_(owner) {
   Join(&group);
+}
+
+size_t UploadScheduler::Flow::GetBytesUnderWay() {
+  size_t sum = 0;
+  for (size_t i = 0; i < bytes_.GetSize(); ++i) sum += bytes_[i];
+  return sum;
 }
 
 void UploadScheduler::Flow::Join(Group* group) {
   group_ = group;
   position_ = group->flows_.insert(group->flows_.end(), this);
-  for (const credit_t& credit : credits_) group->under_way_ += credit.bytes;
+  group->under_way_ += GetBytesUnderWay();
 }
 
 void UploadScheduler::Flow::Leave() {
-  for (const credit_t& credit : credits_) group_->under_way_ -= credit.bytes;
+  group_->under_way_ -= GetBytesUnderWay();
   if (waits_at_) group_->waiting_.erase(*waits_at_);
   waits_at_.reset();
   group_->flows_.erase(position_);
@@ -62,30 +63,22 @@ void UploadScheduler::Flow::SetGroup(Group* group) {
   Join(group);
 }
 
-void UploadScheduler::Flow::SetLimits(
-    const std::vector<std::shared_ptr<RateLimiter>>& limiters) {
-  limits_.Set(limiters);
-}
-
 void UploadScheduler::Flow::Close() {
   if (group_ == nullptr) return;
-  for (const size_t bytes : writes_) limits_.Charge(bytes);
-  limits_.Set({});
+  while (!writes_.IsEmpty()) limits_.Charge(writes_.Pop());
+  limits_.Clear();
   Leave();
 }
 
 void UploadScheduler::Flow::OnWrite(size_t bytes, SteadyTime now) {
-  writes_.push_back(bytes);
+  writes_.Push(static_cast<uint32_t>(bytes));
   if (unused_credit_ > 0) {
     --unused_credit_;
     if (unused_credit_ == 0) scheduler_.OnCreditUsedUp(group_, now);
     return;
   }
-  assert(!credits_.empty());
-  const credit_t credit = credits_.front();
-  credits_.pop_front();
-  group_->under_way_ -= credit.bytes;
-  scheduler_.OnCreditUsed(group_, bytes, now - credit.given, now);
+  group_->under_way_ -= bytes_.Pop();
+  scheduler_.OnCreditUsed(group_, bytes, now - given_.Pop(), now);
 }
 
 void UploadScheduler::Flow::OnDelivered(size_t count, SteadyTime now) {
@@ -107,15 +100,15 @@ void UploadScheduler::Flow::Enter() {
 
 void UploadScheduler::Flow::Acknowledge(size_t count, SteadyTime now) {
   for (size_t i = 0; i < count; ++i) {
-    const size_t bytes = writes_.front();
-    writes_.pop_front();
+    const uint32_t bytes = writes_.Pop();
     limits_.Charge(bytes);
-    credits_.push_back({now, bytes});
+    given_.Push(now);
+    bytes_.Push(bytes);
     group_->under_way_ += bytes;
   }
   delivered_ -= count;
   if (delivered_ == 0) limits_.Rest();
-  on_acknowledge_(count);
+  owner_.OnAcknowledge(count);
 }
 
 void UploadScheduler::OnCreditUsed(Group* group, size_t bytes, Age age,
@@ -178,10 +171,10 @@ void UploadScheduler::ForgetUnused(SteadyTime now) {
   const Age longest = 4 * last_age_.value_or(kMaxRound) + kBusyTime / 2;
   for (Group* const group : busy_) {
     for (Flow* const flow : group->flows_) {
-      for (Flow::credit_t& credit : flow->credits_) {
-        if (now - credit.given < longest) break;
-        group->under_way_ -= credit.bytes;
-        credit.bytes = 0;
+      for (size_t i = 0; i < flow->given_.GetSize(); ++i) {
+        if (now - flow->given_[i] < longest) break;
+        group->under_way_ -= flow->bytes_[i];
+        flow->bytes_[i] = 0;
       }
     }
   }
@@ -243,7 +236,7 @@ void UploadScheduler::Release(Group* group, SteadyTime now) {
     if (!flow->limits_.MaySend()) continue;
     if (IsSharing() && group->priority_ != GetHighestPriority()) {
       owed_[static_cast<size_t>(group->priority_)] -=
-          static_cast<int64_t>(flow->writes_.front()) * 100;
+          int64_t{flow->writes_[0]} * 100;
     }
     flow->Acknowledge(1, now);
     if (flow->delivered_ > 0) flow->Enter();

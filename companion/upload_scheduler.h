@@ -7,7 +7,6 @@
 #include <array>
 #include <asio/io_context.hpp>
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -16,6 +15,7 @@
 
 #include "companion/priority.h"
 #include "companion/rate_limits.h"
+#include "companion/ring_queue.h"
 #include "support/steady_time.h"
 #include "support/timer.h"
 
@@ -60,50 +60,61 @@ class UploadScheduler {
   // One stream.
   class Flow {
    public:
-    // At first the device may send |credit| writes. |on_acknowledge| is to
-    // acknowledge so many of them; nothing is to be sent in it. |on_grant| is
-    // to call OnGrant().
-    Flow(UploadScheduler& scheduler, Group& group, size_t credit,
-         std::function<void(size_t count)> on_acknowledge,
-         std::function<void()> on_grant);
+    class Owner {
+     public:
+      virtual ~Owner() = default;
+      // |count| of the writes are to be acknowledged. Nothing may be sent at
+      // once, and no flow may go.
+      virtual void OnAcknowledge(size_t count) = 0;
+    };
+
+    // So many writes the device may send at first.
+    static constexpr size_t kCredit = 8;
+
+    Flow(UploadScheduler& scheduler, Group& group, Owner& owner);
     Flow(const Flow&) = delete;
     Flow& operator=(const Flow&) = delete;
     ~Flow() { Close(); }
 
     void SetGroup(Group* group);
-    void SetLimits(const std::vector<std::shared_ptr<RateLimiter>>& limiters);
+    // |on_grant| is to call OnGrant(), which is worth a try afterwards, too.
+    void SetLimits(const std::vector<std::shared_ptr<RateLimiter>>& limiters,
+                   const std::function<void()>& on_grant) {
+      limits_.Set(limiters, on_grant);
+    }
     // A write of |bytes| has come.
     void OnWrite(size_t bytes, SteadyTime now);
     // Of the writes that have come the next |count| are delivered.
     void OnDelivered(size_t count, SteadyTime now);
     void OnGrant(SteadyTime now);
-    size_t GetUnacknowledgedCount() const { return writes_.size(); }
+    size_t GetUnacknowledgedCount() const { return writes_.GetSize(); }
     // Nothing is acknowledged any more. What was not yet counts for the limits
     // all the same.
     void Close();
 
    private:
     friend class UploadScheduler;
-    struct credit_t {
-      SteadyTime given;
-      size_t bytes;  // that are probably under way by it
-    };
-
+    // By the credit that was given later than at first.
+    size_t GetBytesUnderWay();
     void Join(Group* group);
     void Leave();
     void Enter();
     void Acknowledge(size_t count, SteadyTime now);
 
     UploadScheduler& scheduler_;
-    const std::function<void(size_t count)> on_acknowledge_;
+    Owner& owner_;
     Group* group_ = nullptr;
     std::list<Flow*>::iterator position_;
     std::optional<std::list<Flow*>::iterator> waits_at_;
     RateLimits limits_;
-    size_t unused_credit_;          // of what it had at first
-    std::deque<credit_t> credits_;  // that it got later and has not used yet
-    std::deque<size_t> writes_;     // bytes of those that are not acknowledged
-    size_t delivered_ = 0;          // how many of them are delivered
+    size_t unused_credit_ = kCredit;  // of what it had at first
+    // Of the credit that it got later and has not used: since when it has it,
+    // and how many bytes are probably under way by it.
+    RingQueue<SteadyTime, kCredit> given_;
+    RingQueue<uint32_t, kCredit> bytes_;
+    // Bytes of the writes that are not acknowledged.
+    RingQueue<uint32_t, kCredit> writes_;
+    size_t delivered_ = 0;  // how many of them are delivered
   };
 
   // |on_time| is to call OnTime(). |loop| outlives it.

@@ -20,23 +20,23 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr size_t kWrite = 4096;
-constexpr size_t kCredit = 8;
+constexpr size_t kCredit = UploadScheduler::Flow::kCredit;
 
 // A device whose streams write whenever they have credit, on a link with a rate
 // and a delay, by a clock of its own. The remotes take everything at once.
 class UploadSchedulerTest : public ::testing::Test {
  protected:
-  class Stream {
+  class Stream : public UploadScheduler::Flow::Owner {
    public:
     // It writes |pause| after it has got the credit for that.
     Stream(UploadSchedulerTest& test, UploadScheduler::Group& group,
            milliseconds pause)
-        : flow(
-              test.scheduler_, group, kCredit,
-              [this](size_t count) { GetCredit(count, test_.delay_); }, [] {}),
-          test_(test),
-          pause_(pause) {
+        : flow(test.scheduler_, group, *this), test_(test), pause_(pause) {
       GetCredit(kCredit, milliseconds(0));
+    }
+
+    void OnAcknowledge(size_t count) override {
+      GetCredit(count, test_.delay_);
     }
 
     double arrived = 0;  // bytes
@@ -189,7 +189,7 @@ TEST_F(UploadSchedulerTest, ObeysLimits) {
   const auto limiter = std::make_shared<RateLimiter>(loop_, 10'000, 0);
   std::list<Stream> streams;
   Add(&streams, 2, &a_);
-  for (Stream& stream : streams) stream.flow.SetLimits({limiter});
+  for (Stream& stream : streams) stream.flow.SetLimits({limiter}, [] {});
   Pass(milliseconds(500));
   for (Stream& stream : streams) EXPECT_LE(8 * kWrite, stream.arrived);
   EXPECT_LE(2u, limiter->GetWaitingCount());
