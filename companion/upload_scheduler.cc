@@ -113,8 +113,8 @@ void UploadScheduler::Flow::Acknowledge(size_t count, SteadyTime now) {
 
 void UploadScheduler::OnCreditUsed(Group* group, size_t bytes, Age age,
                                    SteadyTime now) {
+  if (now >= round_end_) EndRound(now);
   if (bytes >= kFullWriteBytes) {
-    if (now >= round_end_) EndRound(now);
     round_age_ = std::min(round_age_.value_or(age), age);
     const Age least = std::min(*round_age_, last_age_.value_or(age));
     if (age <= 2 * least) MarkBusy(group, age, now);
