@@ -42,6 +42,12 @@ std::string Application::Describe() const {
          (package_name_.empty() ? "" : ", " + package_name_);
 }
 
+Application::groups_t& Application::GetGroups(Priority priority) {
+  auto& groups = groups_[static_cast<size_t>(priority)];
+  if (groups == nullptr) groups = std::make_unique<groups_t>(priority);
+  return *groups;
+}
+
 std::optional<SteadyTime> Application::GetOpenSince() const {
   if (open_since_.empty()) return std::nullopt;
   return open_since_.front();

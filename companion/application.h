@@ -5,6 +5,7 @@
 
 #include <array>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -71,11 +72,11 @@ class Application {
 
   // Where its flows of |priority| wait for the link.
   FlowScheduler::Group& GetGroup(Priority priority) {
-    return groups_[static_cast<size_t>(priority)];
+    return GetGroups(priority).flows;
   }
   // And where those that come from it wait for their acknowledgements.
   UploadScheduler::Group& GetUploads(Priority priority) {
-    return uploads_[static_cast<size_t>(priority)];
+    return GetGroups(priority).uploads;
   }
   application_counts_t& GetCounts() { return counts_; }
   const application_counts_t& GetCounts() const { return counts_; }
@@ -86,16 +87,17 @@ class Application {
   std::optional<SteadyTime> GetOpenSince() const;
 
  private:
+  struct groups_t {
+    explicit groups_t(Priority priority) : flows(priority), uploads(priority) {}
+    FlowScheduler::Group flows;
+    UploadScheduler::Group uploads;
+  };
+  // They are made when they are asked for: most have one priority only.
+  groups_t& GetGroups(Priority priority);
+
   const std::optional<uint32_t> uid_;
   std::string package_name_;
-  std::array<FlowScheduler::Group, kPriorities> groups_{
-      FlowScheduler::Group(Priority::kHigh),
-      FlowScheduler::Group(Priority::kNormal),
-      FlowScheduler::Group(Priority::kLow)};
-  std::array<UploadScheduler::Group, kPriorities> uploads_{
-      UploadScheduler::Group(Priority::kHigh),
-      UploadScheduler::Group(Priority::kNormal),
-      UploadScheduler::Group(Priority::kLow)};
+  std::array<std::unique_ptr<groups_t>, kPriorities> groups_;
   application_counts_t counts_;
   size_t stream_count_ = 0;
   std::list<SteadyTime> open_since_;  // of the open streams, the oldest first

@@ -134,6 +134,7 @@ FlowScheduler::level_t& FlowScheduler::PickLevel() {
     if (level.flow_count == 0) continue;
     if (picked == nullptr || level.owed > 0) picked = &level;
   }
+  assert(picked != nullptr);
   return *picked;
 }
 

@@ -7,9 +7,9 @@
 
 namespace vantrel {
 
-// A queue of at most |kCapacity| values, without memory beside its own: there
+// A queue of at most |Capacity| values, without memory beside its own: there
 // may be one for each of many thousand streams.
-template <typename Value, size_t kCapacity>
+template <typename Value, size_t Capacity>
 class RingQueue {
  public:
   size_t GetSize() const { return size_; }
@@ -17,21 +17,21 @@ class RingQueue {
   // |index| counts from the oldest one.
   Value& operator[](size_t index) {
     assert(index < size_);
-    return values_[(begin_ + index) % kCapacity];
+    return values_[(begin_ + index) % Capacity];
   }
   void Push(const Value& value) {
-    assert(size_ < kCapacity);
-    values_[(begin_ + size_++) % kCapacity] = value;
+    assert(size_ < Capacity);
+    values_[(begin_ + size_++) % Capacity] = value;
   }
   Value Pop() {
     const Value value = (*this)[0];
-    begin_ = (begin_ + 1) % kCapacity;
+    begin_ = (begin_ + 1) % Capacity;
     --size_;
     return value;
   }
 
  private:
-  std::array<Value, kCapacity> values_;
+  std::array<Value, Capacity> values_;
   size_t begin_ = 0;
   size_t size_ = 0;
 };
