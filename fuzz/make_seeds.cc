@@ -273,6 +273,17 @@ void SeedTexts() {
   for (const char* address : addresses) {
     Seed("link_address", std::to_string(++number), address);
   }
+  Seed("rules", "all",
+       Short("com.example.mail") +
+           "[limit.a]\ndown = \"1.5 MB/s\"\neach = \"device\"\n"
+           "[quota.b]\nbytes = \"5 GB\"\nper = \"month\"\n"
+           "[[rule]]\nname = \"c\"\napplication = [\"com.*\", 1, \"2-3\", "
+           "\"unknown\"]\ndevice = \"01:23:45:67:89:AB\"\n"
+           "link = \"tcp:[::1]:0\"\ndestination = \"10.0.0.0/8\"\n"
+           "port = [53, \"1-9\"]\nprotocol = \"tcp\"\nmetered = true\n"
+           "priority = \"low\"\nlimit = [\"a\", { up = \"2 Mbit/s\" }]\n"
+           "quota = [\"b\", { bytes = \"1 kB\", per = \"day\" }]\n"
+           "[[rule]]\naction = \"deny\"\n");
 }
 
 void SeedRecords() {

@@ -13,6 +13,8 @@ programs=(
   # wire messages, command lines, JSON records, Bluetooth, D-Bus
   libprotobuf-dev protobuf-compiler libcli11-dev nlohmann-json3-dev
   libbluetooth-dev libsystemd-dev
+  # rules files
+  libtomlplusplus-dev
   # the event loop of the programs beside the daemon; what draws on a terminal
   libasio-dev libncurses-dev
 )

@@ -9,7 +9,7 @@ arch=${1-}
 packages=(
   # what the programs and their tests link to
   libc6-dev libprotobuf-dev libcli11-dev nlohmann-json3-dev libbluetooth-dev
-  libsystemd-dev libasio-dev libncurses-dev libgtest-dev libgmock-dev
+  libsystemd-dev libtomlplusplus-dev libasio-dev libncurses-dev libgtest-dev libgmock-dev
   # the device's libraries, and the C++ library that they come with
   android-liblog-dev android-libcutils-dev android-libutils-dev
   libc++-dev libc++abi-dev
