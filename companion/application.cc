@@ -31,7 +31,8 @@ Application::~Application() { assert(stream_count_ == 0); }
 
 bool Application::SetPackageName(std::string name) {
   name.resize(std::min(name.size(), kMaxNameBytes));
-  if (name.empty() || name == package_name_) return false;
+  const bool is_first = !std::exchange(is_name_told_, true);
+  if (name.empty() || name == package_name_) return is_first;
   package_name_ = std::move(name);
   return true;
 }

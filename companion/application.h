@@ -23,7 +23,7 @@ struct application_counts_t {
   uint64_t bytes_to_device = 0;
   uint64_t bytes_from_device = 0;
   uint64_t streams_opened = 0;  // also those that reached no remote
-  uint64_t streams_denied = 0;  // by a rule; not among those opened
+  uint64_t streams_denied = 0;  // by a rule, at first or when they were open
   uint64_t datagrams_to_device = 0;
   uint64_t datagrams_from_device = 0;
   uint64_t datagrams_dropped = 0;  // either way, by a queue or a limit
@@ -62,10 +62,11 @@ class Application {
   ~Application();
 
   std::optional<uint32_t> GetUid() const { return uid_; }
-  // As the device told it, any bytes; empty: not told yet.
+  // As the device told it, any bytes; empty: it has none, or was not told yet.
   const std::string& GetPackageName() const { return package_name_; }
-  // What is too long for a name is cut off. False when that is its name
-  // already, or no name.
+  bool IsNameTold() const { return is_name_told_; }
+  // What is too long for a name is cut off; without |name| it has none, if it
+  // had none before. False when nothing has changed by that.
   [[nodiscard]] bool SetPackageName(std::string name);
   // For a log line.
   std::string Describe() const;
@@ -98,6 +99,7 @@ class Application {
   const std::optional<uint32_t> uid_;
   std::string package_name_;
   std::array<std::unique_ptr<groups_t>, kPriorities> groups_;
+  bool is_name_told_ = false;
   application_counts_t counts_;
   size_t stream_count_ = 0;
   std::list<SteadyTime> open_since_;  // of the open streams, the oldest first

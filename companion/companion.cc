@@ -18,6 +18,7 @@
 #include "common/capabilities.h"
 #include "companion/companion_log.h"
 #include "companion/memory_reserve.h"
+#include "support/exit_status.h"
 
 namespace vantrel {
 namespace {
@@ -49,6 +50,8 @@ Companion::Companion(const companion_options_t& options, size_t max_descriptors)
                 return routes_.IsLocal(address);
               }),
       destinations_(policy_, name_servers_, options.look_ups),
+      rules_(loop_, options.rules,
+             [this] { AskAll([](DeviceLink& link) { link.ReviewRules(); }); }),
       sockets_(max_descriptors, kOwnDescriptors + options.listen.size(),
                options.fd ? 1 : options.max_links),
       turns_(loop_),
@@ -62,8 +65,9 @@ Companion::Companion(const companion_options_t& options, size_t max_descriptors)
 Companion::~Companion() = default;
 
 int Companion::Run() {
+  if (!rules_.Read()) return kUsageStatus;
   if (options_.fd) {
-    AddLink(UniqueFd(*options_.fd), "inherited");
+    AddLink(UniqueFd(*options_.fd), MakeLinkPeer("inherited", kFdLink));
   } else if (!OpenListeners()) {
     return EXIT_FAILURE;
   }
@@ -123,10 +127,10 @@ bool Companion::OpenListeners() {
       if (!OpenBluetooth()) return false;
       continue;
     }
-    listeners_.emplace_back(loop_,
-                            [this](UniqueFd fd, const std::string& peer) {
-                              TakeLink(std::move(fd), peer);
-                            });
+    listeners_.emplace_back(
+        loop_, [this, &address](UniqueFd fd, const std::string& peer) {
+          TakeLink(std::move(fd), MakeLinkPeer(peer, address.text));
+        });
     if (!listeners_.back().Open(address, settings)) return false;
   }
   return true;
@@ -135,25 +139,26 @@ bool Companion::OpenListeners() {
 bool Companion::OpenBluetooth() {
   bluetooth_ = std::make_unique<BluetoothListener>(
       loop_, [this](UniqueFd fd, const std::string& peer) {
-        TakeLink(std::move(fd), peer);
+        TakeLink(std::move(fd), MakeLinkPeer(peer, kBluetoothLink));
       });
   return bluetooth_->Open(options_.security) || options_.listens_by_default;
 }
 
-void Companion::TakeLink(UniqueFd fd, const std::string& peer) {
+void Companion::TakeLink(UniqueFd fd, const link_peer_t& peer) {
   if (MakeRoom()) return AddLink(std::move(fd), peer);
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink,
                      "link of %s refused: there are %zu links already",
-                     peer.c_str(), sockets_.GetMaxLinks());
+                     peer.text.c_str(), sockets_.GetMaxLinks());
 }
 
-void Companion::AddLink(UniqueFd fd, const std::string& peer) {
+void Companion::AddLink(UniqueFd fd, const link_peer_t& peer) {
   const uint32_t id = ++last_id_;
   ProgramLog().Write(LogLevel::kInfo, LogKind::kLink, "link %u connected: %s",
-                     id, peer.c_str());
+                     id, peer.text.c_str());
   auto link = std::make_unique<DeviceLink>(
-      DeviceLink::shared_t{loop_, options_, destinations_, sockets_, turns_},
-      std::move(fd), id, [this] { OnLinkChanged(); });
+      DeviceLink::shared_t{loop_, options_, destinations_, rules_, sockets_,
+                           turns_},
+      std::move(fd), id, peer, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
   Ask(added, [](DeviceLink& one) { one.Start(); });
@@ -226,12 +231,20 @@ void Companion::WaitForSignal() {
 void Companion::OnSignal(int signal) {
   switch (signal) {
     case SIGHUP:
-      return AskAll([](DeviceLink& link) { link.ReportNetwork(); });
+      return ReadAgain();
     case SIGUSR1:
       return LogState();
     default:
       return Stop();
   }
+}
+
+void Companion::ReadAgain() {
+  if (!rules_.Read()) {
+    ProgramLog().Write(LogLevel::kError, LogKind::kState,
+                       "the rules stay as they were");
+  }
+  AskAll([](DeviceLink& link) { link.ReportNetwork(); });
 }
 
 void Companion::LogState() {

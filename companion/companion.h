@@ -13,9 +13,11 @@
 #include "companion/destinations.h"
 #include "companion/device_link.h"
 #include "companion/link_listener.h"
+#include "companion/link_peer.h"
 #include "companion/local_routes.h"
 #include "companion/options.h"
 #include "companion/socket_pool.h"
+#include "companion/traffic_rules.h"
 #include "companion/turn_queue.h"
 #include "support/loop_objects.h"
 #include "support/service_manager.h"
@@ -33,8 +35,8 @@ class Companion {
   Companion& operator=(const Companion&) = delete;
   ~Companion();
 
-  // The program's exit status: 1 when there is no link and can be none, which
-  // is logged, or when the only link has failed.
+  // The program's exit status: kUsageStatus for wrong rules, 1 when there is no
+  // link and can be none, which is logged, or when the only link has failed.
   [[nodiscard]] int Run();
 
  private:
@@ -56,8 +58,8 @@ class Companion {
   void AskAll(const Work& work) {
     for (const auto& entry : links_) Ask(*entry.second, work);
   }
-  void TakeLink(UniqueFd fd, const std::string& peer);
-  void AddLink(UniqueFd fd, const std::string& peer);
+  void TakeLink(UniqueFd fd, const link_peer_t& peer);
+  void AddLink(UniqueFd fd, const link_peer_t& peer);
   size_t CountUp() const;
   // Whether another link has a place. Where all are taken, ends the link that
   // has been silent for longest, if one has been silent for too long.
@@ -70,6 +72,7 @@ class Companion {
 
   void WaitForSignal();
   void OnSignal(int signal);
+  void ReadAgain();
   void LogState();
   void Stop();
   void StartTicking();
@@ -86,6 +89,7 @@ class Companion {
   DestinationPolicy policy_;
   NameServers name_servers_;
   const Destinations destinations_;
+  TrafficRules rules_;
   SocketPool sockets_;
   TurnQueue turns_;
   LoopSignals signals_;

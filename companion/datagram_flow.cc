@@ -46,6 +46,7 @@ void DatagramFlow::SetPolicy(const flow_policy_t& policy) {
   });
   from_device_ = policy.limits_from_device;
   priority_ = policy.priority;
+  quotas_ = policy.quotas;
   // It may have waited for a limit that it does not have any more.
   link_.scheduler.Resume(this, GetGroup());
 }
@@ -59,6 +60,7 @@ void DatagramFlow::Send(const std::string& payload) {
     return LogDetail("dropped: above its limit", "");
   }
   if (!target_) return QueueFailure(payload);
+  AddToAll(quotas_, payload.size());
   if (socket_ == nullptr && !Open()) {
     LogDetail("no socket: ", strerror(errno));
     return QueueFailure(payload);
@@ -100,6 +102,7 @@ void DatagramFlow::OnTaken(const message_t& message) {
   to_device_.Charge(*message.payload_bytes);
   ++application_.GetCounts().datagrams_to_device;
   application_.GetCounts().bytes_to_device += *message.payload_bytes;
+  AddToAll(quotas_, *message.payload_bytes);
 }
 
 void DatagramFlow::OnDropped(const message_t& message) {

@@ -86,6 +86,7 @@ class DatagramFlow final : public FlowScheduler::QueuedFlow {
   Priority priority_ = Priority::kNormal;
   RateLimits to_device_;
   std::vector<std::shared_ptr<RateLimiter>> from_device_;
+  std::vector<std::shared_ptr<QuotaCount>> quotas_;
   std::unique_ptr<Descriptor> socket_;
   std::string last_request_;
 };

@@ -37,19 +37,57 @@ DatagramFlow& DatagramFlows::FindOrCreate(const Ends& ends) {
 
 DatagramFlow& DatagramFlows::Create(const Ends& ends) {
   MakeRoom();
-  const auto target = link_.destinations.FindForDatagrams(ends.second);
-  if (!target) {
+  const verdict_t verdict = Judge(ends.second);
+  std::optional<HostAndPort> target;
+  if (!verdict.denial.empty()) {
     link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
-                    "datagrams to %s refused: not an allowed address",
-                    ends.second.ToString().c_str());
+                    "datagrams to %s denied by %s",
+                    ends.second.ToString().c_str(), verdict.denial.c_str());
+  } else {
+    target = link_.destinations.FindForDatagrams(ends.second);
+    if (!target) {
+      link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
+                      "datagrams to %s refused: not an allowed address",
+                      ends.second.ToString().c_str());
+    }
   }
-  flows_.emplace_back(link_, *this, ends, target);
-  flows_.back().last_used_tick = tick_;
+  entry_t& entry = flows_.emplace_back(link_, *this, ends, target);
+  entry.is_denied = !verdict.denial.empty();
+  entry.is_over_quota = verdict.is_over_quota;
+  entry.last_used_tick = tick_;
+  entry.flow.SetPolicy(verdict.policy);
   index_.emplace(ends, std::prev(flows_.end()));
-  return flows_.back().flow;
+  return entry.flow;
+}
+
+verdict_t DatagramFlows::Judge(const HostAndPort& remote) const {
+  // Without an owner there is no name to wait for.
+  return link_.rules.Judge(link_.peer, flow_owner_t(), remote, Transport::kUdp)
+      .value();
+}
+
+bool DatagramFlows::IsStillAllowed(entry_t* entry) const {
+  const uint32_t edition = link_.rules.GetEdition();
+  if (entry->rules_edition == edition && !entry->is_over_quota) return true;
+  entry->rules_edition = edition;
+  const verdict_t verdict = Judge(entry->flow.GetRemote());
+  entry->is_over_quota = verdict.is_over_quota;
+  entry->flow.SetPolicy(verdict.policy);
+  return entry->is_denied == !verdict.denial.empty();
+}
+
+// One that a device does not write to any more may still bring answers.
+void DatagramFlows::Review() {
+  for (auto next = flows_.begin(); next != flows_.end();) {
+    const auto entry = next++;
+    if (!IsStillAllowed(&*entry)) Forget(entry);
+  }
 }
 
 bool DatagramFlows::IsUpToDate(entry_t* entry) const {
+  if (!IsStillAllowed(entry)) return false;
+  // No destination makes a difference to it.
+  if (entry->is_denied) return true;
   const HostAndPort& remote = entry->flow.GetRemote();
   const uint32_t edition = link_.destinations.GetEdition(remote);
   if (entry->edition == edition) return true;

@@ -35,6 +35,8 @@ class DatagramFlows final : public DatagramFlow::Owner {
             const std::string& payload);
   void OnTick();  // once a second
   void Clear();
+  // Judges the flows again that were judged by other rules.
+  void Review();
   size_t GetCount() const { return flows_.size(); }
   // Ends the flow with a socket that was silent longest. False when there is
   // none.
@@ -49,18 +51,25 @@ class DatagramFlows final : public DatagramFlow::Owner {
     entry_t(const link_parts_t& link, DatagramFlow::Owner& owner,
             const Ends& ends, const std::optional<HostAndPort>& target)
         : flow(link, owner, ends.first, ends.second, target),
-          edition(link.destinations.GetEdition(ends.second)) {}
+          edition(link.destinations.GetEdition(ends.second)),
+          rules_edition(link.rules.GetEdition()) {}
 
     DatagramFlow flow;
-    uint32_t edition;  // of its target
+    uint32_t edition;        // of its target
+    uint32_t rules_edition;  // by which it was judged
+    bool is_denied = false;
+    bool is_over_quota = false;  // which may end at any time
     uint32_t last_used_tick = 0;
   };
   using Entries = std::list<entry_t>;
 
   DatagramFlow& FindOrCreate(const Ends& ends);
   DatagramFlow& Create(const Ends& ends);
-  // Whether |entry| still sends to where it may.
+  verdict_t Judge(const HostAndPort& remote) const;
+  // Whether |entry| still sends to where it may. Its policy is that of the
+  // present rules afterwards.
   bool IsUpToDate(entry_t* entry) const;
+  bool IsStillAllowed(entry_t* entry) const;
   void Touch(Entries::iterator entry);
   void MakeRoom();
   void Forget(Entries::iterator entry);

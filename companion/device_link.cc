@@ -52,8 +52,9 @@ std::unique_ptr<LinkProtocol> MakeProtocol(const companion_options_t& options,
 }  // namespace
 
 DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
-                       std::function<void()> on_change)
+                       const link_peer_t& peer, std::function<void()> on_change)
     : options_(shared.options),
+      peer_(peer),
       log_(id),
       on_change_(std::move(on_change)),
       uploads_(shared.loop,
@@ -71,6 +72,8 @@ DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
              applications_,
              log_,
              shared.destinations,
+             shared.rules,
+             peer_,
              shared.sockets,
              [this] { Pump(); },
              [this](const std::function<void()>& work) { Run(work); },
@@ -222,6 +225,13 @@ void DeviceLink::ReportNetwork() {
   Pump();
 }
 
+void DeviceLink::ReviewRules() {
+  if (!IsUp()) return;
+  flows_.Review();
+  streams_.Review();
+  Pump();
+}
+
 void DeviceLink::Close(const std::string& reason) {
   if (state_ != State::kOpen) return;
   protocol_->PutTeardown(scheduler_.GetControl(), reason);
@@ -346,6 +356,8 @@ void DeviceLink::OnPackageName(uint32_t uid, const std::string& name) {
   Application& application = applications_.Get(uid);
   // Some devices repeat the name with every stream.
   if (!application.SetPackageName(name)) return;
+  streams_.OnOwnerNamed(application);
+  if (application.GetPackageName().empty()) return;
   log_.Write(LogLevel::kInfo, LogKind::kDevice, "uid %u is %s", uid,
              application.GetPackageName().c_str());
 }

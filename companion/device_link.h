@@ -16,12 +16,14 @@
 #include "companion/flow_scheduler.h"
 #include "companion/link_deadlines.h"
 #include "companion/link_parts.h"
+#include "companion/link_peer.h"
 #include "companion/link_protocol.h"
 #include "companion/link_socket.h"
 #include "companion/link_streams.h"
 #include "companion/link_writer.h"
 #include "companion/options.h"
 #include "companion/socket_pool.h"
+#include "companion/traffic_rules.h"
 #include "companion/turn_queue.h"
 #include "companion/upload_scheduler.h"
 #include "support/steady_time.h"
@@ -40,15 +42,17 @@ class DeviceLink final : public DeviceMessages {
     asio::io_context& loop;
     const companion_options_t& options;
     const Destinations& destinations;
+    TrafficRules& rules;
     SocketPool& sockets;
     TurnQueue& turns;
   };
 
-  // |fd| is a connected stream socket. |id| names the link in the log.
+  // |fd| is a connected stream socket. |id| names the link in the log, |peer|
+  // says who is at its other end.
   // |on_change| is called when IsUp() or IsOver() may have changed,
   // from within the link's handlers: it must not destroy the link.
   DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
-             std::function<void()> on_change);
+             const link_peer_t& peer, std::function<void()> on_change);
   DeviceLink(const DeviceLink&) = delete;
   DeviceLink& operator=(const DeviceLink&) = delete;
   ~DeviceLink() override;
@@ -61,6 +65,8 @@ class DeviceLink final : public DeviceMessages {
   // Once, when the object is complete.
   void Start();
   void ReportNetwork();
+  // The rules have changed, or what is left of quotas.
+  void ReviewRules();
   // Ends the link in order: |reason| is told to the device, and the link is
   // down when the device has closed its side, or some seconds later.
   void Close(const std::string& reason);
@@ -132,6 +138,7 @@ class DeviceLink final : public DeviceMessages {
   void End(bool by_error, const std::string& why);
 
   const companion_options_t& options_;
+  const link_peer_t peer_;
   CompanionLog log_;
   const std::function<void()> on_change_;
   FlowScheduler scheduler_;

@@ -97,8 +97,9 @@ class DeviceLinkTest : public ::testing::Test {
     link_.reset();
     if (!sockets_) sockets_.emplace(max_descriptors, 0, 1);
     link_ = std::make_unique<DeviceLink>(
-        DeviceLink::shared_t{loop_, options_, destinations_, *sockets_, turns_},
-        UniqueFd(fds[1]), 1, [this] { ++changes_; });
+        DeviceLink::shared_t{loop_, options_, destinations_, rules_, *sockets_,
+                             turns_},
+        UniqueFd(fds[1]), 1, link_peer_t(), [this] { ++changes_; });
     link_->Start();
   }
   // Runs the real loop until |condition| holds, which is tried in between. An
@@ -143,6 +144,7 @@ class DeviceLinkTest : public ::testing::Test {
   const DestinationPolicy policy_;
   NameServers name_servers_;
   const Destinations destinations_{policy_, name_servers_, options_.look_ups};
+  TrafficRules rules_{loop_, options_.rules, [] {}};
   std::unique_ptr<End> device_;
   std::unique_ptr<DeviceLink> link_;
   std::string received_;

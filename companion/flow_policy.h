@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "companion/priority.h"
+#include "companion/quotas.h"
 #include "companion/rate_limiter.h"
 
 namespace vantrel {
@@ -14,6 +15,7 @@ struct flow_policy_t {
   Priority priority = Priority::kNormal;
   std::vector<std::shared_ptr<RateLimiter>> limits_to_device;
   std::vector<std::shared_ptr<RateLimiter>> limits_from_device;
+  std::vector<std::shared_ptr<QuotaCount>> quotas;  // both ways
 };
 
 }  // namespace vantrel

@@ -11,8 +11,10 @@
 #include "companion/companion_log.h"
 #include "companion/destinations.h"
 #include "companion/flow_scheduler.h"
+#include "companion/link_peer.h"
 #include "companion/link_protocol.h"
 #include "companion/socket_pool.h"
+#include "companion/traffic_rules.h"
 #include "companion/upload_scheduler.h"
 
 namespace vantrel {
@@ -26,6 +28,8 @@ struct link_parts_t {
   Applications& applications;
   CompanionLog& log;
   const Destinations& destinations;
+  TrafficRules& rules;
+  const link_peer_t& peer;
   SocketPool& sockets;
   // To be called when something new waits in the scheduler, from the handlers
   // of streams and flows; not needed while the device's messages are handled.

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "companion/turn_queue.h"
+
 namespace vantrel {
 namespace {
 
@@ -22,7 +24,8 @@ LinkStreams::LinkStreams(const link_parts_t& link, size_t max_held_bytes,
     : link_(link),
       held_(max_held_bytes),
       on_excess_(std::move(on_excess)),
-      on_idle_(std::move(on_idle)) {}
+      on_idle_(std::move(on_idle)),
+      review_(link.loop, [this] { link_.run([this] { ReviewSome(); }); }) {}
 
 LinkStreams::~LinkStreams() = default;
 
@@ -41,13 +44,113 @@ void LinkStreams::Connect(uint32_t id, const HostAndPort& remote,
         id, remote.ToString().c_str(), application.Describe().c_str(), refusal);
     return TellClosed(id);
   }
-  link_.log.Write(LogLevel::kInfo, LogKind::kStream,
-                  "stream %u: connect to %s (%s)", id,
-                  remote.ToString().c_str(), application.Describe().c_str());
   auto stream = std::make_unique<RemoteStream>(link_, *this, held_, id, remote,
                                                application);
-  if (!stream->Connect(*target)) return TellClosed(id);
+  RemoteStream& added = *stream;
   streams_.emplace(id, std::move(stream));
+  Begin(&added, *target, true);
+}
+
+std::optional<verdict_t> LinkStreams::Judge(RemoteStream* stream,
+                                            bool may_wait) {
+  const Application& application = stream->GetApplication();
+  flow_owner_t owner;
+  owner.uid = application.GetUid();
+  if (application.IsNameTold() || !may_wait) {
+    owner.package = &application.GetPackageName();
+  }
+  stream->SetRulesEdition(link_.rules.GetEdition());
+  return link_.rules.Judge(link_.peer, owner, stream->GetRemote(),
+                           Transport::kTcp);
+}
+
+void LinkStreams::Begin(RemoteStream* stream, const HostAndPort& target,
+                        bool may_wait) {
+  const uint32_t id = stream->GetId();
+  const auto verdict = Judge(stream, may_wait);
+  if (!verdict) {
+    unnamed_.emplace(id, unnamed_t{target});
+    return;
+  }
+  if (!verdict->denial.empty()) return Deny(stream, verdict->denial);
+  link_.log.Write(LogLevel::kInfo, LogKind::kStream,
+                  "stream %u: connect to %s (%s)", id,
+                  stream->GetRemote().ToString().c_str(),
+                  stream->GetApplication().Describe().c_str());
+  stream->SetPolicy(verdict->policy);
+  if (!stream->Connect(target)) return Drop(stream);
+  unnamed_.erase(id);
+}
+
+void LinkStreams::BeginUnnamed(uint32_t id) {
+  const auto found = unnamed_.find(id);
+  if (found == unnamed_.end()) return;
+  const HostAndPort target = found->second.target;
+  Begin(Find(id), target, false);
+}
+
+void LinkStreams::Deny(RemoteStream* stream, const std::string& denial) {
+  Application& application = stream->GetApplication();
+  link_.log.Write(LogLevel::kInfo, LogKind::kRefusal,
+                  "stream %u: %s (%s) denied by %s", stream->GetId(),
+                  stream->GetRemote().ToString().c_str(),
+                  application.Describe().c_str(), denial.c_str());
+  ++application.GetCounts().streams_denied;
+  Drop(stream);
+}
+
+void LinkStreams::OnOwnerNamed(const Application& owner) {
+  for (const auto& entry : streams_) {
+    if (&entry.second->GetApplication() == &owner) {
+      entry.second->SetRulesEdition(0);
+    }
+  }
+  Review();
+}
+
+// One that is under way goes on, and begins again afterwards: a device that
+// renames its applications all the time keeps no stream from its turn.
+void LinkStreams::Review() {
+  if (streams_.empty()) return;
+  if (review_from_) {
+    is_review_stale_ = true;
+    return;
+  }
+  review_from_ = 0;
+  review_.WaitFor(SteadyTime::duration::zero());
+}
+
+void LinkStreams::ReviewSome() {
+  const SteadyTime end = GetSteadyTime() + TurnQueue::kTurn;
+  auto next = streams_.lower_bound(*review_from_);
+  while (next != streams_.end()) {
+    const uint32_t id = next->first;
+    RemoteStream& stream = *next->second;
+    if (stream.GetRulesEdition() == link_.rules.GetEdition()) {
+      ++next;
+      continue;
+    }
+    ReviewOne(&stream);
+    next = streams_.upper_bound(id);  // others may have ended by it
+    if (next != streams_.end() && GetSteadyTime() >= end) {
+      review_from_ = next->first;
+      return review_.WaitFor(SteadyTime::duration::zero());
+    }
+  }
+  review_from_.reset();
+  if (std::exchange(is_review_stale_, false)) Review();
+  link_.on_waiting();
+}
+
+void LinkStreams::ReviewOne(RemoteStream* stream) {
+  const auto unnamed = unnamed_.find(stream->GetId());
+  if (unnamed != unnamed_.end()) {
+    const HostAndPort target = unnamed->second.target;
+    return Begin(stream, target, true);
+  }
+  const auto verdict = Judge(stream, false);
+  if (!verdict->denial.empty()) return Deny(stream, verdict->denial);
+  stream->SetPolicy(verdict->policy);
 }
 
 const char* LinkStreams::GetRefusal(const HostAndPort& remote,
@@ -97,6 +200,7 @@ void LinkStreams::Flush() {
 }
 
 void LinkStreams::Close(uint32_t id) {
+  BeginUnnamed(id);
   RemoteStream* const stream = Find(id);
   link_.log.Write(
       LogLevel::kDebug, LogKind::kStream, "stream %u: %s", id,
@@ -124,11 +228,15 @@ void LinkStreams::Finish(RemoteStream* stream, int max_idle_ticks) {
 
 void LinkStreams::Drop(RemoteStream* stream) {
   const uint32_t id = stream->GetId();
+  unnamed_.erase(id);
   streams_.erase(id);
   TellClosed(id);
 }
 
 void LinkStreams::FinishAll() {
+  // They are no further than a connection that was not answered.
+  for (const auto& entry : unnamed_) streams_.erase(entry.first);
+  unnamed_.clear();
   while (!streams_.empty()) {
     Finish(streams_.begin()->second.get(), kFinishSecondsWithoutLink);
   }
@@ -138,6 +246,7 @@ void LinkStreams::FinishAll() {
 void LinkStreams::Clear() {
   streams_.clear();
   finishing_.clear();
+  unnamed_.clear();
   unflushed_.clear();
 }
 
@@ -146,6 +255,12 @@ void LinkStreams::ReportIdle() {
 }
 
 void LinkStreams::OnTick() {
+  for (auto& [id, unnamed] : unnamed_) {
+    if (++unnamed.ticks < kMaxNameTicks) continue;
+    // It does not seem to have one. No other stream of it waits for it again.
+    Application& owner = Find(id)->GetApplication();
+    if (owner.SetPackageName("")) OnOwnerNamed(owner);
+  }
   const size_t count = GetCount();
   int given_up = 0;
   for (auto next = finishing_.begin(); next != finishing_.end();) {

@@ -19,6 +19,10 @@ int main(int argc, char** argv) {
   const std::optional<int> exit_status =
       vantrel::ParseOptions(argc, argv, &options, std::cout, std::cerr);
   if (exit_status) return *exit_status;
+  if (options.rules_check) {
+    return vantrel::CheckRules(*options.rules_check, options.rules.is_metered,
+                               std::cout, std::cerr);
+  }
   // A log that nobody reads any more must not end the program.
   signal(SIGPIPE, SIG_IGN);
   vantrel::ConfigureLog(options.log_level, options.log_as_json);

@@ -152,6 +152,37 @@ void DefineTraffic(CLI::App* app, companion_options_t* options) {
       ->capture_default_str();
 }
 
+// Where a service's files outlive it: the first of the directories that
+// systemd.exec(5) names.
+std::string GetDefaultQuotaFile() {
+  const char* const directories = getenv("STATE_DIRECTORY");
+  const std::string list = directories == nullptr ? "" : directories;
+  return list.empty() ? "" : list.substr(0, list.find(':')) + "/quotas.json";
+}
+
+void DefineRules(CLI::App* app, companion_options_t* options) {
+  auto* rules = app->add_option("--rules", options->rules.file,
+                                "What applications and devices may do, see "
+                                "vantrel-rules(5); SIGHUP reads it again")
+                    ->type_name("FILE");
+  app->add_option("--quota-file", options->rules.quota_file,
+                  "Keep what was used of quotas there (default: quotas.json in "
+                  "$STATE_DIRECTORY)")
+      ->type_name("FILE")
+      ->needs(rules);
+  auto* check = app->add_option("--check-rules",
+                                "Print what the rules in FILE mean, and exit")
+                    ->type_name("FILE")
+                    ->expected(1)
+                    ->excludes(rules);
+  app->add_option("--explain",
+                  "With --check-rules: print which rules an application meets "
+                  "on its way to a destination")
+      ->type_name("PACKAGE|UID|unknown ADDRESS:PORT")
+      ->expected(2)
+      ->needs(check);
+}
+
 void DefineLog(CLI::App* app, companion_options_t* options) {
   AddChoice<LogLevel>(app, "--log-level", "The least important lines",
                       {{"error", LogLevel::kError},
@@ -203,7 +234,25 @@ void ReadListen(const CLI::App& app, companion_options_t* options) {
   }
 }
 
-void ReadRules(const CLI::App& app, companion_options_t* options) {
+void ReadRulesOptions(const CLI::App& app, companion_options_t* options) {
+  options->rules.is_metered = options->network && options->network->is_metered;
+  if (options->rules.quota_file.empty()) {
+    options->rules.quota_file = GetDefaultQuotaFile();
+  }
+  const auto file = app.get_option("--check-rules")->results();
+  if (file.empty()) return;
+  options->rules_check.emplace();
+  options->rules_check->file = file.back();
+  const auto question = app.get_option("--explain")->results();
+  if (question.empty()) return;
+  options->rules_check->question = ParseQuestion(question[0], question[1]);
+  if (!options->rules_check->question) {
+    throw WrongValue("--explain", question[0] + " " + question[1],
+                     "PACKAGE, UID or unknown, and ADDRESS:PORT");
+  }
+}
+
+void ReadDestinationRules(const CLI::App& app, companion_options_t* options) {
   std::map<const CLI::Option*, size_t> next;  // value of each option
   for (const CLI::Option* const option : app.parse_order()) {
     const std::string name = option->get_name();
@@ -230,10 +279,12 @@ std::optional<int> ParseOptions(int argc, const char* const* argv,
   AddVersion(&app);
   DefineLinks(&app, options);
   DefineTraffic(&app, options);
+  DefineRules(&app, options);
   DefineLog(&app, options);
   return ParseCommandLine(&app, argc, argv, out, err, [&app, options] {
     ReadListen(app, options);
-    ReadRules(app, options);
+    ReadDestinationRules(app, options);
+    ReadRulesOptions(app, options);
   });
 }
 

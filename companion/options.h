@@ -14,6 +14,8 @@
 #include "companion/destination_policy.h"
 #include "companion/destinations.h"
 #include "companion/link_listener.h"
+#include "companion/rules_check.h"
+#include "companion/rules_settings.h"
 #include "support/link_opening.h"
 
 namespace vantrel {
@@ -43,6 +45,8 @@ struct companion_options_t {
   size_t max_held_bytes = 8 << 20;
   std::optional<active_network_t> network;
   look_ups_t look_ups;
+  rules_settings_t rules;
+  std::optional<rules_check_t> rules_check;  // instead of serving links
   std::string build_info;
   LogLevel log_level = LogLevel::kInfo;
   bool log_as_json = false;

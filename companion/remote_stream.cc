@@ -126,6 +126,7 @@ void RemoteStream::SetPolicy(const flow_policy_t& policy) {
       link_.on_waiting();
     });
   });
+  quotas_ = policy.quotas;
   // It may have waited for a limit that it does not have any more.
   if (is_connected_) link_.scheduler.Resume(this, GetGroup());
 }
@@ -140,6 +141,7 @@ bool RemoteStream::Write(std::string bytes) {
   }
   bytes_from_device_ += bytes.size();
   application_.GetCounts().bytes_from_device += bytes.size();
+  AddToAll(quotas_, bytes.size());
   if (has_write_failed_) return true;
   uploads_.OnWrite(bytes.size(), GetSteadyTime());
   held_.Add(bytes.size());
@@ -204,6 +206,7 @@ bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
     to_device_.Charge(buffer.size());
     bytes_to_device_ += buffer.size();
     application_.GetCounts().bytes_to_device += buffer.size();
+    AddToAll(quotas_, buffer.size());
     return true;
   }
   to_device_.Rest();

@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/host_and_port.h"
 #include "companion/application.h"
@@ -66,10 +67,15 @@ class RemoteStream final : public FlowScheduler::Flow,
   uint64_t GetBytesToDevice() const { return bytes_to_device_; }
   uint64_t GetBytesFromDevice() const { return bytes_from_device_; }
   bool IsFinishing() const { return is_finishing_; }
+  // Whether Connect() was called.
+  bool IsBegun() const { return socket_ != nullptr; }
 
   // From now on; a new stream has the policy of those that no rule names. It
   // may have its turn: link_parts_t::on_waiting is to be called.
   void SetPolicy(const flow_policy_t& policy);
+  // TrafficRules::GetEdition() when it was judged; 0: it is to be judged again.
+  uint32_t GetRulesEdition() const { return rules_edition_; }
+  void SetRulesEdition(uint32_t edition) { rules_edition_ = edition; }
   // Whether no write of the device waits for the remote.
   bool IsDelivered() const { return queue_.empty(); }
   // Takes one write of the device; Flush() hands it on. False when the device
@@ -126,6 +132,8 @@ class RemoteStream final : public FlowScheduler::Flow,
   Priority priority_ = Priority::kNormal;
   RateLimits to_device_;
   UploadScheduler::Flow uploads_;
+  std::vector<std::shared_ptr<QuotaCount>> quotas_;
+  uint32_t rules_edition_ = 0;
   uint64_t bytes_to_device_ = 0;
   uint64_t bytes_from_device_ = 0;
   size_t discarded_bytes_ = 0;

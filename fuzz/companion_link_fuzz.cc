@@ -42,8 +42,9 @@ class Script {
     auto [fd, device] = MakeSocketPair();
     device_ = std::move(device);
     link_ = std::make_unique<DeviceLink>(
-        DeviceLink::shared_t{loop_, options_, destinations_, sockets_, turns_},
-        UniqueFd(fd), 1, [] {});
+        DeviceLink::shared_t{loop_, options_, destinations_, rules_, sockets_,
+                             turns_},
+        UniqueFd(fd), 1, link_peer_t(), [] {});
   }
 
   void Run() {
@@ -184,6 +185,7 @@ class Script {
   const DestinationPolicy policy_;
   NameServers name_servers_{"/nowhere"};
   const Destinations destinations_{policy_, name_servers_, options_.look_ups};
+  TrafficRules rules_{loop_, options_.rules, [] {}};
   SocketPool sockets_{25, 0, 1};  // enough for 6 streams
   TurnQueue turns_{loop_};
   std::unique_ptr<Socket> device_;

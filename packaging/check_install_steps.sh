@@ -67,7 +67,7 @@ fails_for_good vantrel-companion
 echo 'LISTEN=unix:/run/vantrel-companion/link' >/etc/vantrel/companion.conf
 systemctl enable --now vantrel-companion
 [ -S /run/vantrel-companion/link ]
-[ "$(systemctl show --property=CanReload vantrel-companion)" = CanReload=no ]
+[ "$(systemctl show --property=CanReload vantrel-companion)" = CanReload=yes ]
 # Nothing keeps it from D-Bus, where nobody has Bluetooth here.
 systemctl start dbus.socket
 echo 'LISTEN=bluetooth' >/etc/vantrel/companion.conf

@@ -111,12 +111,15 @@ _vantrel_companion() {
     --log-level) _vantrel_words error warning info debug ;;
     --log-format) _vantrel_words text json ;;
     --dns) _vantrel_words system ;;
+    --rules | --quota-file | --check-rules) _vantrel_file '' ;;
+    --explain) _vantrel_words unknown ;;
     --fd | --max-links | --max-tx | --allow | --deny | --max-pending | \
       --network | --build-info) ;;
     *)
       _vantrel_words --help --version --protocol --listen --fd --max-links \
         --allow-remote-links --security --header --max-tx --allow --deny \
-        --max-pending --network --dns --build-info --log-level --log-format \
+        --max-pending --network --dns --rules --quota-file --check-rules \
+        --explain --build-info --log-level --log-format \
         --verbose ;;
   esac
 }

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+namespace vantrel {
+
+// Who is at the other end of a link.
+struct link_peer_t {
+  std::string text;  // for the log
+  // The same each time that the device connects: its Bluetooth or IP address;
+  // where it has none, |link|.
+  std::string device;
+  // Where it has connected: an address of --listen as it was given, or kFdLink.
+  std::string link;
+};
+
+// Of a link whose socket was inherited.
+constexpr char kFdLink[] = "fd";
+
+// |text| is what a listener says of its peer, see LinkListener::OnLink.
+inline link_peer_t MakeLinkPeer(const std::string& text,
+                                const std::string& link) {
+  const size_t colon = text.find(':');
+  const std::string kind = text.substr(0, colon);
+  const std::string rest =
+      colon == std::string::npos ? "" : text.substr(colon + 1);
+  if (kind == "rfcomm" || kind == "bluetooth") return {text, rest, link};
+  // Each connection comes from a port of its own.
+  if (kind == "tcp") return {text, rest.substr(0, rest.rfind(':')), link};
+  return {text, link, link};
+}
+
+}  // namespace vantrel
