@@ -1,5 +1,6 @@
 #include "companion/quotas.h"
 
+#include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -47,77 +48,66 @@ uint32_t Quotas::GetPeriod(Period period) {
 }
 
 void Quotas::Set(const std::vector<quota_t>& quotas) {
-  quotas_.clear();
-  for (const quota_t& quota : quotas) quotas_.emplace(quota.name, quota);
-  for (auto next = counts_.begin(); next != counts_.end();) {
-    const auto entry = next++;
-    const auto found = quotas_.find(std::get<0>(entry->first));
-    QuotaCount& count = *entry->second;
-    if (found == quotas_.end() || found->second.scope != count.quota_.scope ||
-        found->second.period != count.quota_.period) {
-      counts_.erase(entry);
-    } else {
-      count.quota_ = found->second;
+  auto before = std::exchange(quotas_, {});
+  for (const quota_t& quota : quotas) {
+    kept_t& kept = quotas_[quota.name];
+    const auto found = before.find(quota.name);
+    if (found != before.end() && found->second.quota.scope == quota.scope &&
+        found->second.quota.period == quota.period) {
+      kept = std::move(found->second);
     }
+    kept.quota = quota;
+    for (const auto& entry : kept.counts) entry.second->quota_ = quota;
   }
 }
 
 std::shared_ptr<QuotaCount> Quotas::Get(const quota_t& quota,
                                         const std::string& device,
                                         uint32_t uid) {
-  switch (quota.scope) {
-    case Scope::kAll:
-      return FindOrMake(quota, Key(quota.name, "", kNobodyUid));
-    case Scope::kDevice:
-      return FindOrMake(quota, Key(quota.name, device, kNobodyUid));
-    case Scope::kApplication:
-      return FindOrMake(quota, Key(quota.name, device, uid));
-  }
-  return nullptr;
-}
-
-std::shared_ptr<QuotaCount> Quotas::FindOrMake(const quota_t& quota,
-                                               const Key& key) {
-  const auto found = counts_.find(key);
-  if (found != counts_.end()) return found->second;
-  if (CountOf(quota.name) >= kMaxCounts) ForgetPast(quota.name);
-  const Key common(quota.name, "", kNobodyUid);
-  if (CountOf(quota.name) >= kMaxCounts && key != common) {
-    return FindOrMake(quota, common);
-  }
-  auto count = std::make_shared<QuotaCount>(*this, quota);
-  counts_.emplace(key, count);
+  kept_t& kept = quotas_.at(quota.name);
+  const Whose everybody("", kNobodyUid);
+  const Whose whose(quota.scope == Scope::kAll ? "" : device,
+                    quota.scope == Scope::kApplication ? uid : kNobodyUid);
+  auto count = FindOrMake(&kept, whose);
+  if (count == nullptr) count = FindOrMake(&kept, everybody);
   return count;
 }
 
-size_t Quotas::CountOf(const std::string& name) const {
-  const auto first = counts_.lower_bound(Key(name, "", 0));
-  const auto last = counts_.upper_bound(Key(name + '\0', "", 0));
-  return static_cast<size_t>(std::distance(first, last));
+std::shared_ptr<QuotaCount> Quotas::FindOrMake(kept_t* kept,
+                                               const Whose& whose) {
+  const auto found = kept->counts.find(whose);
+  if (found != kept->counts.end()) return found->second;
+  if (kept->counts.size() >= kMaxCounts) ForgetPast(kept);
+  const bool is_common = whose.first.empty();
+  if (kept->counts.size() >= kMaxCounts && !is_common) return nullptr;
+  auto count = std::make_shared<QuotaCount>(*this, kept->quota);
+  kept->counts.emplace(whose, count);
+  return count;
 }
 
 // Nobody uses them now, and whoever does again begins anew.
-void Quotas::ForgetPast(const std::string& name) {
-  for (auto next = counts_.lower_bound(Key(name, "", 0));
-       next != counts_.end() && std::get<0>(next->first) == name;) {
+void Quotas::ForgetPast(kept_t* kept) {
+  const uint32_t now = GetPeriod(kept->quota.period);
+  if (std::exchange(kept->tidied, now) == now) return;
+  for (auto next = kept->counts.begin(); next != kept->counts.end();) {
     const auto entry = next++;
-    const QuotaCount& count = *entry->second;
-    if (entry->second.use_count() == 1 &&
-        count.period_ != GetPeriod(count.quota_.period)) {
-      counts_.erase(entry);
+    if (entry->second.use_count() == 1 && entry->second->period_ < now) {
+      kept->counts.erase(entry);
     }
   }
 }
 
 std::string Quotas::ToJson() const {
   nlohmann::ordered_json counts = nlohmann::ordered_json::array();
-  for (const auto& [key, count] : counts_) {
-    if (count->bytes_ == 0) continue;
-    counts.push_back({{"quota", std::get<0>(key)},
-                      {"device", std::get<1>(key)},
-                      {"uid", std::get<2>(key)},
-                      {"period", count->period_},
-                      {"bytes", count->bytes_}});
+  for (const auto& [name, kept] : quotas_) {
+    for (const auto& [whose, count] : kept.counts) {
+      if (count->bytes_ == 0) continue;
+      counts.push_back({{"quota", name},
+                        {"device", whose.first},
+                        {"uid", whose.second},
+                        {"period", count->period_},
+                        {"bytes", count->bytes_}});
+    }
   }
   const nlohmann::ordered_json all = {{"version", kVersion},
                                       {"counts", std::move(counts)}};
@@ -147,8 +137,9 @@ bool Quotas::TakeJson(const std::string& text) {
     }
     const auto quota = quotas_.find(get("quota").get<std::string>());
     if (quota == quotas_.end()) continue;
-    const auto count = Get(quota->second, get("device").get<std::string>(),
-                           get("uid").get<uint32_t>());
+    const auto count =
+        Get(quota->second.quota, get("device").get<std::string>(),
+            get("uid").get<uint32_t>());
     count->period_ = get("period").get<uint32_t>();
     count->bytes_ = get("bytes").get<uint64_t>();
   }

@@ -7,9 +7,8 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "common/uid.h"
@@ -85,19 +84,21 @@ class Quotas {
 
  private:
   friend class QuotaCount;
-  // The name of the quota, whose device, whose application.
-  using Key = std::tuple<std::string, std::string, uint32_t>;
-  using Counts = std::map<Key, std::shared_ptr<QuotaCount>>;
+  using Whose = std::pair<std::string, uint32_t>;  // device, UID
+  struct kept_t {
+    quota_t quota;
+    std::map<Whose, std::shared_ptr<QuotaCount>> counts;
+    uint32_t tidied = 0;  // the period in which those of earlier ones went
+  };
 
   // A number that is larger for a later day or month of local time.
   uint32_t GetPeriod(Period period);
-  std::shared_ptr<QuotaCount> FindOrMake(const quota_t& quota, const Key& key);
-  size_t CountOf(const std::string& name) const;
-  void ForgetPast(const std::string& name);
+  // None when there is no room for another.
+  std::shared_ptr<QuotaCount> FindOrMake(kept_t* kept, const Whose& whose);
+  void ForgetPast(kept_t* kept);
 
   const callbacks_t callbacks_;
-  std::map<std::string, quota_t> quotas_;
-  Counts counts_;
+  std::map<std::string, kept_t> quotas_;  // by their names
   // Of the second for which it was last asked: the calendar takes its time.
   time_t second_ = -1;
   uint32_t day_ = 0;
