@@ -26,7 +26,8 @@ struct application_counts_t {
   uint64_t streams_denied = 0;  // by a rule, at first or when they were open
   uint64_t datagrams_to_device = 0;
   uint64_t datagrams_from_device = 0;
-  uint64_t datagrams_dropped = 0;  // either way, by a queue or a limit
+  // Either way, by a queue or a limit, or refused on their way to a remote.
+  uint64_t datagrams_dropped = 0;
 };
 
 // What the companion knows of one application of one device. Whoever moves its

@@ -59,7 +59,10 @@ void DatagramFlow::Send(const std::string& payload) {
     ++counts.datagrams_dropped;
     return LogDetail("dropped: above its limit", "");
   }
-  if (!target_) return QueueFailure(payload);
+  if (!target_) {
+    ++counts.datagrams_dropped;
+    return QueueFailure(payload);
+  }
   AddToAll(quotas_, payload.size());
   if (socket_ == nullptr && !Open()) {
     LogDetail("no socket: ", strerror(errno));

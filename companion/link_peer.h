@@ -17,6 +17,19 @@ struct link_peer_t {
 // Of a link whose socket was inherited.
 constexpr char kFdLink[] = "fd";
 
+// The address in "HOST:PORT", as a person writes it: an IPv6 address has no
+// brackets, and one that stands for an IPv4 address is that.
+inline std::string GetAddressOf(const std::string& host_and_port) {
+  constexpr char kMapped[] = "::ffff:";
+  std::string host = host_and_port.substr(0, host_and_port.rfind(':'));
+  if (!host.empty() && host.front() == '[') {
+    host = host.substr(1, host.size() - 2);
+  }
+  const bool is_mapped =
+      host.rfind(kMapped, 0) == 0 && host.find('.') != std::string::npos;
+  return is_mapped ? host.substr(sizeof(kMapped) - 1) : host;
+}
+
 // |text| is what a listener says of its peer, see LinkListener::OnLink.
 inline link_peer_t MakeLinkPeer(const std::string& text,
                                 const std::string& link) {
@@ -26,7 +39,7 @@ inline link_peer_t MakeLinkPeer(const std::string& text,
       colon == std::string::npos ? "" : text.substr(colon + 1);
   if (kind == "rfcomm" || kind == "bluetooth") return {text, rest, link};
   // Each connection comes from a port of its own.
-  if (kind == "tcp") return {text, rest.substr(0, rest.rfind(':')), link};
+  if (kind == "tcp") return {text, GetAddressOf(rest), link};
   return {text, link, link};
 }
 

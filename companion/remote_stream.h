@@ -67,8 +67,6 @@ class RemoteStream final : public FlowScheduler::Flow,
   uint64_t GetBytesToDevice() const { return bytes_to_device_; }
   uint64_t GetBytesFromDevice() const { return bytes_from_device_; }
   bool IsFinishing() const { return is_finishing_; }
-  // Whether Connect() was called.
-  bool IsBegun() const { return socket_ != nullptr; }
 
   // From now on; a new stream has the policy of those that no rule names. It
   // may have its turn: link_parts_t::on_waiting is to be called.

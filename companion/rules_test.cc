@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "companion/amount.h"
+#include "companion/link_peer.h"
 #include "companion/rule_match.h"
 #include "companion/rules_file.h"
 #include "companion/rules_text.h"
@@ -246,6 +247,21 @@ TEST(RulesTest, ExplainsWhatMayMatch) {
       "datagrams: perhaps rule \"tablet\": device 01:23:45:67:89:AB: deny\n"
       "datagrams: no rule: allow\n",
       out.str());
+}
+
+TEST(LinkPeerTest, IsTheSameDeviceEachTime) {
+  for (const auto& [text, device] :
+       std::vector<std::pair<const char*, const char*>>{
+           {"rfcomm:01:23:45:67:89:AB", "01:23:45:67:89:AB"},
+           {"bluetooth:01:23:45:67:89:AB", "01:23:45:67:89:AB"},
+           {"tcp:192.0.2.7:40000", "192.0.2.7"},
+           {"tcp:::ffff:192.0.2.7:40000", "192.0.2.7"},
+           {"tcp:2001:db8::1:40000", "2001:db8::1"},
+           {"tcp:[2001:db8::1]:40000", "2001:db8::1"},
+           {"unix: process 7 of user 0", "LINK"},
+           {"inherited", "LINK"}}) {
+    EXPECT_EQ(device, MakeLinkPeer(text, "LINK").device);
+  }
 }
 
 TEST(AmountTest, TakesUnitsOnly) {
