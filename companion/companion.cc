@@ -158,7 +158,7 @@ void Companion::AddLink(UniqueFd fd, const link_peer_t& peer) {
   auto link = std::make_unique<DeviceLink>(
       DeviceLink::shared_t{loop_, options_, destinations_, rules_, sockets_,
                            turns_},
-      std::move(fd), id, peer, [this] { OnLinkChanged(); });
+      std::move(fd), peer, id, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
   Ask(added, [](DeviceLink& one) { one.Start(); });

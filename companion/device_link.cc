@@ -51,10 +51,10 @@ std::unique_ptr<LinkProtocol> MakeProtocol(const companion_options_t& options,
 
 }  // namespace
 
-DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
-                       const link_peer_t& peer, std::function<void()> on_change)
+DeviceLink::DeviceLink(const shared_t& shared, UniqueFd fd, link_peer_t peer,
+                       uint32_t id, std::function<void()> on_change)
     : options_(shared.options),
-      peer_(peer),
+      peer_(std::move(peer)),
       log_(id),
       on_change_(std::move(on_change)),
       uploads_(shared.loop,

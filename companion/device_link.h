@@ -47,12 +47,11 @@ class DeviceLink final : public DeviceMessages {
     TurnQueue& turns;
   };
 
-  // |fd| is a connected stream socket. |id| names the link in the log, |peer|
-  // says who is at its other end.
-  // |on_change| is called when IsUp() or IsOver() may have changed,
-  // from within the link's handlers: it must not destroy the link.
-  DeviceLink(const shared_t& shared, UniqueFd fd, uint32_t id,
-             const link_peer_t& peer, std::function<void()> on_change);
+  // |fd| is a connected stream socket, and |peer| its other end. |id| names the
+  // link in the log. |on_change| is called when IsUp() or IsOver() may have
+  // changed, from within the link's handlers: it must not destroy the link.
+  DeviceLink(const shared_t& shared, UniqueFd fd, link_peer_t peer, uint32_t id,
+             std::function<void()> on_change);
   DeviceLink(const DeviceLink&) = delete;
   DeviceLink& operator=(const DeviceLink&) = delete;
   ~DeviceLink() override;

@@ -99,7 +99,7 @@ class DeviceLinkTest : public ::testing::Test {
     link_ = std::make_unique<DeviceLink>(
         DeviceLink::shared_t{loop_, options_, destinations_, rules_, *sockets_,
                              turns_},
-        UniqueFd(fds[1]), 1, link_peer_t(), [this] { ++changes_; });
+        UniqueFd(fds[1]), link_peer_t(), 1, [this] { ++changes_; });
     link_->Start();
   }
   // Runs the real loop until |condition| holds, which is tried in between. An

@@ -44,7 +44,7 @@ class Script {
     link_ = std::make_unique<DeviceLink>(
         DeviceLink::shared_t{loop_, options_, destinations_, rules_, sockets_,
                              turns_},
-        UniqueFd(fd), 1, link_peer_t(), [] {});
+        UniqueFd(fd), link_peer_t(), 1, [] {});
   }
 
   void Run() {
