@@ -109,6 +109,11 @@ def receive(device, enough=1 << 40, seconds=60):
     return got
 
 
+def drain(peer):
+    while peer.recv(65536):
+        pass
+
+
 def reload(process, rules):
     process.rules.write_text(rules)
     before = process.log().count("rules")
@@ -174,6 +179,22 @@ def test_a_limit_for_each_device(companion, ruled, link, server, tmp_path):  # n
         seconds = time.monotonic() - begin
     for count in counts:
         assert 400e3 < count < 400e3 * (seconds + .5), (counts, seconds)
+
+    with socket.create_server((REMOTE[0], 7001)) as sink:
+        one.close()
+        device = link()
+        device.sendall(connect(9, port=7001))
+        peer = sink.accept()[0]
+        threading.Thread(target=drain, args=[peer], daemon=True).start()
+        begin = time.monotonic()
+        device.sendall(data(9, bytes(8000)) * 8)
+        taken = 0
+        while time.monotonic() - begin < 2:
+            assert take(device, 5) == struct.pack(">BI", 6, 9)  # acknowledged
+            taken += 8000
+            device.sendall(data(9, bytes(8000)))
+        assert 100e3 < taken < 100e3 * (time.monotonic() - begin + .5)
+        device.close()  # and the peer with it
 
 
 def test_a_daily_quota(ruled, link, server, tmp_path, monkeypatch):  # noqa: F811
