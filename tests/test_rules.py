@@ -265,6 +265,23 @@ def test_reading_again(ruled, link, server):  # noqa: F811
     assert outcome(one, 3, seconds=5) == "open"
 
 
+def test_a_flow_that_is_denied_later(ruled, link):  # noqa: F811
+    process = ruled('[[rule]]\naction = "allow"')
+    one = link()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+        server.bind(REMOTE)
+        server.settimeout(10)
+        question = datagram(REMOTE[1])
+        one.sendall(question)
+        asker = server.recvfrom(10)[1]
+        reload(process, '[[rule]]\nprotocol = "udp"\naction = "deny"')
+        ping(one)
+        ping(one)
+        server.sendto(b"a late answer", asker)
+        one.sendall(question)
+        assert take(one, len(question)) == failure(question)
+
+
 def test_an_application_without_a_name_yet_that_closes(ruled, link):  # noqa: F811
     ruled('[[rule]]\napplication = "com.example.mail"\naction = "deny"')
     one = link()
