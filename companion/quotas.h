@@ -4,6 +4,7 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -49,6 +50,12 @@ class QuotaCount {
 inline void AddToAll(const std::vector<std::shared_ptr<QuotaCount>>& counts,
                      size_t bytes) {
   for (const auto& count : counts) count->Add(bytes);
+}
+
+inline bool IsAnyUsedUp(
+    const std::vector<std::shared_ptr<QuotaCount>>& counts) {
+  return std::any_of(counts.begin(), counts.end(),
+                     [](const auto& count) { return count->IsUsedUp(); });
 }
 
 // What was used of all quotas, by all links, and the text in which that

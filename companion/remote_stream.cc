@@ -195,6 +195,8 @@ void RemoteStream::DropQueued() {
 }
 
 bool RemoteStream::TakeMessage(size_t max_payload, std::string* out) {
+  // It is denied in a moment, or has its turn again by SetPolicy().
+  if (IsAnyUsedUp(quotas_)) return false;
   if (!to_device_.MaySend()) return false;
   static std::string buffer;  // one for all: it is used up in here
   buffer.resize(to_device_.GetAllowance(
