@@ -3,8 +3,6 @@
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/rfcomm.h>
 #include <errno.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -13,6 +11,7 @@
 #include <utility>
 
 #include "companion/companion_log.h"
+#include "companion/tcp_address.h"
 
 namespace vantrel {
 namespace {
@@ -31,13 +30,8 @@ bool Fail(const std::string& where, const char* why) {
 // The reason is in errno.
 bool Fail(const std::string& where) { return Fail(where, strerror(errno)); }
 
-std::string DescribeTcp(const sockaddr_storage& address, socklen_t length) {
-  char host[NI_MAXHOST] = "?";
-  char port[NI_MAXSERV] = "?";
-  getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host,
-              sizeof(host), port, sizeof(port),
-              NI_NUMERICHOST | NI_NUMERICSERV);
-  return std::string("tcp:") + host + ":" + port;
+std::string DescribeTcp(const tcp_address_t& address) {
+  return "tcp:" + ToText(address);
 }
 
 std::string DescribeRfcomm(const sockaddr_storage& address) {
@@ -60,20 +54,9 @@ std::string DescribeUnix(int fd) {
 std::string DescribePeer(int fd, const sockaddr_storage& address,
                          socklen_t length) {
   if (address.ss_family == AF_UNIX) return DescribeUnix(fd);
-  return address.ss_family == AF_BLUETOOTH ? DescribeRfcomm(address)
-                                           : DescribeTcp(address, length);
-}
-
-bool IsLoopback(const sockaddr& address) {
-  if (address.sa_family == AF_INET6) {
-    sockaddr_in6 v6;
-    memcpy(&v6, &address, sizeof(v6));
-    return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr) != 0;
-  }
-  sockaddr_in v4;
-  memcpy(&v4, &address, sizeof(v4));
-  return address.sa_family == AF_INET &&
-         ntohl(v4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+  return address.ss_family == AF_BLUETOOTH
+             ? DescribeRfcomm(address)
+             : DescribeTcp(tcp_address_t{address, length});
 }
 
 }  // namespace
@@ -107,16 +90,10 @@ bool LinkListener::OpenUnix(const link_address_t& address) {
 
 bool LinkListener::OpenTcp(const link_address_t& address,
                            bool allows_remote_links) {
-  addrinfo hints = {};
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int error =
-      getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
-  if (error != 0) return Fail(address.text, gai_strerror(error));
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found,
-                                                                 freeaddrinfo);
-  if (!IsLoopback(*found->ai_addr)) {
+  std::string reason;
+  auto found = FindTcpAddress(address, &reason);
+  if (!found) return Fail(address.text, reason.c_str());
+  if (!IsLoopback(*found)) {
     if (!allows_remote_links) {
       return Fail(address.text,
                   "other machines reach it; see --allow-remote-links");
@@ -126,17 +103,9 @@ bool LinkListener::OpenTcp(const link_address_t& address,
                        "read along: put a tunnel in front of it",
                        address.text.c_str());
   }
-  UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const int on = 1;
-  setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  sockaddr_storage bound = {};
-  socklen_t length = sizeof(bound);
-  if (bind(fd.Get(), found->ai_addr, found->ai_addrlen) == -1 ||
-      getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&bound), &length) ==
-          -1) {
-    return Fail(address.text);
-  }
-  return Listen(std::move(fd), DescribeTcp(bound, length));
+  UniqueFd fd = BindTcp(&*found);
+  return fd.Get() == -1 ? Fail(address.text)
+                        : Listen(std::move(fd), DescribeTcp(*found));
 }
 
 bool LinkListener::OpenRfcomm(const link_address_t& address,

@@ -22,6 +22,12 @@ bool IsStale(const char* path, const sockaddr* address, socklen_t length) {
 
 }  // namespace
 
+std::string FindFaultOfSocketPath(const std::string& path) {
+  std::string reason;
+  ParseLinkAddress("unix:" + path, LinkSide::kListen, &reason);
+  return reason;
+}
+
 SocketFile::~SocketFile() {
   struct stat file;
   if (!path_.empty() && lstat(path_.c_str(), &file) == 0 &&

@@ -8,6 +8,9 @@
 
 namespace vantrel {
 
+// Why nobody can listen on |path|, in a few words; empty when somebody can.
+std::string FindFaultOfSocketPath(const std::string& path);
+
 // A name at which a process waits for others of its own user and of root: a
 // file or, where it begins with "@", an abstract one.
 class SocketFile {

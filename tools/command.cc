@@ -18,8 +18,8 @@
 
 #include "common/unique_fd.h"
 #include "support/steady_time.h"
+#include "support/system_failure.h"
 #include "tools/process_group.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -11,7 +11,7 @@
 #include <sstream>
 #include <vector>
 
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "common/link_address.h"
-#include "tools/record_fields.h"
+#include "support/record_fields.h"
+#include "support/traffic_json.h"
 
 namespace vantrel {
 namespace {
@@ -14,9 +14,7 @@ namespace {
 using json = nlohmann::ordered_json;  // the members as we name them
 using namespace record_fields;
 
-constexpr char kTime[] = "time_ms";
 constexpr char kStatsTime[] = "stats_time_ms";
-constexpr char kLinkBytes[] = "link_bytes";
 
 constexpr std::array<std::pair<launch_state_t::Phase, const char*>, 5> kPhases{{
     {launch_state_t::Phase::kConnecting, "connecting"},
@@ -31,15 +29,6 @@ launch_state_t::Phase ParsePhase(const std::string& name) {
     if (name == phase_name) return phase;
   }
   throw std::runtime_error("unknown state " + name);
-}
-
-json TrafficToJson(const traffic_t& traffic) {
-  return {{kRxBytes, traffic.rx_bytes}, {kTxBytes, traffic.tx_bytes}};
-}
-
-traffic_t ParseTraffic(const json& fields) {
-  return {fields.at(kRxBytes).get<uint64_t>(),
-          fields.at(kTxBytes).get<uint64_t>()};
 }
 
 json UidsToJson(const launch_state_t& state) {
@@ -78,12 +67,6 @@ launch_state_t ParseFields(const json& fields) {
 }
 
 }  // namespace
-
-std::string FindFaultOfSocketPath(const std::string& path) {
-  std::string reason;
-  ParseLinkAddress("unix:" + path, LinkSide::kListen, &reason);
-  return reason;
-}
 
 const char* GetPhaseName(launch_state_t::Phase phase) {
   for (const auto& [named, name] : kPhases) {

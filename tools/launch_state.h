@@ -8,21 +8,12 @@
 #include <optional>
 #include <string>
 
+#include "support/state_record.h"
+
 namespace vantrel {
 
 // Where the status socket stands in an installed system.
 constexpr char kStatusSocket[] = "/run/vantrel.status";
-
-// Why nobody can listen on |path|, in a few words; empty when somebody can.
-std::string FindFaultOfSocketPath(const std::string& path);
-
-// How often each reader gets the state, also while nothing changes.
-constexpr int kStateIntervalMs = 1000;
-
-struct traffic_t {
-  uint64_t rx_bytes = 0;  // from the companion
-  uint64_t tx_bytes = 0;  // to the companion
-};
 
 struct launch_state_t {
   enum class Phase {
@@ -62,8 +53,8 @@ const char* GetPhaseName(launch_state_t::Phase phase);
 // One line without its newline.
 std::string StateToJson(const launch_state_t& state);
 
-// None when |line| is another record. Throws std::runtime_error when it is none
-// at all.
+// None when |line| is another record, also a companion's. Throws
+// std::runtime_error when it is none at all.
 std::optional<launch_state_t> ParseState(const std::string& line);
 
 }  // namespace vantrel

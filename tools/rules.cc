@@ -11,8 +11,8 @@
 
 #include "daemon/interception_rules.h"
 #include "daemon/iptables.h"
+#include "support/system_failure.h"
 #include "tools/process_group.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "common/printable.h"
+#include "support/record_fields.h"
 #include "tools/ctl/doctor_checks.h"
 #include "tools/ctl/status_client.h"
-#include "tools/record_fields.h"
 
 namespace vantrel {
 namespace {

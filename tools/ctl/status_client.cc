@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "common/link_address.h"
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "tools/record_fields.h"
+#include "support/record_fields.h"
 
 namespace vantrel {
 namespace {

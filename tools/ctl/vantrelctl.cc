@@ -11,6 +11,7 @@
 #include "common/printable.h"
 #include "control/control_packets.h"
 #include "support/command_line.h"
+#include "support/socket_file.h"
 #include "support/standard_descriptors.h"
 #include "tools/ctl/control_command.h"
 #include "tools/ctl/doctor.h"

@@ -12,7 +12,7 @@
 #include "bluez/service_search.h"
 #include "common/link_address.h"
 #include "support/peer_socket.h"
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

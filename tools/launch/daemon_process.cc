@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "support/open_file_limit.h"
+#include "support/system_failure.h"
 #include "tools/process_group.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {

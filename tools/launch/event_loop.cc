@@ -6,8 +6,8 @@
 #include <system_error>
 
 #include "support/descriptor.h"
+#include "support/system_failure.h"
 #include "support/timer.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 

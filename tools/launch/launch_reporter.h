@@ -8,15 +8,15 @@
 #include <string>
 #include <utility>
 
+#include "support/metrics_file.h"
+#include "support/paced_task.h"
 #include "support/service_manager.h"
+#include "support/status_server.h"
 #include "support/steady_time.h"
 #include "tools/launch/event_loop.h"
 #include "tools/launch/launch_options.h"
 #include "tools/launch/line_writer.h"
-#include "tools/launch/metrics_file.h"
-#include "tools/launch/paced_task.h"
 #include "tools/launch/status_reader.h"
-#include "tools/launch/status_server.h"
 #include "tools/launch_state.h"
 #include "tools/package_names.h"
 

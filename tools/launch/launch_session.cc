@@ -11,8 +11,8 @@
 #include <exception>
 #include <utility>
 
+#include "support/system_failure.h"
 #include "tools/route_look.h"
-#include "tools/system_failure.h"
 
 // The constructor starts the daemon, with the link itself (--direct) or with
 // one end of a socket pair, of which the other end is relayed to the link. Then

@@ -10,8 +10,8 @@
 
 #include "control/status_records.h"
 #include "support/exit_status.h"
+#include "support/system_failure.h"
 #include "tools/launch/link_connector.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "bluez/service_search.h"
+#include "support/system_failure.h"
 #include "tools/launch/companion_finder.h"
-#include "tools/system_failure.h"
 
 namespace vantrel {
 namespace {

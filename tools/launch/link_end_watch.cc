@@ -7,7 +7,7 @@
 #include <chrono>
 #include <utility>
 
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -17,7 +17,4 @@ void CountRecord(const status_record_t& record, const PackageNames& names,
 std::string FormatMetrics(const launch_state_t& state,
                           const PackageNames& names);
 
-// |value| as it stands between the quotes of a label.
-std::string EscapeLabelValue(const std::string& value);
-
 }  // namespace vantrel

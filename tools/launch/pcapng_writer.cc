@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "common/byte_order.h"
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/linux/device_files_testing.h"
+#include "support/metrics_text.h"
 #include "tools/launch/metrics.h"
 #include "tools/launch/status_text.h"
 #include "tools/package_names.h"
@@ -131,7 +132,7 @@ TEST(Metrics, ReportsAddUpUnderEscapedLabels) {
               testing::HasSubstr(
                   "\nvantrel_uid_received_bytes_total{uid=\"10123\",package="
                   "\"a\\\"b\\\\c\"} 8589934590\n"));
-  EXPECT_EQ("a\\nb", EscapeLabelValue("a\nb"));
+  EXPECT_EQ("a\\\\x0ab\\\\xff", EscapeLabelValue("a\nb\xFF"));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "control/status_records.h"
-#include "tools/record_fields.h"
+#include "support/record_fields.h"
 
 namespace vantrel {
 namespace {

@@ -5,10 +5,11 @@
 #include <string>
 
 #include "support/command_line.h"
+#include "support/metrics_file.h"
+#include "support/socket_file.h"
 #include "support/standard_descriptors.h"
 #include "tools/launch/launcher.h"
 #include "tools/launch/link_connector.h"
-#include "tools/launch/metrics_file.h"
 #include "tools/launch_state.h"
 
 namespace vantrel {

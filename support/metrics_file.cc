@@ -1,4 +1,4 @@
-#include "tools/launch/metrics_file.h"
+#include "support/metrics_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "common/unique_fd.h"
-#include "tools/system_failure.h"
+#include "support/system_failure.h"
 
 namespace vantrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/launch/paced_task.h"
+#include "support/paced_task.h"
 
 #include <utility>
 

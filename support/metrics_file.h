@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "tools/launch/paced_task.h"
+#include "support/paced_task.h"
 
 namespace vantrel {
 
