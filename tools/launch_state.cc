@@ -97,7 +97,9 @@ std::string StateToJson(const launch_state_t& state) {
 std::optional<launch_state_t> ParseState(const std::string& line) {
   try {
     const json fields = json::parse(line);
-    if (fields.at(kRecord) != kState) return std::nullopt;
+    if (fields.at(kRecord) != kState || fields.contains(kDevices)) {
+      return std::nullopt;
+    }
     return ParseFields(fields);
   } catch (const json::exception& e) {
     throw std::runtime_error(e.what());

@@ -73,7 +73,11 @@ std::optional<launch_state_t> ReadState(const std::string& socket) {
     pollfd wanted = {client.GetFd(), POLLIN, 0};
     while (poll(&wanted, 1, kStateIntervalMs) > 0) {
       const bool is_there = client.Receive();
-      if (auto state = client.Next()) return state;
+      while (auto state = client.Next()) {
+        if (auto* const launcher = std::get_if<launch_state_t>(&*state)) {
+          return std::move(*launcher);
+        }
+      }
       if (!is_there) break;
     }
   } catch (const std::exception&) {

@@ -14,6 +14,13 @@ namespace {
 // Longer than a state of some thousand applications.
 constexpr size_t kMaxLineBytes = 1024 * 1024;
 
+// None when |line| is no state.
+std::optional<StatusClient::State> ParseLine(const std::string& line) {
+  if (auto state = ParseState(line)) return state;
+  if (auto state = ParseCompanionState(line)) return state;
+  return std::nullopt;
+}
+
 }  // namespace
 
 StatusClient::StatusClient(const std::string& path)
@@ -24,7 +31,7 @@ StatusClient::StatusClient(const std::string& path)
               length) != 0) {
     throw SystemFailure("no status socket " + path +
                         ", which vantrel-launch --status-socket " + path +
-                        " makes");
+                        " makes, or vantrel-companion with the same option");
   }
 }
 
@@ -41,15 +48,15 @@ bool StatusClient::Receive() {
   }
 }
 
-std::optional<launch_state_t> StatusClient::Next() {
+std::optional<StatusClient::State> StatusClient::Next() {
   for (size_t end; (end = bytes_.find('\n', begin_)) != std::string::npos;) {
     const std::string line = bytes_.substr(begin_, end - begin_);
     begin_ = end + 1;
     try {
-      if (auto state = ParseState(line)) return state;
+      if (auto state = ParseLine(line)) return state;
     } catch (const std::exception& e) {
       throw std::runtime_error("what " + path_ +
-                               " says is no launcher's: " + e.what());
+                               " says is no state: " + e.what());
     }
   }
   // Only here, so that many short lines are not moved again and again.
@@ -57,7 +64,7 @@ std::optional<launch_state_t> StatusClient::Next() {
   begin_ = 0;
   if (bytes_.size() > kMaxLineBytes) {
     throw std::runtime_error("what " + path_ +
-                             " says is no launcher's: it has no lines");
+                             " says is no state: it has no lines");
   }
   return std::nullopt;
 }

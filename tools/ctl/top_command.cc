@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "support/steady_time.h"
 #include "tools/ctl/dump_follower.h"
@@ -23,25 +25,56 @@
 namespace vantrel {
 namespace {
 
-// A launcher that lives says something within one interval.
+// A launcher that lives says something within one interval, as a companion.
 constexpr std::chrono::milliseconds kSilenceTime{3 * kStateIntervalMs};
 
-// How often to look for a launcher that has gone.
+// How often to look for one that has gone.
 constexpr std::chrono::milliseconds kReconnectTime{kStateIntervalMs};
 
-constexpr char kSilent[] = "the launcher is silent";
+constexpr char kSilent[] = "nothing comes from the status socket";
 
-// What the model shows, from the launcher and, if wanted, from the daemon's
-// log. Connects again when the launcher has gone.
+// What is shown of the last one that has said something.
+class TopModels {
+ public:
+  TopModel& GetLauncher() { return launcher_; }
+  DevicesModel& GetCompanion() { return companion_; }
+  // Says which of them it is.
+  void SetCompanion(bool is_companion) { is_companion_ = is_companion; }
+
+  void Disconnect() {
+    launcher_.Disconnect();
+    companion_.Disconnect();
+  }
+  size_t GetRateCount() const {
+    return is_companion_ ? companion_.GetHistory().size()
+                         : launcher_.GetHistory().size();
+  }
+  std::vector<TextLine> LayOut(const top_view_t& view) const {
+    return is_companion_ ? LayOutTop(companion_, view)
+                         : LayOutTop(launcher_, view);
+  }
+  std::string ToJson(TopSort sort, const std::string& note) const {
+    return is_companion_ ? TopToJson(companion_, sort, note)
+                         : TopToJson(launcher_, sort, note);
+  }
+
+ private:
+  TopModel launcher_;
+  DevicesModel companion_;
+  bool is_companion_ = false;
+};
+
+// What the models show, from the status socket and, if wanted, from a daemon's
+// log. Connects again when the other end has gone.
 class TopSource {
  public:
-  // Throws std::system_error when there is no launcher, or no log.
+  // Throws std::system_error when nobody listens, or there is no log.
   explicit TopSource(const top_options_t& options)
       : path_(options.status_socket), client_(StatusClient(path_)) {
     if (!options.log.empty()) dumps_.emplace(options.log);
   }
 
-  const TopModel& GetModel() const { return model_; }
+  const TopModels& GetModels() const { return models_; }
   const std::string& GetNote() const { return note_; }
 
   // To wait for, or -1.
@@ -63,12 +96,12 @@ class TopSource {
     const bool is_open = client_->Receive();
     bool is_new = !is_open;
     while (const auto state = client_->Next()) {
-      Take(*state);
+      std::visit([this](const auto& one) { Take(one); }, *state);
       is_new = true;
     }
     if (!is_open) {
       client_.reset();
-      model_.Disconnect();
+      models_.Disconnect();
     }
     return is_new;
   }
@@ -82,23 +115,31 @@ class TopSource {
     }
   }
 
+  void Take(const companion_state_t& state) {
+    models_.SetCompanion(true);
+    models_.GetCompanion().Update(state);
+    note_ = dumps_ ? "a companion shows its streams without --log" : "";
+  }
+
   void Take(const launch_state_t& state) {
-    const auto& last = model_.GetState();
+    models_.SetCompanion(false);
+    TopModel& model = models_.GetLauncher();
+    const auto& last = model.GetState();
     const bool is_other_daemon = last && last->starts != state.starts;
-    model_.Update(state);
+    model.Update(state);
     note_.clear();
     if (!dumps_) return;
     if (is_other_daemon) dumps_->Forget();
     if (auto dump = dumps_->Read()) {
-      model_.SetDump(std::move(*dump), dumps_->GetOwners());
+      model.SetDump(std::move(*dump), dumps_->GetOwners());
     }
     if (state.phase == launch_state_t::Phase::kRunning) note_ = dumps_->Ask();
   }
 
   const std::string path_;
-  std::optional<StatusClient> client_;  // none while there is no launcher
+  std::optional<StatusClient> client_;  // none while nobody listens
   std::optional<DumpFollower> dumps_;
-  TopModel model_;
+  TopModels models_;
   std::string note_;
 };
 
@@ -128,8 +169,8 @@ void Print(const TopSource& source, bool is_json) {
   top_view_t view;
   view.note = source.GetNote();
   const std::string text =
-      is_json ? TopToJson(source.GetModel(), view.sort, view.note) + "\n"
-              : ToText(LayOutTop(source.GetModel(), view));
+      is_json ? source.GetModels().ToJson(view.sort, view.note) + "\n"
+              : ToText(source.GetModels().LayOut(view));
   fputs(text.c_str(), stdout);
   if (fflush(stdout) != 0) throw std::runtime_error("cannot write");
 }
@@ -144,9 +185,10 @@ int RunForScript(const top_options_t& options) {
     Wait(source, false, &is_readable, source.GetWaitTime());
     if (!source.Work(is_readable)) continue;
     if (options.is_once) {
-      if (source.GetFd() < 0) throw std::runtime_error("the launcher has gone");
+      if (source.GetFd() < 0)
+        throw std::runtime_error("the other end has gone");
       if (!is_readable) throw std::runtime_error(kSilent);
-      if (source.GetModel().GetHistory().size() < needed_rates) continue;
+      if (source.GetModels().GetRateCount() < needed_rates) continue;
     }
     Print(source, options.is_json);
     if (options.is_once) return 0;
@@ -184,21 +226,39 @@ class TopDisplay {
     switch (key) {
       case 'p':
         is_paused_ = !is_paused_;
-        shown_ = source_.GetModel();
+        shown_ = source_.GetModels();
+        break;
+      case 'f':
+        Fold();
         break;
       case 'd':
-        sort_ = TopModel::Sort::kDown;
+        sort_ = TopSort::kDown;
         break;
       case 'u':
-        sort_ = TopModel::Sort::kUp;
+        sort_ = TopSort::kUp;
         break;
       case 't':
-        sort_ = TopModel::Sort::kTotal;
+        sort_ = TopSort::kTotal;
         break;
       case 'n':
-        sort_ = TopModel::Sort::kName;
+        sort_ = TopSort::kName;
         break;
       default:
+        break;
+    }
+  }
+
+  // One level less, and after devices alone all of them again.
+  void Fold() {
+    switch (depth_) {
+      case TopDepth::kStreams:
+        depth_ = TopDepth::kApplications;
+        break;
+      case TopDepth::kApplications:
+        depth_ = TopDepth::kDevices;
+        break;
+      case TopDepth::kDevices:
+        depth_ = TopDepth::kStreams;
         break;
     }
   }
@@ -208,17 +268,19 @@ class TopDisplay {
     view.columns = screen_.GetColumns();
     view.lines = screen_.GetLines();
     view.sort = sort_;
+    view.depth = depth_;
     view.is_paused = is_paused_;
     view.has_keys = true;
     view.has_blocks = screen_.HasBlocks();
     view.note = source_.GetNote();
-    screen_.Show(LayOutTop(is_paused_ ? shown_ : source_.GetModel(), view));
+    screen_.Show((is_paused_ ? shown_ : source_.GetModels()).LayOut(view));
   }
 
   TopSource source_;  // before the screen: its failures are to be read
   TopScreen screen_;
-  TopModel shown_;  // while paused
-  TopModel::Sort sort_ = TopModel::Sort::kDown;
+  TopModels shown_;  // while paused
+  TopSort sort_ = TopSort::kDown;
+  TopDepth depth_ = TopDepth::kStreams;
   bool is_paused_ = false;
 };
 

@@ -1,45 +1,13 @@
 #include "tools/ctl/top_model.h"
 
 #include <algorithm>
-#include <tuple>
 #include <utility>
 
 namespace vantrel {
 namespace {
 
-// From two times that are closer nothing is computed: a rate would be noise.
-constexpr uint64_t kShortestMs = kStateIntervalMs / 2;
-
 // A report that is so many intervals late says that no more come.
 constexpr uint64_t kLateReports = 3;
-
-double GetRate(uint64_t before, uint64_t now, uint64_t time_ms) {
-  if (now < before || time_ms == 0) return 0;  // counted from zero again
-  return static_cast<double>(now - before) * 1e3 / static_cast<double>(time_ms);
-}
-
-rate_t GetRate(const traffic_t& before, const traffic_t& now,
-               uint64_t time_ms) {
-  return {GetRate(before.rx_bytes, now.rx_bytes, time_ms),
-          GetRate(before.tx_bytes, now.tx_bytes, time_ms)};
-}
-
-// The first are shown first.
-template <typename Row>
-bool IsBefore(const Row& a, const Row& b, TopModel::Sort sort,
-              const traffic_t& a_total, const traffic_t& b_total) {
-  const auto sum = [](const traffic_t& t) { return t.rx_bytes + t.tx_bytes; };
-  switch (sort) {
-    case TopModel::Sort::kDown:
-      return std::make_tuple(a.rate.rx, sum(a_total)) >
-             std::make_tuple(b.rate.rx, sum(b_total));
-    case TopModel::Sort::kUp:
-      return std::make_tuple(a.rate.tx, sum(a_total)) >
-             std::make_tuple(b.rate.tx, sum(b_total));
-    default:
-      return sum(a_total) > sum(b_total);
-  }
-}
 
 }  // namespace
 
@@ -135,7 +103,7 @@ std::vector<TopModel::application_t> TopModel::GetApplications(
   std::stable_sort(rows.begin(), rows.end(),
                    [sort](const application_t& a, const application_t& b) {
                      if (sort == Sort::kName) return a.name < b.name;
-                     return IsBefore(a, b, sort, a.total, b.total);
+                     return IsBefore(a.rate, a.total, b.rate, b.total, sort);
                    });
   return rows;
 }
@@ -146,7 +114,7 @@ std::vector<TopModel::stream_t> TopModel::GetStreams(Sort sort) const {
   std::stable_sort(
       rows.begin(), rows.end(), [sort](const stream_t& a, const stream_t& b) {
         if (sort == Sort::kName) return a.owner < b.owner;
-        return IsBefore(a, b, sort, a.dump.traffic, b.dump.traffic);
+        return IsBefore(a.rate, a.dump.traffic, b.rate, b.dump.traffic, sort);
       });
   return rows;
 }

@@ -9,24 +9,16 @@
 #include <vector>
 
 #include "tools/ctl/link_dump.h"
+#include "tools/ctl/top_rates.h"
 #include "tools/launch_state.h"
 
 namespace vantrel {
 
-// In bytes per second, from the device's point of view as traffic_t.
-struct rate_t {
-  double rx = 0;
-  double tx = 0;
-};
-
-// What vantrelctl top shows: the launcher's last state, and rates from those
+// What vantrelctl top shows of a launcher: its last state, and rates from those
 // before it. Time is the launcher's, so that a late reader computes the same.
 class TopModel {
  public:
-  // Rates that are kept, one for each state.
-  static constexpr size_t kMaxHistory = 512;
-
-  enum class Sort { kDown, kUp, kTotal, kName };
+  using Sort = TopSort;
   struct application_t {
     uint32_t uid = 0;
     std::string name;  // empty: unknown

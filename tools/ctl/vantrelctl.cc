@@ -183,9 +183,12 @@ class CommandLine {
 
   void AddTop() {
     CLI::App* const top = app_.add_subcommand(
-        "top", "Show what moves, once a second, while vantrel-launch runs");
-    top->add_option("--status-socket", top_.status_socket,
-                    "The socket of vantrel-launch (default " +
+        "top",
+        "Show what moves, once a second, while vantrel-launch or "
+        "vantrel-companion runs");
+    top->add_option("PATH,--status-socket", top_.status_socket,
+                    "The socket of vantrel-launch or vantrel-companion "
+                    "(default " +
                         std::string(kStatusSocket) + ")")
         ->check(FindFaultOfSocketPath)
         ->type_name("PATH");
