@@ -7,6 +7,16 @@
 
 namespace vantrel {
 
+void Add(const application_counts_t& counts, application_counts_t* sum) {
+  sum->bytes_to_device += counts.bytes_to_device;
+  sum->bytes_from_device += counts.bytes_from_device;
+  sum->streams_opened += counts.streams_opened;
+  sum->streams_denied += counts.streams_denied;
+  sum->datagrams_to_device += counts.datagrams_to_device;
+  sum->datagrams_from_device += counts.datagrams_from_device;
+  sum->datagrams_dropped += counts.datagrams_dropped;
+}
+
 Application::Stream::Stream(Application& application, SteadyTime begin)
     : application_(application),
       begin_(begin),

@@ -30,6 +30,8 @@ struct application_counts_t {
   uint64_t datagrams_dropped = 0;
 };
 
+void Add(const application_counts_t& counts, application_counts_t* sum);
+
 // What the companion knows of one application of one device. Whoever moves its
 // bytes counts them in GetCounts().
 class Application {

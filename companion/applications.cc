@@ -5,20 +5,6 @@
 #include "common/uid.h"
 
 namespace vantrel {
-namespace {
-
-void Add(const application_counts_t& counts, application_counts_t* sum) {
-  sum->bytes_to_device += counts.bytes_to_device;
-  sum->bytes_from_device += counts.bytes_from_device;
-  sum->streams_opened += counts.streams_opened;
-  sum->streams_denied += counts.streams_denied;
-  sum->datagrams_to_device += counts.datagrams_to_device;
-  sum->datagrams_from_device += counts.datagrams_from_device;
-  sum->datagrams_dropped += counts.datagrams_dropped;
-}
-
-}  // namespace
-
 Application& Applications::Get(uint32_t uid) {
   if (uid == kNobodyUid) return unknown_;
   const auto found = by_uid_.find(uid);

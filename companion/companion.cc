@@ -13,7 +13,6 @@
 #include <new>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "common/capabilities.h"
 #include "companion/companion_log.h"
@@ -52,13 +51,16 @@ Companion::Companion(const companion_options_t& options, size_t max_descriptors)
       destinations_(policy_, name_servers_, options.look_ups),
       rules_(loop_, options.rules,
              [this] { AskAll([](DeviceLink& link) { link.ReviewRules(); }); }),
-      sockets_(max_descriptors, kOwnDescriptors + options.listen.size(),
+      sockets_(max_descriptors,
+               kOwnDescriptors + options.listen.size() +
+                   Reporter::CountDescriptors(options),
                options.fd ? 1 : options.max_links),
       turns_(loop_),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP),
       ticker_(loop_, [this] { OnTick(); }),
       watchdog_(loop_, [this] { OnWatchdog(); }),
-      stop_timer_(loop_, [this] { loop_.stop(); }) {
+      stop_timer_(loop_, [this] { loop_.stop(); }),
+      reporter_(loop_, options, [this] { return GetLinks(); }) {
   signals_.add(SIGUSR1);
 }
 
@@ -66,6 +68,7 @@ Companion::~Companion() = default;
 
 int Companion::Run() {
   if (!rules_.Read()) return kUsageStatus;
+  if (!reporter_.Open(sockets_.GetMaxLinks())) return EXIT_FAILURE;
   if (options_.fd) {
     AddLink(UniqueFd(*options_.fd), MakeLinkPeer("inherited", kFdLink));
   } else if (!OpenListeners()) {
@@ -83,6 +86,7 @@ int Companion::Run() {
   StartWatchdog();
   service_manager_.Notify("READY=1");
   RunLoop();
+  reporter_.Finish();
   return has_failed_ ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
@@ -110,6 +114,7 @@ void Companion::RunLoop() {
 void Companion::GoOn() {
   for (LinkListener& listener : listeners_) listener.GoOn();
   if (bluetooth_) bluetooth_->GoOn();
+  reporter_.GoOn();
   turns_.GoOn();
   signals_.cancel();
   WaitForSignal();
@@ -161,8 +166,22 @@ void Companion::AddLink(UniqueFd fd, const link_peer_t& peer) {
       std::move(fd), peer, id, [this] { OnLinkChanged(); });
   DeviceLink& added = *link;
   links_.emplace(id, std::move(link));
+  reporter_.OnConnected(added);
   Ask(added, [](DeviceLink& one) { one.Start(); });
   StartTicking();
+}
+
+Companion::Links::iterator Companion::EraseLink(Links::iterator entry) {
+  reporter_.OnOver(*entry->second);
+  const auto next = links_.erase(entry);
+  reporter_.OnRemoved();
+  return next;
+}
+
+std::vector<const DeviceLink*> Companion::GetLinks() const {
+  std::vector<const DeviceLink*> links;
+  for (const auto& entry : links_) links.push_back(entry.second.get());
+  return links;
 }
 
 size_t Companion::CountUp() const {
@@ -198,7 +217,7 @@ void Companion::BoundRests() {
       return;
     }
     sockets -= rests[i]->second->GetSocketCount();
-    links_.erase(rests[i]);
+    EraseLink(rests[i]);
   }
 }
 
@@ -208,11 +227,13 @@ void Companion::OnLinkChanged() {
 }
 
 void Companion::RemoveLinksThatAreOver() {
-  for (auto next = links_.begin(); next != links_.end();) {
-    const auto entry = next++;
-    if (!entry->second->IsOver()) continue;
+  for (auto entry = links_.begin(); entry != links_.end();) {
+    if (!entry->second->IsOver()) {
+      ++entry;
+      continue;
+    }
     has_failed_ = options_.fd && entry->second->HasFailed();
-    links_.erase(entry);
+    entry = EraseLink(entry);
   }
   BoundRests();
   if ((is_stopping_ && CountUp() == 0) || (options_.fd && links_.empty())) {
@@ -258,6 +279,7 @@ void Companion::Stop() {
   if (is_stopping_) return;
   is_stopping_ = true;
   service_manager_.Notify("STOPPING=1");
+  reporter_.OnStopping();
   listeners_.clear();
   bluetooth_.reset();
   AskAll([](DeviceLink& link) { link.Close("companion is shutting down"); });
@@ -287,6 +309,7 @@ void Companion::TickNext(SteadyTime now, uint32_t last_id) {
   }
   is_ticking_ = false;
   RemoveLinksThatAreOver();
+  reporter_.OnTick();
   if (!links_.empty()) StartTicking();
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "companion/bluetooth_listener.h"
 #include "companion/destination_policy.h"
@@ -16,6 +17,7 @@
 #include "companion/link_peer.h"
 #include "companion/local_routes.h"
 #include "companion/options.h"
+#include "companion/reporter.h"
 #include "companion/socket_pool.h"
 #include "companion/traffic_rules.h"
 #include "companion/turn_queue.h"
@@ -60,6 +62,9 @@ class Companion {
   }
   void TakeLink(UniqueFd fd, const link_peer_t& peer);
   void AddLink(UniqueFd fd, const link_peer_t& peer);
+  // What the link has used is kept. Returns the next one.
+  Links::iterator EraseLink(Links::iterator entry);
+  std::vector<const DeviceLink*> GetLinks() const;
   size_t CountUp() const;
   // Whether another link has a place. Where all are taken, ends the link that
   // has been silent for longest, if one has been silent for too long.
@@ -99,6 +104,7 @@ class Companion {
   std::list<LinkListener> listeners_;
   std::unique_ptr<BluetoothListener> bluetooth_;  // null: not asked for
   Links links_;
+  Reporter reporter_;
   uint32_t last_id_ = 0;
   bool is_ticking_ = false;
   bool is_stopping_ = false;

@@ -53,6 +53,7 @@ class CompanionLog {
   // Tells what was left out.
   ~CompanionLog();
 
+  uint32_t GetLinkId() const { return link_id_; }
   void Write(LogLevel level, LogKind kind, const char* format, ...)
       __attribute__((format(printf, 4, 5)));
 

@@ -311,10 +311,32 @@ bool DeviceLink::IsSilent(SteadyTime now) const {
   return state_ == State::kOpen && deadlines_.IsSilent(now);
 }
 
+size_t DeviceLink::GetWaitingBytes() const {
+  return scheduler_.GetQueuedBytes() + writer_.GetUnwrittenBytes() +
+         scheduler_.GetControl().size();
+}
+
+companion_state_t::device_t DeviceLink::Describe(SteadyTime now) const {
+  using Phase = companion_state_t::device_t::Phase;
+  companion_state_t::device_t device;
+  device.id = log_.GetLinkId();
+  device.link = peer_.text;
+  const int protocol = protocol_->GetOpening().GetProtocol();
+  if (protocol != LinkOpening::kAnyProtocol) {
+    device.protocol = std::to_string(protocol);
+  }
+  device.phase = state_ != State::kOpen ? Phase::kClosing
+                 : deadlines_.IsReady() ? Phase::kRunning
+                                        : Phase::kConnecting;
+  device.uptime_ms = ToMs(now - begin_);
+  device.link_traffic = GetTraffic();
+  device.pace = static_cast<uint64_t>(writer_.GetPace());
+  device.waiting_bytes = GetWaitingBytes();
+  return device;
+}
+
 void DeviceLink::LogState() {
-  const size_t waiting = scheduler_.GetQueuedBytes() +
-                         writer_.GetUnwrittenBytes() +
-                         scheduler_.GetControl()->size();
+  const size_t waiting = GetWaitingBytes();
   log_.Write(LogLevel::kInfo, LogKind::kState,
              "state: %s, %zu streams, %zu flows, %.0f bytes/s, %zu bytes "
              "(%.0f ms) wait for the device, %zu for remotes, %llu datagrams "

@@ -26,6 +26,7 @@
 #include "companion/traffic_rules.h"
 #include "companion/turn_queue.h"
 #include "companion/upload_scheduler.h"
+#include "support/companion_state.h"
 #include "support/steady_time.h"
 
 namespace vantrel {
@@ -86,6 +87,16 @@ class DeviceLink final : public DeviceMessages {
   // Its state, for a line in the log.
   void LogState();
   const Applications& GetApplications() const { return applications_; }
+  const link_peer_t& GetPeer() const { return peer_; }
+  // All bytes of the link so far.
+  const traffic_t& GetTraffic() const { return socket_.GetTraffic(); }
+  // Calls |look|(const RemoteStream&) for each that the device has open.
+  template <typename Look>
+  void EachStream(const Look& look) const {
+    streams_.EachOpen(look);
+  }
+  // The link for the status socket, without its applications.
+  companion_state_t::device_t Describe(SteadyTime now) const;
 
   void OnReady(const std::string& description) override;
   void OnConnect(uint32_t stream_id, const HostAndPort& remote,
@@ -136,8 +147,12 @@ class DeviceLink final : public DeviceMessages {
   void EndByPeer();
   void End(bool by_error, const std::string& why);
 
+  // Of what waits for the device.
+  size_t GetWaitingBytes() const;
+
   const companion_options_t& options_;
   const link_peer_t peer_;
+  const SteadyTime begin_ = GetSteadyTime();
   CompanionLog log_;
   const std::function<void()> on_change_;
   FlowScheduler scheduler_;

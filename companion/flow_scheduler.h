@@ -137,6 +137,7 @@ class FlowScheduler {
 
   // Where control messages are appended, whole.
   std::string* GetControl() { return &control_; }
+  const std::string& GetControl() const { return control_; }
   // |flow| has something to send, perhaps, as one of |group|. Both are borrowed
   // until Remove(). No effect while it waits for its turn already.
   void Activate(Flow* flow, Group* group);

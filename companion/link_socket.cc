@@ -24,6 +24,7 @@ LinkSocket::Result LinkSocket::Read(char* buffer, size_t size, size_t* count) {
   const ssize_t result = read(GetFd(), buffer, size);
   if (result > 0) {
     *count = static_cast<size_t>(result);
+    traffic_.tx_bytes += *count;
     return Result::kDone;
   }
   if (result == 0) return Result::kEnded;
@@ -37,6 +38,7 @@ LinkSocket::Result LinkSocket::Write(const char* data, size_t size,
   const ssize_t result = send(GetFd(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (result > 0) {
     *count = static_cast<size_t>(result);
+    traffic_.rx_bytes += *count;
     return Result::kDone;
   }
   return errno == EAGAIN ? Result::kWait : Fail(errno);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/descriptor.h"
+#include "support/state_record.h"
 
 namespace vantrel {
 
@@ -44,12 +45,15 @@ class LinkSocket {
   void WaitReadable() { descriptor_->WaitReadable(); }
   void WaitWritable() { descriptor_->WaitWritable(); }
   const std::string& GetReason() const { return reason_; }
+  // All bytes so far, also once it is closed.
+  const traffic_t& GetTraffic() const { return traffic_; }
 
  private:
   Result Fail(int error);
 
   std::optional<Descriptor> descriptor_;  // none: closed
   size_t hold_ = 0;
+  traffic_t traffic_;
   std::string reason_;
 };
 

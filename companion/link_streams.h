@@ -46,6 +46,11 @@ class LinkStreams final : public RemoteStream::Owner {
   void FinishAll();
   void Clear();   // without a word to anybody
   void OnTick();  // once a second
+  // Calls |look|(const RemoteStream&) for each that the device has open.
+  template <typename Look>
+  void EachOpen(const Look& look) const {
+    for (const auto& entry : streams_) look(*entry.second);
+  }
   size_t GetCount() const { return streams_.size() + finishing_.size(); }
   size_t GetHeldBytes() const { return held_.GetUsed(); }
 

@@ -7,6 +7,8 @@
 
 #include "common/interception.h"
 #include "support/command_line.h"
+#include "support/metrics_file.h"
+#include "support/socket_file.h"
 
 namespace vantrel {
 namespace {
@@ -183,6 +185,33 @@ void DefineRules(CLI::App* app, companion_options_t* options) {
       ->needs(check);
 }
 
+// [HOST:]PORT
+bool ParseMetricsListen(const std::string& text, companion_options_t* options) {
+  const bool has_host = text.find(':') != std::string::npos;
+  std::string reason;
+  options->metrics_listen =
+      ParseLinkAddress((has_host ? "tcp:" : "tcp:127.0.0.1:") + text,
+                       LinkSide::kListen, &reason);
+  return options->metrics_listen.has_value();
+}
+
+void DefineFigures(CLI::App* app, companion_options_t* options) {
+  app->add_option("--status-socket", options->status_socket,
+                  "Tell whoever connects to this socket what all devices do, "
+                  "for vantrelctl top")
+      ->check(FindFaultOfSocketPath)
+      ->type_name("PATH");
+  app->add_option("--metrics", options->metrics,
+                  "Keep totals in this file, in Prometheus' text format")
+      ->check(FindFaultOfMetricsPath)
+      ->type_name("FILE");
+  AddParsed(app, "--metrics-listen", "[HOST:]PORT",
+            ", as in 9437 or 192.0.2.1:9437",
+            "Give the same to scrapers there, at /metrics; without HOST to "
+            "those of this machine",
+            ParseMetricsListen, options);
+}
+
 void DefineLog(CLI::App* app, companion_options_t* options) {
   AddChoice<LogLevel>(app, "--log-level", "The least important lines",
                       {{"error", LogLevel::kError},
@@ -280,6 +309,7 @@ std::optional<int> ParseOptions(int argc, const char* const* argv,
   DefineLinks(&app, options);
   DefineTraffic(&app, options);
   DefineRules(&app, options);
+  DefineFigures(&app, options);
   DefineLog(&app, options);
   return ParseCommandLine(&app, argc, argv, out, err, [&app, options] {
     ReadListen(app, options);

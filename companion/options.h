@@ -47,6 +47,10 @@ struct companion_options_t {
   look_ups_t look_ups;
   rules_settings_t rules;
   std::optional<rules_check_t> rules_check;  // instead of serving links
+  // For those who want figures; empty, or none: not asked for.
+  std::string status_socket;
+  std::string metrics;
+  std::optional<link_address_t> metrics_listen;
   std::string build_info;
   LogLevel log_level = LogLevel::kInfo;
   bool log_as_json = false;

@@ -260,6 +260,20 @@ void SeedTexts() {
        "com.other 10124 0 /data\n# no package\n");
   Seed("properties", "list",
        "# a comment\nro.product=x\nro.debuggable=0\n ro.debuggable = yes \n");
+  Seed("figures", "request",
+       "GET http://host/metrics?x HTTP/1.1\r\nHost: host\r\n\r\n");
+  Seed("figures", "name", "com.\"exa\\mple\n\xFF\xC3\xA4");
+  Seed("figures", "state",
+       R"({"record":"state","state":"running","time_ms":1,"uptime_ms":1,)"
+       R"("starts":1,"devices":[{"id":1,"state":"closing","link":"fd",)"
+       R"("protocol":"5","uptime_ms":1,"link_bytes":{"rx_bytes":1,)"
+       R"("tx_bytes":1},"bytes_per_s":1,"waiting_bytes":1,"uids":[{"uid":7,)"
+       R"("rx_bytes":18446744073709551615,"tx_bytes":1,"name":"a",)"
+       R"("streams_opened":1,"streams_open":1,"oldest_stream_ms":1,)"
+       R"("streams_denied":1,"rx_datagrams":1,"tx_datagrams":1,)"
+       R"("dropped_datagrams":1,"streams":[{"id":1,"remote":"a",)"
+       R"("rx_bytes":1,"tx_bytes":1,"age_ms":1}]}]}],)"
+       R"("left_out":{"devices":0,"uids":0,"streams":0}})");
   const char* const addresses[] = {"unix:/run/x",
                                    "unix:@name",
                                    "tcp:host:80",

@@ -60,6 +60,7 @@ for document in /usr/share/doc/vantrel*/*.md; do
   xargs -r ls >/dev/null <<<"$links"
 done
 [ -e /usr/share/doc/vantrel-companion/proto/messages_v2.proto ]
+[ -e /usr/share/doc/vantrel-companion/examples/vantrel.rules.yml ]
 
 # The companion's own service has no rights, and says when it listens.
 echo 'LISTEN=nowhere' >/etc/vantrel/companion.conf

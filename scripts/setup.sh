@@ -145,24 +145,50 @@ install_idle() {
   done
 }
 
+download_to() { # download_to FOLDER PACKAGE
+  (cd "$1" && apt-get -qq download "$2" </dev/null)
+}
+
+# The tool that judges metrics, out of a package whose server is not to run here.
+promtool=build/tools/promtool
+unpack_promtool() {
+  [ ! -x "$promtool" ] || return 0
+  local folder
+  folder=$(mktemp -d)
+  echo "setup: unpacking promtool" >&2
+  download_to "$folder" prometheus 2>/dev/null || {
+    update_lists # they may name a package that there is no more
+    download_to "$folder" prometheus
+  }
+  dpkg-deb --fsys-tarfile "$folder"/prometheus_*.deb |
+    tar --extract --directory="$folder" ./usr/bin/promtool
+  mkdir -p "${promtool%/*}"
+  mv "$folder/usr/bin/promtool" "$promtool"
+  rm -r "$folder"
+}
+
+cd "$(dirname "$0")/.."
 case ${1:-} in
   demo) install_missing "${demo[@]}" ;;
   package) install_missing "${package[@]}" ;;
   build) install_missing "${build[@]}" ;;
-  test) install_missing "${build[@]}" "${test[@]}" ;;
+  test)
+    install_missing "${build[@]}" "${test[@]}"
+    unpack_promtool ;;
   real)
     install_missing "${build[@]}" "${test[@]}"
     install_idle "${real[@]}" ;;
   bench) install_missing "${build[@]}" "${test[@]}" "${bench[@]}" ;;
   bluetooth)
     install_missing "${build[@]}" "${test[@]}" "${bluetooth[@]}"
-    "$(dirname "$0")/bluetooth.sh" --prepare ;;
+    scripts/bluetooth.sh --prepare ;;
   cross) install_missing "${build[@]}" "${cross[@]}" ;;
   all)
     install_idle "${real[@]}"
     install_missing "${package[@]}" "${build[@]}" "${test[@]}" "${bench[@]}" \
       "${bluetooth[@]}" "${cross[@]}" "${all[@]}"
-    "$(dirname "$0")/bluetooth.sh" --prepare
+    unpack_promtool
+    scripts/bluetooth.sh --prepare
     # The sanitizers' runtime is a package per compiler version.
     install_missing "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" ;;
   *)

@@ -1,4 +1,4 @@
-"""The launcher's status socket, and what vantrelctl shows of it on a terminal."""
+"""Status sockets, and what vantrelctl shows of them on a terminal."""
 
 import json
 import os
@@ -117,6 +117,39 @@ def test_top(launch, tmp_path, needs_root):  # noqa: F811
     server.close()
 
 
+def test_top_of_a_companion(launch, tmp_path, needs_root):  # noqa: F811
+    path = tmp_path / "status"
+    run = launch(companion_options=["--status-socket", path, *INTERNET["companion_options"]])
+    screen = Screen(tmp_path, [BIN_DIR / "vantrelctl", "top", path], columns=130)
+    screen.wait_for(r"vantrel running\nup 0:00:\d\d, 1 link so far, 1 device\n")
+    with socket.create_server(("198.51.100.80", 8000)) as server:
+        client = subprocess.Popen(run.device.command(
+            ["bash", "-c", "cat </dev/tcp/198.51.100.80/8000 >/dev/null"], BROWSER_UID))
+        remote, _ = server.accept()
+        remote.sendall(bytes(4 * MIB))
+        screen.wait_for(r"\n +unix: process \d+ of user 0, pro.* 1 +0:00:\d\d .* 4\.[12]\d MB")
+        screen.wait_for(r"\n    com\.example\.browser, uid 10123 +1 +0:00:\d\d .* 4\.19 MB")
+        screen.wait_for(r"\n      1 198\.51\.100\.80:8000 +0:00:\d\d .* 4\.19 MB")
+        for shown, hidden in (("com.example.browser", "198.51.100.80"),
+                              ("unix: process", "com.example.browser")):
+            screen.tell("send-keys", "f")
+            wait_until(lambda: shown in screen.text() and hidden not in screen.text(), "the fold")
+        screen.tell("send-keys", "f")
+        screen.wait_for(r"198\.51\.100\.80:8000")
+        remote.close()
+        client.wait(20)
+    once = json.loads(run.device.run(BIN_DIR / "vantrelctl", "top", path, "--once",
+                                     "--json").stdout)
+    device, = once["devices"]
+    assert device["link_traffic"]["rx_bytes"] > 4 * MIB
+    assert [row["rx_bytes"] for row in device["applications"] if row.get("uid") == BROWSER_UID] == \
+        [4 * MIB]
+    run.companion.kill()
+    screen.wait_for("the companion has gone")
+    screen.tell("send-keys", "q")
+    wait_until(screen.has_ended, "the end of the program")
+
+
 def test_top_without_a_launcher_or_a_terminal(launch, tmp_path):  # noqa: F811
     run = launch("--status-socket", tmp_path / "status")
     for path, words in ((tmp_path / "status", "no terminal; see --once"),
@@ -138,5 +171,5 @@ def test_a_hostile_status_socket_does_not_command_the_terminal(tmp_path):
         with reader:
             reader.sendall(b'{"record":"state","state":"\\u001b]0;title\\u0007\\u009b2J"}\n')
             text = top.communicate(timeout=20)[1].decode()
-    assert top.returncode == 1 and "is no launcher's" in text
+    assert top.returncode == 1 and "is no state" in text
     assert text.endswith("\n") and text[:-1].isprintable()

@@ -55,7 +55,9 @@ back. It needs no privileges; a service for systemd comes with it.
 vantrel-check, which is in the package, too, judges any companion.")
 # vantrel-check alone needs it.
 set(CPACK_DEBIAN_COMPANION_PACKAGE_RECOMMENDS python3)
-set(CPACK_DEBIAN_COMPANION_PACKAGE_SUGGESTS "bluez, bash-completion")
+# vantrelctl, which shows the status socket, comes with vantrel.
+set(CPACK_DEBIAN_COMPANION_PACKAGE_SUGGESTS
+    "bluez, bash-completion, prometheus, vantrel")
 set(CPACK_DEBIAN_COMPANION_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/companion/postinst
     ${CMAKE_CURRENT_LIST_DIR}/companion/prerm

@@ -149,9 +149,7 @@ std::string LaunchReporter::GetStateLine() {
 }
 
 uint64_t LaunchReporter::GetTimeMs() const {
-  const auto time = GetSteadyTime() - began_;
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+  return ToMs(GetSteadyTime() - began_);
 }
 
 void LaunchReporter::Say(const std::string& message) {

@@ -111,16 +111,16 @@ _vantrel_companion() {
     --log-level) _vantrel_words error warning info debug ;;
     --log-format) _vantrel_words text json ;;
     --dns) _vantrel_words system ;;
-    --rules | --quota-file | --check-rules) _vantrel_file '' ;;
+    --rules | --quota-file | --check-rules | --status-socket | --metrics) _vantrel_file '' ;;
     --explain) _vantrel_words unknown ;;
     --fd | --max-links | --max-tx | --allow | --deny | --max-pending | \
-      --network | --build-info) ;;
+      --network | --build-info | --metrics-listen) ;;
     *)
       _vantrel_words --help --version --protocol --listen --fd --max-links \
         --allow-remote-links --security --header --max-tx --allow --deny \
         --max-pending --network --dns --rules --quota-file --check-rules \
-        --explain --build-info --log-level --log-format \
-        --verbose ;;
+        --explain --status-socket --metrics --metrics-listen --build-info \
+        --log-level --log-format --verbose ;;
   esac
 }
 
@@ -148,7 +148,12 @@ _vantrelctl() {
         _vantrel_words --log --timeout --help
       fi ;;
     stop | dump | ping | stats) _vantrel_words --log --timeout --help ;;
-    top) _vantrel_words --status-socket --log --once --json --help ;;
+    top)
+      if [[ $cur == -* ]]; then
+        _vantrel_words --status-socket --log --once --json --help
+      else
+        _vantrel_file ''
+      fi ;;
     *) _vantrel_words stop dump ping pull push stats rules network top doctor --help --version ;;
   esac
 }
