@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -176,13 +177,32 @@ void EchoDatagrams(int fd) {
   }
 }
 
+// Runs |serve| with |fd| in a thread that nobody waits for.
+// std::thread::detach() is no way to have one: a thread that ends just then has
+// freed what glibc 2.36 still reads.
+template <void (*serve)(int fd)>
+void StartServing(int fd) {
+  pthread_attr_t detached;
+  pthread_attr_init(&detached);
+  pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+  const auto run = [](void* argument) -> void* {
+    serve(static_cast<int>(reinterpret_cast<intptr_t>(argument)));
+    return nullptr;
+  };
+  pthread_t thread;
+  const int error = pthread_create(&thread, &detached, run,
+                                   reinterpret_cast<void*>(intptr_t{fd}));
+  pthread_attr_destroy(&detached);
+  if (error != 0) throw std::runtime_error("no thread for a connection");
+}
+
 void Serve(const options_t& options) {
   const int listener = OpenServer(options, SOCK_STREAM);
-  std::thread(EchoDatagrams, OpenServer(options, SOCK_DGRAM)).detach();
+  StartServing<EchoDatagrams>(OpenServer(options, SOCK_DGRAM));
   std::cout << "ready" << std::endl;
   while (true) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd != -1) std::thread(ServeConnection, fd).detach();
+    if (fd != -1) StartServing<ServeConnection>(fd);
   }
 }
 

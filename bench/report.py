@@ -21,7 +21,7 @@ TABLES = [
     ("delay", r"requests", r"median us|p99 us"),
     ("datagrams", r"datagrams", r"queries/s|median us"),
     ("answers", r"answers", r"median us|p99 us"),
-    ("burst", r"\d+ connections|requests beside 100 c", r".*"),
+    ("burst", r"\d+ connections|requests beside 100 connections", r".*"),
     ("processor time", r"bulk |datagrams", r".* (s/GB|us/query)"),
     ("memory", r"at rest|requests beside", r".* (resident KiB|B/connection)"),
     ("at rest", r"at rest", r".* ms/s at rest"),

@@ -367,7 +367,8 @@ TEST_F(DeviceLinkCreditTest, EndsAloneWhenThereIsNoMemory) {
   EXPECT_TRUE(Logs("link 1: error: link down: out of memory"));
 }
 
-// A thousand new connections take more than one turn.
+// So many new connections take more than one turn. An emulated processor needs
+// seconds for them.
 TEST_F(DeviceLinkTest, LetsOthersHaveTheirTurnBetween) {
   const HostAndPort remote = Server().endpoint;  // nobody there any more
   constexpr uint32_t kConnects = 200;
