@@ -3,7 +3,7 @@
 What a companion costs that serves 40 devices of 25 active streams each: processor time
 and memory, beside the companion in --base-bin, in one run. Each --with is one more
 series of runs of this companion with these options. All series take turns; the figures
-are medians. Processor time has the bound that --bound gives it, as a ratio to the base's;
+are medians. Both have the bound that --bound gives them, as ratios to the base's;
 the exit status is 1 when it does not hold. Needs root.
 """
 import argparse

@@ -18,10 +18,9 @@ void Add(const application_counts_t& counts, application_counts_t* sum) {
 }
 
 Application::Stream::Stream(Application& application, SteadyTime begin)
-    : application_(application),
-      begin_(begin),
-      position_(application.open_since_.insert(application.open_since_.end(),
-                                               begin)) {
+    : application_(application), begin_(begin) {
+  application_.open_streams_.Append(this);
+  ++application_.open_stream_count_;
   ++application_.stream_count_;
   ++application_.counts_.streams_opened;
 }
@@ -32,9 +31,9 @@ Application::Stream::~Stream() {
 }
 
 void Application::Stream::Close() {
-  if (!position_) return;
-  application_.open_since_.erase(*position_);
-  position_.reset();
+  if (!IsListed()) return;
+  Leave();
+  --application_.open_stream_count_;
 }
 
 Application::~Application() { assert(stream_count_ == 0); }
@@ -60,8 +59,8 @@ Application::groups_t& Application::GetGroups(Priority priority) {
 }
 
 std::optional<SteadyTime> Application::GetOpenSince() const {
-  if (open_since_.empty()) return std::nullopt;
-  return open_since_.front();
+  if (open_streams_.IsEmpty()) return std::nullopt;
+  return open_streams_.GetFirst().GetBegin();
 }
 
 }  // namespace vantrel

@@ -4,12 +4,12 @@
 #include <stdint.h>
 
 #include <array>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "companion/flow_scheduler.h"
+#include "companion/intrusive_list.h"
 #include "companion/priority.h"
 #include "companion/upload_scheduler.h"
 #include "support/steady_time.h"
@@ -37,7 +37,7 @@ void Add(const application_counts_t& counts, application_counts_t* sum);
 class Application {
  public:
   // One stream of it. The application outlives that.
-  class Stream {
+  class Stream : private IntrusiveList<Stream>::Place {
    public:
     Stream(Application& application, SteadyTime begin);
     Stream(const Stream&) = delete;
@@ -49,10 +49,9 @@ class Application {
     SteadyTime GetBegin() const { return begin_; }
 
    private:
+    friend class IntrusiveList<Stream>;
     Application& application_;
     const SteadyTime begin_;
-    // Null when it is closed.
-    std::optional<std::list<SteadyTime>::iterator> position_;
   };
 
   // Longer than any name that a device's packages may have.
@@ -86,7 +85,7 @@ class Application {
   const application_counts_t& GetCounts() const { return counts_; }
   // Those that are open, and those that only deliver their rest.
   size_t GetStreamCount() const { return stream_count_; }
-  size_t GetOpenStreamCount() const { return open_since_.size(); }
+  size_t GetOpenStreamCount() const { return open_stream_count_; }
   // When the oldest of the open streams began; none when none is open.
   std::optional<SteadyTime> GetOpenSince() const;
 
@@ -105,7 +104,8 @@ class Application {
   bool is_name_told_ = false;
   application_counts_t counts_;
   size_t stream_count_ = 0;
-  std::list<SteadyTime> open_since_;  // of the open streams, the oldest first
+  size_t open_stream_count_ = 0;
+  IntrusiveList<Stream> open_streams_;  // the oldest first
 };
 
 }  // namespace vantrel

@@ -8,6 +8,8 @@
 namespace vantrel {
 namespace {
 
+using json = nlohmann::ordered_json;  // the members as we name them
+
 constexpr int kVersion = 1;  // of the text
 
 // The year, the month and the day in decimal digits.
@@ -98,7 +100,7 @@ void Quotas::ForgetPast(kept_t* kept) {
 }
 
 std::string Quotas::ToJson() const {
-  nlohmann::ordered_json counts = nlohmann::ordered_json::array();
+  json counts = json::array();
   for (const auto& [name, kept] : quotas_) {
     for (const auto& [whose, count] : kept.counts) {
       if (count->bytes_ == 0) continue;
@@ -109,24 +111,21 @@ std::string Quotas::ToJson() const {
                         {"bytes", count->bytes_}});
     }
   }
-  const nlohmann::ordered_json all = {{"version", kVersion},
-                                      {"counts", std::move(counts)}};
+  const json all = {{"version", kVersion}, {"counts", std::move(counts)}};
   // A path in the name of a device may be no UTF-8.
-  return all.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) +
-         "\n";
+  return all.dump(1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 bool Quotas::TakeJson(const std::string& text) {
-  const auto all = nlohmann::json::parse(text, nullptr, false);
-  if (!all.is_object() || all.value("version", nlohmann::json()) != kVersion) {
+  const auto all = json::parse(text, nullptr, false);
+  if (!all.is_object() || all.value("version", json()) != kVersion) {
     return false;
   }
-  const auto counts = all.value("counts", nlohmann::json());
+  const auto counts = all.value("counts", json());
   bool is_sound = counts.is_array();
   for (const auto& one : counts) {
     const auto get = [&one](const char* name) {
-      return one.is_object() ? one.value(name, nlohmann::json())
-                             : nlohmann::json();
+      return one.is_object() ? one.value(name, json()) : json();
     };
     if (!get("quota").is_string() || !get("device").is_string() ||
         !get("uid").is_number_unsigned() ||

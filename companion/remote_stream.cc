@@ -179,11 +179,11 @@ bool RemoteStream::WriteQueued(size_t* count) {
   if (!WriteSome(&written)) return false;
   held_.Release(written);
   front_offset_ += written;
-  while (!queue_.empty() && front_offset_ >= queue_.front().size()) {
-    front_offset_ -= queue_.front().size();
-    queue_.pop_front();
+  while (*count < queue_.size() && front_offset_ >= queue_[*count].size()) {
+    front_offset_ -= queue_[*count].size();
     ++*count;
   }
+  queue_.erase(queue_.begin(), queue_.begin() + static_cast<ptrdiff_t>(*count));
   return true;
 }
 

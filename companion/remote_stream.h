@@ -3,7 +3,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -121,7 +120,9 @@ class RemoteStream final : public FlowScheduler::Flow,
   const uint32_t edition_;  // of where its bytes go
   const SocketPool::Place place_;
   std::unique_ptr<Descriptor> socket_;  // null until Connect()
-  std::deque<std::string> queue_;
+  // No deque, which has half a kB at once: they are few, and there may be many
+  // thousand streams.
+  std::vector<std::string> queue_;
   size_t front_offset_ = 0;  // bytes of the first write that are delivered
   bool is_connected_ = false;
   bool has_write_failed_ = false;

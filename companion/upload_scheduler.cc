@@ -27,7 +27,7 @@ constexpr int64_t kMaxOwed = 100 * 4096;
 }  // namespace
 
 UploadScheduler::Group::~Group() {
-  assert(flows_.empty());
+  assert(flows_.IsEmpty());
   if (scheduler_ != nullptr) scheduler_->Unlist(this);
 }
 
@@ -37,48 +37,43 @@ UploadScheduler::Flow::Flow(UploadScheduler& scheduler, Group& group,
   Join(&group);
 }
 
-size_t UploadScheduler::Flow::GetBytesUnderWay() {
-  size_t sum = 0;
-  for (size_t i = 0; i < bytes_.GetSize(); ++i) sum += bytes_[i];
-  return sum;
-}
-
 void UploadScheduler::Flow::Join(Group* group) {
   group_ = group;
-  position_ = group->flows_.insert(group->flows_.end(), this);
-  group->under_way_ += GetBytesUnderWay();
+  group->flows_.Append(this);
+  group->under_way_ += credit_.GetBytesGiven();
 }
 
-void UploadScheduler::Flow::Leave() {
-  group_->under_way_ -= GetBytesUnderWay();
+void UploadScheduler::Flow::LeaveGroup() {
+  group_->under_way_ -= credit_.GetBytesGiven();
   if (waits_at_) group_->waiting_.erase(*waits_at_);
   waits_at_.reset();
-  group_->flows_.erase(position_);
+  Leave();
   group_ = nullptr;
 }
 
 void UploadScheduler::Flow::SetGroup(Group* group) {
   if (group_ == nullptr || group == group_) return;
-  Leave();
+  LeaveGroup();
   Join(group);
 }
 
 void UploadScheduler::Flow::Close() {
   if (group_ == nullptr) return;
-  while (!writes_.IsEmpty()) limits_.Charge(writes_.Pop());
+  limits_.Charge(credit_.GetBytesOfWrites());
   limits_.Clear();
-  Leave();
+  LeaveGroup();
 }
 
 void UploadScheduler::Flow::OnWrite(size_t bytes, SteadyTime now) {
-  writes_.Push(static_cast<uint32_t>(bytes));
-  if (unused_credit_ > 0) {
-    --unused_credit_;
-    if (unused_credit_ == 0) scheduler_.OnCreditUsedUp(group_, now);
+  if (credit_.GetUnusedCount() > 0) {
+    credit_.AddWrite(bytes);
+    if (credit_.GetUnusedCount() == 0) scheduler_.OnCreditUsedUp(group_, now);
     return;
   }
-  group_->under_way_ -= bytes_.Pop();
-  scheduler_.OnCreditUsed(group_, bytes, now - given_.Pop(), now);
+  const WriteCredit::used_t used = credit_.UseGiven(now);
+  credit_.AddWrite(bytes);
+  group_->under_way_ -= used.bytes;
+  scheduler_.OnCreditUsed(group_, bytes, used.age, now);
 }
 
 void UploadScheduler::Flow::OnDelivered(size_t count, SteadyTime now) {
@@ -100,10 +95,9 @@ void UploadScheduler::Flow::Enter() {
 
 void UploadScheduler::Flow::Acknowledge(size_t count, SteadyTime now) {
   for (size_t i = 0; i < count; ++i) {
-    const uint32_t bytes = writes_.Pop();
+    const size_t bytes = credit_.GetWriteBytes();
     limits_.Charge(bytes);
-    given_.Push(now);
-    bytes_.Push(bytes);
+    credit_.Give(now);
     group_->under_way_ += bytes;
   }
   delivered_ -= count;
@@ -170,13 +164,9 @@ void UploadScheduler::EndRound(SteadyTime now) {
 void UploadScheduler::ForgetUnused(SteadyTime now) {
   const Age longest = 4 * last_age_.value_or(kMaxRound) + kBusyTime / 2;
   for (Group* const group : busy_) {
-    for (Flow* const flow : group->flows_) {
-      for (size_t i = 0; i < flow->given_.GetSize(); ++i) {
-        if (now - flow->given_[i] < longest) break;
-        group->under_way_ -= flow->bytes_[i];
-        flow->bytes_[i] = 0;
-      }
-    }
+    group->flows_.Each([=](Flow& flow) {
+      group->under_way_ -= flow.credit_.Forget(longest, now);
+    });
   }
 }
 
@@ -236,7 +226,7 @@ void UploadScheduler::Release(Group* group, SteadyTime now) {
     if (!flow->limits_.MaySend()) continue;
     if (IsSharing() && group->priority_ != GetHighestPriority()) {
       owed_[static_cast<size_t>(group->priority_)] -=
-          int64_t{flow->writes_[0]} * 100;
+          static_cast<int64_t>(flow->credit_.GetWriteBytes()) * 100;
     }
     flow->Acknowledge(1, now);
     if (flow->delivered_ > 0) flow->Enter();

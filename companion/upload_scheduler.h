@@ -13,9 +13,10 @@
 #include <optional>
 #include <vector>
 
+#include "companion/intrusive_list.h"
 #include "companion/priority.h"
 #include "companion/rate_limits.h"
-#include "companion/ring_queue.h"
+#include "companion/write_credit.h"
 #include "support/steady_time.h"
 #include "support/timer.h"
 
@@ -49,7 +50,7 @@ class UploadScheduler {
    private:
     friend class UploadScheduler;
     const Priority priority_;
-    std::list<Flow*> flows_;
+    IntrusiveList<Flow> flows_;
     std::list<Flow*> waiting_;              // those with writes to acknowledge
     size_t under_way_ = 0;                  // bytes
     UploadScheduler* scheduler_ = nullptr;  // set while it is a busy one
@@ -58,7 +59,7 @@ class UploadScheduler {
   };
 
   // One stream.
-  class Flow {
+  class Flow : private IntrusiveList<Flow>::Place {
    public:
     class Owner {
      public:
@@ -69,7 +70,7 @@ class UploadScheduler {
     };
 
     // So many writes the device may send at first.
-    static constexpr size_t kCredit = 8;
+    static constexpr size_t kCredit = WriteCredit::kWrites;
 
     Flow(UploadScheduler& scheduler, Group& group, Owner& owner);
     Flow(const Flow&) = delete;
@@ -87,34 +88,27 @@ class UploadScheduler {
     // Of the writes that have come the next |count| are delivered.
     void OnDelivered(size_t count, SteadyTime now);
     void OnGrant(SteadyTime now);
-    size_t GetUnacknowledgedCount() const { return writes_.GetSize(); }
+    size_t GetUnacknowledgedCount() const { return credit_.GetWriteCount(); }
     // Nothing is acknowledged any more. What was not yet counts for the limits
     // all the same.
     void Close();
 
    private:
     friend class UploadScheduler;
-    // By the credit that was given later than at first.
-    size_t GetBytesUnderWay();
+    friend class IntrusiveList<Flow>;
     void Join(Group* group);
-    void Leave();
+    void LeaveGroup();
     void Enter();
     void Acknowledge(size_t count, SteadyTime now);
 
     UploadScheduler& scheduler_;
     Owner& owner_;
     Group* group_ = nullptr;
-    std::list<Flow*>::iterator position_;
     std::optional<std::list<Flow*>::iterator> waits_at_;
     RateLimits limits_;
-    size_t unused_credit_ = kCredit;  // of what it had at first
-    // Of the credit that it got later and has not used: since when it has it,
-    // and how many bytes are probably under way by it.
-    RingQueue<SteadyTime, kCredit> given_;
-    RingQueue<uint32_t, kCredit> bytes_;
-    // Bytes of the writes that are not acknowledged.
-    RingQueue<uint32_t, kCredit> writes_;
-    size_t delivered_ = 0;  // how many of them are delivered
+    // What of it was given again is probably under way.
+    WriteCredit credit_;
+    size_t delivered_ = 0;  // how many of its writes are
   };
 
   // |on_time| is to call OnTime(). |loop| outlives it.
