@@ -45,6 +45,12 @@ if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$"
   add_link_options(-pie -Wl,-z,relro -Wl,-z,now)
 endif()
 
+# What no program calls is not part of it.
+if(VANTREL_HARDENED)
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-Wl,--gc-sections)
+endif()
+
 # vantrel_library(NAME SOURCES... LINK LIBRARIES...): a library of the daemon.
 function(vantrel_library name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
