@@ -132,9 +132,9 @@ class Reader {
         At(rule.line, "warning: " + DescribeRuleName(rule) + " " + what));
   }
 
-  template <size_t kCount>
+  template <size_t Count>
   void ReadKeys(const toml::table& table, const char* what,
-                const key_t (&keys)[kCount]) {
+                const key_t (&keys)[Count]) {
     for (const auto& [name, value] : table) {
       const auto* const key = std::find_if(
           std::begin(keys), std::end(keys),
