@@ -281,7 +281,7 @@ KILLS = {
     "at the network": ("ip", '*" add "*', "cannot connect unix:.*: Connection refused"),
     "at the resolver": ("resolvconf", "-a*", "the link ended"),
     "at the rules": ("iptables", "*oem_PROXY_TCP*", "the link ended"),
-    "in the handshake": (None, "", "the link ended.*; does the companion speak"),
+    "in the handshake": (None, "", "the link ended"),
     "with a stream": (None, "", "the link ended"),
     "idle": (None, "", "the link ended"),
 }
