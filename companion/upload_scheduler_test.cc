@@ -134,7 +134,7 @@ TEST_F(UploadSchedulerTest, SharesTheLinkBetweenApplicationsAndKeepsItFull) {
        {expected_t{100'000, milliseconds(10), .62, .40, .98},
         expected_t{250'000, milliseconds(30), .60, .40, .99},
         expected_t{2'000'000, milliseconds(30), .80, .20, .99},
-        expected_t{20'000'000, milliseconds(1), .72, .28, .99}}) {
+        expected_t{5'000'000, milliseconds(1), .72, .28, .99}}) {
     rate_ = expected.rate;
     delay_ = expected.delay;
     events_.clear();

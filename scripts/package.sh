@@ -27,7 +27,7 @@ build() {
     -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS) -Wl,-z,now" \
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
     -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$arch" -DVANTREL_BUILD_TESTS=OFF \
-    -DCMAKE_UNITY_BUILD=ON "$@"
+    -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=16 "$@"
   cmake --build "$tree"
   rm -f "$tree"/*.deb
   (cd "$tree" && cpack -G DEB)
