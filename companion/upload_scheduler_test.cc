@@ -69,8 +69,9 @@ class UploadSchedulerTest : public ::testing::Test {
     events_.emplace(now_ + time, std::move(work));
   }
   void Transmit(std::function<void()> on_arrival) {
-    free_at_ = std::max(free_at_, now_) +
-               std::chrono::nanoseconds(int64_t{kWrite} * 1'000'000'000 / rate_);
+    free_at_ =
+        std::max(free_at_, now_) +
+        std::chrono::nanoseconds(int64_t{kWrite} * 1'000'000'000 / rate_);
     events_.emplace(free_at_ + delay_, std::move(on_arrival));
   }
   void Pass(SteadyTime::duration time) {
