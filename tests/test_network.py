@@ -204,10 +204,15 @@ exec {device.dir}/ip "$@"
                             r"refused; --no-network .*\n", failed.stderr)
     assert "cannot connect unix:/none" in launch_refusing(6).stderr
     nft = device.run("which", "nft").stdout.strip()
-    device.run("mount", "--bind", "/bin/false", nft)
+    (device.dir / "without").write_text(
+        "#!/bin/sh\nip rule show priority 40000 >>/run/led\nexit 1\n")
+    (device.dir / "without").chmod(0o755)
+    device.run("mount", "--bind", device.dir / "without", nft)
     device.run("sh", "-c", "echo 99 >/run/refused")
     failed = device.run(BIN_DIR / "vantrel-launch", "unix:/none", check=False)
     assert "warning: while there is no tunnel" in failed.stderr
+    # Nothing is led to the interface before it would be refused.
+    assert device.run("cat", "/run/led").stdout == ""
     device.run("umount", nft)
     assert network_of(device) == before
 

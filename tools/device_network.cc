@@ -170,14 +170,18 @@ void TakeAwayInterface(const mark_t& mark, std::vector<std::string>* faults) {
 void DeviceNetwork::Make(
     const std::function<void(const std::string& text)>& warn) const {
   try {
-    if (!FindFaultOfInterface().empty() || !FindFaultOfRoute().text.empty()) {
+    const bool is_whole =
+        FindFaultOfInterface().empty() && FindFaultOfRoute().text.empty();
+    if (!is_whole) {
       MakeInterface();
       MakeAddress();
       MakeRoute();
-      MakeRule();
     }
     // Also where a launcher was killed before it came so far.
     if (HasMarked(ListRoutes(), GetMark(maker_).number)) MakeRefusal(warn);
+    // Last, for it leads packets here: without the refusal they would be lost,
+    // and a look-up is not repeated before seconds are over.
+    if (!is_whole) MakeRule();
   } catch (const std::exception& e) {
     std::string fault = e.what();
     for (const std::string& left : TakeAway()) fault += "; left: " + left;
