@@ -27,7 +27,9 @@ ip link set lo up
 ip address add 198.51.100.1/24 dev lo
 echo "over the link" >"$dir/page"
 /usr/bin/python3 -m http.server --bind 198.51.100.80 --directory "$dir" 80 >/dev/null 2>&1 &
-dnsmasq --no-daemon --no-resolv --no-hosts --conf-file=/dev/null --bind-interfaces \
+# With --no-daemon it would answer nobody else while systemd-resolved keeps a connection.
+dnsmasq --keep-in-foreground --user= --group= --pid-file= --no-resolv --no-hosts \
+  --conf-file=/dev/null --bind-interfaces \
   --listen-address=198.51.100.53 --address=/server.test/198.51.100.80 2>/dev/null &
 dpkg-deb --extract "$(printf '%s\n' "$@" | grep /vantrel-companion_)" "$work/companion"
 "$work/companion/usr/bin/vantrel-companion" --allow 198.51.100.0/24 \

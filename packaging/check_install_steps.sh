@@ -144,7 +144,7 @@ ip link delete ifb0
 # The bare command makes what it needs, and leaves nothing, also when the first was killed.
 for signal in KILL TERM; do
   vantrel-launch "unix:$dir/link" &
-  timeout 30 sh -c 'until getent hosts server.test >/dev/null; do sleep 0.1; done'
+  timeout 10 sh -c 'until getent hosts server.test >/dev/null; do sleep 0.1; done'
   asks_tunnel
   kill -$signal $!
   wait $! 2>/dev/null || [ $signal = KILL ]

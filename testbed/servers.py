@@ -210,11 +210,16 @@ def is_listening(port):
                           capture_output=True).stdout != b""
 
 
+# It keeps the user that it has. With --no-daemon instead it would answer nobody else for
+# as long as one client keeps a connection open, as resolvers do.
+NAME_SERVER_COMMAND = ["dnsmasq", "--keep-in-foreground", "--user=", "--group=", "--pid-file=",
+                       "--conf-file=/dev/null", "--no-resolv", "--no-hosts"]
+
+
 def start_name_server(*names):
     """One for which |names|, and all below them, are at SERVER_ADDRESS."""
     server = subprocess.Popen([
-        "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-        f"--listen-address={NAME_SERVER}", "--bind-interfaces",
+        *NAME_SERVER_COMMAND, f"--listen-address={NAME_SERVER}", "--bind-interfaces",
         *(f"--address=/{name}/{SERVER_ADDRESS}" for name in names)], stderr=subprocess.DEVNULL)
     probe = ["dig", "+short", "+tries=1", "+time=1", f"@{NAME_SERVER}", names[0]]
     wait_until(lambda: SERVER_ADDRESS.encode() in subprocess.run(

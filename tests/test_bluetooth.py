@@ -20,6 +20,7 @@ import pytest
 from testbed import terminal, wire
 from testbed.device import BROWSER_UID
 from testbed.programs import BIN_DIR, program_environment
+from testbed.servers import NAME_SERVER_COMMAND
 from testbed.waiting import wait_until
 from tests import bluez
 from tests.test_network import RESOLVCONF
@@ -427,8 +428,7 @@ def network_of_others(directory):
     (directory / "resolv.conf").write_text("nameserver 198.51.100.53\n")
     servers = [
         serve("/usr/bin/python3", "-m", "http.server", "--directory", directory, "80"),
-        serve("dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
-              "--address=/www.example.test/198.51.100.80")]
+        serve(*NAME_SERVER_COMMAND, "--address=/www.example.test/198.51.100.80")]
     try:
         yield ["nsenter", f"--target={home.pid}", "--net", "unshare", "--mount", "sh", "-ec",
                f'mount --bind {directory}/resolv.conf /etc/resolv.conf; exec "$@"', "sh"]
