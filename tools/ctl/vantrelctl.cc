@@ -18,6 +18,7 @@
 #include "tools/ctl/top_command.h"
 #include "tools/device_network.h"
 #include "tools/lock_file.h"
+#include "tools/process_group.h"
 #include "tools/rules.h"
 
 namespace vantrel {
@@ -259,6 +260,7 @@ class CommandLine {
 
 int Main(int argc, char** argv) {
   OpenMissingStandardDescriptors();
+  AdoptOrphans();  // a command that hangs has children of its own
   CommandLine command_line;
   if (const auto status = command_line.Parse(argc, argv)) return *status;
   try {
