@@ -11,8 +11,6 @@
 namespace vantrel {
 namespace {
 
-constexpr char kAddress[] = "198.51.100.7";
-
 rules_t Rules(const std::string& text) {
   rules_reading_t reading = ReadRules(text, "F");
   EXPECT_THAT(reading.errors, testing::IsEmpty());
@@ -27,7 +25,7 @@ flow_facts_t Facts(std::optional<uint32_t> uid,
   facts.package = package;
   facts.device = "01:23:45:67:89:AB";
   facts.link = "unix:/run/link";
-  facts.address = 0xC6336407;  // kAddress
+  facts.address = 0xC6336407;  // 198.51.100.7
   facts.port = 443;
   return facts;
 }
