@@ -36,8 +36,9 @@ endif()
 # optimised builds carry the compiler's defences, whatever its defaults are, and
 # the checks of the C and C++ libraries. All of it together costs less than can
 # be measured in the daemon's processor time. Sanitizers have better checks.
+# The type None is what distributions build with, and with their own options.
 set(VANTREL_HARDENED OFF)
-if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$"
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel|None)$"
    AND NOT VANTREL_FUZZ AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
   set(VANTREL_HARDENED ON)
   add_compile_options(-fstack-protector-strong -fPIE -U_FORTIFY_SOURCE

@@ -1,6 +1,7 @@
 #!/bin/bash
 # scripts/package.sh [ARCH...|all]: the Debian packages, in build/package/, for this
 # machine's architecture (always), and for arm64 and armhf where they are asked for.
+# VANTREL_PRESET names another preset, whose programs are packed for this machine's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 native=$(dpkg --print-architecture)
@@ -17,31 +18,35 @@ done
 out=build/package
 scripts/setup.sh package
 
-# build ARCH CMAKE_OPTION...: leaves the programs in build/package/ARCH/bin.
-build() {
-  local arch=$1 tree=$out/$1
+preset=${VANTREL_PRESET:-}
+# Where the programs of ARCH are built, in bin/.
+tree() { # tree ARCH
+  [ "$1" = "$native" ] && [ -n "$preset" ] && echo "build/$preset" || echo "$out/$1"
+}
+
+build() { # build ARCH CMAKE_OPTION...
+  local arch=$1 tree
+  tree=$(tree "$arch")
   shift
-  flags() { dpkg-architecture -a "$arch" -c dpkg-buildflags --get "$1" 2>/dev/null; }
-  cmake -S . -B "$tree" -G Ninja -DCMAKE_BUILD_TYPE=None \
-    -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
-    -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS) -Wl,-z,now" \
-    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
-    -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$arch" -DVANTREL_BUILD_TESTS=OFF \
-    -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=16 "$@"
-  cmake --build "$tree"
+  if [ "$tree" = "$out/$arch" ]; then
+    cmake --preset package -B "$tree" -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$arch" "$@"
+    cmake --build "$tree"
+  else
+    scripts/build.sh "$preset"
+  fi
   rm -f "$tree"/*.deb
   (cd "$tree" && cpack -G DEB)
-  cp "$tree"/*.deb "$out/"
+  mv "$tree"/*.deb "$out/"
 }
 
 # The shared libraries that a program of ARCH asks for. Which package has them is
 # known for this machine's architecture alone; the others depend on the same ones.
 needed() { # needed ARCH PROGRAM
-  readelf -dW "$out/$1/bin/$2" | sed -nE 's/.*\(NEEDED\).*\[(lib[^]]+)\].*/\1/p' |
+  readelf -dW "$(tree "$1")/bin/$2" | sed -nE 's/.*\(NEEDED\).*\[(lib[^]]+)\].*/\1/p' |
     grep -vx 'libgcc_s.so.1' | sort
 }
 depends() { # depends PACKAGE
-  dpkg-deb -f "$out/$native/$1"_*.deb Depends
+  dpkg-deb -f "$out/$1"_*_"$native".deb Depends
 }
 
 mkdir -p "$out"
@@ -54,7 +59,7 @@ for arch in "${wanted[@]}"; do
     -DCPACK_DEBIAN_PACKAGE_SHLIBDEPS=OFF \
     -DCPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS="$(depends vantrel)" \
     -DCPACK_DEBIAN_COMPANION_PACKAGE_DEPENDS="$(depends vantrel-companion)"
-  for program in "$out/$native/bin"/*; do
+  for program in "$out/$arch/bin"/*; do
     diff <(needed "$native" "${program##*/}") <(needed "$arch" "${program##*/}") || {
       echo "package: ${program##*/} of $arch needs other libraries than here" >&2
       exit 1
