@@ -232,8 +232,11 @@ def test_thousands_of_streams_fit_into_a_state(companion, tmp_path):
                 state["left_out"] == {"devices": 0, "uids": 1501 - 512, "streams": 3000 - 512}
 
         lazy.connect(str(tmp_path / "status"))
-        wait_until(lambda: is_full(state_of(tmp_path / "status")), "the state")
-        state = state_of(tmp_path / "status")
+        with socket.socket(socket.AF_UNIX) as reader:  # each new one would ask for one more
+            reader.settimeout(60)
+            reader.connect(str(tmp_path / "status"))
+            states = map(json.loads, reader.makefile())
+            state = wait_until(lambda: is_full(state := next(states)) and state, "the state", 30)
         rows = state["devices"][0]["uids"]
         assert len(rows) == 512 and sum(row["streams_open"] for row in rows) >= 512
         wait_until(lambda: "has stopped reading" in process.log(), "the end of the reader", 60)

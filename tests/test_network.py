@@ -261,7 +261,7 @@ def test_both_commands_and_their_picture(resolver, dns, web):  # noqa: F811
     commands = (["getent", "hosts", NAME],
                 ["curl", "-sSo/dev/null", "-w%{http_code} from %{remote_ip}\n", f"http://{NAME}/9"])
     before, seconds = network_of(device), []
-    while min(seconds, default=5) >= 5 * PATIENCE and len(seconds) < 3:  # what is slow by chance
+    while min(seconds, default=5 * PATIENCE) >= 5 * PATIENCE and len(seconds) < 3:  # what is slow by chance
         began = time.monotonic()
         run = Launch(device, dns=True, wait=False)
         run.wait_for(run.out, "network 7")
