@@ -261,7 +261,8 @@ def test_both_commands_and_their_picture(resolver, dns, web):  # noqa: F811
     commands = (["getent", "hosts", NAME],
                 ["curl", "-sSo/dev/null", "-w%{http_code} from %{remote_ip}\n", f"http://{NAME}/9"])
     before, seconds = network_of(device), []
-    while min(seconds, default=5 * PATIENCE) >= 5 * PATIENCE and len(seconds) < 3:  # what is slow by chance
+    # What is slow by chance is tried again.
+    while min(seconds, default=5 * PATIENCE) >= 5 * PATIENCE and len(seconds) < 3:
         began = time.monotonic()
         run = Launch(device, dns=True, wait=False)
         run.wait_for(run.out, "network 7")
