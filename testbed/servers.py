@@ -19,12 +19,13 @@ LOAD_PROGRAM = BIN_DIR.parent / "bench-bin/load"  # see load.cc
 
 class Server(NamedTuple):
     """|setup| comes first; |command| becomes the server, which is ready when it listens
-    on |port|. Both run as |user|."""
+    on |port| and |probe| succeeds. All run as |user|."""
 
     port: str
     command: str
     setup: str = ""
     user: str = "root"
+    probe: str = ":"
 
 
 SERVERS = {
@@ -91,7 +92,9 @@ END"""),
         echo 'host all all all trust' >>data/pg_hba.conf
         cat >>data/postgresql.conf <<END
 max_connections = 200
-END""", user="postgres"),
+END""", user="postgres",
+        # It listens at once, and refuses everyone until it has looked at its files.
+        probe="$POSTGRES/pg_isready -q -h $PWD"),
     "git": Server("tcp 9418", "exec git daemon --base-path=$PWD --export-all "
                   "--enable=receive-pack --reuseaddr --listen=0.0.0.0", """
         git init -q --bare project
@@ -178,7 +181,7 @@ class Servers:
             glob.glob("/usr/lib/postgresql/*/bin"), default="")}
 
     def start(self, name):
-        """Its process, once it listens; one that runs already goes on."""
+        """Its process, once it is ready; one that runs already goes on."""
         if name in self._processes:
             return self._processes[name]
         server, directory = SERVERS[name], self.dir / name
@@ -192,7 +195,8 @@ class Servers:
             setup = subprocess.run([*shell, server.setup], **options)
             assert setup.returncode == 0, self._log(name)
             process = self._processes[name] = subprocess.Popen([*shell, server.command], **options)
-        wait_until(lambda: is_listening(server.port) or process.poll() is not None, name)
+            wait_until(lambda: process.poll() is not None or is_listening(server.port) and
+                       subprocess.run([*shell, server.probe], **options).returncode == 0, name)
         assert process.poll() is None, self._log(name)
         return process
 
