@@ -17,9 +17,9 @@ namespace vantrel {
 namespace {
 
 // Devices that may wait until they are accepted.
-constexpr int kBacklog = 64;
+constexpr int kLinkBacklog = 64;
 // How long to wait when the system has no descriptor for another link.
-constexpr std::chrono::seconds kRetryTime{1};
+constexpr std::chrono::seconds kListenRetryTime{1};
 
 bool Fail(const std::string& where, const char* why) {
   ProgramLog().Write(LogLevel::kError, LogKind::kLink,
@@ -125,7 +125,7 @@ bool LinkListener::OpenRfcomm(const link_address_t& address,
 }
 
 bool LinkListener::Listen(UniqueFd fd, const std::string& where) {
-  if (listen(fd.Get(), kBacklog) == -1) return Fail(where);
+  if (listen(fd.Get(), kLinkBacklog) == -1) return Fail(where);
   socket_ = std::make_unique<Descriptor>(loop_, std::move(fd),
                                          [this] { OnReadable(); });
   socket_->WaitReadable();
@@ -155,7 +155,7 @@ void LinkListener::OnReadable() {
   }
   ProgramLog().Write(LogLevel::kWarning, LogKind::kLink, "no link accepted: %s",
                      strerror(errno));
-  retry_.WaitFor(kRetryTime);
+  retry_.WaitFor(kListenRetryTime);
 }
 
 }  // namespace vantrel

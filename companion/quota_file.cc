@@ -12,7 +12,7 @@ namespace vantrel {
 namespace {
 
 // More than all counts of a hundred quotas have.
-constexpr size_t kMaxBytes = 64 << 20;
+constexpr size_t kMaxQuotaFileBytes = 64 << 20;
 
 void Log(LogLevel level, const std::string& path, const char* what,
          const char* why) {
@@ -38,7 +38,7 @@ QuotaFile::~QuotaFile() {
 void QuotaFile::Load() {
   if (path_.empty()) return;
   std::string text;
-  const int error = ReadWholeFile(path_, kMaxBytes, &text);
+  const int error = ReadWholeFile(path_, kMaxQuotaFileBytes, &text);
   if (error == ENOENT) return;  // the first time
   if (error != 0) {
     Log(LogLevel::kWarning, path_,

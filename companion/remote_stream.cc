@@ -17,20 +17,20 @@
 namespace vantrel {
 namespace {
 
-void SetOption(int fd, int level, int name, int value) {
+void SetRemoteOption(int fd, int level, int name, int value) {
   static_cast<void>(setsockopt(fd, level, name, &value, sizeof(value)));
 }
 
 void TuneRemote(int fd) {
-  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  SetRemoteOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   // The kernel waits 1, 2, 4, 8 and 16 seconds for an answer to the first SYN
   // and to its 4 repetitions: a silent remote fails after 31 seconds.
-  SetOption(fd, IPPROTO_TCP, TCP_SYNCNT, 4);
+  SetRemoteOption(fd, IPPROTO_TCP, TCP_SYNCNT, 4);
   // A remote that vanished is noticed after 60 + 4 * 15 s.
-  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 15);
-  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 4);
+  SetRemoteOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetRemoteOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+  SetRemoteOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 15);
+  SetRemoteOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 4);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 namespace vantrel {
 namespace {
 
-constexpr size_t kMaxDatagramBytes = 65535;
+constexpr size_t kMaxCommandBytes = 65535;
 
 // Every piece between newlines is logged, so a text that ends with a newline
 // gives one empty line at its end. Kept for compatibility.
@@ -51,7 +51,7 @@ uint16_t ControlServer::Listen() {
 
 void ControlServer::OnReadReady() {
   for (int reads = 0; reads < Reactor::kMaxReads; ++reads) {
-    char buffer[kMaxDatagramBytes] = {};
+    char buffer[kMaxCommandBytes] = {};
     sockaddr_in sender;  // received and not used: the port never answers
     socklen_t sender_length = sizeof(sender);
     const ssize_t count =

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kMaxReadSize = 8192;
 constexpr uint32_t kMaxPackageNames = 256;
-constexpr uint32_t kMaxUdpConduits = 64;
+constexpr uint32_t kMaxUdpConduitsV2 = 64;
 
 void LogUnexpected(const char* why, const messages::Header& header) {
   LOGW("[B] Unexpected message: '%s', type=%u", why,
@@ -29,7 +29,7 @@ ProxySocketV2::ProxySocketV2(ProxySocket::Delegate* delegate, Reactor& reactor)
       input_(*this, reactor, "ProxySocketV2"),
       output_(*this, reactor),
       package_names_(kMaxPackageNames),
-      udp_conduits_(kMaxUdpConduits, reactor,
+      udp_conduits_(kMaxUdpConduitsV2, reactor,
                     [](Reactor& r, const HostAndPort& remote) {
                       return new UdpConduit(r, remote);
                     }) {}

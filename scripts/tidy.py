@@ -1,16 +1,18 @@
 #!/usr/bin/python3
 """tidy.py [FILE...]: clang-tidy over the programs' sources, as the preset ci-release
-compiles them: several at once, in a third of the time, since most of it goes into the
-libraries' headers. With FILEs, over these and what is compiled together with them. What
-has passed is remembered in build/tidy, by the text that the compiler sees, so that only
-what has changed is looked at again.
+compiles them, but a program with its libraries at once: most of the time goes into the
+headers of other libraries. With FILEs, over these and what is compiled together with
+them. What has passed is remembered in build/tidy, by the text that the compiler sees, so
+that only what has changed is looked at again.
 
 Tests, fuzz targets and benchmarks would take as long again. The analyzer follows an eighth
 of the paths that it would by itself, for all of them take longer than all other checks.
 The exit status is 1 when there was a finding.
 """
+import collections
 import concurrent.futures
 import hashlib
+import itertools
 import json
 import os
 import pathlib
@@ -24,6 +26,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD, PASSED = ROOT / "build/ci-release", ROOT / "build/tidy"
 RULES = ROOT / ".clang-tidy"
 OURS = re.compile(r"(?!build/|fuzz/|bench/)(?!.*_test\.cc$).*\.cc$")
+DOUBLE = re.compile(r".*_testing\.cc$")
+MAIN = re.compile(r"^int main\(", re.M)
 OPTIONS = [
     # That is how several are compiled at once.
     "-checks=-bugprone-suspicious-include",
@@ -44,46 +48,79 @@ def compiled_together(path):
 
 
 def commands(wanted):
-    """The entries of the compiler's commands that have programs' sources, or |wanted|."""
+    """The entries of the compiler's commands that have programs' sources alone, or some
+    of |wanted|."""
     found, missing = {}, set(wanted)
     for entry in json.loads((BUILD / "compile_commands.json").read_text()):
         sources = compiled_together(pathlib.Path(entry["file"]))
         missing -= sources
-        if sources & wanted or not wanted and any(map(OURS.match, sources)):
+        if sources & wanted or not wanted and all(map(OURS.match, sources)):
             found[entry["file"]] = entry
     if missing:
         sys.exit(f"tidy: {', '.join(sorted(missing))}: not compiled by the preset ci-release")
     return found.values()
 
 
-def arguments(entry):
-    """Those of the compiler that say how to read the source."""
-    words = shlex.split(entry["command"])
-    start = next(at for at, word in enumerate(words) if word.startswith("-"))
-    return words[start:words.index("-o")]
+def batches(entries):
+    """Lists of those that can be read as one source: a program with its libraries, as one
+    entry after the other has them. What tests link in place of a source would be a second
+    definition, and without exceptions not all sources can be read."""
+    lists = collections.defaultdict(lambda: [[]])
+    for entry in entries:
+        path = pathlib.Path(entry["file"])
+        sources = compiled_together(path)
+        kind = "-fno-exceptions" in entry["command"], any(map(DOUBLE.match, sources))
+        lists[kind][-1].append(entry)
+        if any(MAIN.search((ROOT / source).read_text()) for source in sources):
+            lists[kind].append([])
+    return [batch for kind in lists.values() for batch in kind if batch]
 
 
-def seen_text(entry):
+def arguments(batch):
+    """Those of the compiler that say how to read the sources. What is built without RTTI
+    can be read with it, too."""
+    found = {}
+    for entry in batch:
+        words = iter(shlex.split(entry["command"]))
+        for word in itertools.takewhile(lambda word: word != "-o", words):
+            if word == "-isystem":
+                word += next(words)
+            if word.startswith("-") and word != "-fno-rtti":
+                found[word] = None
+    return list(found)
+
+
+def text(batch):
+    """A source that includes all of |batch|."""
+    return "".join(f'#include "{entry["file"]}"\n' if entry["file"].endswith(".cc")
+                   else pathlib.Path(entry["file"]).read_text() for entry in batch)
+
+
+def seen_text(source, words):
     """What clang sees of it, comments included, for some say NOLINT; None when it cannot
     be compiled."""
-    text = run("clang++", *arguments(entry), "-E", "-C", entry["file"], cwd=entry["directory"])
-    return None if text.returncode else text.stdout
+    result = run("clang++", *words, "-E", "-C", source)
+    return None if result.returncode else result.stdout
 
 
-def fault(entry, rules):
+def fault(batch, rules):
     """What clang-tidy says to it; empty when there is nothing."""
-    text = seen_text(entry)
-    mark = text and PASSED / hashlib.sha256((rules + text).encode()).hexdigest()
-    if mark and mark.exists():
-        return ""
+    words = arguments(batch)
     with tempfile.TemporaryDirectory() as directory:
         # By this name the analyzer knows that what it includes are no headers, at which
         # it does not look.
         source = pathlib.Path(directory, "UnifiedSource.cpp")
-        source.write_text(f'#include "{entry["file"]}"\n' if entry["file"].endswith(".cc")
-                          else pathlib.Path(entry["file"]).read_text())
+        source.write_text(text(batch))
+        seen = seen_text(source, words)
+        mark = seen and PASSED / hashlib.sha256(
+            (rules + seen.replace(directory, "")).encode()).hexdigest()
+        if mark and mark.exists():
+            return ""
         result = run("clang-tidy", "-quiet", f"-config-file={RULES}", *OPTIONS, source, "--",
-                     *arguments(entry), cwd=entry["directory"])
+                     *words)
+    if "[clang-diagnostic-error]" in result.stdout and len(batch) > 1:
+        # Perhaps two of them have a name in common, each for itself.
+        return "".join(fault([entry], rules) for entry in batch)
     if result.returncode:
         return result.stdout + result.stderr
     if mark:
@@ -100,9 +137,9 @@ def main():
     PASSED.mkdir(exist_ok=True)
     rules = RULES.read_text() + run("clang-tidy", "--version").stdout
     rules += pathlib.Path(__file__).read_text()
-    entries = commands({os.path.relpath(name, ROOT) for name in sys.argv[1:]})
+    found = batches(commands({os.path.relpath(name, ROOT) for name in sys.argv[1:]}))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        faults = list(filter(None, pool.map(lambda entry: fault(entry, rules), entries)))
+        faults = list(filter(None, pool.map(lambda batch: fault(batch, rules), found)))
     print("".join(faults), end="")
     return 1 if faults else 0
 

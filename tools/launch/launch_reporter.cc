@@ -11,7 +11,7 @@
 namespace vantrel {
 namespace {
 
-constexpr char kProgram[] = "vantrel-launch: ";
+constexpr char kPrefix[] = "vantrel-launch: ";
 
 const char* GetTextBeforeDropped(bool is_json) {
   return is_json ? R"({"record":"dropped","lines":)" : "dropped ";
@@ -24,8 +24,8 @@ LaunchReporter::LaunchReporter(const launch_options_t& options, EventLoop& loop)
       records_(loop.GetContext(), STDOUT_FILENO,
                GetTextBeforeDropped(options.is_json),
                options.is_json ? "}" : " lines"),
-      talk_(loop.GetContext(), STDERR_FILENO,
-            std::string(kProgram) + "dropped ", " messages"),
+      talk_(loop.GetContext(), STDERR_FILENO, std::string(kPrefix) + "dropped ",
+            " messages"),
       network_change_(loop.GetContext(), [this] { TellNetwork(); }) {
   state_.link = options.link.text;
   state_.protocol = options.protocol;
@@ -153,7 +153,7 @@ uint64_t LaunchReporter::GetTimeMs() const {
 }
 
 void LaunchReporter::Say(const std::string& message) {
-  talk_.Write(kProgram + EscapeControls(message));
+  talk_.Write(kPrefix + EscapeControls(message));
 }
 
 void LaunchReporter::Finish() {

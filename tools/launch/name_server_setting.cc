@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 // Where resolvconf files what it was told. One kind of it prefers names of
 // tunnels to those of other interfaces; it takes no other hint.
-constexpr char kRecord[] = "tun.vantrel";
+constexpr char kResolvconfRecord[] = "tun.vantrel";
 
 // The folder of the system's own resolver, which is there while that runs.
 constexpr char kResolvedFolder[] = "/run/systemd/resolve";
@@ -55,7 +55,7 @@ NameServerSetting::Tool NameServerSetting::FindTool() {
 std::string NameServerSetting::GiveBy(Tool tool) {
   if (tool == Tool::kResolvconf) {
     return RunCommand(
-               {"resolvconf", "-a", kRecord, "-m", "0", "-x"},
+               {"resolvconf", "-a", kResolvconfRecord, "-m", "0", "-x"},
                std::string("nameserver ") + kNameServerAddressText + "\n")
         .fault;
   }
@@ -69,7 +69,7 @@ std::string NameServerSetting::GiveBy(Tool tool) {
 
 std::string NameServerSetting::TakeBackBy(Tool tool) {
   if (tool == Tool::kResolvconf) {
-    return RunCommand({"resolvconf", "-d", kRecord, "-f"}).fault;
+    return RunCommand({"resolvconf", "-d", kResolvconfRecord, "-f"}).fault;
   }
   return RunCommand({"resolvectl", "revert", kInterface}).fault;
 }
