@@ -89,6 +89,7 @@ function(vantrel_unit_test name)
                          $<$<NOT:$<CONFIG:Debug>>:-Og>)
   set_target_properties(${name} PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test-bin)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT 120 LABELS unit
                        ${VANTREL_TEST_FILTER})
 endfunction()
