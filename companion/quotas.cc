@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "support/json_number.h"
+
 namespace vantrel {
 namespace {
 
@@ -128,9 +130,9 @@ bool Quotas::TakeJson(const std::string& text) {
       return one.is_object() ? one.value(name, json()) : json();
     };
     if (!get("quota").is_string() || !get("device").is_string() ||
-        !get("uid").is_number_unsigned() ||
-        !get("period").is_number_unsigned() ||
-        !get("bytes").is_number_unsigned()) {
+        !IsInteger<uint32_t>(get("uid")) ||
+        !IsInteger<uint32_t>(get("period")) ||
+        !IsInteger<uint64_t>(get("bytes"))) {
       is_sound = false;
       continue;
     }

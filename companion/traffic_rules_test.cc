@@ -86,7 +86,9 @@ TEST_F(QuotasTest, OutliveTheProgram) {
         "{\"version\":1,\"counts\":[{\"quota\":\"month\",\"device\":\"\","
         "\"uid\":1,\"period\":1,\"bytes\":99999999999999999999}]}",
         "{\"version\":1,\"counts\":[{\"quota\":\"month\",\"device\":\"\","
-        "\"uid\":-1,\"period\":1,\"bytes\":1}]}"}) {
+        "\"uid\":-1,\"period\":1,\"bytes\":1}]}",
+        "{\"version\":1,\"counts\":[{\"quota\":\"month\",\"device\":\"\","
+        "\"uid\":4294967296,\"period\":1,\"bytes\":1}]}"}) {
     EXPECT_FALSE(quotas_.TakeJson(wrong)) << wrong;
   }
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "support/json_number.h"
 #include "support/record_fields.h"
 #include "support/traffic_json.h"
 
@@ -85,24 +86,28 @@ json DeviceToJson(const State::device_t& device) {
 }
 
 State::stream_t ParseStream(const json& fields) {
-  return {fields.at(kId).get<uint32_t>(), fields.at(kRemote).get<std::string>(),
-          ParseTraffic(fields), fields.at(kAge).get<uint64_t>()};
+  State::stream_t stream;
+  ReadInteger(fields.at(kId), &stream.id);
+  fields.at(kRemote).get_to(stream.remote);
+  stream.traffic = ParseTraffic(fields);
+  ReadInteger(fields.at(kAge), &stream.age_ms);
+  return stream;
 }
 
 State::application_t ParseApplication(const json& fields) {
   State::application_t application;
   if (const auto uid = fields.find(kUid); uid != fields.end()) {
-    application.uid = uid->get<uint32_t>();
+    ReadInteger(*uid, &application.uid.emplace());
   }
   application.name = fields.value(kName, std::string());
   application.traffic = ParseTraffic(fields);
-  fields.at(kOpened).get_to(application.streams_opened);
-  fields.at(kOpen).get_to(application.streams_open);
-  fields.at(kOldest).get_to(application.oldest_stream_ms);
-  fields.at(kDenied).get_to(application.streams_denied);
-  fields.at(kRxDatagrams).get_to(application.rx_datagrams);
-  fields.at(kTxDatagrams).get_to(application.tx_datagrams);
-  fields.at(kDropped).get_to(application.dropped_datagrams);
+  ReadInteger(fields.at(kOpened), &application.streams_opened);
+  ReadInteger(fields.at(kOpen), &application.streams_open);
+  ReadInteger(fields.at(kOldest), &application.oldest_stream_ms);
+  ReadInteger(fields.at(kDenied), &application.streams_denied);
+  ReadInteger(fields.at(kRxDatagrams), &application.rx_datagrams);
+  ReadInteger(fields.at(kTxDatagrams), &application.tx_datagrams);
+  ReadInteger(fields.at(kDropped), &application.dropped_datagrams);
   for (const json& stream : fields.at(kStreams)) {
     application.streams.push_back(ParseStream(stream));
   }
@@ -111,14 +116,14 @@ State::application_t ParseApplication(const json& fields) {
 
 State::device_t ParseDevice(const json& fields) {
   State::device_t device;
-  fields.at(kId).get_to(device.id);
+  ReadInteger(fields.at(kId), &device.id);
   device.phase = FindPhase(kDevicePhases, fields.at(kState).get<std::string>());
   fields.at(kLink).get_to(device.link);
   fields.at(kProtocol).get_to(device.protocol);
-  fields.at(kUptime).get_to(device.uptime_ms);
+  ReadInteger(fields.at(kUptime), &device.uptime_ms);
   device.link_traffic = ParseTraffic(fields.at(kLinkBytes));
-  fields.at(kPace).get_to(device.pace);
-  fields.at(kWaiting).get_to(device.waiting_bytes);
+  ReadInteger(fields.at(kPace), &device.pace);
+  ReadInteger(fields.at(kWaiting), &device.waiting_bytes);
   for (const json& application : fields.at(kUids)) {
     device.applications.push_back(ParseApplication(application));
   }
@@ -128,16 +133,16 @@ State::device_t ParseDevice(const json& fields) {
 companion_state_t ParseFields(const json& fields) {
   companion_state_t state;
   state.phase = FindPhase(kPhases, fields.at(kState).get<std::string>());
-  fields.at(kTime).get_to(state.time_ms);
-  fields.at(kUptime).get_to(state.uptime_ms);
-  fields.at(kStarts).get_to(state.links);
+  ReadInteger(fields.at(kTime), &state.time_ms);
+  ReadInteger(fields.at(kUptime), &state.uptime_ms);
+  ReadInteger(fields.at(kStarts), &state.links);
   for (const json& device : fields.at(kDevices)) {
     state.devices.push_back(ParseDevice(device));
   }
   const json& left_out = fields.at(kLeftOut);
-  left_out.at(kDevices).get_to(state.left_out.devices);
-  left_out.at(kUids).get_to(state.left_out.applications);
-  left_out.at(kStreams).get_to(state.left_out.streams);
+  ReadInteger(left_out.at(kDevices), &state.left_out.devices);
+  ReadInteger(left_out.at(kUids), &state.left_out.applications);
+  ReadInteger(left_out.at(kStreams), &state.left_out.streams);
   return state;
 }
 

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/json_number.h"
 #include "support/record_fields.h"
 #include "support/state_record.h"
 
@@ -12,10 +13,13 @@ inline nlohmann::ordered_json TrafficToJson(const traffic_t& traffic) {
           {record_fields::kTxBytes, traffic.tx_bytes}};
 }
 
-// Throws json::exception when a member is missing or no number.
+// Throws json::exception when a member is missing, and std::runtime_error when
+// one is no number of bytes.
 inline traffic_t ParseTraffic(const nlohmann::ordered_json& fields) {
-  return {fields.at(record_fields::kRxBytes).get<uint64_t>(),
-          fields.at(record_fields::kTxBytes).get<uint64_t>()};
+  traffic_t traffic;
+  ReadInteger(fields.at(record_fields::kRxBytes), &traffic.rx_bytes);
+  ReadInteger(fields.at(record_fields::kTxBytes), &traffic.tx_bytes);
+  return traffic;
 }
 
 }  // namespace vantrel

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "support/json_number.h"
 #include "support/record_fields.h"
 #include "support/traffic_json.h"
 
@@ -47,21 +48,24 @@ launch_state_t ParseFields(const json& fields) {
   state.phase = ParsePhase(fields.at(kState).get<std::string>());
   fields.at(kLink).get_to(state.link);
   fields.at(kProtocol).get_to(state.protocol);
-  fields.at(kTime).get_to(state.time_ms);
-  fields.at(kStatsTime).get_to(state.stats_time_ms);
-  fields.at(kUptime).get_to(state.uptime_ms);
-  fields.at(kStarts).get_to(state.starts);
-  if (const auto network = fields.find(kNetwork); network != fields.end()) {
-    state.network =
-        launch_state_t::network_t{network->at(kNetworkId).get<int32_t>(),
-                                  network->at(kMetered).get<bool>()};
+  ReadInteger(fields.at(kTime), &state.time_ms);
+  ReadInteger(fields.at(kStatsTime), &state.stats_time_ms);
+  ReadInteger(fields.at(kUptime), &state.uptime_ms);
+  ReadInteger(fields.at(kStarts), &state.starts);
+  if (const auto found = fields.find(kNetwork); found != fields.end()) {
+    launch_state_t::network_t network;
+    ReadInteger(found->at(kNetworkId), &network.id);
+    found->at(kMetered).get_to(network.is_metered);
+    state.network = network;
   }
   if (const auto bytes = fields.find(kLinkBytes); bytes != fields.end()) {
     state.link_traffic = ParseTraffic(*bytes);
   }
   for (const json& entry : fields.at(kUids)) {
-    state.by_uid[entry.at(kUid).get<uint32_t>()] = {
-        entry.value(kName, std::string()), ParseTraffic(entry)};
+    uint32_t uid = 0;
+    ReadInteger(entry.at(kUid), &uid);
+    state.by_uid[uid] = {entry.value(kName, std::string()),
+                         ParseTraffic(entry)};
   }
   return state;
 }
